@@ -1,0 +1,41 @@
+#pragma once
+
+#include "carddb/remote_call.h"
+#include "common/copy_out.h"
+
+namespace tez {
+
+/// To be called between the two sides of a local-first call. A host that found the caller's buffer
+/// too small has stored the length that it needs; believed by the daemon's side, that would be a
+/// larger buffer than there is.
+inline void restoreRoom(LPDWORD length, DWORD room) noexcept {
+    if (length != nullptr) {
+        *length = room;
+    }
+}
+
+/// Reads the data that the daemon has announced behind a record and hands it to the caller.
+/// @param allocationFailure  the log line for data that there is no memory for. The call then
+///                           succeeds without handing anything out, deliberately: the daemon has
+///                           done its part, and caches and icons are a convenience.
+/// @param isHandedOut        out: whether the caller's buffer and length were written.
+inline LONG handOutData(const RemoteCall& call, Exchange& exchange, std::uint32_t size,
+                        LPBYTE destination, LPDWORD length, const char* allocationFailure,
+                        const char* readFailure, bool& isHandedOut) {
+    HeapPtr<char> data;
+    if (size != 0) {
+        const LONG rv = exchange.readBlock(size, data, readFailure);
+        if (data == nullptr) {
+            call.log.debug("%s: %lu", allocationFailure, GetLastError());
+            return SCARD_S_SUCCESS;
+        }
+        if (rv != SCARD_S_SUCCESS) {
+            return rv;
+        }
+    }
+    const LONG rv = copyOutBuffer(data.get(), size, destination, length, 1);
+    isHandedOut = rv == SCARD_S_SUCCESS;
+    return rv;
+}
+
+}  // namespace tez

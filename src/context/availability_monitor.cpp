@@ -1,0 +1,119 @@
+#include "context/availability_monitor.h"
+
+#include <atomic>
+
+#include "common/module_reference.h"
+#include "common/slim_lock.h"
+#include "common/thread.h"
+#include "context/context_registry.h"
+#include "daemon/connection_pool.h"
+#include "daemon/daemon_connection_tez.h"
+#include "daemon/service_state.h"
+#include "log/function_log.h"
+#include "readers/state/pending_local_waits.h"
+#include "readers/state/reader_names.h"
+#include "readers/state/started_events.h"
+
+namespace tez {
+
+namespace {
+
+constexpr unsigned long kPollInterval = 200;  // milliseconds
+constexpr const char* kServiceName = "TEZ";
+
+SlimLock startLock;
+std::atomic<bool> isStarted = false;
+std::atomic<bool> stopFlag = false;
+Thread pollThread;
+
+/// The daemon can be reached: its readers join those of the host. The first pass of the poll thread
+/// repeats what the check of the first call has done.
+void enterService() {
+    const bool isNews = getServiceState() != ServiceState::LocalFirst;
+    setServiceState(ServiceState::LocalFirst);
+    clearConnectionPool();
+    establishMissingLocalContexts();
+    // Waits in progress return and are begun anew, with the daemon's readers included. Those that
+    // were begun in this state have them already: ending their local half would make them deaf to
+    // the host's readers for as long as the remote half goes on.
+    if (isNews) {
+        cancelPendingLocalWaits();
+    }
+    forgetLocalReaderNames();
+    setStartedEvents();
+}
+
+/// The daemon has gone, and everything that it knew of us with it.
+void leaveService() {
+    setServiceState(ServiceState::LocalOnly);
+    clearConnectionPool();
+    invalidateRemoteContexts();
+    establishMissingLocalContexts();
+    forgetRemoteReaderNames();
+    mirrorStartedEvents();
+}
+
+/// One check: connects, and when that succeeds, enters the service. With watch it then stays until
+/// the pipe breaks. The connection is closed at the end, to be opened afresh by the next check.
+void checkServiceAvailability(DaemonConnection& connection, bool watch) {
+    static constexpr FunctionLog log("checkServiceAvailability");
+    if (!connection.connect()) {
+        return;
+    }
+    log.debug("%s pipe connection established", kServiceName);
+    enterService();
+    if (watch) {
+        // The daemon sends nothing here unasked; a read is how the end of the pipe is seen.
+        char byte = 0;
+        if (connection.readMessage(&byte, sizeof(byte)) != SCARD_S_SUCCESS) {
+            log.debug("%s pipe connection interrupted, invalidating all the remote contexts",
+                      kServiceName);
+            leaveService();
+        }
+    }
+    connection.closeSocket();
+}
+
+void pollServiceAvailability(bool loop) {
+    static constexpr FunctionLog log("pollServiceAvailability");
+    // A connection of its own: its broken pipe is news for the monitor, not for a call.
+    DaemonConnectionTEZ connection;
+    if (!loop) {
+        checkServiceAvailability(connection, false);
+        return;
+    }
+    log.debug("Started poll thread for protocol pipe");
+    while (!stopFlag) {
+        checkServiceAvailability(connection, true);
+        Sleep(kPollInterval);
+    }
+    log.debug("Stopped poll thread protocol pipe");
+}
+
+}  // namespace
+
+void ensurePollThreadStarted() {
+    static constexpr FunctionLog log("ensurePollThreadStarted");
+    if (isStarted) {
+        return;
+    }
+    const SlimGuard guard(startLock);
+    if (isStarted) {
+        return;
+    }
+    pollServiceAvailability(false);
+    if (pinOwnModule() && pollThread.start([] { pollServiceAvailability(true); })) {
+        isStarted = true;
+    } else {
+        log.warning("Failed to start the poll thread");
+    }
+}
+
+void stopPollThread() {
+    stopFlag = true;
+    if (pollThread.joinable()) {
+        pollThread.join();
+    }
+}
+
+}  // namespace tez

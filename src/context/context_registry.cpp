@@ -1,0 +1,125 @@
+#include "context/context_registry.h"
+
+#include "common/never_destroyed.h"
+#include "common/slim_lock.h"
+#include "context/handle_table.h"
+#include "context/remote_context.h"
+#include "local/local_calls.h"
+#include "log/function_log.h"
+
+namespace tez {
+
+namespace {
+
+struct ContextRegistry {
+    SlimLock lock;
+    HandleTable<ContextEntry> table;
+};
+
+ContextRegistry& registry() {
+    static NeverDestroyed<ContextRegistry> instance;
+    return *instance;
+}
+
+}  // namespace
+
+SCARDCONTEXT registerContext(SCARDCONTEXT systemHandle, DWORD scope) {
+    ContextEntry entry;
+    entry.systemHandle = systemHandle;
+    entry.scope = scope;
+    const SlimGuard guard(registry().lock);
+    return registry().table.add(entry);
+}
+
+bool isContextKnown(SCARDCONTEXT context) noexcept {
+    const SlimGuard guard(registry().lock);
+    return registry().table.find(context) != nullptr;
+}
+
+SCARDCONTEXT getLocalContext(SCARDCONTEXT context) noexcept {
+    const SlimGuard guard(registry().lock);
+    const ContextEntry* const entry = registry().table.find(context);
+    return entry == nullptr ? 0 : entry->systemHandle;
+}
+
+std::optional<ContextEntry> unregisterContext(SCARDCONTEXT context) noexcept {
+    const SlimGuard guard(registry().lock);
+    ContextEntry entry;
+    if (!registry().table.take(context, entry)) {
+        return std::nullopt;
+    }
+    return entry;
+}
+
+LONG getRemoteContextVolatile(SCARDCONTEXT context, std::uint64_t& remoteContext, bool remoteFlag) {
+    static constexpr FunctionLog log("getRemoteContextVolatile");
+    remoteContext = NO_REMOTE_CONTEXT;
+    ContextEntry copy;
+    {
+        const SlimGuard guard(registry().lock);
+        const ContextEntry* const entry = registry().table.find(context);
+        if (entry == nullptr) {
+            return SCARD_E_INVALID_HANDLE;
+        }
+        copy = *entry;
+    }
+    std::uint64_t& slot = remoteFlag ? copy.remote : copy.remoteLocal;
+    if (slot == NO_REMOTE_CONTEXT) {
+        const LONG rv = establishRemoteContext(copy.scope, slot, remoteFlag);
+        if (rv != SCARD_S_SUCCESS) {
+            return rv;
+        }
+        // The whole entry goes back as it was read, deliberately: what other threads changed in it
+        // during the exchange is overwritten, a context that was released meanwhile stands again,
+        // and of two daemon contexts made at once the later one stays.
+        {
+            const SlimGuard guard(registry().lock);
+            registry().table.put(context, copy);
+        }
+        log.debug("Local context %Ix mapped to %s context %ld", copy.systemHandle,
+                  remoteFlag ? "remote" : "remote-local", static_cast<long>(slot));
+    }
+    remoteContext = slot;
+    return SCARD_S_SUCCESS;
+}
+
+void setContextCancelled(SCARDCONTEXT context, bool cancelled) noexcept {
+    static constexpr FunctionLog log("setContextCancelled");
+    const SlimGuard guard(registry().lock);
+    ContextEntry* const entry = registry().table.find(context);
+    if (entry != nullptr && entry->cancelled != cancelled) {
+        log.debug("Setting ContextCancelled %Ix to %d", entry->systemHandle, cancelled ? 1 : 0);
+        entry->cancelled = cancelled;
+    }
+}
+
+bool isContextCancelled(SCARDCONTEXT context) noexcept {
+    const SlimGuard guard(registry().lock);
+    const ContextEntry* const entry = registry().table.find(context);
+    return entry != nullptr && entry->cancelled;
+}
+
+void invalidateRemoteContexts() noexcept {
+    static constexpr FunctionLog log("invalidateRemoteContexts");
+    const SlimGuard guard(registry().lock);
+    registry().table.forEach([](std::uint64_t context, ContextEntry& entry) {
+        entry.remote = NO_REMOTE_CONTEXT;
+        entry.remoteLocal = NO_REMOTE_CONTEXT;
+        log.debug("Removed mapping of local context %Ix", context);
+    });
+}
+
+void establishMissingLocalContexts() {
+    // The one operation that calls out with the lock held: a context must not be released between
+    // the look at its entry and the system context that it is given.
+    const SlimGuard guard(registry().lock);
+    registry().table.forEach([](std::uint64_t /*context*/, ContextEntry& entry) {
+        SCARDCONTEXT made = 0;
+        if (entry.systemHandle == 0 &&
+            LocalSCardEstablishContext(entry.scope, nullptr, nullptr, &made) == SCARD_S_SUCCESS) {
+            entry.systemHandle = made;
+        }
+    });
+}
+
+}  // namespace tez

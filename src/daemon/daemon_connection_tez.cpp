@@ -1,0 +1,274 @@
+#include "daemon/daemon_connection_tez.h"
+
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <utility>
+
+#include "log/function_log.h"
+#include "log/switches.h"
+#include "protocol/wire/message_header.h"
+
+namespace tez {
+
+namespace {
+
+constexpr const char* kPipeName = R"(\\.\pipe\tez-pcscd-0)";
+/// The daemon of this host asks for no secret: the pipe's own access rights guard it.
+constexpr const char* kToken = "";
+constexpr std::uint32_t kWriteTimeout = 1000;
+
+unsigned long long printable(HANDLE handle) {
+    return reinterpret_cast<std::uintptr_t>(handle);
+}
+
+}  // namespace
+
+DaemonConnectionTEZ::~DaemonConnectionTEZ() {
+    DaemonConnectionTEZ::closeSocket();
+}
+
+void DaemonConnectionTEZ::makePathAndToken() {
+    if (socketPath_ == nullptr) {
+        socketPath_.reset(heapDuplicate(kPipeName));
+        authToken_.reset(heapDuplicate(kToken));
+    }
+    if (authToken_ == nullptr) {
+        socketPath_.reset(heapDuplicate(kPipeName));
+        authToken_.reset(heapDuplicate(kToken));
+    }
+}
+
+bool DaemonConnectionTEZ::connect() {
+    static constexpr FunctionLog log("DaemonConnectionTEZ::connect");
+    if (pipeHandle_.isOpen()) {
+        return true;
+    }
+    makePathAndToken();
+    if (socketPath_ == nullptr) {
+        log.warning("Unable to get socket path");
+        return false;
+    }
+    if (authToken_ == nullptr) {
+        log.warning("Unable to get auth token");
+        return false;
+    }
+    static constexpr const char* kCacheSwitch = "TEZ_PCSC_ENABLE_CACHE";
+    const std::optional<bool> cache = readSwitch(log, kCacheSwitch);
+    if (!cache) {
+        log.debug("%s is not set", kCacheSwitch);
+    }
+    if (!connectSocket(socketPath_.get())) {
+        return false;
+    }
+    if (!handshake(authToken_.get(), cache ? static_cast<std::int32_t>(*cache) : -1)) {
+        closeSocket();
+        return false;
+    }
+    return true;
+}
+
+void DaemonConnectionTEZ::closeSocket() {
+    pipeHandle_.close();
+    OverlappedTransfer::retire(std::move(cancelled_));
+}
+
+bool DaemonConnectionTEZ::connectSocket(const char* path) {
+    static constexpr FunctionLog log("DaemonConnectionTEZ::connectSocket");
+    for (;;) {
+        pipeHandle_ = OwnedFile(CreateFileA(path, GENERIC_READ | GENERIC_WRITE,
+                                            FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                            OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
+        if (pipeHandle_.isOpen()) {
+            log.debug("Pipe %llu connected", printable(pipeHandle_.get()));
+            return true;
+        }
+        const DWORD error = GetLastError();
+        if (error != ERROR_PIPE_BUSY) {
+            log.debug("Failed to connect to pipe: 0x%08X", static_cast<unsigned>(error));
+            return false;
+        }
+        if (WaitNamedPipeA(path, NMPWAIT_USE_DEFAULT_WAIT) == FALSE) {
+            log.debug("Failed to connect to pipe: timed out");
+            return false;
+        }
+    }
+}
+
+bool DaemonConnectionTEZ::handshake(const char* token, std::int32_t cacheOption) {
+    static constexpr FunctionLog log("DaemonConnectionTEZ::handshake");
+    if (!pipeHandle_.isOpen()) {
+        log.warning("Socket not connected");
+        return false;
+    }
+    if (sendMessage(token, std::strlen(token) + 1) != SCARD_S_SUCCESS) {
+        log.warning("Unable send auth token to socket '%s'", socketPath_.get());
+        return false;
+    }
+    if (sendMessage(&cacheOption, sizeof(cacheOption)) != SCARD_S_SUCCESS) {
+        log.warning("Unable to send options to socket '%s'", socketPath_.get());
+        return false;
+    }
+    std::uint32_t version[2] = {};
+    if (readMessage(version, sizeof(version)) != SCARD_S_SUCCESS) {
+        log.warning("Unable to retrieve protocol info from socket '%s'", socketPath_.get());
+        return false;
+    }
+    protocolMajor_ = version[0];
+    protocolMinor_ = version[1];
+    const char* const cacheWord =
+        cacheOption < 0 ? "unset" : (cacheOption > 0 ? "enabled" : "disabled");
+    log.info("Using TEZ's pcsclite library, version 0.0 (r86), protocol version %u.%u, cache %s",
+             protocolMajor_, protocolMinor_, cacheWord);
+    return true;
+}
+
+/// What a transfer is called in its log lines.
+struct DaemonConnectionTEZ::Direction {
+    FunctionLog log;
+    const char* infinitive;
+    const char* progressive;
+    const char* participle;
+};
+
+template <class Start>
+std::uint64_t DaemonConnectionTEZ::transfer(const Direction& direction, std::uint64_t n,
+                                            std::uint32_t timeout, Start start) {
+    const FunctionLog& log = direction.log;
+    std::unique_ptr<OverlappedTransfer> operation = OverlappedTransfer::create();
+    if (operation == nullptr) {
+        log.debug("Could not create an overlapped operation: 0x%08X",
+                  static_cast<unsigned>(GetLastError()));
+        return kFailed;
+    }
+    const HANDLE pipe = pipeHandle_.get();
+    // Records never exceed what the kernel's 32-bit count can carry.
+    if (start(pipe, static_cast<DWORD>(n), operation->overlapped()) == FALSE) {
+        const DWORD error = GetLastError();
+        if (error != ERROR_IO_PENDING) {
+            log.debug("Failed to %s pipe %llu: 0x%08X", direction.infinitive, printable(pipe),
+                      static_cast<unsigned>(error));
+            return kFailed;
+        }
+        if (WaitForSingleObject(operation->event(), timeout) != WAIT_OBJECT_0) {
+            log.debug("Timeout while %s pipe", direction.progressive);
+            CancelIoEx(pipe, operation->overlapped());
+            OverlappedTransfer::push(cancelled_, std::move(operation));
+            return kFailed;
+        }
+    }
+    DWORD count = 0;
+    if (GetOverlappedResult(pipe, operation->overlapped(), &count, FALSE) == FALSE) {
+        log.debug("Could not get the result of the overlapped operation: 0x%08X",
+                  static_cast<unsigned>(GetLastError()));
+        return kFailed;
+    }
+    if (count < n) {
+        log.debug("Message %s partially %lu < %lu", direction.participle, count,
+                  static_cast<unsigned long>(n));
+    }
+    return count;
+}
+
+std::uint64_t DaemonConnectionTEZ::writen(const void* buffer, std::uint64_t n) {
+    static constexpr Direction direction = {FunctionLog("DaemonConnectionTEZ::writen"), "write to",
+                                            "writing to", "written"};
+    return transfer(direction, n, kWriteTimeout,
+                    [buffer](HANDLE pipe, DWORD size, OVERLAPPED* overlapped) {
+                        return WriteFile(pipe, buffer, size, nullptr, overlapped);
+                    });
+}
+
+std::uint64_t DaemonConnectionTEZ::readn(void* buffer, std::uint64_t n, std::uint32_t timeout) {
+    static constexpr Direction direction = {FunctionLog("DaemonConnectionTEZ::readn"), "read from",
+                                            "reading from", "read"};
+    if (n == 0) {
+        return 0;
+    }
+    const std::uint64_t count =
+        transfer(direction, n, timeout, [buffer](HANDLE pipe, DWORD size, OVERLAPPED* overlapped) {
+            return ReadFile(pipe, buffer, size, nullptr, overlapped);
+        });
+    // Unlike a short write, a short read is no count that a caller could use: what is missing of
+    // the record may never come.
+    return count == n ? count : kFailed;
+}
+
+LONG DaemonConnectionTEZ::sendMessage(const void* data, std::uint64_t size) {
+    static constexpr FunctionLog log("DaemonConnectionTEZ::sendMessage");
+    if (!pipeHandle_.isOpen()) {
+        return SCARD_E_NO_SERVICE;
+    }
+    if (writen(data, size) == size) {
+        return SCARD_S_SUCCESS;
+    }
+    log.debug("Could not write data on socket");
+    closeSocket();
+    return SCARD_E_NO_SERVICE;
+}
+
+LONG DaemonConnectionTEZ::sendHeaderForward(std::uint32_t command, std::uint64_t size) {
+    return sendHeader(command, size);
+}
+
+LONG DaemonConnectionTEZ::sendHeader(std::uint32_t command, std::uint64_t size) {
+    static constexpr FunctionLog log("DaemonConnectionTEZ::sendHeader");
+    const MessageHeader header = {static_cast<std::uint32_t>(size), command, 0};
+    if (!pipeHandle_.isOpen()) {
+        return SCARD_E_NO_SERVICE;
+    }
+    // An idle connection may be stale: the daemon that it led to has gone and another one serves
+    // the pipe now. As nothing of the request is out yet, it can go to the new one. There is no
+    // bound on the attempts, but each needs a daemon that has just completed a handshake.
+    while (writen(&header, sizeof(header)) != sizeof(header)) {
+        log.debug("Could not write header command %u", command);
+        closeSocket();
+        if (!connect()) {
+            return SCARD_E_NO_SERVICE;
+        }
+    }
+    return SCARD_S_SUCCESS;
+}
+
+LONG DaemonConnectionTEZ::sendRequestFlagged(std::uint32_t command, const void* data,
+                                             std::uint64_t size, bool /*flag*/) {
+    return sendRequest(command, data, size);
+}
+
+LONG DaemonConnectionTEZ::sendRequest(std::uint32_t command, const void* data, std::uint64_t size) {
+    const LONG rv = sendHeader(command, size);
+    return rv == SCARD_S_SUCCESS ? sendMessage(data, size) : rv;
+}
+
+LONG DaemonConnectionTEZ::receiveMessage(void* buffer, std::uint64_t size, std::uint32_t timeout) {
+    if (!pipeHandle_.isOpen()) {
+        return SCARD_E_NO_SERVICE;
+    }
+    if (readn(buffer, size, timeout) == size) {
+        return SCARD_S_SUCCESS;
+    }
+    closeSocket();
+    return SCARD_E_NO_SERVICE;
+}
+
+LONG DaemonConnectionTEZ::readMessage(void* buffer, std::uint64_t size) {
+    return receiveMessage(buffer, size, INFINITE);
+}
+
+bool DaemonConnectionTEZ::isProtocolAtLeast(std::uint32_t major, std::uint32_t minor) const {
+    return protocolMajor_ > major || (protocolMajor_ == major && protocolMinor_ >= minor);
+}
+
+bool DaemonConnectionTEZ::checkDaemonAvailability() {
+    static constexpr FunctionLog log("DaemonConnectionTEZ::checkDaemonAvailability");
+    static constexpr const char* kNoName = "No socket name is defined for PCSC service";
+    makePathAndToken();
+    if (socketPath_ != nullptr && *socketPath_ != '\0') {
+        return true;
+    }
+    std::fprintf(stderr, "%s\n", kNoName);
+    log.warning("%s", kNoName);
+    return false;
+}
+
+}  // namespace tez

@@ -1,0 +1,96 @@
+#include "daemon/exchange.h"
+
+#include <limits>
+#include <string>
+#include <utility>
+
+#include "daemon/connection_pool.h"
+
+namespace tez {
+
+namespace {
+
+/// What the header's 32-bit size can announce.
+constexpr std::uint32_t kLargestRequest = std::numeric_limits<std::uint32_t>::max();
+
+constexpr std::uint32_t kLargestBlock = 16 * 1024 * 1024;
+
+}  // namespace
+
+Exchange::Exchange(const FunctionLog& log, const FailureLines& failureLines)
+    : log_(log), failureLines_(failureLines), connection_(acquireConnection()) {}
+
+Exchange::~Exchange() {
+    if (announced_ != 0) {
+        connection_->closeSocket();
+    }
+    releaseConnection(std::move(connection_));
+}
+
+bool Exchange::isMinorAtLeast(ServiceState state, std::uint32_t minor) const {
+    return connection_->isProtocolAtLeast(state == ServiceState::LocalFirst ? 1 : 0, minor);
+}
+
+bool Exchange::isCompatible(ServiceState state) const {
+    if (state != ServiceState::LocalFirst || isMinorAtLeast(state, 2)) {
+        return true;
+    }
+    log_.debug("%s is not compatible with the current negotiated protocol", log_.functionName());
+    return false;
+}
+
+LONG Exchange::sendWhole(CommandCode command, std::string_view record, std::string_view tail,
+                         std::optional<bool> flag) {
+    if (tail.size() > kLargestRequest - record.size()) {
+        return SCARD_E_INVALID_PARAMETER;
+    }
+    std::string whole;
+    std::string_view request = record;
+    if (!tail.empty()) {
+        whole.reserve(record.size() + tail.size());
+        whole.append(record).append(tail);
+        request = whole;
+    }
+    return warnUnless(
+        flag ? connection_->sendRequestFlagged(command, request.data(), request.size(), *flag)
+             : connection_->sendRequest(command, request.data(), request.size()),
+        failureLines_.send);
+}
+
+LONG Exchange::sendHeader(CommandCode command, std::uint32_t recordSize, std::uint32_t dataSize) {
+    if (dataSize > kLargestRequest - recordSize) {
+        return SCARD_E_INVALID_PARAMETER;
+    }
+    return warnUnless(connection_->sendHeader(command, recordSize + dataSize), failureLines_.send);
+}
+
+LONG Exchange::send(const void* data, std::uint32_t size, const char* failure) {
+    return size == 0 ? SCARD_S_SUCCESS : warnUnless(connection_->sendMessage(data, size), failure);
+}
+
+LONG Exchange::readAnnounced(void* buffer, std::uint32_t size, const char* failure) {
+    const LONG rv = warnUnless(connection_->readMessage(buffer, size), failure);
+    if (rv == SCARD_S_SUCCESS) {
+        announced_ -= size;
+    }
+    return rv;
+}
+
+LONG Exchange::readBlock(std::uint32_t size, HeapPtr<char>& block, const char* failure) {
+    announce(size);
+    block.reset(size > kLargestBlock ? nullptr : static_cast<char*>(heapAllocate(size + 1)));
+    if (block == nullptr) {
+        return SCARD_E_NO_MEMORY;
+    }
+    block.get()[size] = '\0';
+    return readAnnounced(block.get(), size, failure);
+}
+
+LONG Exchange::warnUnless(LONG rv, const char* failure) const {
+    if (rv != SCARD_S_SUCCESS) {
+        (log_.*failureLines_.write)("%s", failure);
+    }
+    return rv;
+}
+
+}  // namespace tez

@@ -1,0 +1,153 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <type_traits>
+
+#include "common/heap.h"
+#include "daemon/daemon_connection.h"
+#include "log/function_log.h"
+#include "protocol/wire/command_codes.h"
+
+namespace tez {
+
+/// What an exchange logs when sending its request as a whole, or reading the record back, fails.
+struct FailureLines {
+    void (FunctionLog::*write)(const char* format, ...) const;
+    const char* send;
+    const char* receive;
+};
+
+inline constexpr FailureLines kFailureLines = {&FunctionLog::warning, "Failed to send header",
+                                               "Failed to receive data"};
+
+/// One exchange with the daemon: takes a connection from the pool, sends a request, reads the
+/// answer, and gives the connection back on every path.
+///
+///     Exchange exchange(call.log());
+///     if (!exchange) {
+///         return SCARD_E_NO_SERVICE;
+///     }
+///     HandleRecord record = {handle, 0};
+///     return exchange.call(CMD_BEGIN_TRANSACTION, record);
+///
+/// A failed step logs a warning under the caller's name and returns the transport's code. Output
+/// fields of a record are valid only when its rv, which the calls return, is 0.
+class Exchange {
+  public:
+    /// Takes a connection. The log and the lines must outlive the exchange.
+    explicit Exchange(const FunctionLog& log, const FailureLines& failureLines = kFailureLines);
+    Exchange(const Exchange&) = delete;
+    Exchange& operator=(const Exchange&) = delete;
+    /// Gives the connection back. When the daemon has announced bytes that were not read, the pipe
+    /// is closed first: the next call on this connection must not take them for its answer.
+    ~Exchange();
+
+    /// Whether there is a connection; nothing else but isConnected may be called without one.
+    explicit operator bool() const noexcept { return connection_ != nullptr; }
+
+    /// Whether there is a connection and it is open; tries once more to open it.
+    bool isConnected() { return connection_ != nullptr && connection_->connect(); }
+
+    /// The daemon's version counts from major 1 while it serves behind the host, from 0 else.
+    bool isMinorAtLeast(ServiceState state, std::uint32_t minor) const;
+
+    /// Whether the daemon is new enough for the calls that came with 1.2; logs when it is not. One
+    /// that takes all calls always is.
+    bool isCompatible(ServiceState state) const;
+
+    /// Sends the record, and behind it in the same piece the bytes of a tail, and reads the
+    /// daemon's copy of the record back.
+    template <class Record>
+    LONG call(CommandCode command, Record& record, std::string_view tail = {}) {
+        const LONG rv = sendWhole(command, bytesOf(record), tail, std::nullopt);
+        return rv == SCARD_S_SUCCESS ? readBack(record) : rv;
+    }
+
+    /// As call, for requests that tell a connection whether they are redirected ones.
+    template <class Record>
+    LONG callFlagged(CommandCode command, Record& record, bool flag, std::string_view tail = {}) {
+        const LONG rv = sendWhole(command, bytesOf(record), tail, flag);
+        return rv == SCARD_S_SUCCESS ? readBack(record) : rv;
+    }
+
+    /// As call, for a request whose record is followed by a data phase.
+    template <class Record>
+    LONG callWithData(CommandCode command, Record& record, const void* data, std::uint32_t size,
+                      const char* dataFailure) {
+        LONG rv = sendHeader(command, sizeof(record), size);
+        if (rv == SCARD_S_SUCCESS) {
+            rv = send(&record, sizeof(record), "Failed to send data");
+        }
+        if (rv == SCARD_S_SUCCESS) {
+            rv = send(data, size, dataFailure);
+        }
+        return rv == SCARD_S_SUCCESS ? readBack(record) : rv;
+    }
+
+    // The steps of an exchange whose request is made of more than these:
+
+    /// Announces a record and what follows it. SCARD_E_INVALID_PARAMETER, with nothing sent, when
+    /// the header's 32-bit size cannot hold the sum.
+    LONG sendHeader(CommandCode command, std::uint32_t recordSize, std::uint32_t dataSize);
+
+    /// Sends a piece of the request. No bytes are no piece: a write of none would end the daemon's
+    /// next read with none, which it may take for the end of the connection.
+    LONG send(const void* data, std::uint32_t size, const char* failure);
+
+    /// Reads the daemon's copy of the record; returns the transport's code only.
+    template <class Record>
+    LONG receive(Record& record) {
+        static_assert(std::is_trivially_copyable_v<Record>);
+        return warnUnless(connection_->readMessage(&record, sizeof(record)), failureLines_.receive);
+    }
+
+    /// Reads the daemon's copy of the record; returns the transport's code or the daemon's.
+    template <class Record>
+    LONG readBack(Record& record) {
+        const LONG rv = receive(record);
+        return rv == SCARD_S_SUCCESS ? static_cast<LONG>(record.rv) : rv;
+    }
+
+    // The data phase of an answer:
+
+    /// To be called as soon as the answer has announced size bytes; giving up before all of them
+    /// have been read closes the pipe.
+    void announce(std::uint64_t size) noexcept { announced_ = size; }
+
+    /// Reads the next size of the announced bytes into a buffer that has room for them.
+    LONG readAnnounced(void* buffer, std::uint32_t size, const char* failure);
+
+    /// Announces and reads a data phase of whatever length into a new block, which ends in a NUL of
+    /// its own behind it. SCARD_E_NO_MEMORY, with a null block, when there is no memory for it;
+    /// more than 16 MiB, far above all that a daemon has to send, counts as that.
+    LONG readBlock(std::uint32_t size, HeapPtr<char>& block, const char* failure);
+
+  private:
+    template <class Record>
+    static std::string_view bytesOf(const Record& record) noexcept {
+        return {reinterpret_cast<const char*>(&record), sizeof(record)};
+    }
+
+    LONG sendWhole(CommandCode command, std::string_view record, std::string_view tail,
+                   std::optional<bool> flag);
+
+    LONG warnUnless(LONG rv, const char* failure) const;
+
+    const FunctionLog& log_;
+    const FailureLines& failureLines_;
+    std::unique_ptr<DaemonConnection> connection_;
+    std::uint64_t announced_ = 0;
+};
+
+/// The whole of an exchange that has neither gates nor data phases.
+/// @return SCARD_E_NO_SERVICE when there is no connection, else as Exchange::call.
+template <class Record>
+LONG exchangeRecord(const FunctionLog& log, CommandCode command, Record& record) {
+    Exchange exchange(log);
+    return exchange ? exchange.call(command, record) : SCARD_E_NO_SERVICE;
+}
+
+}  // namespace tez

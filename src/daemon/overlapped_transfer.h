@@ -1,0 +1,40 @@
+#pragma once
+
+#include <windows.h>
+
+#include <memory>
+
+#include "common/owned_handle.h"
+
+namespace tez {
+
+/// One overlapped read or write: its OVERLAPPED and the event that tells its end.
+///
+/// The kernel writes to both until the operation has ended, which for a cancelled one may be after
+/// the function that started it has returned. So it lives on the heap, never on a stack, and a
+/// transfer that was given up goes to retire() once its pipe has been closed.
+class OverlappedTransfer {
+  public:
+    /// Null when memory or events are exhausted; GetLastError says why.
+    static std::unique_ptr<OverlappedTransfer> create() noexcept;
+
+    OVERLAPPED* overlapped() noexcept { return &overlapped_; }
+    HANDLE event() const noexcept { return event_.get(); }
+
+    /// Puts a transfer in front of a list, which owns it. Never fails.
+    static void push(std::unique_ptr<OverlappedTransfer>& list,
+                     std::unique_ptr<OverlappedTransfer> transfer) noexcept;
+
+    /// Takes a list of cancelled transfers whose pipe has been closed. Each is freed as soon as the
+    /// kernel is done with it: at once as a rule, else during a later call. Any thread may call.
+    static void retire(std::unique_ptr<OverlappedTransfer> list) noexcept;
+
+  private:
+    explicit OverlappedTransfer(OwnedHandle event) noexcept;
+
+    OVERLAPPED overlapped_ = {};
+    OwnedHandle event_;
+    std::unique_ptr<OverlappedTransfer> next_;
+};
+
+}  // namespace tez

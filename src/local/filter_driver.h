@@ -1,0 +1,10 @@
+#pragma once
+
+namespace tez {
+
+/// Whether the redirection filter driver tezwscrd.sys is loaded, compared without regard to ASCII
+/// letter case. When the loaded drivers cannot be listed, a warning is logged and it counts as
+/// absent.
+bool IsFilterDriverPresent();
+
+}  // namespace tez

@@ -1,0 +1,174 @@
+#include "log/log_sink.h"
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string_view>
+
+#include "common/heap.h"
+#include "log/crt_format.h"
+#include "log/environment.h"
+#include "log/timestamp.h"
+
+namespace tez {
+
+namespace {
+
+/// Where the lines of this process go. Made by the first message, never freed: a thread may be
+/// writing when the process ends.
+class LogSink {
+  public:
+    LogSink() : level_(configuredLevel()), path_(configuredPath()), stream_(open(path_.get())) {}
+    LogSink(const LogSink&) = delete;
+    LogSink& operator=(const LogSink&) = delete;
+    ~LogSink() {
+        if (stream_ != stderr) {
+            std::fclose(stream_);
+        }
+    }
+
+    bool writes(LogLevel level) const { return static_cast<std::int32_t>(level) <= level_; }
+    std::FILE* stream() const { return stream_; }
+
+  private:
+    static std::int32_t configuredLevel();
+    static HeapPtr<char> configuredPath();
+    static std::FILE* open(const char* path);
+
+    std::int32_t level_;
+    HeapPtr<char> path_;
+    std::FILE* stream_;
+};
+
+std::int32_t LogSink::configuredLevel() {
+    static constexpr struct {
+        const char* word;
+        LogLevel level;
+    } kLevels[] = {{"error", LogLevel::Error},
+                   {"warning", LogLevel::Warning},
+                   {"info", LogLevel::Info},
+                   {"debug", LogLevel::Debug}};
+    char value[32];
+    if (readEnvironment("TEZ_PCSC_LOG_LEVEL", value)) {
+        for (const auto& known : kLevels) {
+            if (_stricmp(value, known.word) == 0) {
+                return static_cast<std::int32_t>(known.level);
+            }
+        }
+    }
+    return static_cast<std::int32_t>(LogLevel::Warning);
+}
+
+/// The host program's file name, "unknown" when it has none.
+const char* baseName(char (&path)[1024]) {
+    const DWORD length = GetModuleFileNameA(nullptr, path, sizeof(path));
+    path[length < sizeof(path) ? length : sizeof(path) - 1] = '\0';
+    const char* const separator = std::strrchr(path, '\\');
+    return separator == nullptr || separator[1] == '\0' ? "unknown" : separator + 1;
+}
+
+HeapPtr<char> LogSink::configuredPath() {
+    char directory[256];
+    if (!readEnvironment("TEZ_PCSC_LOG_DIR", directory)) {
+        return nullptr;
+    }
+    constexpr std::size_t kFileNameRoom = 64;
+    const std::size_t size = std::strlen(directory) + kFileNameRoom;
+    HeapPtr<char> path(static_cast<char*>(heapAllocate(size)));
+    if (path != nullptr) {
+        char program[1024];
+        crtFormat(path.get(), size, "%s/tez-pcsc.%s.%d.log", directory, baseName(program),
+                  static_cast<int>(GetCurrentProcessId()));
+    }
+    return path;
+}
+
+/// Opened once: a path that fails now is not tried again in this process.
+std::FILE* LogSink::open(const char* path) {
+    std::FILE* const file = path == nullptr ? nullptr : std::fopen(path, "a");
+    if (file == nullptr) {
+        return stderr;
+    }
+    // Every write reaches the file at once, so the lines survive a crash of the host program.
+    std::setvbuf(file, nullptr, _IONBF, 0);
+    return file;
+}
+
+/// The sink, made on first use; null while memory is exhausted, so that a later message tries
+/// again. Two first messages at once may both make one: the first to be stored stays.
+const LogSink* sink() noexcept {
+    static std::atomic<const LogSink*> stored;
+    const LogSink* known = stored.load();
+    if (known != nullptr) {
+        return known;
+    }
+    std::unique_ptr<const LogSink> fresh(new (std::nothrow) LogSink);
+    if (fresh != nullptr && stored.compare_exchange_strong(known, fresh.get())) {
+        known = fresh.release();
+    }
+    return known;
+}
+
+/// One stdio call, which an unbuffered stream turns into one system call.
+void put(std::FILE* stream, std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), stream);
+}
+
+void putPrefix(std::FILE* stream, const char* component, const char* levelWord,
+               const char* functionName) {
+    FILETIME now;
+    GetSystemTimePreciseAsFileTime(&now);
+    char timestamp[kTimestampSize];
+    formatTimestamp(now, timestamp);
+    char prefix[256];
+    const std::size_t length =
+        crtFormat(prefix, sizeof(prefix), "%c %s %ld:%ld %s (%s): ", levelWord[0], timestamp,
+                  static_cast<long>(GetCurrentProcessId()), static_cast<long>(GetCurrentThreadId()),
+                  component, functionName);
+    put(stream, std::string_view(prefix, length));
+}
+
+}  // namespace
+
+void logMessageV(const char* component, LogLevel level, const char* levelWord,
+                 const char* functionName, bool echoToStderr, const char* lead, const char* format,
+                 std::va_list arguments) {
+    const LogSink* const target = sink();
+    if (target == nullptr || !(echoToStderr || target->writes(level))) {
+        return;
+    }
+    const FormattedText message(lead, format, arguments);
+    if (echoToStderr) {
+        char word[32];
+        put(stderr, std::string_view(word, crtFormat(word, sizeof(word), "%s: ", levelWord)));
+        put(stderr, message.text());
+        put(stderr, "\n");
+    }
+    if (target->writes(level)) {
+        putPrefix(target->stream(), component, levelWord, functionName);
+        put(target->stream(), message.text());
+        put(target->stream(), "\n");
+    }
+}
+
+void logMessage(const char* component, LogLevel level, const char* levelWord,
+                const char* functionName, bool echoToStderr, const char* format, ...) {
+    if (format == nullptr) {
+        return;
+    }
+    std::va_list arguments;
+    va_start(arguments, format);
+    logMessageV(component, level, levelWord, functionName, echoToStderr, "", format, arguments);
+    va_end(arguments);
+}
+
+bool isLogged(LogLevel level) noexcept {
+    const LogSink* const target = sink();
+    return target != nullptr && target->writes(level);
+}
+
+}  // namespace tez

@@ -1,0 +1,43 @@
+#include "common/scard_api.h"
+#include "context/context_registry.h"
+#include "context/routing.h"
+#include "daemon/exchange.h"
+#include "local/local_calls.h"
+#include "log/call_frame.h"
+#include "protocol/wire/card_records.h"
+
+using namespace tez;
+
+namespace {
+
+LONG cancelRemotely(const FunctionLog& log, SCARDCONTEXT context) {
+    std::uint64_t remoteContext = NO_REMOTE_CONTEXT;
+    LONG rv = getRemoteContextVolatile(context, remoteContext, true);
+    if (rv == SCARD_S_SUCCESS) {
+        HandleRecord record = {remoteContext, 0};
+        rv = exchangeRecord(log, CMD_CANCEL, record);
+    }
+    // With the daemon away there is no remote wait to end, so that is no error.
+    return rv == SCARD_E_NO_SERVICE ? SCARD_S_SUCCESS : rv;
+}
+
+}  // namespace
+
+LONG WINAPI SCardCancel(SCARDCONTEXT hContext) {
+    static constexpr CallFrame call("SCardCancel", "CANCEL");
+    const ServiceState state = getServiceState();
+    call.in("%Ix", hContext);
+    return call.run([&]() -> LONG {
+        if (!isContextKnown(hContext)) {
+            return SCARD_E_INVALID_HANDLE;
+        }
+        setContextCancelled(hContext, true);
+        const LONG remoteRv = cancelRemotely(call.log(), hContext);
+        if (state == ServiceState::RemoteOnly) {
+            return remoteRv;
+        }
+        // Both sides are cancelled, whatever became of the other; the first error is told.
+        const LONG localRv = withLocalContext(hContext, LocalSCardCancel);
+        return remoteRv == SCARD_S_SUCCESS ? localRv : remoteRv;
+    });
+}

@@ -1,0 +1,121 @@
+#include "common/scard_api.h"
+#include "context/card_handle_registry.h"
+#include "context/context_registry.h"
+#include "context/routing.h"
+#include "daemon/exchange.h"
+#include "local/winscard_table.h"
+#include "log/call_frame.h"
+#include "protocol/session_protocols.h"
+#include "protocol/wire/card_records.h"
+#include "protocol/wire/text_field.h"
+
+namespace tez {
+
+namespace {
+
+struct ConnectArguments {
+    SCARDCONTEXT context;
+    LPCSTR reader;
+    DWORD shareMode;
+    DWORD preferredProtocols;
+    LPSCARDHANDLE card;
+    LPDWORD activeProtocol;
+};
+
+/// Registers a connection that one side has just made. When the handle cannot be issued, undo()
+/// disconnects the card again: nobody else could.
+template <class Undo>
+SCARDHANDLE registerOrUndo(const ConnectArguments& arguments, std::uint64_t target, bool isLocal,
+                           Undo undo) {
+    try {
+        return registerCardHandle(target, arguments.context, arguments.reader, isLocal);
+    } catch (...) {
+        undo();
+        throw;
+    }
+}
+
+LONG connectLocally(const ConnectArguments& arguments, SCARDCONTEXT systemContext) {
+    SCARDHANDLE systemCard = 0;
+    const LONG rv = callSystem(&WinscardTable::SCardConnectA, systemContext, arguments.reader,
+                               arguments.shareMode, arguments.preferredProtocols, &systemCard,
+                               arguments.activeProtocol);
+    if (rv == SCARD_S_SUCCESS) {
+        *arguments.card = registerOrUndo(arguments, systemCard, true, [systemCard] {
+            callSystem(&WinscardTable::SCardDisconnect, systemCard,
+                       static_cast<DWORD>(SCARD_LEAVE_CARD));
+        });
+    }
+    return rv;
+}
+
+LONG connectRemotely(const FunctionLog& log, ServiceState state,
+                     const ConnectArguments& arguments) {
+    if (arguments.activeProtocol == nullptr) {
+        log.warning("pdwActiveProtocol cannot be NULL");
+        return SCARD_E_INVALID_PARAMETER;
+    }
+    if (arguments.reader == nullptr) {
+        return SCARD_E_UNKNOWN_READER;
+    }
+    ConnectRecord record = {};
+    if (!copyToField(record.szReader, arguments.reader)) {
+        return SCARD_E_INVALID_VALUE;
+    }
+    *arguments.card = 0;
+    std::uint64_t remoteContext = NO_REMOTE_CONTEXT;
+    LONG rv = getRemoteContextVolatile(arguments.context, remoteContext, true);
+    if (rv != SCARD_S_SUCCESS) {
+        return rv;
+    }
+    Exchange exchange(log);
+    if (!exchange) {
+        return SCARD_E_NO_SERVICE;
+    }
+    const SessionProtocols protocols(exchange, state);
+    record.hContext = remoteContext;
+    record.dwShareMode = arguments.shareMode;
+    record.dwPreferredProtocols = protocols.toWire(arguments.preferredProtocols);
+    rv = exchange.call(CMD_SCARD_CONNECT, record);
+    if (rv == SCARD_S_SUCCESS) {
+        *arguments.activeProtocol = protocols.fromWire(record.dwActiveProtocol);
+        *arguments.card = registerOrUndo(arguments, record.hCard, false, [&] {
+            DisconnectRecord undo = {record.hCard, SCARD_LEAVE_CARD, 0};
+            exchange.call(CMD_DISCONNECT, undo);
+        });
+    }
+    return rv;
+}
+
+}  // namespace
+
+}  // namespace tez
+
+LONG WINAPI SCardConnectA(SCARDCONTEXT hContext, LPCSTR szReader, DWORD dwShareMode,
+                          DWORD dwPreferredProtocols, LPSCARDHANDLE phCard,
+                          LPDWORD pdwActiveProtocol) {
+    using namespace tez;
+    static constexpr CallFrame call("SCardConnectA", "SCARD_CONNECT");
+    const ServiceState state = getServiceState();
+    const ConnectArguments arguments = {
+        hContext, szReader, dwShareMode, dwPreferredProtocols, phCard, pdwActiveProtocol};
+    call.in("%Ix, %s, %lu, %lu, %p, %p", hContext, szReader, dwShareMode, dwPreferredProtocols,
+            static_cast<void*>(phCard), static_cast<void*>(pdwActiveProtocol));
+    return call.run(
+        [&]() -> LONG {
+            if (phCard == nullptr) {
+                call.log().warning("phCard cannot be NULL");
+                return SCARD_E_INVALID_PARAMETER;
+            }
+            const SCARDCONTEXT systemContext = getLocalContext(hContext);
+            if (state != ServiceState::RemoteOnly && systemContext == 0) {
+                return SCARD_E_INVALID_HANDLE;  // no context of ours, or half of one: no fallback
+            }
+            return localFirst(
+                call.log(), state, [&] { return connectLocally(arguments, systemContext); },
+                [&] { return connectRemotely(call.log(), state, arguments); });
+        },
+        [&] {
+            call.out("%llu, %lu", *phCard, pdwActiveProtocol == nullptr ? 0 : *pdwActiveProtocol);
+        });
+}

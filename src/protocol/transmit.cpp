@@ -1,0 +1,161 @@
+#include "common/scard_api.h"
+#include "daemon/exchange.h"
+#include "local/winscard_table.h"
+#include "log/call_frame.h"
+#include "protocol/card_routing.h"
+#include "protocol/data_limits.h"
+#include "protocol/wire/card_records.h"
+#include "protocol/wire/protocol_mask.h"
+
+const SCARD_IO_REQUEST g_rgSCardT0Pci = {SCARD_PROTOCOL_T0, sizeof(SCARD_IO_REQUEST)};
+const SCARD_IO_REQUEST g_rgSCardT1Pci = {SCARD_PROTOCOL_T1, sizeof(SCARD_IO_REQUEST)};
+const SCARD_IO_REQUEST g_rgSCardRawPci = {SCARD_PROTOCOL_RAW, sizeof(SCARD_IO_REQUEST)};
+
+using namespace tez;
+
+namespace {
+
+/// Stands for "no receive PCI" in records and log lines.
+constexpr DWORD kNoProtocol = 0xFFFFFFFF;
+
+struct TransmitArguments {
+    LPCSCARD_IO_REQUEST sendPci;
+    LPCBYTE sendBuffer;
+    DWORD sendLength;
+    LPSCARD_IO_REQUEST receivePci;
+    LPBYTE receiveBuffer;
+    LPDWORD receiveLength;
+};
+
+DWORD protocolOf(LPCSCARD_IO_REQUEST pci) {
+    return pci == nullptr ? kNoProtocol : pci->dwProtocol;
+}
+
+bool isSingleProtocol(DWORD protocol) {
+    const DWORD known = protocol & (SCARD_PROTOCOL_Tx | SCARD_PROTOCOL_RAW);
+    return known == SCARD_PROTOCOL_T0 || known == SCARD_PROTOCOL_T1 || known == SCARD_PROTOCOL_RAW;
+}
+
+LONG checkPcis(const FunctionLog& log, const TransmitArguments& arguments) {
+    if (!isSingleProtocol(arguments.sendPci->dwProtocol)) {
+        log.warning("Protocol %lu for pioSendPci is not supported", arguments.sendPci->dwProtocol);
+        return SCARD_E_INVALID_PARAMETER;
+    }
+    if (arguments.receivePci != nullptr && !isSingleProtocol(arguments.receivePci->dwProtocol)) {
+        log.warning("Protocol %lu for pioRecvPci is not supported",
+                    arguments.receivePci->dwProtocol);
+        return SCARD_E_INVALID_PARAMETER;
+    }
+    return SCARD_S_SUCCESS;
+}
+
+void storeReceivePci(const FunctionLog& log, std::uint32_t wireProtocol,
+                     SCARD_IO_REQUEST& receivePci) {
+    const std::uint32_t protocol = convert_protocol_from_wire(wireProtocol);
+    for (const SCARD_IO_REQUEST* pci : {&g_rgSCardRawPci, &g_rgSCardT0Pci, &g_rgSCardT1Pci}) {
+        if ((protocol & pci->dwProtocol) != 0) {
+            receivePci = *pci;
+            return;
+        }
+    }
+    // The answer is there all the same; the application gets it.
+    log.warning("Received protocol %u is not supported", wireProtocol);
+}
+
+LONG exchangeApdu(const FunctionLog& log, Exchange& exchange, TransmitRecord& record,
+                  const TransmitArguments& arguments) {
+    LONG rv = exchange.callWithData(CMD_TRANSMIT, record, arguments.sendBuffer,
+                                    arguments.sendLength, "Failed to send data for send buffer");
+    if (rv != SCARD_S_SUCCESS) {
+        return rv;
+    }
+    exchange.announce(record.pcbRecvLength);
+    if (record.pcbRecvLength > *arguments.receiveLength) {
+        *arguments.receiveLength = record.pcbRecvLength;
+        return SCARD_E_INSUFFICIENT_BUFFER;
+    }
+    rv = exchange.readAnnounced(arguments.receiveBuffer, record.pcbRecvLength,
+                                "Failed to read data for recv buffer");
+    if (rv != SCARD_S_SUCCESS) {
+        return rv;
+    }
+    log.debug("Used receive protocol %u", record.ioRecvPciProtocol);
+    if (arguments.receivePci != nullptr) {
+        storeReceivePci(log, record.ioRecvPciProtocol, *arguments.receivePci);
+    }
+    *arguments.receiveLength = record.pcbRecvLength;
+    return SCARD_S_SUCCESS;
+}
+
+LONG transmitRemotely(const FunctionLog& log, const RemoteCard& card,
+                      const TransmitArguments& arguments, DWORD& usedProtocol) {
+    if (arguments.sendBuffer == nullptr || arguments.receiveBuffer == nullptr ||
+        arguments.receiveLength == nullptr || arguments.sendPci == nullptr) {
+        log.warning(
+            "pbSendBuffer (%p), pbRecvBuffer(%p), pcbRecvLength(%p), pioSendPci(%p) cannot be NULL",
+            static_cast<const void*>(arguments.sendBuffer),
+            static_cast<void*>(arguments.receiveBuffer),
+            static_cast<void*>(arguments.receiveLength),
+            static_cast<const void*>(arguments.sendPci));
+        return SCARD_E_INVALID_PARAMETER;
+    }
+    Exchange exchange(log);
+    if (!exchange) {
+        return SCARD_E_NO_SERVICE;
+    }
+    LONG rv =
+        checkDataLimits(log, exchange, card.state, arguments.sendLength, *arguments.receiveLength);
+    if (rv == SCARD_S_SUCCESS) {
+        rv = checkPcis(log, arguments);
+    }
+    if (rv == SCARD_S_SUCCESS && !card.hasContext()) {
+        rv = SCARD_E_INVALID_HANDLE;
+    }
+    if (rv != SCARD_S_SUCCESS) {
+        return rv;
+    }
+    TransmitRecord record = {};
+    record.hCard = card.target;
+    record.ioSendPciProtocol = convert_protocol_to_wire(arguments.sendPci->dwProtocol);
+    record.cbSendLength = arguments.sendLength;
+    record.ioRecvPciProtocol = arguments.receivePci == nullptr
+                                   ? kNoProtocol
+                                   : convert_protocol_to_wire(arguments.receivePci->dwProtocol);
+    record.pcbRecvLength = *arguments.receiveLength;
+    log.debug("Using receive protocol %u", record.ioRecvPciProtocol);
+    rv = exchangeApdu(log, exchange, record, arguments);
+    usedProtocol = record.ioRecvPciProtocol;
+    return rv;
+}
+
+}  // namespace
+
+LONG WINAPI SCardTransmit(SCARDHANDLE hCard, LPCSCARD_IO_REQUEST pioSendPci, LPCBYTE pbSendBuffer,
+                          DWORD cbSendLength, LPSCARD_IO_REQUEST pioRecvPci, LPBYTE pbRecvBuffer,
+                          LPDWORD pcbRecvLength) {
+    static constexpr CallFrame call("SCardTransmit", "TRANSMIT");
+    call.in("%ld, %p, %p (%lu)", static_cast<long>(hCard), static_cast<const void*>(pioSendPci),
+            static_cast<void*>(pioRecvPci), protocolOf(pioRecvPci));
+    const TransmitArguments arguments = {pioSendPci, pbSendBuffer, cbSendLength,
+                                         pioRecvPci, pbRecvBuffer, pcbRecvLength};
+    DWORD usedProtocol = kNoProtocol;
+    return call.run(
+        [&] {
+            return routeCardCall(
+                hCard,
+                [&](SCARDHANDLE systemCard, SCARDCONTEXT /*context*/) {
+                    const LONG rv = callSystem(&WinscardTable::SCardTransmit, systemCard,
+                                               pioSendPci, pbSendBuffer, cbSendLength, pioRecvPci,
+                                               pbRecvBuffer, pcbRecvLength);
+                    usedProtocol = protocolOf(pioRecvPci);
+                    return rv;
+                },
+                [&](const RemoteCard& card) {
+                    return transmitRemotely(call.log(), card, arguments, usedProtocol);
+                });
+        },
+        [&] {
+            call.out("%u, %lu", static_cast<unsigned>(usedProtocol),
+                     pcbRecvLength == nullptr ? 0 : *pcbRecvLength);
+        });
+}

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <windows.h>
+
+#include <algorithm>
+
+namespace tez {
+
+/// How long to wait before a cancel is repeated, in milliseconds: a second, then twice as long each
+/// time, up to half a minute. A cancel that arrives before the wait it is to end has begun is
+/// forgotten by the system library and by the daemon alike.
+class RepeatInterval {
+  public:
+    DWORD next() noexcept {
+        const DWORD current = next_;
+        next_ = std::min<DWORD>(next_ * 2, 32000);
+        return current;
+    }
+
+  private:
+    DWORD next_ = 1000;
+};
+
+}  // namespace tez

@@ -1,0 +1,112 @@
+#include "readers/state/reader_names.h"
+
+#include <algorithm>
+#include <atomic>
+#include <utility>
+
+#include "common/multi_string.h"
+#include "common/never_destroyed.h"
+#include "common/slim_lock.h"
+
+namespace tez {
+
+namespace {
+
+using NameList = std::vector<std::string>;
+
+struct ReaderNames {
+    SlimLock readerListMutex;
+    NameList localReaderNames;
+    NameList remoteReaderNames;
+    std::atomic<bool> listReadersCalled = false;
+    ReaderListing currentListing = 0;
+};
+
+ReaderNames& names() {
+    static NeverDestroyed<ReaderNames> instance;
+    return *instance;
+}
+
+/// Swaps a new list in; the old one is freed after the lock has been given back.
+void replace(NameList ReaderNames::*list, NameList fresh) noexcept {
+    const SlimGuard guard(names().readerListMutex);
+    std::swap(names().*list, fresh);
+}
+
+NameList parse(std::string_view multiString) {
+    NameList list;
+    forEachName(multiString, [&list](std::string_view name) { list.emplace_back(name); });
+    return list;
+}
+
+NameList copy(NameList ReaderNames::*list) {
+    const SlimGuard guard(names().readerListMutex);
+    return names().*list;
+}
+
+}  // namespace
+
+void setLocalReaderNames(std::string_view multiString) {
+    replace(&ReaderNames::localReaderNames, parse(multiString));
+}
+
+void setRemoteReaderNames(std::string_view multiString) {
+    replace(&ReaderNames::remoteReaderNames, parse(multiString));
+}
+
+void forgetLocalReaderNames() noexcept {
+    {
+        const SlimGuard guard(names().readerListMutex);
+        names().listReadersCalled.exchange(false);
+        ++names().currentListing;
+    }
+    replace(&ReaderNames::localReaderNames, {});
+}
+
+void forgetRemoteReaderNames() noexcept {
+    replace(&ReaderNames::remoteReaderNames, {});
+}
+
+ReaderListing beginReaderListing() noexcept {
+    const SlimGuard guard(names().readerListMutex);
+    return names().currentListing;
+}
+
+void markListReadersCalled(ReaderListing listing) noexcept {
+    const SlimGuard guard(names().readerListMutex);
+    if (listing == names().currentListing) {
+        names().listReadersCalled.exchange(true);
+    }
+}
+
+bool wasListReadersCalled() noexcept {
+    return names().listReadersCalled;
+}
+
+std::vector<ReaderSide> findReaderSides(const std::vector<std::string_view>& readers) {
+    std::vector<ReaderSide> sides;
+    sides.reserve(readers.size());
+    const auto isIn = [](const NameList& list, std::string_view name) {
+        return std::find(list.begin(), list.end(), name) != list.end();
+    };
+    const SlimGuard guard(names().readerListMutex);
+    for (const std::string_view name : readers) {
+        if (isIn(names().localReaderNames, name)) {
+            sides.push_back(ReaderSide::Local);
+        } else {
+            sides.push_back(isIn(names().remoteReaderNames, name) ? ReaderSide::Remote
+                                                                  : ReaderSide::Neither);
+        }
+    }
+    return sides;
+}
+
+std::vector<std::string> copyLocalReaderNames() {
+    return copy(&ReaderNames::localReaderNames);
+}
+
+std::vector<std::string> copyRemoteReaderNames() {
+    return copy(&ReaderNames::remoteReaderNames);
+}
+
+}  // namespace tez

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "common/slim_lock.h"
+
+namespace tez {
+
+/// How far the two halves of one status-change call are. Each half sets its done mark before it
+/// looks at the other's, so at most one of them cancels the other.
+class StatusWait {
+  public:
+    StatusWait() = default;
+    StatusWait(const StatusWait&) = delete;
+    StatusWait& operator=(const StatusWait&) = delete;
+    ~StatusWait() = default;
+
+    /// @param remoteContext  the daemon's context that the request went out under.
+    void markRemoteRequestOut(std::uint64_t remoteContext) noexcept {
+        const SlimGuard guard(lock_);
+        remoteContext_ = remoteContext;
+        isRemoteRequestOut_ = true;
+        changed_.notifyAll();
+    }
+    void markRemoteDone() noexcept { mark(&StatusWait::isRemoteDone_); }
+    void markLocalDone() noexcept { mark(&StatusWait::isLocalDone_); }
+    /// The service monitor has cancelled the local wait.
+    void markInterrupted() noexcept { mark(&StatusWait::isInterrupted_); }
+
+    bool isRemoteDone() noexcept { return read(&StatusWait::isRemoteDone_); }
+    bool isLocalDone() noexcept { return read(&StatusWait::isLocalDone_); }
+    bool isInterrupted() noexcept { return read(&StatusWait::isInterrupted_); }
+
+    /// Waits until the daemon has the request, or will not get it any more.
+    /// @return the daemon's context that it went out under; nothing when the remote half is done.
+    std::optional<std::uint64_t> awaitRemoteRequest() noexcept {
+        const SlimGuard guard(lock_);
+        while (!isRemoteRequestOut_ && !isRemoteDone_) {
+            changed_.wait(lock_, INFINITE);
+        }
+        return isRemoteDone_ ? std::nullopt : std::optional(remoteContext_);
+    }
+
+    /// Waits for the remote half, timeout milliseconds at most. True: it is done.
+    bool awaitRemoteDone(DWORD timeout) noexcept {
+        return awaitMark(&StatusWait::isRemoteDone_, nullptr, timeout);
+    }
+    /// Waits for the local half, timeout milliseconds at most, or without limit until it is done or
+    /// interrupted. True: it is done.
+    bool awaitLocalDone(DWORD timeout) noexcept {
+        return awaitMark(&StatusWait::isLocalDone_, nullptr, timeout);
+    }
+    bool awaitLocalDoneOrInterrupted() noexcept {
+        return awaitMark(&StatusWait::isLocalDone_, &StatusWait::isInterrupted_, INFINITE);
+    }
+
+  private:
+    using Mark = bool StatusWait::*;
+
+    void mark(Mark which) noexcept {
+        const SlimGuard guard(lock_);
+        this->*which = true;
+        // Under the lock: once it is free, the waiter may return and take this object along.
+        changed_.notifyAll();
+    }
+    bool read(Mark which) noexcept {
+        const SlimGuard guard(lock_);
+        return this->*which;
+    }
+    bool awaitMark(Mark wanted, Mark other, DWORD timeout) noexcept;
+
+    SlimLock lock_;
+    SlimCondition changed_;
+    std::uint64_t remoteContext_ = 0;
+    bool isRemoteRequestOut_ = false;
+    bool isRemoteDone_ = false;
+    bool isLocalDone_ = false;
+    bool isInterrupted_ = false;
+};
+
+}  // namespace tez

@@ -1,0 +1,159 @@
+#include <algorithm>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "common/scard_api.h"
+#include "context/context_registry.h"
+#include "daemon/service_state.h"
+#include "log/call_frame.h"
+#include "readers/local_wait.h"
+#include "readers/reader_states.h"
+#include "readers/remote_wait.h"
+#include "readers/state/pending_local_waits.h"
+#include "readers/state/reader_names.h"
+
+using namespace tez;
+
+namespace {
+
+constexpr DWORD kMostReaders = 16;
+
+struct StatusChange {
+    const FunctionLog& log;
+    std::uint64_t interruptions;  ///< countInterruptions(), read before the state
+    ServiceState state;
+    SCARDCONTEXT context;
+    DWORD timeout;
+    SCARD_READERSTATEA* entries;
+    DWORD count;
+};
+
+/// The outcome of a call that ends before anything is waited for; nothing when it does not.
+std::optional<LONG> checkArguments(const StatusChange& call) {
+    if ((call.entries == nullptr && call.count != 0) || call.count > kMostReaders) {
+        call.log.warning("Invalid parameter");
+        return SCARD_E_INVALID_PARAMETER;
+    }
+    if (call.count == 0) {
+        call.log.debug("Reader list is empty");
+        Sleep(call.timeout);
+        return SCARD_S_SUCCESS;
+    }
+    SCARD_READERSTATEA* const end = call.entries + call.count;
+    if (std::any_of(call.entries, end,
+                    [](const auto& entry) { return entry.szReader == nullptr; })) {
+        call.log.warning("Invalid value");
+        return SCARD_E_INVALID_VALUE;
+    }
+    if (std::all_of(call.entries, end, [](const auto& entry) {
+            return (entry.dwCurrentState & SCARD_STATE_IGNORE) != 0;
+        })) {
+        call.log.debug("All readers ignored");
+        return SCARD_S_SUCCESS;
+    }
+    return std::nullopt;
+}
+
+/// Which entries each side waits on. A name that neither side reported is waited on by none.
+void classify(const StatusChange& call, ReaderIndexes& local, ReaderIndexes& remote) {
+    if (!wasListReadersCalled()) {
+        call.log.debug(
+            "List readers was never called, let's call it to update the list of local and remote "
+            "readers");
+        DWORD length = 0;
+        SCardListReadersA(call.context, nullptr, nullptr, &length);
+    }
+    std::vector<std::string_view> names;
+    for (DWORD i = 0; i < call.count; ++i) {
+        names.emplace_back(call.entries[i].szReader);
+    }
+    const std::vector<ReaderSide> sides = findReaderSides(names);
+    for (DWORD i = 0; i < call.count; ++i) {
+        const bool isPnp = isPnpReader(call.entries[i].szReader);
+        if (isPnp || sides[i] == ReaderSide::Local) {
+            local.push_back(i);
+        }
+        if (isPnp || sides[i] == ReaderSide::Remote) {
+            remote.push_back(i);
+        }
+    }
+}
+
+/// The remote result stands for a call whose local half failed, and a local success, an empty half
+/// among them, makes the call succeed whatever the remote side said. Applications wait again on a
+/// success without a change, but give up on errors; the asymmetry is intended.
+LONG combine(const StatusChange& call, LONG localRv, LONG remoteRv) {
+    if (call.state == ServiceState::LocalOnly) {
+        return localRv;
+    }
+    return localRv == SCARD_S_SUCCESS ? SCARD_S_SUCCESS : remoteRv;
+}
+
+LONG waitOnBothSides(const StatusChange& call) {
+    ReaderIndexes localIndexes;
+    ReaderIndexes remoteIndexes;
+    classify(call, localIndexes, remoteIndexes);
+
+    StatusWait wait;
+    DWORD timeout = call.timeout;
+    LONG localRv = SCARD_S_SUCCESS;
+    const bool isServedLocally = call.state != ServiceState::RemoteOnly;
+    const SCARDCONTEXT systemContext = isServedLocally ? getLocalContext(call.context) : 0;
+    LocalWait local(call.context, systemContext, timeout, wait, call.interruptions);
+    if (isServedLocally && systemContext == 0) {
+        localRv = SCARD_E_INVALID_HANDLE;
+    } else if (isServedLocally && !localIndexes.empty()) {
+        local.start(call.entries, localIndexes, remoteIndexes.size());
+    }
+
+    const RemoteWait remote = {call.log,      call.state,          call.context, call.entries,
+                               remoteIndexes, localIndexes.size(), wait};
+    const LONG remoteRv =
+        call.state == ServiceState::LocalOnly ? SCARD_E_NO_SERVICE : waitRemotely(remote, timeout);
+    wait.markRemoteDone();
+    call.log.debug("intermediate rv: 0x%08lX", static_cast<unsigned long>(remoteRv));
+    if (call.state == ServiceState::RemoteOnly) {
+        return remoteRv;
+    }
+    if (local.isStarted()) {
+        // With a finite timeout the call returns when both sides have; nothing is cancelled.
+        const bool hasRemoteChange =
+            remoteRv == SCARD_S_SUCCESS && !remoteIndexes.empty() && timeout == INFINITE;
+        localRv = local.finish(call.log, hasRemoteChange, remoteRv == SCARD_E_CANCELLED);
+        call.log.debug("localRv: 0x%08lX", static_cast<unsigned long>(localRv));
+        local.merge(call.entries);
+    }
+    return combine(call, localRv, remoteRv);
+}
+
+LONG getStatusChange(const StatusChange& call) {
+    if (!isContextKnown(call.context)) {
+        return SCARD_E_INVALID_HANDLE;
+    }
+    setContextCancelled(call.context, false);
+    const std::optional<LONG> ended = checkArguments(call);
+    return ended ? *ended : waitOnBothSides(call);
+}
+
+void logNewStates(const StatusChange& call) {
+    for (DWORD i = 0; i < call.count; ++i) {
+        const SCARD_READERSTATEA& entry = call.entries[i];
+        call.log.debug("NEW READER STATE %lu: %s, curr:%s (%lu), event:%s (%lu), %u", i,
+                       entry.szReader, formatReaderState(entry.dwCurrentState).c_str(),
+                       entry.dwCurrentState, formatReaderState(entry.dwEventState).c_str(),
+                       entry.dwEventState, static_cast<unsigned>(entry.cbAtr));
+    }
+}
+
+}  // namespace
+
+LONG WINAPI SCardGetStatusChangeA(SCARDCONTEXT hContext, DWORD dwTimeout,
+                                  LPSCARD_READERSTATEA rgReaderStates, DWORD cReaders) {
+    static constexpr CallFrame frame("SCardGetStatusChangeA", "GET_STATUS_CHANGE");
+    const StatusChange call = {frame.log(), countInterruptions(), getServiceState(), hContext,
+                               dwTimeout,   rgReaderStates,       cReaders};
+    frame.in("%Ix, %lu, %p, %lu", hContext, dwTimeout, static_cast<void*>(rgReaderStates),
+             cReaders);
+    return frame.run([&call] { return getStatusChange(call); }, [&call] { logNewStates(call); });
+}
