@@ -1,0 +1,220 @@
+#include "pcsc_service.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "pcsc_service_state.h"
+
+namespace tez::test {
+
+PcscService::PcscService() : PcscService(HandleBases{}) {}
+
+PcscService::PcscService(HandleBases bases) : nextContext_(bases.context), nextCard_(bases.card) {}
+
+PcscService::~PcscService() = default;
+
+bool PcscService::knows(Context context) const {
+    return contexts_.contains(context);
+}
+
+PcscService::ReaderPointer PcscService::findReader(const std::string& name) const {
+    const auto found = std::find_if(readers_.begin(), readers_.end(),
+                                    [&](const auto& reader) { return reader->name == name; });
+    return found == readers_.end() ? nullptr : *found;
+}
+
+PcscService::ConnectionPointer PcscService::findConnection(Card card) const {
+    const auto found = connections_.find(card);
+    return found == connections_.end() ? nullptr : found->second;
+}
+
+bool PcscService::addReader(const std::string& name) {
+    const Lock lock(mutex_);
+    if (findReader(name) != nullptr) {
+        return false;
+    }
+    auto reader = std::make_shared<Reader>();
+    reader->name = name;
+    reader->unit = nextUnit_++;
+    readers_.push_back(std::move(reader));
+    changed_.notify_all();
+    return true;
+}
+
+bool PcscService::removeReader(const std::string& name) {
+    const Lock lock(mutex_);
+    const ReaderPointer reader = findReader(name);
+    if (reader == nullptr) {
+        return false;
+    }
+    takeOut(*reader);
+    reader->attached = false;
+    std::erase(readers_, reader);
+    changed_.notify_all();
+    return true;
+}
+
+bool PcscService::insertCard(const std::string& name, VirtualCard card) {
+    const Lock lock(mutex_);
+    const ReaderPointer reader = findReader(name);
+    if (reader == nullptr || reader->card) {
+        return false;
+    }
+    card.reset();
+    reader->card = std::move(card);
+    ++reader->cardSession;
+    ++reader->events;
+    changed_.notify_all();
+    return true;
+}
+
+bool PcscService::removeCard(const std::string& name) {
+    const Lock lock(mutex_);
+    const ReaderPointer reader = findReader(name);
+    if (reader == nullptr || !reader->card) {
+        return false;
+    }
+    takeOut(*reader);
+    changed_.notify_all();
+    return true;
+}
+
+void PcscService::takeOut(Reader& reader) {
+    if (!reader.card) {
+        return;
+    }
+    reader.card.reset();
+    reader.transactionOwner = 0;
+    ++reader.events;
+}
+
+std::vector<std::string> PcscService::readers() const {
+    std::vector<std::string> names;
+    listReaders(0, names);
+    return names;
+}
+
+bool PcscService::hasCard(const std::string& name) const {
+    const Lock lock(mutex_);
+    const ReaderPointer reader = findReader(name);
+    return reader != nullptr && reader->card;
+}
+
+bool PcscService::holdCommands(const std::string& name) {
+    const Lock lock(mutex_);
+    const ReaderPointer reader = findReader(name);
+    if (reader != nullptr) {
+        reader->holding = true;
+    }
+    return reader != nullptr;
+}
+
+bool PcscService::releaseCommands(const std::string& name) {
+    const Lock lock(mutex_);
+    const ReaderPointer reader = findReader(name);
+    if (reader == nullptr) {
+        return false;
+    }
+    reader->holding = false;
+    changed_.notify_all();
+    return true;
+}
+
+bool PcscService::waitForCount(const std::size_t& counter, std::size_t count,
+                               std::chrono::milliseconds timeout) const {
+    Lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return counter >= count; });
+}
+
+bool PcscService::waitForHeldCommands(std::size_t count, std::chrono::milliseconds timeout) const {
+    return waitForCount(heldCommands_, count, timeout);
+}
+
+bool PcscService::waitForStatusWaits(std::size_t count, std::chrono::milliseconds timeout) const {
+    return waitForCount(statusWaits_, count, timeout);
+}
+
+bool PcscService::waitForTransactionWaits(std::size_t count,
+                                          std::chrono::milliseconds timeout) const {
+    return waitForCount(transactionWaits_, count, timeout);
+}
+
+std::size_t PcscService::contextCount() const {
+    const Lock lock(mutex_);
+    return contexts_.size();
+}
+
+std::size_t PcscService::cardCount() const {
+    const Lock lock(mutex_);
+    return connections_.size();
+}
+
+LONG PcscService::establishContext(DWORD scope, Context& context) {
+    if (scope > SCARD_SCOPE_SYSTEM) {
+        return SCARD_E_INVALID_VALUE;
+    }
+    const Lock lock(mutex_);
+    context = nextContext_++;
+    contexts_.emplace(context, std::make_shared<ContextRecord>());
+    return SCARD_S_SUCCESS;
+}
+
+LONG PcscService::releaseContext(Context context) {
+    const Lock lock(mutex_);
+    if (!knows(context)) {
+        return SCARD_E_INVALID_HANDLE;
+    }
+    dropContext(context);
+    changed_.notify_all();
+    return SCARD_S_SUCCESS;
+}
+
+void PcscService::releaseAll() {
+    const Lock lock(mutex_);
+    while (!contexts_.empty()) {
+        dropContext(contexts_.begin()->first);
+    }
+    changed_.notify_all();
+}
+
+void PcscService::dropContext(Context context) {
+    std::vector<Card> cards;
+    for (const auto& [card, connection] : connections_) {
+        if (connection->context == context) {
+            cards.push_back(card);
+        }
+    }
+    for (const Card card : cards) {
+        closeConnection(card);
+    }
+    contexts_.at(context)->released = true;
+    contexts_.erase(context);
+}
+
+LONG PcscService::isValidContext(Context context) const {
+    const Lock lock(mutex_);
+    return knows(context) ? SCARD_S_SUCCESS : SCARD_E_INVALID_HANDLE;
+}
+
+LONG PcscService::listReaders(Context context, std::vector<std::string>& names) const {
+    const Lock lock(mutex_);
+    if (context != 0 && !knows(context)) {
+        return SCARD_E_INVALID_HANDLE;
+    }
+    names.clear();
+    for (const ReaderPointer& reader : readers_) {
+        names.push_back(reader->name);
+    }
+    return SCARD_S_SUCCESS;
+}
+
+LONG PcscService::listReaderGroups(Context context, std::vector<std::string>& groups) const {
+    const Lock lock(mutex_);
+    if (context != 0 && !knows(context)) {
+        return SCARD_E_INVALID_HANDLE;
+    }
+    groups = {"SCard$DefaultReaders"};
+    return SCARD_S_SUCCESS;
+}
+
+}  // namespace tez::test

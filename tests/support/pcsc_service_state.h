@@ -1,0 +1,62 @@
+#pragma once
+
+// What PcscService keeps; for its own sources only.
+
+#include <map>
+#include <optional>
+#include <string>
+
+#include "pcsc_service.h"
+
+namespace tez::test {
+
+struct PcscService::Reader {
+    std::string name;
+    DWORD unit = 0;
+    bool attached = true;
+    std::optional<VirtualCard> card;
+    std::uint64_t cardSession = 0;  // counts insertions: tells one card's stay from the next one's
+    std::uint64_t resets = 0;
+    DWORD events = 0;  // insertions and removals
+    bool holding = false;
+    Card transactionOwner = 0;
+    int transactionDepth = 0;
+    std::map<DWORD, Bytes> attributes;
+};
+
+struct PcscService::ContextRecord {
+    std::uint64_t cancels = 0;
+    bool released = false;
+};
+
+struct PcscService::Connection {
+    Context context = 0;
+    ReaderPointer reader;
+    DWORD shareMode = 0;
+    DWORD protocol = SCARD_PROTOCOL_UNDEFINED;
+    std::uint64_t cardSession = 0;  // 0: made without a card
+    std::uint64_t resetsSeen = 0;
+    DWORD transmits = 0;
+    bool open = true;
+
+    bool holdsCard() const { return reader->card && cardSession == reader->cardSession; }
+    // Connections to a card that is gone keep nobody out.
+    bool keepsReader() const { return shareMode == SCARD_SHARE_DIRECT || holdsCard(); }
+};
+
+/// Counts a call as blocked while it lives.
+class PcscService::Blocked {
+  public:
+    Blocked(std::size_t& counter, std::condition_variable& changed) : counter_(counter) {
+        ++counter_;
+        changed.notify_all();
+    }
+    ~Blocked() { --counter_; }
+    Blocked(const Blocked&) = delete;
+    Blocked& operator=(const Blocked&) = delete;
+
+  private:
+    std::size_t& counter_;
+};
+
+}  // namespace tez::test

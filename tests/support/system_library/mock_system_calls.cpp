@@ -1,0 +1,17 @@
+#include "system_library/mock_system_calls.h"
+
+namespace tez::test {
+
+MockSystemCalls::MockSystemCalls() {
+// NOLINTNEXTLINE(bugprone-macro-parentheses): names and parameter lists are no expressions
+#define TEZ_DELEGATE_CALL(Result, name, parameters, arguments)       \
+    ON_CALL(*this, name).WillByDefault([this] parameters -> Result { \
+        return service_.name arguments;                              \
+    });
+    TEZ_FOR_EACH_SYSTEM_CALL(TEZ_DELEGATE_CALL)
+#undef TEZ_DELEGATE_CALL
+}
+
+MockSystemCalls::~MockSystemCalls() = default;
+
+}  // namespace tez::test

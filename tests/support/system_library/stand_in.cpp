@@ -1,0 +1,89 @@
+// The library that stands where a host has its own smart-card library. Nothing in it is ever
+// destroyed: at process end it can be called after its own detach, when other libraries' detach
+// routines run.
+#include "system_library/stand_in.h"
+
+#include <condition_variable>
+#include <map>
+#include <mutex>
+
+#include "system_library/host_service.h"
+
+namespace tez::test {
+namespace {
+
+HostService& ownService() {
+    static auto* const service = new HostService;
+    return *service;
+}
+
+/// Who answers the calls, and how many calls are inside each of those who did.
+class Switchboard {
+  public:
+    static Switchboard& instance() {
+        static auto* const switchboard = new Switchboard;
+        return *switchboard;
+    }
+
+    /// Null stands for the own service.
+    void setCalls(SystemCalls* calls) {
+        std::unique_lock lock(mutex_);
+        SystemCalls* const previous = std::exchange(current_, calls);
+        callEnded_.wait(lock, [&] { return previous == calls || inside_[previous] == 0; });
+    }
+
+    SystemCalls* enter() {
+        const std::lock_guard lock(mutex_);
+        ++inside_[current_];
+        return current_;
+    }
+
+    void leave(SystemCalls* calls) {
+        const std::lock_guard lock(mutex_);
+        --inside_[calls];
+        callEnded_.notify_all();
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable callEnded_;
+    SystemCalls* current_ = nullptr;
+    std::map<SystemCalls*, int> inside_;
+};
+
+/// One call on its way through: `OngoingCall()->SCardCancel(context)`.
+class OngoingCall {
+  public:
+    OngoingCall() : calls_(Switchboard::instance().enter()) {}
+    OngoingCall(const OngoingCall&) = delete;
+    OngoingCall& operator=(const OngoingCall&) = delete;
+    ~OngoingCall() { Switchboard::instance().leave(calls_); }
+
+    SystemCalls* operator->() const { return calls_ == nullptr ? &ownService() : calls_; }
+
+  private:
+    SystemCalls* calls_;
+};
+
+}  // namespace
+}  // namespace tez::test
+
+extern "C" {
+
+// NOLINTNEXTLINE(bugprone-macro-parentheses): names and parameter lists are no expressions
+#define TEZ_FORWARD_CALL(Result, name, parameters, arguments) \
+    Result WINAPI name parameters {                           \
+        return tez::test::OngoingCall()->name arguments;      \
+    }
+TEZ_FOR_EACH_SYSTEM_CALL(TEZ_FORWARD_CALL)
+#undef TEZ_FORWARD_CALL
+
+void StandInSetCalls(tez::test::SystemCalls* calls) {
+    tez::test::Switchboard::instance().setCalls(calls);
+}
+
+tez::test::StandInCounters StandInGetCounters() {
+    tez::test::SystemHeap& heap = tez::test::ownService().heap();
+    return {.outstanding = heap.outstanding(), .foreignFrees = heap.foreignFrees()};
+}
+}

@@ -1,0 +1,24 @@
+// What the stand-in for the host's smart-card library exports beside the platform's functions.
+#pragma once
+
+#include <cstddef>
+
+#include "system_library/system_calls.h"
+
+namespace tez::test {
+
+/// Auto-allocated buffers of the stand-in's own service.
+struct StandInCounters {
+    std::size_t outstanding;   ///< handed out and not freed yet
+    std::size_t foreignFrees;  ///< frees of what was not handed out
+};
+
+/// "StandInSetCalls": lets another object answer the calls; null restores the stand-in's own
+/// service. Returns when no call is inside the previous object any more, so calls that block in it
+/// must be ended first. The caller keeps the object.
+using StandInSetCallsFunction = void(SystemCalls* calls);
+
+/// "StandInGetCounters".
+using StandInGetCountersFunction = StandInCounters();
+
+}  // namespace tez::test

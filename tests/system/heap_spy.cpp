@@ -1,0 +1,59 @@
+#include "heap_spy.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "system_test.h"
+
+namespace tez::test {
+
+HeapSpy::HeapSpy()
+    : thread_(GetCurrentThreadId()),
+      malloc_(libraryModule(), "msvcrt.dll", "malloc",
+              [this](std::size_t size) {
+                  return isRefused(size) ? nullptr : noteTaken(std::malloc(size), size);
+              }),
+      free_(libraryModule(), "msvcrt.dll", "free", [this](void* block) {
+          noteFreed(block);
+          std::free(block);
+      }) {}
+
+std::size_t HeapSpy::outstanding(std::size_t size) const {
+    const std::scoped_lock lock(mutex_);
+    return static_cast<std::size_t>(std::count_if(
+        taken_.begin(), taken_.end(), [size](const auto& block) { return block.second == size; }));
+}
+
+bool HeapSpy::wasFreed(const void* block) const {
+    const std::scoped_lock lock(mutex_);
+    return freed_.contains(block);
+}
+
+void HeapSpy::refuse(std::size_t size) {
+    const std::scoped_lock lock(mutex_);
+    refused_ = size;
+}
+
+void* HeapSpy::noteTaken(void* block, std::size_t size) {
+    if (GetCurrentThreadId() == thread_) {
+        const std::scoped_lock lock(mutex_);
+        taken_[block] = size;
+        freed_.erase(block);
+    }
+    return block;
+}
+
+void HeapSpy::noteFreed(void* block) {
+    if (GetCurrentThreadId() == thread_) {
+        const std::scoped_lock lock(mutex_);
+        taken_.erase(block);
+        freed_.insert(block);
+    }
+}
+
+bool HeapSpy::isRefused(std::size_t size) const {
+    const std::scoped_lock lock(mutex_);
+    return GetCurrentThreadId() == thread_ && refused_ == size;
+}
+
+}  // namespace tez::test

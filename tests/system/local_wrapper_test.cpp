@@ -1,0 +1,317 @@
+// Buffers that the host's library allocates: they never reach the application, which gets blocks of
+// the library's own heap, and each of them is given back at once.
+#include <cstring>
+#include <functional>
+
+#include "guarded_buffer.h"
+#include "heap_spy.h"
+#include "remote_card_test.h"
+
+namespace tez::test {
+namespace {
+
+using testing::_;
+using testing::ElementsAre;
+using testing::NotNull;
+using testing::Pointee;
+using testing::Return;
+
+/// Where a call that is to allocate stores the block's address.
+template <class Unit>
+Unit* addressOf(void** block) {
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the platform's way to say it
+    return reinterpret_cast<Unit*>(block);
+}
+
+/// A call with one result that can be auto-allocated, on arguments that the host is content with.
+struct AllocatingCall {
+    const char* name;
+    std::function<LONG(SCARDCONTEXT context, SCARDHANDLE card, void* destination, DWORD* length)>
+        make;
+};
+
+LPSTR asText(void* destination) {
+    return static_cast<LPSTR>(destination);
+}
+
+const AllocatingCall kCalls[] = {
+    {"SCardListReadersA",
+     [](SCARDCONTEXT context, SCARDHANDLE, void* destination, DWORD* length) {
+         return SCardListReadersA(context, nullptr, asText(destination), length);
+     }},
+    {"SCardListCardsA",
+     [](SCARDCONTEXT context, SCARDHANDLE, void* destination, DWORD* length) {
+         return SCardListCardsA(context, nullptr, nullptr, 0, asText(destination), length);
+     }},
+    {"SCardGetCardTypeProviderNameA",
+     [](SCARDCONTEXT context, SCARDHANDLE, void* destination, DWORD* length) {
+         return SCardGetCardTypeProviderNameA(context, kHostCardType, SCARD_PROVIDER_CSP,
+                                              asText(destination), length);
+     }},
+    {"SCardGetReaderIconA",
+     [](SCARDCONTEXT context, SCARDHANDLE, void* destination, DWORD* length) {
+         return SCardGetReaderIconA(context, kHostReader, static_cast<LPBYTE>(destination), length);
+     }},
+    {"SCardReadCacheA",
+     [](SCARDCONTEXT context, SCARDHANDLE, void* destination, DWORD* length) {
+         UUID card = {};
+         char name[] = "item";
+         return SCardReadCacheA(context, &card, 1, name, static_cast<LPBYTE>(destination), length);
+     }},
+    {"SCardGetAttrib",
+     [](SCARDCONTEXT, SCARDHANDLE card, void* destination, DWORD* length) {
+         return SCardGetAttrib(card, SCARD_ATTR_ATR_STRING, static_cast<LPBYTE>(destination),
+                               length);
+     }},
+};
+
+void PrintTo(const AllocatingCall& call, std::ostream* stream) {
+    *stream << call.name;
+}
+
+class LocalWrapperTest : public RemoteCardTest {
+  protected:
+    void SetUp() override {
+        context = establish();
+        card = connect(context, kHostReader);
+    }
+
+    /// Every block of the host's heap is with the host again.
+    void expectHostsBuffersGivenBack() {
+        EXPECT_EQ(host.heap().outstanding(), 0U);
+        EXPECT_EQ(host.heap().foreignFrees(), 0U);
+    }
+};
+
+class AllocatingCallTest : public LocalWrapperTest,
+                           public testing::WithParamInterface<AllocatingCall> {
+  protected:
+    void SetUp() override {
+        LocalWrapperTest::SetUp();
+        ASSERT_THAT(
+            SCardSetCardTypeProviderNameA(context, kHostCardType, SCARD_PROVIDER_CSP, "A Provider"),
+            Gives(SCARD_S_SUCCESS));
+        UUID identifier = {};
+        char name[] = "item";
+        Bytes data = {1, 2, 3, 4, 5, 6, 7};
+        ASSERT_THAT(SCardWriteCacheA(context, &identifier, 1, name, data.data(),
+                                     static_cast<DWORD>(data.size())),
+                    Gives(SCARD_S_SUCCESS));
+        length_ = 0;
+        ASSERT_THAT(call(nullptr, length_), Gives(SCARD_S_SUCCESS));
+        ASSERT_GT(length_, 1U);
+    }
+
+    LONG call(void* destination, DWORD& length) {
+        return GetParam().make(context, card.handle, destination, &length);
+    }
+
+    /// The size of the result, as a query with a null destination told.
+    DWORD size() const { return length_; }
+
+  private:
+    DWORD length_ = 0;
+};
+
+TEST_P(AllocatingCallTest, MovesAnAutoAllocatedResultToTheLibrarysHeap) {
+    const HeapSpy heap;
+    const GuardedBuffer expected(size());
+    DWORD length = size();
+    EXPECT_THAT(call(expected.data(), length), Gives(SCARD_S_SUCCESS));
+
+    EXPECT_CALL(host, SCardFreeMemory(kHostContext, NotNull()));
+    void* block = nullptr;
+    length = SCARD_AUTOALLOCATE;
+    ASSERT_THAT(call(static_cast<void*>(&block), length), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(length, size());
+    EXPECT_EQ(std::memcmp(block, expected.data(), length), 0);
+    expectHostsBuffersGivenBack();
+    EXPECT_THAT(SCardFreeMemory(context, block), Gives(SCARD_S_SUCCESS));
+    EXPECT_TRUE(heap.wasFreed(block));
+}
+
+TEST_P(AllocatingCallTest, LeavesAFixedBufferToTheHost) {
+    EXPECT_CALL(host, SCardFreeMemory).Times(0);
+    const GuardedBuffer buffer(size());
+    DWORD length = size();
+    EXPECT_THAT(call(buffer.data(), length), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(length, size());
+    EXPECT_TRUE(buffer.untouchedFrom(length));
+    EXPECT_FALSE(buffer.untouched());
+}
+
+TEST_P(AllocatingCallTest, PassesOnThatABufferIsTooSmall) {
+    const GuardedBuffer buffer(size() - 1);
+    DWORD length = size() - 1;
+    EXPECT_THAT(call(buffer.data(), length), Gives(SCARD_E_INSUFFICIENT_BUFFER));
+    EXPECT_EQ(length, size()) << "as the host stored it";
+    EXPECT_TRUE(buffer.untouched());
+}
+
+TEST_P(AllocatingCallTest, WithoutMemoryIsAnInternalErrorAndGivesTheHostsBufferBack) {
+    HeapSpy heap;
+    int place = 0;
+    void* block = &place;
+    DWORD length = SCARD_AUTOALLOCATE;
+    heap.refuse(size());
+    EXPECT_CALL(host, SCardFreeMemory(kHostContext, NotNull()));
+    EXPECT_THAT(call(static_cast<void*>(&block), length), Gives(SCARD_F_INTERNAL_ERROR));
+    EXPECT_EQ(block, nullptr);
+    EXPECT_EQ(length, size());
+    expectHostsBuffersGivenBack();
+}
+
+INSTANTIATE_TEST_SUITE_P(LocalWrapperTest, AllocatingCallTest, testing::ValuesIn(kCalls),
+                         [](const auto& given) { return std::string(given.param.name); });
+
+TEST_F(LocalWrapperTest, AHostsFailureLeavesPointerAndLengthAsTheyWere) {
+    EXPECT_CALL(host, SCardListReadersA(kHostContext, _, NotNull(), Pointee(SCARD_AUTOALLOCATE)))
+        .WillOnce(Return(SCARD_E_SERVICE_STOPPED));
+    EXPECT_CALL(host, SCardFreeMemory).Times(0);
+    int place = 0;
+    void* block = &place;
+    DWORD length = SCARD_AUTOALLOCATE;
+    EXPECT_THAT(SCardListReadersA(context, nullptr, addressOf<char>(&block), &length),
+                Gives(SCARD_E_SERVICE_STOPPED));
+    EXPECT_EQ(block, &place);
+    EXPECT_EQ(length, DWORD{SCARD_AUTOALLOCATE});
+}
+
+TEST_F(LocalWrapperTest, AnEmptyListIsABlockOfOneByte) {
+    EXPECT_CALL(host, SCardListReadersA)
+        .WillOnce([&](SCARDCONTEXT, LPCSTR, LPSTR readers, LPDWORD length) {
+            const std::uint8_t end = 0;
+            return host.heap().deliver({&end, 1}, readers, length);
+        });
+    const HeapSpy heap;
+    void* block = nullptr;
+    DWORD length = SCARD_AUTOALLOCATE;
+    EXPECT_THAT(SCardListReadersA(context, nullptr, addressOf<char>(&block), &length),
+                Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(length, 1U);
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(*static_cast<char*>(block), '\0');
+    EXPECT_EQ(heap.outstanding(1), 1U);
+    expectHostsBuffersGivenBack();
+    EXPECT_THAT(SCardFreeMemory(context, block), Gives(SCARD_S_SUCCESS));
+}
+
+TEST_F(LocalWrapperTest, ReaderGroupsComeFromTheLibrarysHeapToo) {
+    const HeapSpy heap;
+    void* block = nullptr;
+    DWORD length = SCARD_AUTOALLOCATE;
+    EXPECT_CALL(host, SCardFreeMemory(kHostContext, NotNull()));
+    EXPECT_THAT(SCardListReaderGroupsA(context, addressOf<char>(&block), &length),
+                Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(splitMultiString(static_cast<char*>(block)), ElementsAre("SCard$DefaultReaders"));
+    expectHostsBuffersGivenBack();
+    EXPECT_THAT(SCardFreeMemory(context, block), Gives(SCARD_S_SUCCESS));
+    EXPECT_TRUE(heap.wasFreed(block));
+}
+
+class LocalStatusTest : public LocalWrapperTest {
+  protected:
+    static constexpr DWORD kNameSize = 15;  // of kHostReader as a multi-string
+
+    static Bytes cardsAtr() { return makeDemoCard(kHostCardHolder).atr(); }
+
+    LONG status(LPSTR name, LPBYTE atr) {
+        return SCardStatusA(card.handle, name, &nameLength, &state, &protocol, atr, &atrLength);
+    }
+
+    void expectAtrAndFree(void* block) {
+        ASSERT_EQ(atrLength, cardsAtr().size());
+        EXPECT_EQ(std::memcmp(block, cardsAtr().data(), atrLength), 0);
+        EXPECT_THAT(SCardFreeMemory(context, block), Gives(SCARD_S_SUCCESS));
+    }
+
+    void expectNameAndFree(void* block) {
+        EXPECT_EQ(nameLength, kNameSize);
+        EXPECT_THAT(splitMultiString(static_cast<char*>(block)), ElementsAre(kHostReader));
+        EXPECT_THAT(SCardFreeMemory(context, block), Gives(SCARD_S_SUCCESS));
+    }
+
+    DWORD nameLength = SCARD_AUTOALLOCATE;
+    DWORD atrLength = SCARD_AUTOALLOCATE;
+    DWORD state = 0;
+    DWORD protocol = 0;
+    void* nameBlock = nullptr;
+    void* atrBlock = nullptr;
+};
+
+TEST_F(LocalStatusTest, MovesNameAndAtr) {
+    EXPECT_CALL(host, SCardFreeMemory(kHostContext, NotNull())).Times(2);
+    EXPECT_THAT(status(addressOf<char>(&nameBlock), addressOf<BYTE>(&atrBlock)),
+                Gives(SCARD_S_SUCCESS));
+    expectNameAndFree(nameBlock);
+    expectAtrAndFree(atrBlock);
+    expectHostsBuffersGivenBack();
+}
+
+TEST_F(LocalStatusTest, WithOnlyTheAtrAllocatedPassesTheNameBufferThrough) {
+    const GuardedBuffer name(kNameSize);
+    nameLength = kNameSize;
+    EXPECT_CALL(host, SCardStatusA(kHostCard, name.as<char>(), &nameLength, &state, &protocol,
+                                   NotNull(), Pointee(SCARD_AUTOALLOCATE)));
+    EXPECT_CALL(host, SCardFreeMemory(kHostContext, NotNull()));
+    EXPECT_THAT(status(name.as<char>(), addressOf<BYTE>(&atrBlock)), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(splitMultiString(name.as<char>()), ElementsAre(kHostReader));
+    expectAtrAndFree(atrBlock);
+    expectHostsBuffersGivenBack();
+}
+
+TEST_F(LocalStatusTest, WithOnlyTheNameAllocatedPassesTheAtrBufferThrough) {
+    const GuardedBuffer atr(cardsAtr().size());
+    atrLength = static_cast<DWORD>(atr.size());
+    EXPECT_CALL(host, SCardStatusA(kHostCard, NotNull(), Pointee(SCARD_AUTOALLOCATE), &state,
+                                   &protocol, atr.data(), &atrLength));
+    EXPECT_THAT(status(addressOf<char>(&nameBlock), atr.data()), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(Bytes(atr.bytes().begin(), atr.bytes().end()), cardsAtr());
+    expectNameAndFree(nameBlock);
+    expectHostsBuffersGivenBack();
+}
+
+TEST_F(LocalStatusTest, WithNothingAllocatedPassesEverythingThrough) {
+    const GuardedBuffer name(kNameSize);
+    const GuardedBuffer atr(cardsAtr().size());
+    nameLength = kNameSize;
+    atrLength = static_cast<DWORD>(atr.size());
+    EXPECT_CALL(host, SCardStatusA(kHostCard, name.as<char>(), &nameLength, &state, &protocol,
+                                   atr.data(), &atrLength));
+    EXPECT_CALL(host, SCardFreeMemory).Times(0);
+    EXPECT_THAT(status(name.as<char>(), atr.data()), Gives(SCARD_S_SUCCESS));
+}
+
+TEST_F(LocalStatusTest, WithoutMemoryForTheNameAllocatesNothing) {
+    HeapSpy heap;
+    heap.refuse(kNameSize);
+    EXPECT_THAT(status(addressOf<char>(&nameBlock), addressOf<BYTE>(&atrBlock)),
+                Gives(SCARD_F_INTERNAL_ERROR));
+    EXPECT_EQ(nameBlock, nullptr);
+    EXPECT_EQ(atrBlock, nullptr);
+    EXPECT_EQ(atrLength, DWORD{SCARD_AUTOALLOCATE}) << "the ATR is not handled";
+    expectHostsBuffersGivenBack();
+}
+
+TEST_F(LocalStatusTest, WithoutMemoryForTheAtrTakesTheNameAway) {
+    HeapSpy heap;
+    heap.refuse(cardsAtr().size());
+    EXPECT_THAT(status(addressOf<char>(&nameBlock), addressOf<BYTE>(&atrBlock)),
+                Gives(SCARD_F_INTERNAL_ERROR));
+    EXPECT_EQ(nameBlock, nullptr);
+    EXPECT_EQ(atrBlock, nullptr);
+    EXPECT_EQ(heap.outstanding(kNameSize), 0U);
+    expectHostsBuffersGivenBack();
+}
+
+TEST_F(LocalStatusTest, AHostsFailureLeavesEverythingAsItWas) {
+    EXPECT_CALL(host, SCardStatusA).WillOnce(Return(SCARD_W_REMOVED_CARD));
+    EXPECT_THAT(status(addressOf<char>(&nameBlock), addressOf<BYTE>(&atrBlock)),
+                Gives(SCARD_W_REMOVED_CARD));
+    EXPECT_EQ(nameBlock, nullptr);
+    EXPECT_EQ(nameLength, DWORD{SCARD_AUTOALLOCATE});
+    EXPECT_EQ(atrLength, DWORD{SCARD_AUTOALLOCATE});
+}
+
+}  // namespace
+}  // namespace tez::test

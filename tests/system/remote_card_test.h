@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "daemon_records.h"
+#include "system_test.h"
+
+namespace tez::test {
+
+/// What the two sides issue first; none of it may ever reach the application.
+inline constexpr std::uint64_t kDaemonContext = 0x5'0000'0001;
+inline constexpr std::uint64_t kDaemonCard = 0x6'0000'0001;
+inline constexpr SCARDCONTEXT kHostContext = 0x7A000001;
+inline constexpr SCARDHANDLE kHostCard = 0x7B000001;
+
+/// A system test with connections to the cards of both sides.
+class RemoteCardTest : public SystemTest {
+  protected:
+    /// Establishes `context` with a daemon of the version.
+    void establishContext(ProtocolVersion version = {}) {
+        daemon.setVersion(version.major, version.minor);
+        context = establishWithDaemon();
+    }
+
+    /// As establishContext, and connects `card` to the remote user's; the daemon's records begin
+    /// anew behind that.
+    void connectCard(ProtocolVersion version = {}) {
+        establishContext(version);
+        card = connect(context, kRemoteReader);
+        daemon.clearRecords();
+    }
+
+    /// The request of a disconnect, for calls that must find the connection in order.
+    static RecordBytes disconnectRecord(std::uint64_t target, DWORD disposition) {
+        return RecordBytes(16).u64(0, target).u32(8, static_cast<std::uint32_t>(disposition));
+    }
+
+    SCARDCONTEXT context = 0;
+    ConnectedCard card;
+};
+
+}  // namespace tez::test

@@ -1,0 +1,145 @@
+// SCardSetAttrib, in both forms that daemons know.
+#include "failing_writes.h"
+#include "guarded_buffer.h"
+#include "log_text.h"
+#include "remote_card_test.h"
+
+namespace tez::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Return;
+
+constexpr std::size_t kRecordSize = 284;
+constexpr DWORD kAttribute = SCARD_ATTR_SUPRESS_T1_IFS_REQUEST;
+constexpr std::uint32_t kAttributeOnWire = 0x7FFF0007;
+constexpr LONG kNotSupported = 50;  // the platform's ERROR_NOT_SUPPORTED
+constexpr ProtocolVersion kFixedForm{1, 1};
+constexpr ProtocolVersion kNewerForm{1, 2};
+
+class SetAttributeTest : public RemoteCardTest {
+  protected:
+    LONG set(const Bytes& value) {
+        return SCardSetAttrib(card.handle, kAttribute, value.data(),
+                              static_cast<DWORD>(value.size()));
+    }
+
+    static RecordBytes record(std::size_t size) {
+        return RecordBytes(kRecordSize)
+            .u64(0, kDaemonCard)
+            .u32(8, kAttributeOnWire)
+            .u32(276, static_cast<std::uint32_t>(size));
+    }
+};
+
+TEST_F(SetAttributeTest, SendsTheValueBehindTheRecordInTheNewerForm) {
+    connectCard(kNewerForm);
+    EXPECT_THAT(set({1, 2, 3}), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(daemon.requests(),
+                ElementsAre(IsRequest(Command::kSetAttribute, record(3).append({1, 2, 3}))));
+}
+
+TEST_F(SetAttributeTest, SendsTheValueInsideTheRecordInTheFixedForm) {
+    connectCard(kFixedForm);
+    EXPECT_THAT(set({1, 2, 3}), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(daemon.requests(),
+                ElementsAre(IsRequest(Command::kSetAttribute, record(3).raw(12, {1, 2, 3}))));
+}
+
+TEST_F(SetAttributeTest, SendsValuesOfAnyLengthInTheNewerForm) {
+    connectCard(kNewerForm);
+    const Bytes value = sampleBytes(70'000);
+    EXPECT_THAT(set(value), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(daemon.requests(),
+                ElementsAre(IsRequest(Command::kSetAttribute, record(70'000).append(value))));
+}
+
+TEST_F(SetAttributeTest, SendsUpTo264BytesInTheFixedForm) {
+    connectCard(kFixedForm);
+    EXPECT_THAT(set(sampleBytes(264)), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(daemon.requests(), ElementsAre(IsRequest(Command::kSetAttribute,
+                                                         record(264).raw(12, sampleBytes(264)))));
+}
+
+TEST_F(SetAttributeTest, DoesNotSupportMoreThan264BytesInTheFixedForm) {
+    connectCard(kFixedForm);
+    EXPECT_THAT(set(sampleBytes(265)), Gives(kNotSupported));
+    EXPECT_THAT(set(sampleBytes(1000)), Gives(kNotSupported));
+    EXPECT_THAT(daemon.requests(), IsEmpty());
+}
+
+TEST_F(SetAttributeTest, SendsAnEmptyValueAsTheRecordAlone) {
+    connectCard(kNewerForm);
+    std::vector<DWORD> sizes;
+    const FailingWrites writes([&](DWORD size) {
+        sizes.push_back(size);
+        return false;
+    });
+    const BYTE value = 0;
+    EXPECT_THAT(SCardSetAttrib(card.handle, kAttribute, &value, 0), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(sizes, ElementsAre(12, 284));
+    EXPECT_THAT(daemon.requests(), ElementsAre(IsRequest(Command::kSetAttribute, record(0))));
+}
+
+TEST_F(SetAttributeTest, RefusesAMissingValueOfARemoteCard) {
+    connectCard();
+    EXPECT_THAT(SCardSetAttrib(card.handle, kAttribute, nullptr, 3),
+                Gives(SCARD_E_INVALID_PARAMETER));
+    EXPECT_THAT(daemon.requests(), IsEmpty());
+}
+
+TEST_F(SetAttributeTest, RefusesAValueThatNoHeaderCanAnnounce) {
+    connectCard();
+    const BYTE value = 0;
+    for (const DWORD size : {0xFFFFFFFFUL, 0xFFFFFFFFUL - 283}) {
+        EXPECT_THAT(SCardSetAttrib(card.handle, kAttribute, &value, size),
+                    Gives(SCARD_E_INVALID_PARAMETER));
+    }
+    EXPECT_THAT(daemon.requests(), IsEmpty());
+}
+
+TEST_F(SetAttributeTest, LogsItsParametersAndItsResultWithoutOutput) {
+    connectCard();
+    const Bytes value = {1, 2, 3};
+    ASSERT_THAT(set(value), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(log().messages("SCardSetAttrib"),
+                ElementsAre("SET_ATTRIB IN-PARAMS: 1, 2147418119, " + logged(value.data()) + ", 3",
+                            "SET_ATTRIB RV: 0x00000000"));
+}
+
+TEST_F(SetAttributeTest, WarnsWhenThePipeBreaksAtTheRecord) {
+    connectCard();
+    const FailingWrites broken([](DWORD size) { return size == kRecordSize; });
+    EXPECT_THAT(set({1, 2, 3}), Gives(SCARD_E_NO_SERVICE));
+    EXPECT_THAT(log().messages("SCardSetAttrib", 'W'), ElementsAre("Failed to send data"));
+}
+
+TEST_F(SetAttributeTest, WarnsWhenThePipeBreaksAtTheValue) {
+    connectCard();
+    const FailingWrites broken([](DWORD size) { return size == 3; });
+    EXPECT_THAT(set({1, 2, 3}), Gives(SCARD_E_NO_SERVICE));
+    EXPECT_THAT(log().messages("SCardSetAttrib", 'W'), ElementsAre("Failed to send data"));
+}
+
+TEST_F(SetAttributeTest, OfAHostCardGoesToTheHostUnchanged) {
+    establishContext();
+    card = connect(context, kHostReader);
+    EXPECT_CALL(host, SCardSetAttrib(kHostCard, kAttribute, nullptr, 99))
+        .WillOnce(Return(SCARD_E_INVALID_VALUE));
+    EXPECT_THAT(SCardSetAttrib(card.handle, kAttribute, nullptr, 99), Gives(SCARD_E_INVALID_VALUE));
+    EXPECT_THAT(daemon.requests(), IsEmpty());
+}
+
+TEST_F(SetAttributeTest, WithoutAConnectionIsNoService) {
+    connectCard();
+    // The idle connection breaks, and none can be opened in its place.
+    daemon.on(Command::kBeginTransaction, closing());
+    ASSERT_THAT(SCardBeginTransaction(card.handle), Gives(SCARD_E_NO_SERVICE));
+    const FailingWrites broken([](DWORD /*size*/) { return true; });
+    EXPECT_THAT(set({1, 2, 3}), Gives(SCARD_E_NO_SERVICE));
+    EXPECT_THAT(log().messages("SCardSetAttrib", 'W'), IsEmpty());
+}
+
+}  // namespace
+}  // namespace tez::test

@@ -1,0 +1,291 @@
+// SCardGetStatusChangeA: cancels, by the application and of one side by the other. A cancel that
+// finds no wait is forgotten by both services, as by those that they stand for.
+#include <atomic>
+#include <mutex>
+
+#include "status_waits.h"
+
+namespace tez::test {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+
+constexpr const char* kFunction = "SCardGetStatusChangeA";
+constexpr const char* kLocalFunction = "LocalSCardGetStatusChange";
+constexpr const char* kCancelLocal =
+    "canceling local SCardGetStatusChange by invoking local SCardCancel";
+constexpr const char* kCancelRemote =
+    "canceling remote SCardGetStatusChange by invoking remote SCardCancel";
+
+class StatusChangeCancel : public StatusChangeTest {
+  protected:
+    /// Lets the host's waits begin only behind a gate.
+    Gate holdHostWaits() {
+        const Gate gate;
+        ON_CALL(host, SCardGetStatusChangeA)
+            .WillByDefault([this, gate](SCARDCONTEXT context, DWORD timeout,
+                                        LPSCARD_READERSTATEA states, DWORD count) {
+                gate.pass();
+                return host.service().SCardGetStatusChangeA(context, timeout, states, count);
+            });
+        return gate;
+    }
+
+    /// Lets the daemon's waits begin only behind a gate.
+    Gate holdRemoteWaits() {
+        const Gate gate;
+        daemon.on(Command::kGetStatusChange, [gate](const Request&) -> std::optional<Reply> {
+            gate.pass();
+            return std::nullopt;
+        });
+        return gate;
+    }
+
+    /// Notes when the host was cancelled, in milliseconds.
+    void noteHostCancels() {
+        ON_CALL(host, SCardCancel).WillByDefault([this](SCARDCONTEXT context) {
+            {
+                const std::lock_guard lock(mutex_);
+                hostCancels_.push_back(GetTickCount64());
+            }
+            return host.service().SCardCancel(context);
+        });
+    }
+
+    std::vector<ULONGLONG> hostCancels() const {
+        const std::lock_guard lock(mutex_);
+        return hostCancels_;
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    std::vector<ULONGLONG> hostCancels_;
+};
+
+TEST_F(StatusChangeCancel, ByTheApplicationEndsBothSides) {
+    const SCARDCONTEXT context = establishAndList();
+    EXPECT_CALL(host, SCardCancel(kFirstHostContext)).Times(1);
+    const BackgroundWait wait = waitOnBothSides(context);
+    EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
+    EXPECT_EQ(remoteCancels(), 1U);
+    EXPECT_LT(wait.duration(), 1000U);
+}
+
+TEST_F(StatusChangeCancel, ByTheApplicationEndsAWaitOnTheHostAlone) {
+    const SCARDCONTEXT context = establish();
+    listReaders(context);
+    const BackgroundWait wait(context, INFINITE, {unchangedHost()});
+    waitForHostWait();
+    EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
+}
+
+TEST_F(StatusChangeCancel, ByTheApplicationEndsAWaitOnTheDaemonAlone) {
+    const SCARDCONTEXT context = establishAndList();
+    const BackgroundWait wait(context, 15000, {unchangedRemote()});
+    waitForRemoteWait();
+    EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
+    // The empty local half makes it a success.
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_LT(wait.duration(), 15000U);
+    EXPECT_THAT(log().messages(kFunction), Contains("intermediate rv: 0x80100002"));
+}
+
+TEST_F(StatusChangeCancel, ByTheApplicationEndsTheWaitsOfItsContextOnly) {
+    const SCARDCONTEXT context = establishAndList();
+    const SCARDCONTEXT other = establish();
+    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+    const BackgroundWait otherWait(other, INFINITE, {unchangedHost(), unchangedRemote()});
+    waitForRemoteWait(2);
+    waitForHostWait(2);
+    EXPECT_THAT(SCardCancel(other), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(otherWait.result(), Gives(SCARD_E_CANCELLED));
+    EXPECT_FALSE(wait.isOver());
+    EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
+}
+
+TEST_F(StatusChangeCancel, DoesNotReachTheNextWait) {
+    const SCARDCONTEXT context = establishAndList();
+    EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
+    const BackgroundWait wait = waitOnBothSides(context);
+    remote.removeCard(kRemoteReader);
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+}
+
+TEST_F(StatusChangeCancel, ByTheApplicationIsRepeatedWhenItComesTooEarlyForTheHost) {
+    const SCARDCONTEXT context = establishAndList();
+    noteHostCancels();
+    const Gate gate = holdHostWaits();
+    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+    waitForRemoteWait();
+    ASSERT_TRUE(gate.waitUntilReached());
+    EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
+    gate.open();
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
+    ASSERT_EQ(hostCancels().size(), 2U);
+    EXPECT_GE(wait.duration(), 950U);
+}
+
+TEST_F(StatusChangeCancel, ByTheApplicationIsRepeatedWhenItComesTooEarlyForTheDaemon) {
+    const SCARDCONTEXT context = establishAndList();
+    const Gate gate = holdRemoteWaits();
+    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+    ASSERT_TRUE(gate.waitUntilReached());
+    waitForHostWait();
+    EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
+    gate.open();
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
+    EXPECT_EQ(remoteCancels(), 2U);
+}
+
+TEST_F(StatusChangeCancel, OfTheHostIsRepeatedAfterASecondWhenItCameTooEarly) {
+    const SCARDCONTEXT context = establishAndList();
+    noteHostCancels();
+    const Gate gate = holdHostWaits();
+    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+    waitForRemoteWait();
+    ASSERT_TRUE(gate.waitUntilReached());
+    remote.removeCard(kRemoteReader);
+    ASSERT_TRUE(eventually([&] { return hostCancels().size() == 1; }));
+    gate.open();
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(1).dwEventState, 0x00020012U);
+    const std::vector<ULONGLONG> cancels = hostCancels();
+    ASSERT_EQ(cancels.size(), 2U);
+    EXPECT_GE(cancels[1] - cancels[0], 900U);
+    EXPECT_EQ(log().count(kFunction, kCancelLocal), 1U);
+    EXPECT_EQ(log().count(kFunction, "canceling local SCardGetStatusChange again"), 1U);
+}
+
+TEST_F(StatusChangeCancel, OfTheHostIsRepeatedAtGrowingIntervals) {
+    const SCARDCONTEXT context = establishAndList();
+    noteHostCancels();
+    const Gate gate = holdHostWaits();
+    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+    waitForRemoteWait();
+    ASSERT_TRUE(gate.waitUntilReached());
+    remote.removeCard(kRemoteReader);
+    ASSERT_TRUE(eventually([&] { return hostCancels().size() == 3; }));
+    gate.open();
+    const std::vector<ULONGLONG> cancels = hostCancels();
+    EXPECT_GE(cancels[1] - cancels[0], 900U);
+    EXPECT_GE(cancels[2] - cancels[1], 1900U);
+    ASSERT_TRUE(eventually([&] {  // the library's next one is seconds away
+        host.pcsc().cancel(kFirstHostContext);
+        return wait.isOver();
+    }));
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+}
+
+TEST_F(StatusChangeCancel, OfTheDaemonIsRepeatedAfterASecondWhenItCameTooEarly) {
+    const SCARDCONTEXT context = establishAndList();
+    const Gate gate = holdRemoteWaits();
+    std::atomic<std::size_t> cancelled = 0;
+    daemon.on(Command::kCancel, [&](const Request& request) {
+        remote.cancel(u64At(request.body, 0));
+        ++cancelled;
+        return Reply::of({request.body});
+    });
+    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+    ASSERT_TRUE(gate.waitUntilReached());
+    host.pcsc().removeCard(kHostReader);
+    ASSERT_TRUE(eventually([&] { return cancelled == 1; }));
+    gate.open();
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(0).dwEventState, 0x00020012U);
+    EXPECT_EQ(cancelled, 2U);
+    EXPECT_GE(wait.duration(), 900U);
+    EXPECT_EQ(log().count(kLocalFunction, kCancelRemote), 1U);
+    EXPECT_EQ(log().count(kLocalFunction, "canceling remote SCardGetStatusChange again"), 1U);
+    daemon.restore(Command::kCancel);
+}
+
+TEST_F(StatusChangeCancel, OfTheDaemonThatIsForgottenIsRepeatedAtGrowingIntervals) {
+    const SCARDCONTEXT context = establishAndList();
+    std::mutex mutex;
+    std::vector<ULONGLONG> cancels;
+    daemon.on(Command::kCancel, [&](const Request& request) -> std::optional<Reply> {
+        const std::lock_guard lock(mutex);
+        cancels.push_back(GetTickCount64());
+        if (cancels.size() < 3) {
+            return Reply::of({request.body});  // says yes and does nothing
+        }
+        return std::nullopt;
+    });
+    const BackgroundWait wait = waitOnBothSides(context);
+    host.pcsc().removeCard(kHostReader);
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    ASSERT_EQ(cancels.size(), 3U);
+    EXPECT_GE(cancels[1] - cancels[0], 900U);
+    EXPECT_GE(cancels[2] - cancels[1], 1900U);
+    EXPECT_EQ(log().count(kLocalFunction, "canceling remote SCardGetStatusChange again"), 2U);
+    daemon.restore(Command::kCancel);
+}
+
+TEST_F(StatusChangeCancel, OfTheDaemonIsNotSentBeforeTheRequestItIsToCancel) {
+    establishAndList();
+    const SCARDCONTEXT context = establish();  // has no counterpart at the daemon yet
+    const Gate gate;
+    daemon.on(Command::kEstablishContext, [gate](const Request&) -> std::optional<Reply> {
+        gate.pass();
+        return std::nullopt;
+    });
+    const BackgroundWait wait(context, INFINITE,
+                              {readerState(kHostReader, SCARD_STATE_UNAWARE), unchangedRemote()});
+    ASSERT_TRUE(gate.waitUntilReached());
+    ASSERT_TRUE(eventually([&] { return log().count(kLocalFunction, kCancelRemote) == 1; }));
+    EXPECT_EQ(remoteCancels(), 0U);
+    gate.open();
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(0).dwEventState, 0x00010022U);
+    std::vector<Command> order;
+    for (const Request& request : daemon.requests()) {
+        order.push_back(request.command);
+    }
+    ASSERT_GE(order.size(), 3U);
+    order.resize(3);
+    EXPECT_THAT(order, ElementsAre(Command::kEstablishContext, Command::kGetStatusChange,
+                                   Command::kCancel));
+}
+
+TEST_F(StatusChangeCancel, IsNotLostInHundredsOfRacesWithRemoteChanges) {
+    const SCARDCONTEXT context = establishAndList();
+    DWORD state = SCARD_STATE_PRESENT;
+    for (int round = 0; round < 200; ++round) {
+        const BackgroundWait wait(context, INFINITE,
+                                  {unchangedHost(), readerState(kRemoteReader, state)});
+        if (state == SCARD_STATE_PRESENT) {
+            remote.removeCard(kRemoteReader);
+            state = SCARD_STATE_EMPTY;
+        } else {
+            remote.insertCard(kRemoteReader, makeDemoCard(kRemoteCardHolder));
+            state = SCARD_STATE_PRESENT;
+        }
+        ASSERT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+        ASSERT_EQ(wait.state(1).dwEventState & 0xFFFF, state | SCARD_STATE_CHANGED);
+    }
+}
+
+TEST_F(StatusChangeCancel, IsNotLostInHundredsOfRacesWithHostChanges) {
+    const SCARDCONTEXT context = establishAndList();
+    DWORD state = SCARD_STATE_PRESENT;
+    for (int round = 0; round < 200; ++round) {
+        const BackgroundWait wait(context, INFINITE,
+                                  {readerState(kHostReader, state), unchangedRemote()});
+        if (state == SCARD_STATE_PRESENT) {
+            host.pcsc().removeCard(kHostReader);
+            state = SCARD_STATE_EMPTY;
+        } else {
+            host.pcsc().insertCard(kHostReader, makeDemoCard(kHostCardHolder));
+            state = SCARD_STATE_PRESENT;
+        }
+        ASSERT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+        ASSERT_EQ(wait.state(0).dwEventState & 0xFFFF, state | SCARD_STATE_CHANGED);
+    }
+}
+
+}  // namespace
+}  // namespace tez::test

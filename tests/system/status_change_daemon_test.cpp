@@ -1,0 +1,322 @@
+// SCardGetStatusChangeA while the daemon comes, goes or is not ready.
+#include <atomic>
+#include <memory>
+
+#include "status_waits.h"
+
+namespace tez::test {
+namespace {
+
+using testing::_;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Return;
+using testing::UnorderedElementsAre;
+
+constexpr const char* kFunction = "SCardGetStatusChangeA";
+constexpr const char* kLocalFunction = "LocalSCardGetStatusChange";
+
+class StatusChangeAndDaemon : public StatusChangeTest {
+  protected:
+    /// Lets the daemon refuse a context with SCARD_E_NO_SERVICE, this often, as one does that is
+    /// not ready.
+    void refuseContexts(int times) {
+        daemon.on(Command::kEstablishContext,
+                  [left = std::make_shared<std::atomic<int>>(times)](
+                      const Request& request) -> std::optional<Reply> {
+                      if ((*left)-- <= 0) {
+                          return std::nullopt;
+                      }
+                      Bytes record = request.body;
+                      putU32(record, 12, static_cast<std::uint32_t>(SCARD_E_NO_SERVICE));
+                      return Reply::of({record});
+                  });
+    }
+
+    /// What the calling thread's wait says while it waits for the daemon's context.
+    std::vector<std::string> contextWaits() const {
+        std::vector<std::string> waits;
+        for (const std::string& message : log().messages(kFunction, 'D')) {
+            if (message.rfind("Waiting for remote context", 0) == 0) {
+                waits.push_back(message);
+            }
+        }
+        return waits;
+    }
+};
+
+TEST_F(StatusChangeAndDaemon, ComingEndsAWaitOnTheHostAloneAsATimeout) {
+    const SCARDCONTEXT context = establish();
+    listReaders(context);
+    const BackgroundWait wait(context, INFINITE, {unchangedHost()});
+    waitForHostWait();
+    startDaemon();
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_TIMEOUT));
+    EXPECT_THAT(log().messages(kFunction), Contains("localRv: 0x8010000A"));
+    waitForWatch();
+    // The next call sees the new reader without the application listing anything.
+    SCARD_READERSTATEA state = readerState(kRemoteReader, SCARD_STATE_UNAWARE);
+    EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(state.dwEventState, 0x00010022U);
+    EXPECT_THAT(listReaders(context), UnorderedElementsAre(kHostReader, kRemoteReader));
+}
+
+TEST_F(StatusChangeAndDaemon, ComingEndsABoundedWaitOnTheHostToo) {
+    const SCARDCONTEXT context = establish();
+    listReaders(context);
+    const BackgroundWait wait(context, 60000, {unchangedHost()});
+    waitForHostWait();
+    startDaemon();
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_TIMEOUT));
+    EXPECT_LT(wait.duration(), 30000U);
+}
+
+TEST_F(StatusChangeAndDaemon, ComingEndsEveryWaitOfEveryContext) {
+    const SCARDCONTEXT first = establish();
+    const SCARDCONTEXT second = establish();
+    listReaders(first);
+    EXPECT_CALL(host, SCardCancel(kFirstHostContext)).Times(1);
+    EXPECT_CALL(host, SCardCancel(kFirstHostContext + 1)).Times(1);
+    const BackgroundWait waits[] = {{first, INFINITE, {unchangedHost()}},
+                                    {first, INFINITE, {unchangedHost()}},
+                                    {second, INFINITE, {unchangedHost()}}};
+    waitForHostWait(3);
+    startDaemon();
+    for (const BackgroundWait& wait : waits) {
+        EXPECT_THAT(wait.result(), Gives(SCARD_E_TIMEOUT));
+    }
+}
+
+TEST_F(StatusChangeAndDaemon, ComingEndsAWaitThatHadNotYetBegunInTheHost) {
+    const SCARDCONTEXT context = establish();
+    listReaders(context);
+    const Gate gate;
+    ON_CALL(host, SCardGetStatusChangeA)
+        .WillByDefault([this, gate](SCARDCONTEXT system, DWORD timeout, LPSCARD_READERSTATEA states,
+                                    DWORD count) {
+            gate.pass();
+            return host.service().SCardGetStatusChangeA(system, timeout, states, count);
+        });
+    const BackgroundWait wait(context, INFINITE, {unchangedHost()});
+    ASSERT_TRUE(gate.waitUntilReached());
+    startDaemon();
+    waitForWatch();
+    gate.open();
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_TIMEOUT));
+}
+
+TEST_F(StatusChangeAndDaemon, ComingEndsAWaitThatIsAboutToBegin) {
+    const SCARDCONTEXT context = establish();
+    // The call has seen that there is no daemon, and lists the readers, when the daemon comes.
+    const Gate gate;
+    ON_CALL(host, SCardListReadersA)
+        .WillByDefault(
+            [this, gate](SCARDCONTEXT system, LPCSTR groups, LPSTR readers, LPDWORD length) {
+                gate.pass();
+                return host.service().SCardListReadersA(system, groups, readers, length);
+            });
+    const BackgroundWait wait(context, INFINITE, {readerState(kPnpReader, 1U << 16U)});
+    ASSERT_TRUE(gate.waitUntilReached());
+    startDaemon();
+    waitForWatch();
+    gate.open();
+    EXPECT_TRUE(wait.isOver(std::chrono::seconds(5)));
+}
+
+TEST_F(StatusChangeAndDaemon, AWaitBegunBeforeTheMonitorWatchesSeesTheHostsChanges) {
+    // The first context finds the daemon; the monitor's own connection is still on its way when the
+    // application waits already.
+    const Gate gate;
+    daemon.setObserver({.connected = {},
+                        .handshake =
+                            [gate](const Handshake& handshake) {
+                                if (handshake.connection == 2) {
+                                    gate.pass();
+                                }
+                            },
+                        .request = {},
+                        .disconnected = {}});
+    startDaemon();
+    const SCARDCONTEXT context = establish();
+    ASSERT_TRUE(gate.waitUntilReached());
+    const BackgroundWait wait = waitOnBothSides(context);
+    gate.open();
+    waitForWatch();
+    host.pcsc().removeCard(kHostReader);
+    EXPECT_TRUE(wait.isOver(std::chrono::seconds(5)));
+}
+
+TEST_F(StatusChangeAndDaemon, GoingEndsAWaitOnRemoteReaders) {
+    const SCARDCONTEXT context = establishAndList();
+    const BackgroundWait wait(context, INFINITE, {unchangedRemote()});
+    waitForRemoteWait();
+    stopDaemon();
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));  // by the empty local half
+    EXPECT_THAT(log().messages(kFunction), Contains("intermediate rv: 0x8010001D"));
+    EXPECT_THAT(log().entries(), Contains(LogLine('W', kFunction, "Failed to receive data")));
+    EXPECT_THAT(listReaders(context), ElementsAre(kHostReader));
+}
+
+TEST_F(StatusChangeAndDaemon, GoingLeavesTheHostsHalfOfAWait) {
+    const SCARDCONTEXT context = establishAndList();
+    const BackgroundWait wait = waitOnBothSides(context);
+    stopDaemon();
+    EXPECT_FALSE(wait.isOver());
+    EXPECT_THAT(log().messages(kFunction), Contains("intermediate rv: 0x8010001D"));
+    host.pcsc().removeCard(kHostReader);
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(0).dwEventState, 0x00020012U);
+}
+
+TEST_F(StatusChangeAndDaemon, GoingAndComingBackEndsTheHostsHalfOfAWait) {
+    const SCARDCONTEXT context = establishAndList();
+    const BackgroundWait wait = waitOnBothSides(context);
+    stopDaemon();
+    startDaemon();
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_NO_SERVICE));
+    waitForWatch();
+    std::vector states{unchangedHost(), readerState(kRemoteReader, SCARD_STATE_UNAWARE)};
+    EXPECT_THAT(SCardGetStatusChangeA(context, 0, states.data(), 2), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(states[1].dwEventState, 0x00010022U);
+}
+
+TEST_F(StatusChangeAndDaemon, GoingLetsABoundedWaitRunItsTime) {
+    const SCARDCONTEXT context = establishAndList();
+    const BackgroundWait wait(context, 1500, {unchangedHost(), unchangedRemote()});
+    waitForRemoteWait();
+    stopDaemon();
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_NO_SERVICE));
+    EXPECT_GE(wait.duration(), 1450U);
+}
+
+TEST_F(StatusChangeAndDaemon, GoneForTheNextCallMakesItOneOfTheHost) {
+    const SCARDCONTEXT context = establishAndList();
+    stopDaemon();
+    std::vector states{readerState(kHostReader, SCARD_STATE_UNAWARE),
+                       readerState(kRemoteReader, SCARD_STATE_PRESENT, 0x99)};
+    EXPECT_THAT(SCardGetStatusChangeA(context, 0, states.data(), 2), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(states[0].dwEventState, 0x00010022U);
+    EXPECT_EQ(states[1].dwEventState, 0x99U);
+}
+
+TEST_F(StatusChangeAndDaemon, NotReadyIsWaitedForUntilTheTimeoutIsOver) {
+    refuseContexts(1000);
+    const SCARDCONTEXT context = establishWithDaemon();
+    listReaders(context);
+    EXPECT_CALL(host, SCardGetStatusChangeA(_, 2500, _, 1)).WillOnce(Return(SCARD_E_TIMEOUT));
+    SCARD_READERSTATEA state = readerState(kPnpReader, 1U << 16U);
+    const ULONGLONG start = GetTickCount64();
+    EXPECT_THAT(SCardGetStatusChangeA(context, 2500, &state, 1), Gives(SCARD_E_TIMEOUT));
+    EXPECT_GE(GetTickCount64() - start, 2400U);
+    EXPECT_THAT(contextWaits(), ElementsAre("Waiting for remote context: 1, timeout=2500",
+                                            "Waiting for remote context: 1, timeout=1500",
+                                            "Waiting for remote context: 1, timeout=500"));
+    EXPECT_THAT(log().messages(kFunction), Contains("intermediate rv: 0x8010000A"));
+    EXPECT_THAT(daemon.requests(Command::kGetStatusChange), IsEmpty());
+}
+
+TEST_F(StatusChangeAndDaemon, NotReadyLeavesWhatRemainsOfTheTimeoutForTheWait) {
+    refuseContexts(3);  // the list's and two of the wait's
+    const SCARDCONTEXT context = establishWithDaemon();
+    listReaders(context);
+    const SkippedSleeps sleeps;
+    EXPECT_CALL(host, SCardGetStatusChangeA(_, 2500, _, 1)).WillOnce(Return(SCARD_E_TIMEOUT));
+    SCARD_READERSTATEA state = readerState(kPnpReader, 7U << 16U);
+    EXPECT_THAT(SCardGetStatusChangeA(context, 2500, &state, 1), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(sleeps.durations(), ElementsAre(1000U, 1000U));
+    const std::vector<Request> requests = daemon.requests(Command::kGetStatusChange);
+    ASSERT_EQ(requests.size(), 1U);
+    EXPECT_EQ(u32At(requests[0].body, 8), 500U);
+}
+
+TEST_F(StatusChangeAndDaemon, NotReadyIsAskedAgainEverySecondWithoutATimeout) {
+    refuseContexts(3);
+    const SCARDCONTEXT context = establishWithDaemon();
+    listReaders(context);
+    const SkippedSleeps sleeps;
+    SCARD_READERSTATEA state = readerState(kPnpReader, 7U << 16U);
+    ON_CALL(host, SCardGetStatusChangeA).WillByDefault(Return(SCARD_E_TIMEOUT));
+    EXPECT_THAT(SCardGetStatusChangeA(context, INFINITE, &state, 1), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(sleeps.durations(), ElementsAre(1000U, 1000U));
+    EXPECT_THAT(contextWaits(), ElementsAre("Waiting for remote context: 1, timeout=4294967295",
+                                            "Waiting for remote context: 1, timeout=4294967295"));
+}
+
+TEST_F(StatusChangeAndDaemon, NotReadyDoesNotKeepAHostChangeBack) {
+    refuseContexts(1000);
+    const SCARDCONTEXT context = establishWithDaemon();
+    listReaders(context);
+    const BackgroundWait wait(context, INFINITE,
+                              {readerState(kPnpReader, 1U << 16U), unchangedHost()});
+    waitForHostWait();
+    ASSERT_TRUE(eventually([this] { return !contextWaits().empty(); }));
+    host.pcsc().removeCard(kHostReader);
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(1).dwEventState, 0x00020012U);
+    EXPECT_THAT(log().messages(kFunction), Contains("intermediate rv: 0x80100002"));
+    EXPECT_EQ(log().count(kLocalFunction,
+                          "canceling remote SCardGetStatusChange by invoking remote SCardCancel"),
+              1U);
+    EXPECT_EQ(remoteCancels(), 0U);
+    EXPECT_LT(wait.duration(), 3000U);
+}
+
+TEST_F(StatusChangeAndDaemon, NotReadyIsWaitedForUntilTheApplicationCancels) {
+    refuseContexts(1000);
+    const SCARDCONTEXT context = establishWithDaemon();
+    listReaders(context);
+    const BackgroundWait wait(context, INFINITE,
+                              {readerState(kPnpReader, 1U << 16U), unchangedHost()});
+    waitForHostWait();
+    ASSERT_TRUE(eventually([this] { return !contextWaits().empty(); }));
+    EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
+    EXPECT_THAT(daemon.requests(Command::kGetStatusChange), IsEmpty());
+}
+
+TEST_F(StatusChangeAndDaemon, RefusingAContextOtherwiseEndsTheRemoteHalf) {
+    daemon.on(Command::kEstablishContext, [](const Request& request) {
+        Bytes record = request.body;
+        putU32(record, 12, static_cast<std::uint32_t>(SCARD_E_NO_MEMORY));
+        return Reply::of({record});
+    });
+    const SCARDCONTEXT context = establishWithDaemon();
+    listReaders(context);
+    SCARD_READERSTATEA state = readerState(kPnpReader, 1U << 16U);
+    EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_E_NO_MEMORY));
+    EXPECT_THAT(contextWaits(), IsEmpty());
+}
+
+TEST_F(StatusChangeAndDaemon, ThatComesLaterIsSeenByAnApplicationStartedBefore) {
+    const SCARDCONTEXT context = establish();
+    EXPECT_THAT(listReaders(context), ElementsAre(kHostReader));
+    startDaemon();
+    waitForWatch();
+    EXPECT_THAT(listReaders(context), UnorderedElementsAre(kHostReader, kRemoteReader));
+    const BackgroundWait wait = waitOnBothSides(context);
+    remote.removeCard(kRemoteReader);
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(1).dwEventState, 0x00020012U);
+}
+
+TEST_F(StatusChangeAndDaemon, EndAWaitForACardWhenItComesNotWhenItGoesAgain) {
+    remote.removeCard(kRemoteReader);
+    const SCARDCONTEXT context = establishAndList();
+    const BackgroundWait wait(context, INFINITE,
+                              {unchangedHost(), readerState(kRemoteReader, SCARD_STATE_EMPTY)});
+    waitForRemoteWait();
+    waitForHostWait();
+    remote.insertCard(kRemoteReader, makeDemoCard(kRemoteCardHolder));
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(1).dwEventState, 0x00030022U);
+    const BackgroundWait next(context, INFINITE,
+                              {unchangedHost(), readerState(kRemoteReader, 0x00030020)});
+    waitForRemoteWait();
+    remote.removeCard(kRemoteReader);
+    EXPECT_THAT(next.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(next.state(1).dwEventState, 0x00040012U);
+}
+
+}  // namespace
+}  // namespace tez::test

@@ -1,0 +1,177 @@
+// The pseudo-reader of SCardGetStatusChangeA: both sides wait on it, each with the count of its own
+// readers, and the application gets the sum.
+#include "status_waits.h"
+
+namespace tez::test {
+namespace {
+
+using testing::_;
+using testing::Contains;
+
+constexpr const char* kSecondHostReader = "Host Reader 1";
+
+constexpr DWORD count(DWORD readers) {
+    return readers << 16U;
+}
+
+class PseudoReader : public StatusChangeTest {
+  protected:
+    /// The event state after a wait in which each side reports what the test says.
+    DWORD merged(DWORD given, DWORD remoteEvent, DWORD hostEvent) {
+        const SCARDCONTEXT context = establishAndList();
+        answerRemotely(remoteEvent);
+        answerOnHost(hostEvent);
+        SCARD_READERSTATEA state = readerState(kPnpReader, count(7), given);
+        SCardGetStatusChangeA(context, 0, &state, 1);
+        return state.dwEventState;
+    }
+
+    void answerRemotely(DWORD event) {
+        daemon.on(Command::kGetStatusChange, [event](const Request& request) {
+            Bytes readers = bytesAt(request.body, 20, request.body.size() - 20);
+            putU32(readers, 132, static_cast<std::uint32_t>(event));
+            return Reply::of({bytesAt(request.body, 0, 20), readers});
+        });
+    }
+
+    void answerOnHost(DWORD event) {
+        ON_CALL(host, SCardGetStatusChangeA)
+            .WillByDefault(
+                [event](SCARDCONTEXT, DWORD, LPSCARD_READERSTATEA states, DWORD) -> LONG {
+                    states->dwEventState = event;
+                    return SCARD_S_SUCCESS;
+                });
+    }
+
+    /// The counts that daemon and host are given for the application's, with two host readers and
+    /// one remote reader in the call besides.
+    std::pair<DWORD, DWORD> countsGiven(DWORD applicationCount) {
+        host.pcsc().addReader(kSecondHostReader);
+        const SCARDCONTEXT context = establishAndList();
+        DWORD given = 0;
+        EXPECT_CALL(host, SCardGetStatusChangeA(_, _, _, 3))
+            .WillOnce([&](SCARDCONTEXT, DWORD, LPSCARD_READERSTATEA states, DWORD) -> LONG {
+                given = states[0].dwCurrentState;
+                return SCARD_E_TIMEOUT;
+            });
+        std::vector states{readerState(kPnpReader, count(applicationCount) | 0x5), unchangedHost(),
+                           readerState(kSecondHostReader, SCARD_STATE_EMPTY), unchangedRemote()};
+        SCardGetStatusChangeA(context, 0, states.data(), 4);
+        const std::vector<Request> requests = daemon.requests(Command::kGetStatusChange);
+        EXPECT_EQ(requests.size(), 1U);
+        EXPECT_EQ(u32At(requests.at(0).body, 12), 2U);
+        EXPECT_EQ(textAt(requests.at(0).body, 20, 128), kPnpReader);
+        EXPECT_EQ(states[0].dwCurrentState, count(applicationCount) | 0x5);
+        return {u32At(requests.at(0).body, 20 + 128), given};
+    }
+};
+
+TEST_F(PseudoReader, HasEachSidesCountWithoutTheOthersReaders) {
+    EXPECT_EQ(countsGiven(5), std::make_pair(count(3) | 0x5, count(4) | 0x5));
+}
+
+TEST_F(PseudoReader, KeepsACountThatIsNotAboveTheReduction) {
+    EXPECT_EQ(countsGiven(1), std::make_pair(count(1) | 0x5, count(1) | 0x5));
+}
+
+TEST_F(PseudoReader, KeepsACountThatEqualsTheReductionOfOneSide) {
+    EXPECT_EQ(countsGiven(2), std::make_pair(count(2) | 0x5, count(1) | 0x5));
+}
+
+TEST_F(PseudoReader, SumsTheCountsOfAnUnchangedSystem) {
+    const SCARDCONTEXT context = establishAndList();
+    std::vector states{readerState(kPnpReader, count(2)), unchangedHost(), unchangedRemote()};
+    EXPECT_THAT(SCardGetStatusChangeA(context, 0, states.data(), 3), Gives(SCARD_E_TIMEOUT));
+    EXPECT_EQ(states[0].dwEventState, count(2));
+}
+
+TEST_F(PseudoReader, EndsAWaitWhenARemoteReaderComes) {
+    const SCARDCONTEXT context = establishAndList();
+    const BackgroundWait wait(
+        context, INFINITE, {readerState(kPnpReader, count(2)), unchangedHost(), unchangedRemote()});
+    waitForRemoteWait();
+    waitForHostWait();
+    remote.addReader("Remote Reader 1");
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(0).dwEventState, count(3) | SCARD_STATE_CHANGED);
+}
+
+TEST_F(PseudoReader, EndsAWaitWhenAHostReaderGoes) {
+    host.pcsc().addReader(kSecondHostReader);
+    const SCARDCONTEXT context = establishAndList();
+    const BackgroundWait wait(
+        context, INFINITE,
+        {readerState(kPnpReader, count(3)), unchangedHost(),
+         readerState(kSecondHostReader, SCARD_STATE_EMPTY), unchangedRemote()});
+    waitForRemoteWait();
+    waitForHostWait();
+    host.pcsc().removeReader(kSecondHostReader);
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    // Both sides answer with their one reader; the host's change is flagged.
+    EXPECT_EQ(wait.state(0).dwEventState, count(2) | SCARD_STATE_CHANGED);
+    EXPECT_EQ(remoteCancels(), 1U);
+}
+
+TEST_F(PseudoReader, HasTheFlagsOfBothSidesAndTheSumOfTheirCounts) {
+    EXPECT_EQ(merged(0xFFFFFFFF, count(2) | 0x6, count(3) | 0x2), count(5) | 0x6);
+}
+
+TEST_F(PseudoReader, CountsTheStateGivenToTheHostWhenTheHostReportsNothing) {
+    EXPECT_EQ(merged(0, count(1) | 0x2, 0), count(8) | 0x2);
+}
+
+TEST_F(PseudoReader, CountsTheStateGivenToTheHostWhenTheHostReportsThatOne) {
+    EXPECT_EQ(merged(0, count(1) | 0x2, count(7)), count(8) | 0x2);
+}
+
+TEST_F(PseudoReader, TakesTheCurrentStateFromARemoteAnswerWithoutAnEvent) {
+    EXPECT_EQ(merged(0xFFFFFFFF, 0, count(1) | 0x2), count(8) | 0x2);
+}
+
+TEST_F(PseudoReader, IsAddedToWhatTheApplicationPassedWhileTheDaemonIsAway) {
+    const SCARDCONTEXT context = establish();
+    answerOnHost(count(2) | 0x2);
+    SCARD_READERSTATEA state = readerState(kPnpReader, count(1), count(5) | 0x4);
+    EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(state.dwEventState, count(7) | 0x6);
+}
+
+TEST_F(PseudoReader, IsAddedToWhatTheApplicationPassedWhenTheDaemonFails) {
+    const SCARDCONTEXT context = establishAndList();
+    daemon.on(Command::kGetStatusChange, [](const Request&) { return Reply::closePipe(); });
+    answerOnHost(count(2) | 0x2);
+    SCARD_READERSTATEA state = readerState(kPnpReader, count(1), count(5) | 0x4);
+    EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(state.dwEventState, count(7) | 0x6);
+}
+
+TEST_F(PseudoReader, KeepsItsAtrFieldsAsTheDaemonLeftThem) {
+    const SCARDCONTEXT context = establishAndList();
+    ON_CALL(host, SCardGetStatusChangeA)
+        .WillByDefault([](SCARDCONTEXT, DWORD, LPSCARD_READERSTATEA states, DWORD) -> LONG {
+            states->cbAtr = 3;
+            states->rgbAtr[0] = 0xAB;
+            return SCARD_S_SUCCESS;
+        });
+    SCARD_READERSTATEA state = readerState(kPnpReader, SCARD_STATE_UNAWARE);
+    EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(state.cbAtr, 0U);
+    EXPECT_EQ(state.rgbAtr[0], 0);
+}
+
+TEST_F(PseudoReader, CostsOneExchangeForEachPollWithAZeroStateAndTimeout) {
+    const SCARDCONTEXT context = establishAndList();
+    EXPECT_CALL(host, SCardGetStatusChangeA(_, 0, _, 1)).Times(10);
+    const std::uint64_t connections = daemon.acceptedConnections();
+    for (int call = 0; call < 10; ++call) {
+        SCARD_READERSTATEA state = readerState(kPnpReader, SCARD_STATE_UNAWARE);
+        EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
+        EXPECT_EQ(state.dwEventState, count(2) | SCARD_STATE_CHANGED);
+    }
+    EXPECT_EQ(daemon.requests().size(), 10U);
+    EXPECT_EQ(daemon.requests(Command::kGetStatusChange).size(), 10U);
+    EXPECT_EQ(daemon.acceptedConnections(), connections);
+}
+
+}  // namespace
+}  // namespace tez::test

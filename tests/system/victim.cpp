@@ -1,0 +1,317 @@
+// A program that uses the library and ends in the middle of it, in the way that its first argument
+// says. It is started by the tests of the process lifecycle, which look at how it ended. It loads
+// the library like an application that asks for it at run time.
+#include <windows.h>
+#include <winscard.h>
+
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <string>
+#include <thread>
+#include <tlhelp32.h>
+#include <vector>
+
+#include "import_patch.h"
+#include "scard_missing.h"
+#include "unique_handle.h"
+
+namespace {
+
+using tez::test::ImportPatch;
+using tez::test::UniqueHandle;
+
+constexpr const char* kHostReader = "Host Reader 0";
+constexpr const char* kRemoteReader = "Remote Reader 0";
+
+/// Ends the program with a code of its own when something is not as it must be.
+void require(bool condition, const char* what) {
+    if (!condition) {
+        std::cerr << what << '\n';
+        std::_Exit(99);
+    }
+}
+
+/// The library, by name, from beside this program.
+class Library {
+  public:
+    Library() : module_(LoadLibraryA("winscard.dll")) { require(module_ != nullptr, "no library"); }
+
+    HMODULE module() const { return module_; }
+
+    template <class Function>
+    Function* function(const char* name) const {
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): exports are untyped
+        auto* const address =
+            reinterpret_cast<Function*>(reinterpret_cast<void*>(GetProcAddress(module_, name)));
+        require(address != nullptr, name);
+        return address;
+    }
+
+    SCARDCONTEXT establish() const {
+        SCARDCONTEXT context = 0;
+        const LONG rv = function<decltype(SCardEstablishContext)>("SCardEstablishContext")(
+            SCARD_SCOPE_USER, nullptr, nullptr, &context);
+        require(rv == SCARD_S_SUCCESS, "SCardEstablishContext");
+        return context;
+    }
+
+    std::string listReaders(SCARDCONTEXT context) const {
+        char readers[1024] = {};
+        DWORD length = sizeof readers;
+        const LONG rv = function<decltype(SCardListReadersA)>("SCardListReadersA")(
+            context, nullptr, readers, &length);
+        require(rv == SCARD_S_SUCCESS, "SCardListReadersA");
+        std::string list;
+        for (const char* name = readers; *name != '\0'; name += std::string(name).size() + 1) {
+            list.append(name).append("\n");
+        }
+        return list;
+    }
+
+    void waitForCards(SCARDCONTEXT context) const {
+        SCARD_READERSTATEA states[2] = {};
+        states[0].szReader = kHostReader;
+        states[0].dwCurrentState = SCARD_STATE_PRESENT;
+        states[1].szReader = kRemoteReader;
+        states[1].dwCurrentState = SCARD_STATE_PRESENT;
+        function<decltype(SCardGetStatusChangeA)>("SCardGetStatusChangeA")(context, INFINITE,
+                                                                           states, 2);
+    }
+
+    void transmit(SCARDCONTEXT context) const {
+        SCARDHANDLE card = 0;
+        DWORD protocol = 0;
+        const LONG rv = function<decltype(SCardConnectA)>("SCardConnectA")(
+            context, kRemoteReader, SCARD_SHARE_SHARED, SCARD_PROTOCOL_Tx, &card, &protocol);
+        require(rv == SCARD_S_SUCCESS, "SCardConnectA");
+        const SCARD_IO_REQUEST pci = {protocol, sizeof pci};
+        const BYTE command[] = {0x00, 0x84, 0x00, 0x00, 0x08};
+        BYTE response[16] = {};
+        DWORD length = sizeof response;
+        function<decltype(SCardTransmit)>("SCardTransmit")(card, &pci, command, sizeof command,
+                                                           nullptr, response, &length);
+    }
+
+    HANDLE accessStartedEvent() const {
+        return function<HANDLE WINAPI()>("SCardAccessStartedEvent")();
+    }
+
+  private:
+    HMODULE module_;
+};
+
+/// Writes a line in a way that works while the process is ending, too.
+void report(const std::string& line) {
+    DWORD written = 0;
+    WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), (line + "\n").c_str(),
+              static_cast<DWORD>(line.size() + 1), &written, nullptr);
+}
+
+/// Lets the library find a function of this program in place of one of the host's library, until
+/// the process has ended.
+template <class Function>
+void replaceHostFunction(const Library& library, const std::string& replaced, Function* by) {
+    const auto find = [replaced, by](HMODULE module, LPCSTR name) {
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): exports are untyped
+        return replaced == name ? reinterpret_cast<FARPROC>(reinterpret_cast<void*>(by))
+                                : GetProcAddress(module, name);
+    };
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): kept for the library's detach
+    new ImportPatch<decltype(::GetProcAddress)>(library.module(), "KERNEL32.dll", "GetProcAddress",
+                                                find);
+}
+
+/// Reports when the library closes a handle, until the process has ended.
+void reportClosing(const Library& library, HANDLE handle) {
+    const auto close = [handle](HANDLE closed) {
+        if (closed == handle) {
+            report("closed");
+        }
+        return CloseHandle(closed);
+    };
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): kept for the library's detach
+    new ImportPatch<decltype(::CloseHandle)>(library.module(), "KERNEL32.dll", "CloseHandle",
+                                             close);
+}
+
+// A library that detached threads use is static: they go on while main returns.
+
+/// Tells the test that the program has come to the point where it is to end, and waits for its
+/// word.
+void meetTheTest() {
+    report("ready");
+    std::string word;
+    std::getline(std::cin, word);
+}
+
+/// This process's threads.
+std::size_t threadCount() {
+    const UniqueHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
+    std::size_t count = 0;
+    THREADENTRY32 entry = {};
+    entry.dwSize = sizeof entry;
+    for (BOOL more = Thread32First(snapshot.get(), &entry); more != FALSE;
+         more = Thread32Next(snapshot.get(), &entry)) {
+        count += entry.th32OwnerProcessID == GetCurrentProcessId() ? 1U : 0U;
+    }
+    return count;
+}
+
+int returnFromMain() {
+    const Library library;
+    library.listReaders(library.establish());
+    meetTheTest();
+    return 7;
+}
+
+int endInAWait() {
+    static const Library library;
+    const SCARDCONTEXT context = library.establish();
+    library.listReaders(context);
+    std::thread([context] { library.waitForCards(context); }).detach();
+    meetTheTest();
+    return 7;
+}
+
+int endInATransmit() {
+    static const Library library;
+    const SCARDCONTEXT context = library.establish();
+    std::thread([context] { library.transmit(context); }).detach();
+    meetTheTest();
+    return 7;
+}
+
+int endWithAStartedEvent() {
+    const Library library;
+    replaceHostFunction(
+        library, "SCardReleaseStartedEvent", +[] { report("released"); });
+    const HANDLE event = library.accessStartedEvent();
+    require(event != nullptr, "no started event");
+    std::thread([&] { library.accessStartedEvent(); }).join();
+    reportClosing(library, event);
+    meetTheTest();
+    return 7;
+}
+
+int endWithBusyThreads() {
+    static const Library library;
+    const SCARDCONTEXT context = library.establish();
+    for (int i = 0; i < 8; ++i) {
+        std::thread([context] {
+            for (;;) {
+                library.listReaders(context);
+                library.function<LONG WINAPI(SCARDCONTEXT)>("SCardIsValidContext")(context);
+            }
+        }).detach();
+    }
+    meetTheTest();
+    return 7;
+}
+
+/// Several threads are inside SCardAccessStartedEvent, one of them with the events' lock, when the
+/// process ends: the host's library does not answer.
+int endWhileTheEventsAreLocked() {
+    static const UniqueHandle isInside(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    static const Library library;
+    replaceHostFunction(
+        library, "SCardAccessStartedEvent", +[]() -> HANDLE {
+            SetEvent(isInside.get());
+            Sleep(INFINITE);
+            return nullptr;
+        });
+    for (int i = 0; i < 3; ++i) {
+        std::thread([] { library.accessStartedEvent(); }).detach();
+    }
+    require(WaitForSingleObject(isInside.get(), 20000) == WAIT_OBJECT_0, "nobody came");
+    meetTheTest();
+    return 7;
+}
+
+/// A thread is ended by force in the middle of a wait; the library goes on for the others.
+int endAfterATerminatedThread() {
+    static const Library library;
+    const SCARDCONTEXT context = library.establish();
+    library.listReaders(context);
+    std::thread waiter([context] { library.waitForCards(context); });
+    meetTheTest();
+    TerminateThread(pthread_gethandle(waiter.native_handle()), 0);
+    waiter.detach();
+    const SCARDCONTEXT other = library.establish();
+    require(!library.listReaders(other).empty(), "no readers any more");
+    return 7;
+}
+
+int endByExitProcessFromAnotherThread() {
+    const Library library;
+    const SCARDCONTEXT context = library.establish();
+    library.listReaders(context);
+    require(library.accessStartedEvent() != nullptr, "no started event");
+    std::thread([] {
+        meetTheTest();
+        ExitProcess(7);
+    }).detach();
+    for (;;) {
+        library.waitForCards(context);
+    }
+}
+
+int unloadUnused() {
+    const std::size_t before = threadCount();
+    {
+        const Library library;
+        require(threadCount() == before, "a thread was started");
+        require(FreeLibrary(library.module()) != FALSE, "FreeLibrary");
+    }
+    require(GetModuleHandleA("winscard.dll") == nullptr, "still loaded");
+    // And once more, to be used this time.
+    const Library again;
+    again.listReaders(again.establish());
+    meetTheTest();
+    return 7;
+}
+
+int unloadUsed() {
+    const Library library;
+    const SCARDCONTEXT context = library.establish();
+    require(FreeLibrary(library.module()) != FALSE, "FreeLibrary");
+    require(GetModuleHandleA("winscard.dll") == library.module(), "unloaded under its thread");
+    meetTheTest();
+    require(!library.listReaders(context).empty(), "no readers");
+    const Library again;
+    require(again.module() == library.module(), "another instance");
+    again.listReaders(again.establish());
+    return 7;
+}
+
+/// Prints the readers, then waits for a change of a card.
+int listAndWait() {
+    const Library library;
+    const SCARDCONTEXT context = library.establish();
+    report(library.listReaders(context));
+    meetTheTest();
+    library.waitForCards(context);
+    return 7;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::map<std::string, std::function<int()>> endings = {
+        {"return", returnFromMain},
+        {"wait", endInAWait},
+        {"transmit", endInATransmit},
+        {"started-event", endWithAStartedEvent},
+        {"busy-threads", endWithBusyThreads},
+        {"locked-events", endWhileTheEventsAreLocked},
+        {"terminated-thread", endAfterATerminatedThread},
+        {"exit-process", endByExitProcessFromAnotherThread},
+        {"unload-unused", unloadUnused},
+        {"unload-used", unloadUsed},
+        {"list-and-wait", listAndWait},
+    };
+    const auto ending = endings.find(argc == 2 ? argv[1] : "");
+    require(ending != endings.end(), "how is it to end?");
+    return ending->second();
+}

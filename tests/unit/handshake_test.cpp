@@ -1,0 +1,202 @@
+#include <future>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <string>
+
+#include "captured_stderr.h"
+#include "daemon/daemon_connection_tez.h"
+#include "pipe_server.h"
+
+using namespace tez;
+using test::Bytes;
+using test::ByteString;
+using test::CapturedLog;
+using test::PipeServer;
+using test::ServerPipe;
+using test::setEnvironment;
+using testing::Contains;
+using testing::HasSubstr;
+
+namespace {
+
+constexpr const char* kCacheSwitch = "TEZ_PCSC_ENABLE_CACHE";
+
+/// What a daemon receives while a client connects with a setting of the cache switch.
+Bytes handshakeWith(const std::string& setting) {
+    setEnvironment(kCacheSwitch, setting);
+    Bytes received;
+    PipeServer daemon([&received](ServerPipe& pipe) {
+        pipe.accept();
+        received = pipe.handshake();
+    });
+    DaemonConnectionTEZ connection;
+    EXPECT_TRUE(connection.connect());
+    daemon.finish();
+    return received;
+}
+
+Bytes handshakeBytes(std::uint8_t option) {
+    return ByteString().fill(0, 1).u32(option).bytes();
+}
+
+}  // namespace
+
+TEST(Handshake, SendsAnEmptyTokenAndAnUnsetOption) {
+    const CapturedLog log;
+    EXPECT_EQ(handshakeWith(""), (Bytes{0x00, 0xFF, 0xFF, 0xFF, 0xFF}));
+    EXPECT_THAT(log.messages(), Contains("D (DaemonConnectionTEZ::connect): "
+                                         "TEZ_PCSC_ENABLE_CACHE is not set"));
+    EXPECT_THAT(log.messages().back(), HasSubstr("cache unset"));
+}
+
+TEST(Handshake, SendsZeroForASwitchThatIsOff) {
+    const CapturedLog log;
+    EXPECT_EQ(handshakeWith("FaLsE"), handshakeBytes(0));
+    EXPECT_EQ(handshakeWith("0"), handshakeBytes(0));
+    EXPECT_THAT(log.messages(),
+                Contains("D (DaemonConnectionTEZ::connect): TEZ_PCSC_ENABLE_CACHE = FaLsE"));
+    EXPECT_THAT(log.messages().back(), HasSubstr("cache disabled"));
+}
+
+TEST(Handshake, SendsOneForAnyOtherValueOfTheSwitch) {
+    const CapturedLog log;
+    for (const char* const value : {"1", "yes", "00", "no"}) {
+        EXPECT_EQ(handshakeWith(value), handshakeBytes(1)) << value;
+        EXPECT_THAT(log.messages().back(), HasSubstr("cache enabled"));
+    }
+}
+
+TEST(Handshake, TakesASwitchOf128CharactersForUnset) {
+    EXPECT_EQ(handshakeWith(std::string(128, 'x')), (Bytes{0x00, 0xFF, 0xFF, 0xFF, 0xFF}));
+    EXPECT_EQ(handshakeWith(std::string(127, 'x')), handshakeBytes(1));
+}
+
+TEST(Handshake, TakesAnyVersionAndTellsIt) {
+    const CapturedLog log;
+    PipeServer daemon([](ServerPipe& pipe) {
+        pipe.accept();
+        pipe.handshake(2, 7);
+    });
+    setEnvironment(kCacheSwitch, "");
+    DaemonConnectionTEZ connection;
+    EXPECT_TRUE(connection.connect());
+    EXPECT_EQ(log.messages().back(),
+              "I (DaemonConnectionTEZ::handshake): Using TEZ's pcsclite library, version 0.0 "
+              "(r86), protocol version 2.7, cache unset");
+    EXPECT_TRUE(connection.isProtocolAtLeast(2, 7));
+    EXPECT_TRUE(connection.isProtocolAtLeast(2, 6));
+    EXPECT_TRUE(connection.isProtocolAtLeast(1, 9));
+    EXPECT_FALSE(connection.isProtocolAtLeast(2, 8));
+    EXPECT_FALSE(connection.isProtocolAtLeast(3, 0));
+}
+
+TEST(Handshake, HasVersionZeroBeforeIt) {
+    const DaemonConnectionTEZ connection;
+    EXPECT_TRUE(connection.isProtocolAtLeast(0, 0));
+    EXPECT_FALSE(connection.isProtocolAtLeast(0, 1));
+    EXPECT_FALSE(connection.isProtocolAtLeast(1, 0));
+}
+
+TEST(Handshake, LeavesTheVersionStandingAfterTheConnectionIsClosed) {
+    PipeServer daemon([](ServerPipe& pipe) {
+        pipe.accept();
+        pipe.handshake(1, 3);
+    });
+    DaemonConnectionTEZ connection;
+    EXPECT_TRUE(connection.connect());
+    connection.closeSocket();
+    EXPECT_TRUE(connection.isProtocolAtLeast(1, 3));
+}
+
+TEST(Handshake, NeedsAnOpenPipe) {
+    const CapturedLog log;
+    DaemonConnectionTEZ connection;
+    EXPECT_FALSE(connection.handshake("", -1));
+    EXPECT_THAT(log.messages(),
+                Contains("W (DaemonConnectionTEZ::handshake): Socket not connected"));
+}
+
+TEST(Handshake, SendsATokenOfAnyLengthWithItsEnd) {
+    const Bytes expected = {'k', 'e', 'y', 0, 1, 0, 0, 0};
+    Bytes received;
+    PipeServer daemon([&received](ServerPipe& pipe) {
+        pipe.accept();
+        received = pipe.read(8);
+        pipe.write(ByteString().u32(1).u32(4).bytes());
+    });
+    DaemonConnectionTEZ connection;
+    ASSERT_TRUE(connection.connectSocket(test::kDaemonPipe));
+    EXPECT_TRUE(connection.handshake("key", 1));
+    daemon.finish();
+    EXPECT_EQ(received, expected);
+}
+
+namespace {
+
+/// Fails one message of the handshake, all of which go through these two operations.
+class FailingHandshake : public DaemonConnectionTEZ {
+  public:
+    explicit FailingHandshake(int failing) : failing_(failing) {}
+    LONG sendMessage(const void* /*data*/, std::uint64_t /*size*/) override { return next(); }
+    LONG readMessage(void* /*buffer*/, std::uint64_t /*size*/) override { return next(); }
+    void closeSocket() override {
+        ++timesClosed;
+        DaemonConnectionTEZ::closeSocket();
+    }
+    int timesClosed = 0;
+
+  private:
+    LONG next() { return step_++ == failing_ ? SCARD_E_NO_SERVICE : SCARD_S_SUCCESS; }
+    int failing_;
+    int step_ = 0;
+};
+
+}  // namespace
+
+TEST(Handshake, TellsWhichMessageFailedAndClosesThePipe) {
+    static constexpr const char* kWarnings[] = {
+        R"(Unable send auth token to socket '\\.\pipe\tez-pcscd-0')",
+        R"(Unable to send options to socket '\\.\pipe\tez-pcscd-0')",
+        R"(Unable to retrieve protocol info from socket '\\.\pipe\tez-pcscd-0')"};
+    const CapturedLog log;
+    int failing = 0;
+    for (const char* const warning : kWarnings) {
+        PipeServer daemon([](ServerPipe& pipe) {
+            pipe.accept();
+            pipe.waitForClose();
+        });
+        FailingHandshake connection(failing++);
+        EXPECT_FALSE(connection.connect());
+        EXPECT_EQ(connection.timesClosed, 1);
+        EXPECT_EQ(log.messages().back(),
+                  std::string("W (DaemonConnectionTEZ::handshake): ") + warning);
+        daemon.finish();  // it has seen the pipe closed
+    }
+}
+
+TEST(Handshake, FailsWhenTheDaemonClosesThePipeInsteadOfAnswering) {
+    const CapturedLog log;
+    PipeServer daemon([](ServerPipe& pipe) {
+        pipe.accept();
+        pipe.read(5);
+    });
+    DaemonConnectionTEZ connection;
+    EXPECT_FALSE(connection.connect());
+    EXPECT_EQ(log.messages().back(),
+              "W (DaemonConnectionTEZ::handshake): Unable to retrieve protocol info from socket "
+              "'\\\\.\\pipe\\tez-pcscd-0'");
+    char received = 0;
+    EXPECT_EQ(connection.receiveMessage(&received, 1, 0), SCARD_E_NO_SERVICE);
+}
+
+TEST(Handshake, FailsWithAnAnswerThatIsCutShort) {
+    PipeServer daemon([](ServerPipe& pipe) {
+        pipe.accept();
+        pipe.read(5);
+        pipe.write({1, 0, 0, 0});
+        pipe.waitForClose();
+    });
+    DaemonConnectionTEZ connection;
+    EXPECT_FALSE(connection.connect());
+    EXPECT_FALSE(connection.isProtocolAtLeast(1, 0)) << "half a version was taken";
+}

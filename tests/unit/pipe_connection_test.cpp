@@ -1,0 +1,326 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+
+#include "captured_stderr.h"
+#include "daemon/daemon_connection_tez.h"
+#include "import_patch.h"
+#include "pipe_server.h"
+
+using namespace tez;
+using test::Bytes;
+using test::ByteString;
+using test::CapturedLog;
+using test::ImportPatch;
+using test::kDaemonPipe;
+using test::PipeServer;
+using test::ServerPipe;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::Not;
+
+TEST(PipeConnection, DoesNoInputOrOutputWhenItIsOpenAlready) {
+    PipeServer daemon([](ServerPipe& pipe) {
+        pipe.accept();
+        pipe.handshake();
+    });
+    DaemonConnectionTEZ connection;
+    EXPECT_TRUE(connection.connect());
+    daemon.finish();
+    // The daemon is gone; only a look at the pipe could tell.
+    EXPECT_TRUE(connection.connect());
+}
+
+TEST(PipeConnection, TellsTheErrorOfAPipeThatIsAbsent) {
+    const CapturedLog log;
+    DaemonConnectionTEZ connection;
+    EXPECT_FALSE(connection.connect());
+    EXPECT_EQ(log.messages().back(),
+              "D (DaemonConnectionTEZ::connectSocket): Failed to connect to pipe: 0x00000002");
+    EXPECT_EQ(connection.sendMessage("", 1), SCARD_E_NO_SERVICE);
+}
+
+TEST(PipeConnection, TellsTheHandleOfThePipe) {
+    const CapturedLog log;
+    PipeServer daemon([](ServerPipe& pipe) {
+        pipe.accept();
+        pipe.handshake();
+    });
+    DaemonConnectionTEZ connection;
+    EXPECT_TRUE(connection.connect());
+    EXPECT_THAT(log.messages(),
+                Contains(testing::MatchesRegex(
+                    "D .DaemonConnectionTEZ::connectSocket.: Pipe \\d+ connected")));
+}
+
+TEST(PipeConnection, OpensThePipeForOverlappedReadingAndWriting) {
+    int opened = 0;
+    const ImportPatch<decltype(::CreateFileA)> patch(
+        GetModuleHandleA(nullptr), "KERNEL32.dll", "CreateFileA",
+        [&opened](LPCSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
+                  DWORD creation, DWORD flags, HANDLE pattern) -> HANDLE {
+            ++opened;
+            EXPECT_STREQ(path, R"(\\.\pipe\tez-pcscd-0)");
+            EXPECT_EQ(access, 0xC0000000);
+            EXPECT_EQ(share, 3U);
+            EXPECT_EQ(security, nullptr);
+            EXPECT_EQ(creation, 3U);
+            EXPECT_EQ(flags, 0x40000000U);
+            EXPECT_EQ(pattern, nullptr);
+            SetLastError(ERROR_ACCESS_DENIED);
+            return INVALID_HANDLE_VALUE;
+        });
+    const CapturedLog log;
+    DaemonConnectionTEZ connection;
+    EXPECT_FALSE(connection.connect());
+    EXPECT_EQ(opened, 1);
+    EXPECT_EQ(log.messages().back(),
+              "D (DaemonConnectionTEZ::connectSocket): Failed to connect to pipe: 0x00000005");
+}
+
+TEST(PipeConnection, GivesABusyPipeUpAfterTheServersTime) {
+    const CapturedLog log;
+    PipeServer daemon([](ServerPipe& pipe) { pipe.waitForClose(); });
+    const OwnedFile other(CreateFileA(kDaemonPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                      OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(other.isOpen());
+    DaemonConnectionTEZ connection;
+    EXPECT_FALSE(connection.connect());
+    EXPECT_EQ(log.messages().back(),
+              "D (DaemonConnectionTEZ::connectSocket): Failed to connect to pipe: timed out");
+}
+
+TEST(PipeConnection, TriesABusyPipeAgainAsOftenAsTheWaitSucceeds) {
+    PipeServer daemon([](ServerPipe& pipe) { pipe.waitForClose(); });
+    const OwnedFile other(CreateFileA(kDaemonPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                      OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(other.isOpen());
+    int waits = 0;
+    std::unique_ptr<PipeServer> second;
+    const ImportPatch<decltype(::WaitNamedPipeA)> patch(
+        GetModuleHandleA(nullptr), "KERNEL32.dll", "WaitNamedPipeA",
+        [&](LPCSTR path, DWORD timeout) -> BOOL {
+            EXPECT_STREQ(path, kDaemonPipe);
+            EXPECT_EQ(timeout, 0U);  // the server's default
+            if (++waits == 3) {      // a free instance at last
+                second = std::make_unique<PipeServer>([](ServerPipe& pipe) {
+                    pipe.accept();
+                    pipe.handshake();
+                    pipe.waitForClose();
+                });
+            }
+            return TRUE;
+        });
+    {
+        DaemonConnectionTEZ connection;
+        EXPECT_TRUE(connection.connect());
+    }
+    EXPECT_EQ(waits, 3);
+}
+
+TEST(PipeConnection, ClosesThePipeWhenItIsDestroyed) {
+    bool wasClosed = false;
+    PipeServer daemon([&wasClosed](ServerPipe& pipe) {
+        pipe.accept();
+        pipe.handshake();
+        wasClosed = pipe.waitForClose();
+    });
+    {
+        DaemonConnectionTEZ connection;
+        EXPECT_TRUE(connection.connect());
+    }
+    daemon.finish();
+    EXPECT_TRUE(wasClosed);
+}
+
+TEST(PipeConnection, WritesHeaderAndRecordAndReadsTheAnswer) {
+    Bytes request;
+    PipeServer daemon([&request](ServerPipe& pipe) {
+        pipe.accept();
+        pipe.handshake();
+        request = pipe.read(16);
+        pipe.write({9, 8, 7});
+    });
+    DaemonConnectionTEZ connection;
+    EXPECT_TRUE(connection.connect());
+    EXPECT_EQ(connection.sendRequest(0x801, "abcd", 4), SCARD_S_SUCCESS);
+    Bytes answer(3);
+    EXPECT_EQ(connection.readMessage(answer.data(), 3), SCARD_S_SUCCESS);
+    daemon.finish();
+    EXPECT_EQ(request, ByteString().u32(4).u32(0x801).u32(0).text("abcd", 4).bytes());
+    EXPECT_EQ(answer, (Bytes{9, 8, 7}));
+}
+
+TEST(PipeConnection, CarriesAHeaderOverToAFreshPipe) {
+    const CapturedLog log;
+    Bytes second;
+    PipeServer daemon([&second](ServerPipe& pipe) {
+        pipe.accept();
+        pipe.handshake(1, 1);
+        ServerPipe fresh = pipe.makeNext();
+        pipe.close();
+        fresh.accept();
+        second = fresh.handshake(1, 4);
+        const Bytes request = fresh.read(15);
+        second.insert(second.end(), request.begin(), request.end());
+        fresh.write({1});
+    });
+    DaemonConnectionTEZ connection;
+    EXPECT_TRUE(connection.connect());
+    char received = 0;
+    EXPECT_EQ(connection.readn(&received, 1, INFINITE), DaemonConnectionTEZ::kFailed)
+        << "the first daemon has gone";
+    EXPECT_EQ(connection.sendRequest(7, "abc", 3), SCARD_S_SUCCESS);
+    char answer = 0;
+    EXPECT_EQ(connection.readMessage(&answer, 1), SCARD_S_SUCCESS);
+    daemon.finish();
+    EXPECT_EQ(second,
+              ByteString().fill(0, 1).u32(0xFFFFFFFF).u32(3).u32(7).u32(0).text("abc", 3).bytes());
+    EXPECT_TRUE(connection.isProtocolAtLeast(1, 4)) << "the version is that of the fresh pipe";
+    EXPECT_THAT(log.messages(), Contains("D (DaemonConnectionTEZ::sendHeader): Could not write "
+                                         "header command 7"));
+    EXPECT_THAT(log.messages(), Not(Contains(HasSubstr("Could not write data"))));
+}
+
+TEST(PipeConnection, AnswersNoServiceToAHeaderWhenTheDaemonHasGone) {
+    PipeServer daemon([](ServerPipe& pipe) {
+        pipe.accept();
+        pipe.handshake();
+    });
+    DaemonConnectionTEZ connection;
+    EXPECT_TRUE(connection.connect());
+    daemon.finish();
+    EXPECT_EQ(connection.sendHeader(7, 12), SCARD_E_NO_SERVICE);
+    EXPECT_EQ(connection.sendHeader(7, 12), SCARD_E_NO_SERVICE);
+}
+
+TEST(PipeConnection, DoesNotCarryABodyOver) {
+    const CapturedLog log;
+    PipeServer daemon([](ServerPipe& pipe) {
+        pipe.accept();
+        pipe.handshake();
+    });
+    DaemonConnectionTEZ connection;
+    EXPECT_TRUE(connection.connect());
+    daemon.finish();
+    EXPECT_EQ(connection.sendMessage("abc", 3), SCARD_E_NO_SERVICE);
+    EXPECT_EQ(log.messages().back(),
+              "D (DaemonConnectionTEZ::sendMessage): Could not write data on socket");
+}
+
+TEST(PipeConnection, DoesNothingWhileItIsClosed) {
+    const CapturedLog log;
+    DaemonConnectionTEZ connection;
+    char received = 0;
+    EXPECT_EQ(connection.sendMessage("a", 1), SCARD_E_NO_SERVICE);
+    EXPECT_EQ(connection.sendHeader(1, 1), SCARD_E_NO_SERVICE);
+    EXPECT_EQ(connection.sendRequest(1, "a", 1), SCARD_E_NO_SERVICE);
+    EXPECT_EQ(connection.receiveMessage(&received, 1, 10), SCARD_E_NO_SERVICE);
+    EXPECT_EQ(connection.readMessage(&received, 1), SCARD_E_NO_SERVICE);
+    connection.closeSocket();
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(PipeConnection, KnowsItsPipeAndItsStateWithoutConnecting) {
+    DaemonConnectionTEZ connection;
+    EXPECT_TRUE(connection.checkDaemonAvailability());
+    EXPECT_EQ(connection.serviceKind(), ServiceState::LocalFirst);
+}
+
+namespace {
+
+/// Takes the place of the lowest operations, as another kind of connection could.
+class OverridingConnection : public DaemonConnectionTEZ {
+  public:
+    LONG sendHeader(std::uint32_t command, std::uint64_t size) override {
+        calls += "header(" + std::to_string(command) + "," + std::to_string(size) + ") ";
+        return headerResult;
+    }
+    LONG sendMessage(const void* /*data*/, std::uint64_t size) override {
+        calls += "message(" + std::to_string(size) + ") ";
+        return SCARD_E_TIMEOUT;
+    }
+    LONG receiveMessage(void* /*buffer*/, std::uint64_t size, std::uint32_t timeout) override {
+        calls += "receive(" + std::to_string(size) + "," + std::to_string(timeout) + ") ";
+        return SCARD_E_TIMEOUT;
+    }
+    std::string calls;
+    LONG headerResult = SCARD_S_SUCCESS;
+};
+
+/// Counts the requests that reach the plain form.
+class RequestCounter : public DaemonConnectionTEZ {
+  public:
+    LONG sendRequest(std::uint32_t command, const void* /*data*/, std::uint64_t size) override {
+        EXPECT_EQ(command, 5U);
+        EXPECT_EQ(size, 3U);
+        ++requests;
+        return SCARD_E_TIMEOUT;
+    }
+    int requests = 0;
+};
+
+}  // namespace
+
+TEST(PipeConnection, ForwardsAHeaderToTheOverriddenOperation) {
+    OverridingConnection connection;
+    EXPECT_EQ(connection.sendHeaderForward(5, 9), SCARD_S_SUCCESS);
+    EXPECT_EQ(connection.calls, "header(5,9) ");
+}
+
+TEST(PipeConnection, MakesARequestOfTheOverriddenHeaderAndMessage) {
+    OverridingConnection connection;
+    EXPECT_EQ(connection.sendRequest(5, "abc", 3), SCARD_E_TIMEOUT);
+    EXPECT_EQ(connection.calls, "header(5,3) message(3) ");
+}
+
+TEST(PipeConnection, SendsNoMessageBehindAFailedHeader) {
+    OverridingConnection connection;
+    connection.headerResult = SCARD_E_NO_SERVICE;
+    EXPECT_EQ(connection.sendRequest(5, "abc", 3), SCARD_E_NO_SERVICE);
+    EXPECT_EQ(connection.calls, "header(5,3) ");
+}
+
+TEST(PipeConnection, MakesAFlaggedRequestOfAPlainOne) {
+    RequestCounter connection;
+    EXPECT_EQ(connection.sendRequestFlagged(5, "abc", 3, true), SCARD_E_TIMEOUT);
+    EXPECT_EQ(connection.sendRequestFlagged(5, "abc", 3, false), SCARD_E_TIMEOUT);
+    EXPECT_EQ(connection.requests, 2);
+}
+
+TEST(PipeConnection, ReadsThroughTheOverriddenReceiveWithoutALimit) {
+    OverridingConnection connection;
+    char received = 0;
+    EXPECT_EQ(connection.readMessage(&received, 1), SCARD_E_TIMEOUT);
+    EXPECT_EQ(connection.calls, "receive(1,4294967295) ");
+}
+
+namespace {
+
+/// Runs out of chances to reconnect, as another kind of connection could.
+class UnconnectableConnection : public DaemonConnectionTEZ {
+  public:
+    bool connect() override {
+        ++connects;
+        return false;
+    }
+    void closeSocket() override {
+        ++closes;
+        DaemonConnectionTEZ::closeSocket();
+    }
+    int connects = 0;
+    int closes = 0;
+};
+
+}  // namespace
+
+TEST(PipeConnection, ReconnectsThroughTheOverriddenOperations) {
+    PipeServer daemon([](ServerPipe& pipe) { pipe.accept(); });
+    UnconnectableConnection connection;
+    ASSERT_TRUE(connection.connectSocket(kDaemonPipe));
+    daemon.finish();
+    EXPECT_EQ(connection.sendHeader(7, 12), SCARD_E_NO_SERVICE);
+    EXPECT_EQ(connection.closes, 1);
+    EXPECT_EQ(connection.connects, 1);
+}

@@ -1,0 +1,226 @@
+#include <string>
+
+#include "remote_only_test.h"
+
+using namespace tez;
+using test::Bytes;
+using test::ByteString;
+using test::SentRequest;
+using testing::Contains;
+using testing::IsEmpty;
+
+namespace {
+
+Bytes connectRecord(std::uint32_t protocols, std::uint64_t card, std::uint32_t activeProtocol,
+                    std::uint32_t rv = 0) {
+    return ByteString()
+        .u64(0x5000001)
+        .text("Reader A", 128)
+        .u32(SCARD_SHARE_SHARED)
+        .u32(protocols)
+        .u64(card)
+        .u32(activeProtocol)
+        .u32(rv)
+        .bytes();
+}
+
+Bytes statusRecord(std::uint32_t state, std::uint32_t protocol, std::uint32_t atrLength,
+                   std::uint32_t rv) {
+    return ByteString()
+        .u64(0x6000001)
+        .u32(state)
+        .u32(protocol)
+        .fill(0x3B, atrLength)
+        .fill(0, 264 - atrLength)
+        .u32(atrLength)
+        .u32(rv)
+        .bytes();
+}
+
+}  // namespace
+
+class RemoteOnlyCard : public test::RemoteOnlyTest {
+  protected:
+    LONG connect(SCARDCONTEXT context, const char* reader, DWORD protocols = SCARD_PROTOCOL_Tx) {
+        return SCardConnectA(context, reader, SCARD_SHARE_SHARED, protocols, &card_,
+                             &activeProtocol_);
+    }
+    SCARDHANDLE card() const { return card_; }
+    DWORD activeProtocol() const { return activeProtocol_; }
+
+  private:
+    SCARDHANDLE card_ = 77;
+    DWORD activeProtocol_ = 77;
+};
+
+TEST_F(RemoteOnlyCard, IsConnectedAtTheDaemon) {
+    const SCARDCONTEXT context = registerContext(0, 2);
+    daemon().answers = {establishAnswer(), connectRecord(3, kDaemonCard, 2)};
+    EXPECT_EQ(connect(context, "Reader A"), SCARD_S_SUCCESS);
+    EXPECT_EQ(takeRequest().command, 1U);
+    EXPECT_EQ(takeRequest(), (SentRequest{4, 160, connectRecord(3, 0, 0), std::nullopt}));
+    EXPECT_EQ(activeProtocol(), static_cast<DWORD>(SCARD_PROTOCOL_T1));
+    EXPECT_EQ(card(), 1U);
+    EXPECT_EQ(getCardTarget(card()), kDaemonCard);
+    EXPECT_EQ(getCardContext(card()), context);
+    EXPECT_STREQ(getCardReaderName(card()).get(), "Reader A");
+    EXPECT_FALSE(isLocalCard(card()));
+}
+
+TEST_F(RemoteOnlyCard, HasItsProtocolsConvertedFromVersionOneOn) {
+    daemon().versionMinor = 1;
+    const SCARDCONTEXT context = boundContext();
+    daemon().answers = {connectRecord(6, kDaemonCard, 4)};
+    EXPECT_EQ(connect(context, "Reader A", 0x10002), SCARD_S_SUCCESS);
+    EXPECT_EQ(takeRequest().bytes, connectRecord(6, 0, 0));
+    EXPECT_EQ(activeProtocol(), 0x10000U);
+}
+
+TEST_F(RemoteOnlyCard, HasItsProtocolsRawBelowVersionOne) {
+    daemon().versionMinor = 0;
+    const SCARDCONTEXT context = boundContext();
+    daemon().answers = {connectRecord(0x10002, kDaemonCard, 4)};
+    EXPECT_EQ(connect(context, "Reader A", 0x10002), SCARD_S_SUCCESS);
+    EXPECT_EQ(takeRequest().bytes, connectRecord(0x10002, 0, 0));
+    EXPECT_EQ(activeProtocol(), 4U);
+}
+
+TEST_F(RemoteOnlyCard, IsNotConnectedWhenTheDaemonRefuses) {
+    const SCARDCONTEXT context = boundContext();
+    daemon().answers = {connectRecord(3, kDaemonCard, 2, 0x80100009)};
+    EXPECT_EQ(connect(context, "Reader A"), SCARD_E_UNKNOWN_READER);
+    EXPECT_EQ(card(), 0U);
+    EXPECT_EQ(activeProtocol(), 77U);
+    EXPECT_EQ(getCardContext(1), 0U);
+}
+
+TEST_F(RemoteOnlyCard, IsNotConnectedWithoutItsArguments) {
+    const SCARDCONTEXT context = boundContext();
+    SCARDHANDLE handle = 77;
+    DWORD protocol = 0;
+    EXPECT_EQ(SCardConnectA(context, "Reader A", 2, 3, nullptr, &protocol),
+              SCARD_E_INVALID_PARAMETER);
+    EXPECT_EQ(SCardConnectA(context, "Reader A", 2, 3, &handle, nullptr),
+              SCARD_E_INVALID_PARAMETER);
+    EXPECT_THAT(log().messages(), Contains("W (SCardConnectA): phCard cannot be NULL"));
+    EXPECT_THAT(log().messages(), Contains("W (SCardConnectA): pdwActiveProtocol cannot be NULL"));
+    EXPECT_EQ(connect(context, nullptr), SCARD_E_UNKNOWN_READER);
+    EXPECT_EQ(connect(context + 1, "Reader A"), SCARD_E_INVALID_HANDLE);
+    EXPECT_THAT(daemon().requests, IsEmpty());
+}
+
+TEST_F(RemoteOnlyCard, IsConnectedByANameThatFitsWithItsEndOnly) {
+    const SCARDCONTEXT context = boundContext();
+    EXPECT_EQ(connect(context, std::string(129, 'r').c_str()), SCARD_E_INVALID_VALUE);
+    EXPECT_EQ(connect(context, std::string(128, 'r').c_str()), SCARD_E_INVALID_VALUE);
+    EXPECT_THAT(daemon().requests, IsEmpty());
+    daemon().answers = {connectRecord(3, kDaemonCard, 1)};
+    EXPECT_EQ(connect(context, std::string(127, 'r').c_str()), SCARD_S_SUCCESS);
+    EXPECT_EQ(takeRequest().bytes[8 + 127], 0);
+}
+
+TEST_F(RemoteOnlyCard, IsReconnected) {
+    const SCARDHANDLE handle = remoteCard();
+    daemon().answers = {ByteString().u64(kDaemonCard).u32(2).u32(6).u32(1).u32(4).u32(0).bytes()};
+    DWORD protocol = 0;
+    EXPECT_EQ(SCardReconnect(handle, SCARD_SHARE_SHARED, 0x10002, SCARD_RESET_CARD, &protocol),
+              SCARD_S_SUCCESS);
+    EXPECT_EQ(takeRequest(),
+              (SentRequest{5, 28,
+                           ByteString().u64(kDaemonCard).u32(2).u32(6).u32(1).u32(0).u32(0).bytes(),
+                           std::nullopt}));
+    EXPECT_EQ(protocol, 0x10000U);
+    EXPECT_EQ(SCardReconnect(handle, SCARD_SHARE_SHARED, 3, SCARD_RESET_CARD, nullptr),
+              SCARD_E_INVALID_PARAMETER);
+}
+
+TEST_F(RemoteOnlyCard, IsForgottenWhenTheDaemonHasDisconnectedIt) {
+    const SCARDHANDLE handle = remoteCard();
+    const Bytes record = ByteString().u64(kDaemonCard).u32(SCARD_RESET_CARD).u32(0).bytes();
+    daemon().answers = {ByteString().u64(kDaemonCard).u32(1).u32(0x80100069).bytes(), record};
+    EXPECT_EQ(SCardDisconnect(handle, SCARD_RESET_CARD), SCARD_W_REMOVED_CARD);
+    EXPECT_EQ(getCardTarget(handle), kDaemonCard);
+    EXPECT_EQ(SCardDisconnect(handle, SCARD_RESET_CARD), SCARD_S_SUCCESS);
+    EXPECT_EQ(takeRequest(), (SentRequest{6, 16, record, std::nullopt}));
+    EXPECT_EQ(SCardDisconnect(handle, SCARD_RESET_CARD), SCARD_E_INVALID_HANDLE);
+}
+
+TEST_F(RemoteOnlyCard, HasItsTransactionsAtTheDaemon) {
+    const SCARDHANDLE handle = remoteCard();
+    const Bytes begin = ByteString().u64(kDaemonCard).u32(0).bytes();
+    const Bytes end = ByteString().u64(kDaemonCard).u32(SCARD_LEAVE_CARD).u32(0).bytes();
+    daemon().answers = {begin, end};
+    EXPECT_EQ(SCardBeginTransaction(handle), SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardEndTransaction(handle, SCARD_LEAVE_CARD), SCARD_S_SUCCESS);
+    EXPECT_EQ(takeRequest(), (SentRequest{7, 12, begin, std::nullopt}));
+    EXPECT_EQ(takeRequest(), (SentRequest{8, 16, end, std::nullopt}));
+}
+
+TEST_F(RemoteOnlyCard, IsInvalidWhenTheHostServesIt) {
+    const SCARDHANDLE handle = registerCardHandle(0x7B000001, boundContext(), "Host", true);
+    DWORD protocol = 0;
+    EXPECT_EQ(SCardBeginTransaction(handle), SCARD_E_INVALID_HANDLE);
+    EXPECT_EQ(SCardEndTransaction(handle, 0), SCARD_E_INVALID_HANDLE);
+    EXPECT_EQ(SCardDisconnect(handle, 0), SCARD_E_INVALID_HANDLE);
+    EXPECT_EQ(SCardReconnect(handle, 2, 3, 0, &protocol), SCARD_E_INVALID_HANDLE);
+    EXPECT_EQ(SCardStatusA(handle, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
+              SCARD_E_INVALID_HANDLE);
+    EXPECT_THAT(daemon().requests, IsEmpty());
+}
+
+TEST_F(RemoteOnlyCard, IsInvalidOnceItsContextIsReleased) {
+    const SCARDHANDLE handle = remoteCard();
+    unregisterContext(getCardContext(handle));
+    EXPECT_EQ(SCardBeginTransaction(handle), SCARD_E_INVALID_HANDLE);
+    EXPECT_THAT(daemon().requests, IsEmpty());
+}
+
+TEST_F(RemoteOnlyCard, TellsItsStatus) {
+    const SCARDHANDLE handle = remoteCard();
+    daemon().answers = {statusRecord(0x34, 4, 11, 0)};
+    char names[32];
+    DWORD namesLength = sizeof(names);
+    DWORD state = 0;
+    DWORD protocol = 0;
+    BYTE atr[32];
+    DWORD atrLength = sizeof(atr);
+    EXPECT_EQ(SCardStatusA(handle, names, &namesLength, &state, &protocol, atr, &atrLength),
+              SCARD_S_SUCCESS);
+    EXPECT_EQ(takeRequest(), (SentRequest{11, 288,
+                                          ByteString()
+                                              .u64(kDaemonCard)
+                                              .u32(0)
+                                              .u32(0)
+                                              .fill(0, 264)
+                                              .u32(264)
+                                              .u32(0x8010001D)
+                                              .bytes(),
+                                          std::nullopt}));
+    EXPECT_EQ(test::copyBytes(names, namesLength), ByteString().text("Reader A", 10).bytes());
+    EXPECT_EQ(state, static_cast<DWORD>(SCARD_NEGOTIABLE));
+    EXPECT_EQ(protocol, 0x10000U);
+    EXPECT_EQ(test::copyBytes(atr, atrLength), Bytes(11, 0x3B));
+}
+
+TEST_F(RemoteOnlyCard, HasTheProtocolOfItsStatusRawBelowVersionOne) {
+    daemon().versionMinor = 0;
+    const SCARDHANDLE handle = remoteCard();
+    daemon().answers = {statusRecord(0x04, 4, 0, 0)};
+    DWORD state = 0;
+    DWORD protocol = 0;
+    EXPECT_EQ(SCardStatusA(handle, nullptr, nullptr, &state, &protocol, nullptr, nullptr),
+              SCARD_S_SUCCESS);
+    EXPECT_EQ(state, static_cast<DWORD>(SCARD_PRESENT));
+    EXPECT_EQ(protocol, 4U);
+}
+
+TEST_F(RemoteOnlyCard, HasNoStatusThatADaemonLeftUntouched) {
+    const SCARDHANDLE handle = remoteCard();
+    daemon().answers = {statusRecord(0, 0, 264, 0x8010001D)};
+    DWORD state = 77;
+    DWORD protocol = 77;
+    EXPECT_EQ(SCardStatusA(handle, nullptr, nullptr, &state, &protocol, nullptr, nullptr),
+              SCARD_E_NO_SERVICE);
+    EXPECT_EQ(state, 0U);
+    EXPECT_EQ(protocol, 0U);
+}

@@ -1,0 +1,81 @@
+#include "remote_only_test.h"
+
+using namespace tez;
+using test::Bytes;
+using test::ByteString;
+using test::SentRequest;
+using testing::IsEmpty;
+
+class RemoteOnlyContext : public test::RemoteOnlyTest {};
+
+TEST_F(RemoteOnlyContext, IsValidWhileItIsKnown) {
+    const SCARDCONTEXT context = registerContext(0, 2);
+    EXPECT_EQ(SCardIsValidContext(context), SCARD_S_SUCCESS);
+    EXPECT_EQ(SCardIsValidContext(context + 1), SCARD_E_INVALID_HANDLE);
+    EXPECT_THAT(daemon().requests, IsEmpty());
+}
+
+TEST_F(RemoteOnlyContext, ReleasesNothingThatWasNeverBound) {
+    const SCARDCONTEXT context = registerContext(0, 2);
+    EXPECT_EQ(SCardReleaseContext(context), SCARD_S_SUCCESS);
+    EXPECT_FALSE(isContextKnown(context));
+    EXPECT_THAT(daemon().requests, IsEmpty());
+    EXPECT_EQ(SCardReleaseContext(context), SCARD_E_INVALID_HANDLE);
+}
+
+TEST_F(RemoteOnlyContext, DoesNotReleaseASystemContextOfAnEarlierState) {
+    EXPECT_EQ(SCardReleaseContext(registerContext(0x7A000001, 2)), SCARD_S_SUCCESS);
+}
+
+TEST_F(RemoteOnlyContext, ReleasesBothOfItsBindings) {
+    const SCARDCONTEXT context = registerContext(0, 2);
+    daemon().answers = {establishAnswer(0x5000001), establishAnswer(0x5000002)};
+    std::uint64_t remoteContext = 0;
+    getRemoteContextVolatile(context, remoteContext, true);
+    getRemoteContextVolatile(context, remoteContext, false);
+    daemon().requests.clear();
+    daemon().answers = {ByteString().u64(0x5000001).u32(0).bytes(),
+                        ByteString().u64(0x5000002).u32(0).bytes()};
+    EXPECT_EQ(SCardReleaseContext(context), SCARD_S_SUCCESS);
+    EXPECT_EQ(takeRequest(),
+              (SentRequest{2, 12, ByteString().u64(0x5000001).u32(0).bytes(), true}));
+    EXPECT_EQ(takeRequest(),
+              (SentRequest{2, 12, ByteString().u64(0x5000002).u32(0).bytes(), false}));
+    EXPECT_THAT(daemon().requests, IsEmpty());
+}
+
+TEST_F(RemoteOnlyContext, SwallowsTheFailureOfARemoteRelease) {
+    const SCARDCONTEXT context = boundContext();
+    daemon().answers = {ByteString().u64(0).u32(0x80100003).bytes()};
+    EXPECT_EQ(SCardReleaseContext(context), SCARD_S_SUCCESS);
+    EXPECT_THAT(log().messages(),
+                testing::Contains("D (releaseRemoteContext): RELEASE REMOTE CONTEXT RV: "
+                                  "0x80100003"));
+    EXPECT_FALSE(isContextKnown(context));
+}
+
+TEST_F(RemoteOnlyContext, IsCancelledAtTheDaemonAlone) {
+    const SCARDCONTEXT context = boundContext();
+    daemon().answers = {ByteString().u64(kDaemonContext).u32(0).bytes()};
+    EXPECT_EQ(SCardCancel(context), SCARD_S_SUCCESS);
+    EXPECT_EQ(takeRequest(),
+              (SentRequest{13, 12, ByteString().u64(kDaemonContext).u32(0).bytes(), std::nullopt}));
+    EXPECT_TRUE(unregisterContext(context)->cancelled);
+}
+
+TEST_F(RemoteOnlyContext, ReturnsTheDaemonsResultOfACancel) {
+    const SCARDCONTEXT context = boundContext();
+    daemon().answers = {ByteString().u64(kDaemonContext).u32(0x80100003).bytes()};
+    EXPECT_EQ(SCardCancel(context), SCARD_E_INVALID_HANDLE);
+}
+
+TEST_F(RemoteOnlyContext, TakesACancelWithoutTheDaemonForDone) {
+    const SCARDCONTEXT context = boundContext();  // and there is no answer to the cancel
+    EXPECT_EQ(SCardCancel(context), SCARD_S_SUCCESS);
+    EXPECT_EQ(takeRequest().command, 13U);
+}
+
+TEST_F(RemoteOnlyContext, IsNotCancelledWhenItIsUnknown) {
+    EXPECT_EQ(SCardCancel(1), SCARD_E_INVALID_HANDLE);
+    EXPECT_THAT(daemon().requests, IsEmpty());
+}
