@@ -1,0 +1,88 @@
+#include "card.h"
+
+#include <utility>
+
+#include "failure.h"
+
+namespace tez::client {
+namespace {
+
+/// An extended answer APDU: 65536 bytes of data and the status bytes.
+constexpr DWORD kLongestAnswer = 65538;
+constexpr DWORD kLongestAtr = 36;
+constexpr DWORD kLongestAttribute = 512;
+
+const SCARD_IO_REQUEST* pciOf(DWORD protocol) {
+    switch (protocol) {
+        case SCARD_PROTOCOL_T0:
+            return SCARD_PCI_T0;
+        case SCARD_PROTOCOL_T1:
+            return SCARD_PCI_T1;
+        default:
+            return SCARD_PCI_RAW;
+    }
+}
+
+}  // namespace
+
+Card::Card(SCARDCONTEXT context, std::string reader, Access access) : reader_(std::move(reader)) {
+    const bool direct = access == Access::kDirect;
+    check(
+        "SCardConnect",
+        SCardConnectA(context, reader_.c_str(), direct ? SCARD_SHARE_DIRECT : SCARD_SHARE_SHARED,
+                      direct ? SCARD_PROTOCOL_UNDEFINED : SCARD_PROTOCOL_Tx, &handle_, &protocol_));
+}
+
+Card::~Card() {
+    if (handle_ != 0) {
+        SCardDisconnect(handle_, SCARD_LEAVE_CARD);
+    }
+}
+
+CardStatus Card::status() const {
+    CardStatus status;
+    status.atr.resize(kLongestAtr);
+    DWORD atrLength = kLongestAtr;
+    check("SCardStatus", SCardStatusA(handle_, nullptr, nullptr, &status.state, &status.protocol,
+                                      status.atr.data(), &atrLength));
+    status.atr.resize(atrLength);
+    return status;
+}
+
+Bytes Card::transmit(ByteView command) const {
+    Bytes answer(kLongestAnswer);
+    DWORD length = kLongestAnswer;
+    check("SCardTransmit",
+          SCardTransmit(handle_, pciOf(protocol_), command.data(),
+                        static_cast<DWORD>(command.size()), nullptr, answer.data(), &length));
+    answer.resize(length);
+    return answer;
+}
+
+Bytes Card::control(DWORD code, ByteView input) const {
+    Bytes output(kLongestAnswer);
+    DWORD length = 0;
+    check("SCardControl",
+          SCardControl(handle_, code, input.data(), static_cast<DWORD>(input.size()), output.data(),
+                       kLongestAnswer, &length));
+    output.resize(length);
+    return output;
+}
+
+std::optional<Bytes> Card::attribute(DWORD id) const {
+    Bytes value(kLongestAttribute);
+    DWORD length = kLongestAttribute;
+    const LONG result = SCardGetAttrib(handle_, id, value.data(), &length);
+    if (result == SCARD_E_UNSUPPORTED_FEATURE || result == ERROR_NOT_SUPPORTED) {
+        return std::nullopt;
+    }
+    check("SCardGetAttrib", result);
+    value.resize(length);
+    return value;
+}
+
+void Card::disconnect() {
+    check("SCardDisconnect", SCardDisconnect(std::exchange(handle_, 0), SCARD_LEAVE_CARD));
+}
+
+}  // namespace tez::client

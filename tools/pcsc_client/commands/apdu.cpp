@@ -1,0 +1,38 @@
+#include <memory>
+
+#include "commands/commands.h"
+#include "exchange.h"
+#include "failure.h"
+#include "hex_option.h"
+
+namespace tez::client {
+namespace {
+
+struct Options {
+    std::string reader;
+    std::vector<std::string> commands;
+};
+
+}  // namespace
+
+void addApdu(CLI::App& app, Session& session) {
+    CLI::App* const command = app.add_subcommand("apdu", "Send command APDUs as they are");
+    const auto options = std::make_shared<Options>();
+    addReaderOption(*command, options->reader);
+    command->add_option("HEX", options->commands, "the commands, one argument for each")
+        ->required()
+        ->check(isHex(4, kLongestApdu));
+    command->callback([&session, options] {
+        bool succeeded = true;
+        session.useCard(options->reader, [&](const Card& card) {
+            for (const std::string& hex : options->commands) {
+                succeeded = isNormal(sendBytes(card, *parseHex(hex)).status) && succeeded;
+            }
+        });
+        if (!succeeded) {
+            throw Failure();
+        }
+    });
+}
+
+}  // namespace tez::client

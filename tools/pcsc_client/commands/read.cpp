@@ -1,0 +1,75 @@
+#include <algorithm>
+#include <memory>
+
+#include "commands/commands.h"
+#include "exchange.h"
+#include "failure.h"
+#include "hex_option.h"
+#include "output.h"
+
+namespace tez::client {
+namespace {
+
+constexpr unsigned kLongestRead = 256;         // with a short Le
+constexpr unsigned kAddressableSize = 0x8000;  // 15 bits of offset in P1 P2
+
+struct Options {
+    std::string reader;
+    std::string aid;
+    std::string file;
+    unsigned length = 0;
+};
+
+/// Reads the current file up to its end, or `length` bytes when that is not 0.
+Bytes readFile(const Card& card, unsigned length) {
+    const unsigned wanted = length == 0 ? kAddressableSize : length;
+    Bytes content;
+    bool atEnd = false;
+    while (!atEnd && content.size() < wanted) {
+        const auto offset = static_cast<unsigned>(content.size());
+        const unsigned part = std::min(kLongestRead, wanted - offset);
+        const ResponseApdu response = sendCommand(card, readBinary(offset, part));
+        const bool behindEnd = response.status == kWrongOffset && offset > 0;
+        atEnd = behindEnd || response.status == kEndOfFile || response.data.size() < part;
+        if (!isNormal(response.status) && response.status != kEndOfFile && !behindEnd) {
+            throw Failure();
+        }
+        content.insert(content.end(), response.data.begin(), response.data.end());
+    }
+    return content;
+}
+
+void runRead(const Card& card, const Options& options) {
+    if (!options.aid.empty()) {
+        sendSuccessfully(card, selectApplication(*parseHex(options.aid)));
+    }
+    if (!options.file.empty()) {
+        const Bytes id = *parseHex(options.file);
+        sendSuccessfully(card, selectFile(static_cast<std::uint16_t>(id[0] << 8U | id[1])));
+    }
+    const Bytes content = readFile(card, options.length);
+    for (const std::string& line : dumpLines(content)) {
+        printLine("    " + line);
+    }
+    if (options.length != 0 && content.size() < options.length) {
+        throw Failure("the file ends after " + std::to_string(content.size()) + " bytes");
+    }
+}
+
+}  // namespace
+
+void addRead(CLI::App& app, Session& session) {
+    CLI::App* const command = app.add_subcommand("read", "Read a transparent file of the card");
+    const auto options = std::make_shared<Options>();
+    addReaderOption(*command, options->reader);
+    command->add_option("--aid", options->aid, "application to select first")->check(isHex(1, 16));
+    command->add_option("--file", options->file, "identifier of the file to select first")
+        ->check(isHex(2, 2));
+    command->add_option("--length", options->length, "bytes to read; the whole file when not given")
+        ->check(CLI::Range(1U, kAddressableSize));
+    command->callback([&session, options] {
+        session.useCard(options->reader, [&](const Card& card) { runRead(card, *options); });
+    });
+}
+
+}  // namespace tez::client

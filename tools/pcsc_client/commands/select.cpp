@@ -1,0 +1,32 @@
+#include <memory>
+
+#include "commands/commands.h"
+#include "exchange.h"
+#include "hex_option.h"
+
+namespace tez::client {
+namespace {
+
+struct Options {
+    std::string reader;
+    std::string aid;
+};
+
+}  // namespace
+
+void addSelect(CLI::App& app, Session& session) {
+    CLI::App* const command =
+        app.add_subcommand("select", "Select an application of the card by its identifier");
+    const auto options = std::make_shared<Options>();
+    addReaderOption(*command, options->reader);
+    command->add_option("AID", options->aid, "application identifier")
+        ->required()
+        ->check(isHex(1, 16));
+    command->callback([&session, options] {
+        session.useCard(options->reader, [&](const Card& card) {
+            sendSuccessfully(card, selectApplication(*parseHex(options->aid)));
+        });
+    });
+}
+
+}  // namespace tez::client

@@ -1,0 +1,55 @@
+#include <windows.h>
+
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "commands/commands.h"
+#include "failure.h"
+#include "run_command.h"
+
+using namespace tez::client;
+
+namespace {
+
+std::string toUtf8(const wchar_t* text) {
+    const int size = WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
+    std::string utf8(static_cast<std::size_t>(size), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, text, -1, utf8.data(), size, nullptr, nullptr);
+    utf8.pop_back();  // the terminator
+    return utf8;
+}
+
+/// Ends the session; a failure there makes the whole run one.
+Outcome closeSession(Session& session, Outcome outcome) {
+    try {
+        session.close();
+        return outcome;
+    } catch (const Failure& failure) {
+        std::cerr << "error: " << failure.what() << '\n';
+        return outcome == Outcome::kDone ? Outcome::kFailed : outcome;
+    }
+}
+
+}  // namespace
+
+int wmain(int argc, wchar_t** argv) {
+    SetConsoleCP(CP_UTF8);
+    SetConsoleOutputCP(CP_UTF8);
+
+    std::vector<std::string> words;
+    for (int index = 1; index < argc; ++index) {
+        words.push_back(toUtf8(argv[index]));
+    }
+    Session session;
+    CLI::App app(
+        "A PC/SC command-line client.\n"
+        "Exit code: 0 when everything succeeded, 1 when something failed, 2 for a usage error.");
+    app.name("pcsc-client");
+    for (const AddCommand add : kCommands) {
+        add(app, session);
+    }
+    addShell(app, session);
+    const Outcome outcome = runCommand(app, std::move(words), std::cerr);
+    return static_cast<int>(closeSession(session, outcome));
+}

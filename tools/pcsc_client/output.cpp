@@ -1,0 +1,23 @@
+#include "output.h"
+
+#include <iostream>
+#include <string>
+
+namespace tez::client {
+
+void print(std::string_view text) {
+    std::cout << text << std::flush;
+}
+
+void printLine(std::string_view line) {
+    print(std::string(line) + '\n');
+}
+
+void printField(std::string_view label, std::string_view value) {
+    constexpr std::size_t kLabelWidth = 10;
+    std::string line = "    " + std::string(label);
+    line.resize(4 + kLabelWidth, ' ');
+    printLine(line + std::string(value));
+}
+
+}  // namespace tez::client

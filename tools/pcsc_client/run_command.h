@@ -1,0 +1,21 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace tez::client {
+
+/// The values are the program's exit codes.
+enum class Outcome : int {
+    kDone = 0,
+    kFailed = 1,      ///< a call, a card's answer or a line of the shell
+    kUsageError = 2,  ///< the words make no command
+};
+
+/// Lets the app parse the words, which runs the command that they name. What went wrong is told on
+/// `errors`; help that was asked for goes to standard output and counts as done.
+Outcome runCommand(CLI::App& app, std::vector<std::string> words, std::ostream& errors);
+
+}  // namespace tez::client

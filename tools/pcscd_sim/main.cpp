@@ -1,0 +1,76 @@
+// Serves the daemon's pipe with virtual readers and cards, as the remote user's machine would, and
+// tells on standard output what its clients do.
+#include <windows.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <exception>
+#include <fstream>
+#include <iostream>
+
+#include "console.h"
+#include "options.h"
+#include "traffic_text.h"
+
+namespace {
+
+using namespace tez::sim;
+
+constexpr int kWrongArguments = 2;
+
+void observe(tez::test::DaemonSimulator& daemon) {
+    const auto connectionLine = [](const char* what) {
+        return [what](std::uint64_t connection) {
+            printLine("connection " + std::to_string(connection) + ": " + what);
+        };
+    };
+    daemon.setObserver({
+        connectionLine("opened"),
+        [](const tez::test::Handshake& handshake) { printLine(describe(handshake)); },
+        [](const tez::test::Request& request) { printLine(describe(request)); },
+        connectionLine("closed"),
+    });
+}
+
+/// False when the pipe could not be served or a command failed.
+bool run(const Options& options) {
+    tez::test::PcscService service;
+    tez::test::DaemonSimulator daemon(service, {options.version, {.name = options.pipe}});
+    observe(daemon);
+    Console console(service, daemon);
+    for (const std::string& reader : options.readers) {
+        service.addReader(reader);
+    }
+    for (const std::string& reader : options.cards) {
+        service.addReader(reader);
+        service.insertCard(reader, tez::test::makeDemoCard("Remote User"));
+    }
+    daemon.start();
+    printLine("serving " + options.pipe + ", protocol " + describe(options.version));
+
+    if (!options.script.empty()) {
+        std::ifstream script(options.script);
+        console.run(script);
+    }
+    console.run(std::cin);
+    if (options.detach && !console.quitting()) {
+        Sleep(INFINITE);
+    }
+    daemon.stop();
+    printLine("ended");
+    return !console.anyFailed();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    SetConsoleOutputCP(CP_UTF8);
+    try {
+        return run(parseOptions(argc, argv)) ? EXIT_SUCCESS : EXIT_FAILURE;
+    } catch (const CLI::Error& error) {
+        return error.get_exit_code() == 0 ? EXIT_SUCCESS : kWrongArguments;
+    } catch (const std::exception& error) {
+        std::cerr << "error: " << error.what() << '\n';
+        return EXIT_FAILURE;
+    }
+}

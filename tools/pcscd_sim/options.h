@@ -1,0 +1,27 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "daemon_traffic.h"
+
+namespace tez::sim {
+
+/// What the command line asks for.
+struct Options {
+    std::string pipe;
+    test::ProtocolVersion version;
+    std::vector<std::string> readers;
+    std::vector<std::string> cards;  ///< names of readers that hold a card from the start
+    std::string script;              ///< a file of commands, run before standard input is read
+    bool detach = false;             ///< keep serving when standard input ends
+};
+
+/// "1.4"; nullopt for anything else.
+std::optional<test::ProtocolVersion> parseVersion(const std::string& text);
+
+/// Throws CLI::Error, having printed why, when the arguments are wrong or only ask for help.
+Options parseOptions(int argc, char** argv);
+
+}  // namespace tez::sim

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+
+#include "daemon_traffic.h"
+
+namespace tez::sim {
+
+/// "TRANSMIT", or "command 17" for one that has no name.
+std::string commandName(test::Command command);
+
+/// "1.4"
+std::string describe(test::ProtocolVersion version);
+
+/// "connection 1: handshake, token 00, option FF FF FF FF, protocol 1.4"
+std::string describe(const test::Handshake& handshake);
+
+/// "connection 2: TRANSMIT 33 bytes, data 00 A4 04 00 00"; the data phase is shown for transmit and
+/// control only.
+std::string describe(const test::Request& request);
+
+}  // namespace tez::sim
