@@ -16,7 +16,7 @@ struct ContextRegistry {
     HandleTable<ContextEntry> table;
 };
 
-ContextRegistry& registry() {
+ContextRegistry& contexts() {
     static NeverDestroyed<ContextRegistry> instance;
     return *instance;
 }
@@ -27,25 +27,25 @@ SCARDCONTEXT registerContext(SCARDCONTEXT systemHandle, DWORD scope) {
     ContextEntry entry;
     entry.systemHandle = systemHandle;
     entry.scope = scope;
-    const SlimGuard guard(registry().lock);
-    return registry().table.add(entry);
+    const SlimGuard guard(contexts().lock);
+    return contexts().table.add(entry);
 }
 
 bool isContextKnown(SCARDCONTEXT context) noexcept {
-    const SlimGuard guard(registry().lock);
-    return registry().table.find(context) != nullptr;
+    const SlimGuard guard(contexts().lock);
+    return contexts().table.find(context) != nullptr;
 }
 
 SCARDCONTEXT getLocalContext(SCARDCONTEXT context) noexcept {
-    const SlimGuard guard(registry().lock);
-    const ContextEntry* const entry = registry().table.find(context);
+    const SlimGuard guard(contexts().lock);
+    const ContextEntry* const entry = contexts().table.find(context);
     return entry == nullptr ? 0 : entry->systemHandle;
 }
 
 std::optional<ContextEntry> unregisterContext(SCARDCONTEXT context) noexcept {
-    const SlimGuard guard(registry().lock);
+    const SlimGuard guard(contexts().lock);
     ContextEntry entry;
-    if (!registry().table.take(context, entry)) {
+    if (!contexts().table.take(context, entry)) {
         return std::nullopt;
     }
     return entry;
@@ -56,8 +56,8 @@ LONG getRemoteContextVolatile(SCARDCONTEXT context, std::uint64_t& remoteContext
     remoteContext = NO_REMOTE_CONTEXT;
     ContextEntry copy;
     {
-        const SlimGuard guard(registry().lock);
-        const ContextEntry* const entry = registry().table.find(context);
+        const SlimGuard guard(contexts().lock);
+        const ContextEntry* const entry = contexts().table.find(context);
         if (entry == nullptr) {
             return SCARD_E_INVALID_HANDLE;
         }
@@ -73,8 +73,8 @@ LONG getRemoteContextVolatile(SCARDCONTEXT context, std::uint64_t& remoteContext
         // during the exchange is overwritten, a context that was released meanwhile stands again,
         // and of two daemon contexts made at once the later one stays.
         {
-            const SlimGuard guard(registry().lock);
-            registry().table.put(context, copy);
+            const SlimGuard guard(contexts().lock);
+            contexts().table.put(context, copy);
         }
         log.debug("Local context %Ix mapped to %s context %ld", copy.systemHandle,
                   remoteFlag ? "remote" : "remote-local", static_cast<long>(slot));
@@ -85,8 +85,8 @@ LONG getRemoteContextVolatile(SCARDCONTEXT context, std::uint64_t& remoteContext
 
 void setContextCancelled(SCARDCONTEXT context, bool cancelled) noexcept {
     static constexpr FunctionLog log("setContextCancelled");
-    const SlimGuard guard(registry().lock);
-    ContextEntry* const entry = registry().table.find(context);
+    const SlimGuard guard(contexts().lock);
+    ContextEntry* const entry = contexts().table.find(context);
     if (entry != nullptr && entry->cancelled != cancelled) {
         log.debug("Setting ContextCancelled %Ix to %d", entry->systemHandle, cancelled ? 1 : 0);
         entry->cancelled = cancelled;
@@ -94,15 +94,15 @@ void setContextCancelled(SCARDCONTEXT context, bool cancelled) noexcept {
 }
 
 bool isContextCancelled(SCARDCONTEXT context) noexcept {
-    const SlimGuard guard(registry().lock);
-    const ContextEntry* const entry = registry().table.find(context);
+    const SlimGuard guard(contexts().lock);
+    const ContextEntry* const entry = contexts().table.find(context);
     return entry != nullptr && entry->cancelled;
 }
 
 void invalidateRemoteContexts() noexcept {
     static constexpr FunctionLog log("invalidateRemoteContexts");
-    const SlimGuard guard(registry().lock);
-    registry().table.forEach([](std::uint64_t context, ContextEntry& entry) {
+    const SlimGuard guard(contexts().lock);
+    contexts().table.forEach([](std::uint64_t context, ContextEntry& entry) {
         entry.remote = NO_REMOTE_CONTEXT;
         entry.remoteLocal = NO_REMOTE_CONTEXT;
         log.debug("Removed mapping of local context %Ix", context);
@@ -112,8 +112,8 @@ void invalidateRemoteContexts() noexcept {
 void establishMissingLocalContexts() {
     // The one operation that calls out with the lock held: a context must not be released between
     // the look at its entry and the system context that it is given.
-    const SlimGuard guard(registry().lock);
-    registry().table.forEach([](std::uint64_t /*context*/, ContextEntry& entry) {
+    const SlimGuard guard(contexts().lock);
+    contexts().table.forEach([](std::uint64_t /*context*/, ContextEntry& entry) {
         SCARDCONTEXT made = 0;
         if (entry.systemHandle == 0 &&
             LocalSCardEstablishContext(entry.scope, nullptr, nullptr, &made) == SCARD_S_SUCCESS) {

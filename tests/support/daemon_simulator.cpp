@@ -8,7 +8,7 @@
 namespace tez::test {
 namespace {
 
-constexpr std::size_t kHeaderSize = 12;
+constexpr std::size_t kRequestHeaderSize = 12;
 constexpr std::size_t kOptionSize = 4;
 constexpr std::size_t kVersionSize = 8;
 constexpr std::size_t kLongestToken = std::size_t{64} << 10;
@@ -220,8 +220,8 @@ std::optional<ProtocolVersion> DaemonSimulator::shakeHands(PipeConnection& pipe)
 
 /// False when the connection is to end.
 bool DaemonSimulator::serveRequest(PipeConnection& pipe, ProtocolVersion version) {
-    Request request{pipe.number(), version, Bytes(kHeaderSize), {}, {}, true};
-    if (pipe.read(request.header) != kHeaderSize) {
+    Request request{pipe.number(), version, Bytes(kRequestHeaderSize), {}, {}, true};
+    if (pipe.read(request.header) != kRequestHeaderSize) {
         return false;
     }
     const std::size_t size = u32At(request.header, 0);

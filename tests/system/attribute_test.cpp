@@ -12,10 +12,9 @@ using testing::_;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr std::size_t kRecordSize = 284;
+constexpr std::size_t kAttributeRecordSize = 284;
 constexpr DWORD kAttribute = SCARD_ATTR_VENDOR_NAME;
 constexpr std::uint32_t kAttributeOnWire = 0x00010100;
-constexpr LONG kNotSupported = 50;  // the platform's ERROR_NOT_SUPPORTED
 constexpr ProtocolVersion kFixedForm{1, 1};
 constexpr ProtocolVersion kNewerForm{1, 2};
 
@@ -38,7 +37,10 @@ class AttributeTest : public RemoteCardTest {
     }
 
     static RecordBytes record(std::uint32_t size) {
-        return RecordBytes(kRecordSize).u64(0, kDaemonCard).u32(8, kAttributeOnWire).u32(276, size);
+        return RecordBytes(kAttributeRecordSize)
+            .u64(0, kDaemonCard)
+            .u32(8, kAttributeOnWire)
+            .u32(276, size);
     }
 
     /// Lets the daemon give a value in the fixed form, and say that it has `size` bytes.
@@ -54,7 +56,8 @@ class AttributeTest : public RemoteCardTest {
     /// Lets the daemon give a value in the newer form.
     void answerBehind(const Bytes& value) {
         daemon.on(Command::kGetAttribute,
-                  answering(kRecordSize, {{276, static_cast<std::uint32_t>(value.size())}}, value));
+                  answering(kAttributeRecordSize, {{276, static_cast<std::uint32_t>(value.size())}},
+                            value));
     }
 
     DWORD length = 0;
@@ -156,7 +159,8 @@ TEST_F(AttributeTest, ThatIsTheWideFriendlyNameIsPassedOnAsItIs) {
 
 TEST_F(AttributeTest, CutShortByTheDaemonIsNoService) {
     connectCard();
-    daemon.on(Command::kGetAttribute, answeringAndClosing(kRecordSize, {{276, 5}}, {1, 2, 3, 4}));
+    daemon.on(Command::kGetAttribute,
+              answeringAndClosing(kAttributeRecordSize, {{276, 5}}, {1, 2, 3, 4}));
     const GuardedBuffer value(9);
     EXPECT_THAT(get(value), Gives(SCARD_E_NO_SERVICE));
     EXPECT_EQ(length, 9U);

@@ -16,8 +16,6 @@ using testing::Return;
 using testing::SetArgPointee;
 using testing::StrEq;
 
-constexpr SCARDHANDLE kUntouched = 0xDEAD;
-
 class ConnectTest : public RemoteCardTest {
   protected:
     LONG connectTo(const std::string& reader, DWORD protocols = SCARD_PROTOCOL_Tx) {

@@ -11,9 +11,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Return;
 
-constexpr std::size_t kRecordSize = 28;
-constexpr std::size_t kOldDaemonsLimit = 65548;
-constexpr DWORD kUntouched = 0xDEAD;
+constexpr std::size_t kControlRecordSize = 28;
 
 class ControlTest : public RemoteCardTest {
   protected:
@@ -24,7 +22,7 @@ class ControlTest : public RemoteCardTest {
     }
 
     static RecordBytes controlRecord(std::uint32_t function, const Bytes& input, std::size_t room) {
-        return RecordBytes(kRecordSize)
+        return RecordBytes(kControlRecordSize)
             .u64(0, kDaemonCard)
             .u32(8, function)
             .u32(12, static_cast<std::uint32_t>(input.size()))
@@ -34,9 +32,9 @@ class ControlTest : public RemoteCardTest {
 
     /// Lets the daemon answer every control with these bytes.
     void answerWith(const Bytes& output) {
-        daemon.on(
-            Command::kControl,
-            answering(kRecordSize, {{20, static_cast<std::uint32_t>(output.size())}}, output));
+        daemon.on(Command::kControl,
+                  answering(kControlRecordSize, {{20, static_cast<std::uint32_t>(output.size())}},
+                            output));
     }
 
     DWORD returned = kUntouched;
@@ -122,7 +120,7 @@ TEST_F(ControlTest, RefusesAnInputThatNoHeaderCanAnnounce) {
 
 TEST_F(ControlTest, ClearsTheCountWhenTheDaemonRefuses) {
     connectCard();
-    daemon.on(Command::kControl, answering(kRecordSize, {{20, 3}, {24, 0x80100022}}));
+    daemon.on(Command::kControl, answering(kControlRecordSize, {{20, 3}, {24, 0x80100022}}));
     const GuardedBuffer output(10);
     EXPECT_THAT(control({1}, output), Gives(SCARD_E_UNSUPPORTED_FEATURE));
     EXPECT_EQ(returned, 0U);
@@ -165,7 +163,7 @@ TEST_F(ControlTest, HasNoLimitWithADaemonOfVersion13) {
 
 TEST_F(ControlTest, WarnsWhenThePipeBreaksAtTheRecord) {
     connectCard();
-    const FailingWrites broken([](DWORD size) { return size == kRecordSize; });
+    const FailingWrites broken([](DWORD size) { return size == kControlRecordSize; });
     EXPECT_THAT(control({1, 2}, GuardedBuffer(2)), Gives(SCARD_E_NO_SERVICE));
     EXPECT_EQ(returned, 0U);
     EXPECT_THAT(log().messages("SCardControl", 'W'), ElementsAre("Failed to send data"));
@@ -181,7 +179,7 @@ TEST_F(ControlTest, WarnsWhenThePipeBreaksAtTheInput) {
 
 TEST_F(ControlTest, WarnsWhenThePipeBreaksInTheMiddleOfTheOutput) {
     connectCard();
-    daemon.on(Command::kControl, answeringAndClosing(kRecordSize, {{20, 4}}, {1, 2, 3}));
+    daemon.on(Command::kControl, answeringAndClosing(kControlRecordSize, {{20, 4}}, {1, 2, 3}));
     const GuardedBuffer output(4);
     EXPECT_THAT(control({1}, output), Gives(SCARD_E_NO_SERVICE));
     EXPECT_EQ(returned, 0U);

@@ -21,7 +21,7 @@ struct HandleCall {
 DWORD ignoredLength = 0;
 DWORD ignoredNumber = 0;
 SCARDHANDLE ignoredCard = 0;
-BYTE buffer[300];
+BYTE ignoredBytes[300];
 
 const HandleCall kContextCalls[] = {
     {"IsValidContext", [](auto handle) { return SCardIsValidContext(handle); }},
@@ -66,21 +66,22 @@ const HandleCall kCardCalls[] = {
      }},
     {"Transmit",
      [](auto handle) {
-         ignoredLength = sizeof buffer;
-         return SCardTransmit(handle, SCARD_PCI_T1, buffer, 5, nullptr, buffer, &ignoredLength);
+         ignoredLength = sizeof ignoredBytes;
+         return SCardTransmit(handle, SCARD_PCI_T1, ignoredBytes, 5, nullptr, ignoredBytes,
+                              &ignoredLength);
      }},
     {"Control",
      [](auto handle) {
-         return SCardControl(handle, SCARD_CTL_CODE(kControlEcho), buffer, 5, buffer, sizeof buffer,
-                             &ignoredLength);
+         return SCardControl(handle, SCARD_CTL_CODE(kControlEcho), ignoredBytes, 5, ignoredBytes,
+                             sizeof ignoredBytes, &ignoredLength);
      }},
     {"GetAttrib",
      [](auto handle) {
-         ignoredLength = sizeof buffer;
-         return SCardGetAttrib(handle, SCARD_ATTR_ATR_STRING, buffer, &ignoredLength);
+         ignoredLength = sizeof ignoredBytes;
+         return SCardGetAttrib(handle, SCARD_ATTR_ATR_STRING, ignoredBytes, &ignoredLength);
      }},
     {"SetAttrib",
-     [](auto handle) { return SCardSetAttrib(handle, SCARD_ATTR_ATR_STRING, buffer, 5); }},
+     [](auto handle) { return SCardSetAttrib(handle, SCARD_ATTR_ATR_STRING, ignoredBytes, 5); }},
     {"GetTransmitCount", [](auto handle) { return SCardGetTransmitCount(handle, &ignoredNumber); }},
 };
 
@@ -193,9 +194,9 @@ TEST_F(HostileArgumentTest, NullPointersToAttributesAndCounts) {
 
 TEST_F(HostileArgumentTest, AnAbsurdSendLength) {
     const GuardedBuffer command(5);
-    ignoredLength = sizeof buffer;
+    ignoredLength = sizeof ignoredBytes;
     EXPECT_THAT(SCardTransmit(card.handle, SCARD_PCI_T1, command.data(), 0xFFFFFFFF, nullptr,
-                              buffer, &ignoredLength),
+                              ignoredBytes, &ignoredLength),
                 Not(Gives(SCARD_S_SUCCESS)));
     EXPECT_TRUE(command.untouched());
 }

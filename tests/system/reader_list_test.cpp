@@ -17,7 +17,7 @@ using testing::SetArgPointee;
 using testing::StrEq;
 using namespace std::string_literals;
 
-constexpr std::size_t kRecordSize = 16;
+constexpr std::size_t kReaderListRecordSize = 16;
 
 Bytes asBytes(const std::string& text) {
     return {text.begin(), text.end()};
@@ -27,9 +27,9 @@ class ReaderListTest : public RemoteCardTest {
   protected:
     /// Lets the daemon announce this list.
     void setRemoteList(const std::string& list) {
-        daemon.on(
-            Command::kListReaders,
-            answering(kRecordSize, {{8, static_cast<std::uint32_t>(list.size())}}, asBytes(list)));
+        daemon.on(Command::kListReaders,
+                  answering(kReaderListRecordSize, {{8, static_cast<std::uint32_t>(list.size())}},
+                            asBytes(list)));
     }
 
     /// Lets the host have these readers instead of its own.
@@ -75,7 +75,7 @@ TEST_F(ReaderListTest, IsAskedForWithOneRecordOnTheDaemonsContext) {
     establishContext();
     const auto buffer = list(context);
     const auto request =
-        IsRequest(Command::kListReaders, RecordBytes(kRecordSize).u64(0, kDaemonContext));
+        IsRequest(Command::kListReaders, RecordBytes(kReaderListRecordSize).u64(0, kDaemonContext));
     EXPECT_THAT(daemon.requests(Command::kListReaders), ElementsAre(request, request));
 }
 
@@ -83,7 +83,7 @@ TEST_F(ReaderListTest, IsAskedForWithContextZeroByCallersWithoutAContext) {
     establishContext();
     EXPECT_CALL(host, SCardListReadersA(0, nullptr, _, _)).Times(2);
     EXPECT_EQ(list(0), "Remote Reader 0\0Host Reader 0\0\0"s);
-    const auto request = IsRequest(Command::kListReaders, RecordBytes(kRecordSize));
+    const auto request = IsRequest(Command::kListReaders, RecordBytes(kReaderListRecordSize));
     EXPECT_THAT(daemon.requests(), ElementsAre(request, request));
 }
 
@@ -181,7 +181,7 @@ TEST_F(ReaderListTest, KeepsTheHostsNamesThatItKnewWhenTheHostFails) {
 
 TEST_F(ReaderListTest, IsTheHostsAloneWhenTheDaemonRefuses) {
     establishContext();
-    daemon.on(Command::kListReaders, answering(kRecordSize, {{8, 5}, {12, 0x8010002E}}));
+    daemon.on(Command::kListReaders, answering(kReaderListRecordSize, {{8, 5}, {12, 0x8010002E}}));
     const GuardedBuffer buffer(100);
     length = 100;
     // Straight into the caller's own buffer.
@@ -218,7 +218,7 @@ TEST_F(ReaderListTest, OfTheHostAloneIsNotNotedByASizeQuery) {
 TEST_F(ReaderListTest, KeepsTheDaemonsNamesThatItKnewWhenTheDaemonRefuses) {
     establishContext();
     listReaders(context);
-    daemon.on(Command::kListReaders, answering(kRecordSize, {{12, 0x80100001}}));
+    daemon.on(Command::kListReaders, answering(kReaderListRecordSize, {{12, 0x80100001}}));
     EXPECT_THAT(listReaders(context), ElementsAre(kHostReader));
     EXPECT_EQ(log().count("SCardListReadersA", "    Remote Reader 0"), 2U);
 }
@@ -270,7 +270,7 @@ TEST_F(ReaderListTest, WarnsWhenTheDaemonHangsUpInsteadOfAnswering) {
 TEST_F(ReaderListTest, WarnsWhenTheDaemonHangsUpInTheMiddleOfTheNames) {
     establishContext();
     daemon.on(Command::kListReaders,
-              answeringAndClosing(kRecordSize, {{8, 17}}, asBytes("Remote Reader 0\0"s)));
+              answeringAndClosing(kReaderListRecordSize, {{8, 17}}, asBytes("Remote Reader 0\0"s)));
     EXPECT_THAT(listReaders(context), ElementsAre(kHostReader));
     EXPECT_THAT(log().messages("SCardListReadersA", 'W'),
                 ElementsAre("Failed to read data for reader names"));

@@ -14,6 +14,13 @@ inline constexpr std::uint64_t kDaemonCard = 0x6'0000'0001;
 inline constexpr SCARDCONTEXT kHostContext = 0x7A000001;
 inline constexpr SCARDHANDLE kHostCard = 0x7B000001;
 
+/// Stands in what a call must leave alone.
+inline constexpr DWORD kUntouched = 0xDEAD;
+/// The platform's ERROR_NOT_SUPPORTED.
+inline constexpr LONG kNotSupported = 50;
+/// What an old daemon takes of a command or an answer.
+inline constexpr std::size_t kOldDaemonsLimit = 65548;
+
 /// A system test with connections to the cards of both sides.
 class RemoteCardTest : public SystemTest {
   protected:

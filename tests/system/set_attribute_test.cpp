@@ -11,22 +11,21 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Return;
 
-constexpr std::size_t kRecordSize = 284;
-constexpr DWORD kAttribute = SCARD_ATTR_SUPRESS_T1_IFS_REQUEST;
+constexpr std::size_t kSetAttributeRecordSize = 284;
+constexpr DWORD kSetAttribute = SCARD_ATTR_SUPRESS_T1_IFS_REQUEST;
 constexpr std::uint32_t kAttributeOnWire = 0x7FFF0007;
-constexpr LONG kNotSupported = 50;  // the platform's ERROR_NOT_SUPPORTED
 constexpr ProtocolVersion kFixedForm{1, 1};
 constexpr ProtocolVersion kNewerForm{1, 2};
 
 class SetAttributeTest : public RemoteCardTest {
   protected:
     LONG set(const Bytes& value) {
-        return SCardSetAttrib(card.handle, kAttribute, value.data(),
+        return SCardSetAttrib(card.handle, kSetAttribute, value.data(),
                               static_cast<DWORD>(value.size()));
     }
 
     static RecordBytes record(std::size_t size) {
-        return RecordBytes(kRecordSize)
+        return RecordBytes(kSetAttributeRecordSize)
             .u64(0, kDaemonCard)
             .u32(8, kAttributeOnWire)
             .u32(276, static_cast<std::uint32_t>(size));
@@ -77,14 +76,14 @@ TEST_F(SetAttributeTest, SendsAnEmptyValueAsTheRecordAlone) {
         return false;
     });
     const BYTE value = 0;
-    EXPECT_THAT(SCardSetAttrib(card.handle, kAttribute, &value, 0), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(SCardSetAttrib(card.handle, kSetAttribute, &value, 0), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(sizes, ElementsAre(12, 284));
     EXPECT_THAT(daemon.requests(), ElementsAre(IsRequest(Command::kSetAttribute, record(0))));
 }
 
 TEST_F(SetAttributeTest, RefusesAMissingValueOfARemoteCard) {
     connectCard();
-    EXPECT_THAT(SCardSetAttrib(card.handle, kAttribute, nullptr, 3),
+    EXPECT_THAT(SCardSetAttrib(card.handle, kSetAttribute, nullptr, 3),
                 Gives(SCARD_E_INVALID_PARAMETER));
     EXPECT_THAT(daemon.requests(), IsEmpty());
 }
@@ -93,7 +92,7 @@ TEST_F(SetAttributeTest, RefusesAValueThatNoHeaderCanAnnounce) {
     connectCard();
     const BYTE value = 0;
     for (const DWORD size : {0xFFFFFFFFUL, 0xFFFFFFFFUL - 283}) {
-        EXPECT_THAT(SCardSetAttrib(card.handle, kAttribute, &value, size),
+        EXPECT_THAT(SCardSetAttrib(card.handle, kSetAttribute, &value, size),
                     Gives(SCARD_E_INVALID_PARAMETER));
     }
     EXPECT_THAT(daemon.requests(), IsEmpty());
@@ -110,7 +109,7 @@ TEST_F(SetAttributeTest, LogsItsParametersAndItsResultWithoutOutput) {
 
 TEST_F(SetAttributeTest, WarnsWhenThePipeBreaksAtTheRecord) {
     connectCard();
-    const FailingWrites broken([](DWORD size) { return size == kRecordSize; });
+    const FailingWrites broken([](DWORD size) { return size == kSetAttributeRecordSize; });
     EXPECT_THAT(set({1, 2, 3}), Gives(SCARD_E_NO_SERVICE));
     EXPECT_THAT(log().messages("SCardSetAttrib", 'W'), ElementsAre("Failed to send data"));
 }
@@ -125,9 +124,10 @@ TEST_F(SetAttributeTest, WarnsWhenThePipeBreaksAtTheValue) {
 TEST_F(SetAttributeTest, OfAHostCardGoesToTheHostUnchanged) {
     establishContext();
     card = connect(context, kHostReader);
-    EXPECT_CALL(host, SCardSetAttrib(kHostCard, kAttribute, nullptr, 99))
+    EXPECT_CALL(host, SCardSetAttrib(kHostCard, kSetAttribute, nullptr, 99))
         .WillOnce(Return(SCARD_E_INVALID_VALUE));
-    EXPECT_THAT(SCardSetAttrib(card.handle, kAttribute, nullptr, 99), Gives(SCARD_E_INVALID_VALUE));
+    EXPECT_THAT(SCardSetAttrib(card.handle, kSetAttribute, nullptr, 99),
+                Gives(SCARD_E_INVALID_VALUE));
     EXPECT_THAT(daemon.requests(), IsEmpty());
 }
 

@@ -16,7 +16,6 @@ using testing::IsEmpty;
 using testing::IsSupersetOf;
 using testing::Not;
 
-constexpr const char* kFunction = "SCardGetStatusChangeA";
 constexpr const char* kListing =
     "List readers was never called, let's call it to update the list of local and remote readers";
 
@@ -37,10 +36,10 @@ class StatusChangeArguments : public StatusChangeTest {
 
     /// The log lines of a call that is over before it begins.
     void expectRefusal(char level, const char* reason, const char* result) {
-        EXPECT_THAT(log().entries(), Contains(LogLine(level, kFunction, reason)));
+        EXPECT_THAT(log().entries(), Contains(LogLine(level, kStatusChange, reason)));
         EXPECT_THAT(
             log().entries(),
-            Contains(LogLine('D', kFunction, std::string("GET_STATUS_CHANGE RV: ") + result)));
+            Contains(LogLine('D', kStatusChange, std::string("GET_STATUS_CHANGE RV: ") + result)));
     }
 };
 
@@ -50,7 +49,7 @@ TEST_F(StatusChangeArguments, LogsWhatCameInAndTheResult) {
     std::vector states{unchangedHost()};
     EXPECT_THAT(wait(context, 0, states), Gives(SCARD_E_TIMEOUT));
     EXPECT_THAT(
-        log().messages(kFunction, 'D'),
+        log().messages(kStatusChange, 'D'),
         IsSupersetOf({"GET_STATUS_CHANGE IN-PARAMS: 1, 0, " + asPointer(states.data()) + ", 1",
                       std::string("GET_STATUS_CHANGE RV: 0x8010000A")}));
 }
@@ -60,7 +59,7 @@ TEST_F(StatusChangeArguments, RefuseAnUnknownContext) {
     EXPECT_CALL(host, SCardGetStatusChangeA).Times(0);
     EXPECT_THAT(wait(4711, INFINITE, states), Gives(SCARD_E_INVALID_HANDLE));
     EXPECT_THAT(log().entries(),
-                Contains(LogLine('D', kFunction, "GET_STATUS_CHANGE RV: 0x80100003")));
+                Contains(LogLine('D', kStatusChange, "GET_STATUS_CHANGE RV: 0x80100003")));
 }
 
 TEST_F(StatusChangeArguments, RefuseSeventeenEntries) {
@@ -91,7 +90,7 @@ TEST_F(StatusChangeArguments, LetAnEmptyListSleepForTheWholeTimeout) {
     EXPECT_THAT(SCardGetStatusChangeA(context, 12345, nullptr, 0), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(SCardGetStatusChangeA(context, INFINITE, nullptr, 0), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(sleeps.durations(), ElementsAre(12345U, INFINITE));
-    EXPECT_EQ(log().count(kFunction, "Reader list is empty"), 2U);
+    EXPECT_EQ(log().count(kStatusChange, "Reader list is empty"), 2U);
     expectRefusal('D', "Reader list is empty", "0x00000000");
 }
 
@@ -151,8 +150,8 @@ TEST_F(StatusChangeArguments, ListTheReadersOnceWhenNobodyDidBefore) {
     EXPECT_THAT(wait(context, 0, states), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(states[0].dwEventState, 0x00010022U);
     EXPECT_THAT(wait(context, 0, states), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(log().count(kFunction, kListing), 1U);
-    EXPECT_THAT(log().entries(), Contains(LogLine('D', kFunction, kListing)));
+    EXPECT_EQ(log().count(kStatusChange, kListing), 1U);
+    EXPECT_THAT(log().entries(), Contains(LogLine('D', kStatusChange, kListing)));
     EXPECT_EQ(daemon.requests(Command::kListReaders).size(), 1U);
     EXPECT_THAT(log().messages("SCardListReadersA"), Contains("LIST_READERS RV: 0x00000000"));
 }
@@ -161,7 +160,7 @@ TEST_F(StatusChangeArguments, DoNotListTheReadersWhenTheApplicationDid) {
     const SCARDCONTEXT context = establishAndList();
     std::vector states{readerState(kRemoteReader, SCARD_STATE_UNAWARE)};
     EXPECT_THAT(wait(context, 0, states), Gives(SCARD_S_SUCCESS));
-    EXPECT_THAT(log().messages(kFunction), Not(Contains(kListing)));
+    EXPECT_THAT(log().messages(kStatusChange), Not(Contains(kListing)));
     EXPECT_THAT(daemon.requests(Command::kListReaders), IsEmpty());
 }
 

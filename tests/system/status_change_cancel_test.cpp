@@ -11,8 +11,6 @@ namespace {
 using testing::Contains;
 using testing::ElementsAre;
 
-constexpr const char* kFunction = "SCardGetStatusChangeA";
-constexpr const char* kLocalFunction = "LocalSCardGetStatusChange";
 constexpr const char* kCancelLocal =
     "canceling local SCardGetStatusChange by invoking local SCardCancel";
 constexpr const char* kCancelRemote =
@@ -90,7 +88,7 @@ TEST_F(StatusChangeCancel, ByTheApplicationEndsAWaitOnTheDaemonAlone) {
     // The empty local half makes it a success.
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
     EXPECT_LT(wait.duration(), 15000U);
-    EXPECT_THAT(log().messages(kFunction), Contains("intermediate rv: 0x80100002"));
+    EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x80100002"));
 }
 
 TEST_F(StatusChangeCancel, ByTheApplicationEndsTheWaitsOfItsContextOnly) {
@@ -156,8 +154,8 @@ TEST_F(StatusChangeCancel, OfTheHostIsRepeatedAfterASecondWhenItCameTooEarly) {
     const std::vector<ULONGLONG> cancels = hostCancels();
     ASSERT_EQ(cancels.size(), 2U);
     EXPECT_GE(cancels[1] - cancels[0], 900U);
-    EXPECT_EQ(log().count(kFunction, kCancelLocal), 1U);
-    EXPECT_EQ(log().count(kFunction, "canceling local SCardGetStatusChange again"), 1U);
+    EXPECT_EQ(log().count(kStatusChange, kCancelLocal), 1U);
+    EXPECT_EQ(log().count(kStatusChange, "canceling local SCardGetStatusChange again"), 1U);
 }
 
 TEST_F(StatusChangeCancel, OfTheHostIsRepeatedAtGrowingIntervals) {
@@ -198,8 +196,8 @@ TEST_F(StatusChangeCancel, OfTheDaemonIsRepeatedAfterASecondWhenItCameTooEarly) 
     EXPECT_EQ(wait.state(0).dwEventState, 0x00020012U);
     EXPECT_EQ(cancelled, 2U);
     EXPECT_GE(wait.duration(), 900U);
-    EXPECT_EQ(log().count(kLocalFunction, kCancelRemote), 1U);
-    EXPECT_EQ(log().count(kLocalFunction, "canceling remote SCardGetStatusChange again"), 1U);
+    EXPECT_EQ(log().count(kLocalStatusChange, kCancelRemote), 1U);
+    EXPECT_EQ(log().count(kLocalStatusChange, "canceling remote SCardGetStatusChange again"), 1U);
     daemon.restore(Command::kCancel);
 }
 
@@ -221,7 +219,7 @@ TEST_F(StatusChangeCancel, OfTheDaemonThatIsForgottenIsRepeatedAtGrowingInterval
     ASSERT_EQ(cancels.size(), 3U);
     EXPECT_GE(cancels[1] - cancels[0], 900U);
     EXPECT_GE(cancels[2] - cancels[1], 1900U);
-    EXPECT_EQ(log().count(kLocalFunction, "canceling remote SCardGetStatusChange again"), 2U);
+    EXPECT_EQ(log().count(kLocalStatusChange, "canceling remote SCardGetStatusChange again"), 2U);
     daemon.restore(Command::kCancel);
 }
 
@@ -236,7 +234,7 @@ TEST_F(StatusChangeCancel, OfTheDaemonIsNotSentBeforeTheRequestItIsToCancel) {
     const BackgroundWait wait(context, INFINITE,
                               {readerState(kHostReader, SCARD_STATE_UNAWARE), unchangedRemote()});
     ASSERT_TRUE(gate.waitUntilReached());
-    ASSERT_TRUE(eventually([&] { return log().count(kLocalFunction, kCancelRemote) == 1; }));
+    ASSERT_TRUE(eventually([&] { return log().count(kLocalStatusChange, kCancelRemote) == 1; }));
     EXPECT_EQ(remoteCancels(), 0U);
     gate.open();
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));

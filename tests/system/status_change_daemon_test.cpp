@@ -14,9 +14,6 @@ using testing::IsEmpty;
 using testing::Return;
 using testing::UnorderedElementsAre;
 
-constexpr const char* kFunction = "SCardGetStatusChangeA";
-constexpr const char* kLocalFunction = "LocalSCardGetStatusChange";
-
 class StatusChangeAndDaemon : public StatusChangeTest {
   protected:
     /// Lets the daemon refuse a context with SCARD_E_NO_SERVICE, this often, as one does that is
@@ -37,7 +34,7 @@ class StatusChangeAndDaemon : public StatusChangeTest {
     /// What the calling thread's wait says while it waits for the daemon's context.
     std::vector<std::string> contextWaits() const {
         std::vector<std::string> waits;
-        for (const std::string& message : log().messages(kFunction, 'D')) {
+        for (const std::string& message : log().messages(kStatusChange, 'D')) {
             if (message.rfind("Waiting for remote context", 0) == 0) {
                 waits.push_back(message);
             }
@@ -53,7 +50,7 @@ TEST_F(StatusChangeAndDaemon, ComingEndsAWaitOnTheHostAloneAsATimeout) {
     waitForHostWait();
     startDaemon();
     EXPECT_THAT(wait.result(), Gives(SCARD_E_TIMEOUT));
-    EXPECT_THAT(log().messages(kFunction), Contains("localRv: 0x8010000A"));
+    EXPECT_THAT(log().messages(kStatusChange), Contains("localRv: 0x8010000A"));
     waitForWatch();
     // The next call sees the new reader without the application listing anything.
     SCARD_READERSTATEA state = readerState(kRemoteReader, SCARD_STATE_UNAWARE);
@@ -153,8 +150,8 @@ TEST_F(StatusChangeAndDaemon, GoingEndsAWaitOnRemoteReaders) {
     waitForRemoteWait();
     stopDaemon();
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));  // by the empty local half
-    EXPECT_THAT(log().messages(kFunction), Contains("intermediate rv: 0x8010001D"));
-    EXPECT_THAT(log().entries(), Contains(LogLine('W', kFunction, "Failed to receive data")));
+    EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x8010001D"));
+    EXPECT_THAT(log().entries(), Contains(LogLine('W', kStatusChange, "Failed to receive data")));
     EXPECT_THAT(listReaders(context), ElementsAre(kHostReader));
 }
 
@@ -163,7 +160,7 @@ TEST_F(StatusChangeAndDaemon, GoingLeavesTheHostsHalfOfAWait) {
     const BackgroundWait wait = waitOnBothSides(context);
     stopDaemon();
     EXPECT_FALSE(wait.isOver());
-    EXPECT_THAT(log().messages(kFunction), Contains("intermediate rv: 0x8010001D"));
+    EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x8010001D"));
     host.pcsc().removeCard(kHostReader);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(wait.state(0).dwEventState, 0x00020012U);
@@ -212,7 +209,7 @@ TEST_F(StatusChangeAndDaemon, NotReadyIsWaitedForUntilTheTimeoutIsOver) {
     EXPECT_THAT(contextWaits(), ElementsAre("Waiting for remote context: 1, timeout=2500",
                                             "Waiting for remote context: 1, timeout=1500",
                                             "Waiting for remote context: 1, timeout=500"));
-    EXPECT_THAT(log().messages(kFunction), Contains("intermediate rv: 0x8010000A"));
+    EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x8010000A"));
     EXPECT_THAT(daemon.requests(Command::kGetStatusChange), IsEmpty());
 }
 
@@ -254,8 +251,8 @@ TEST_F(StatusChangeAndDaemon, NotReadyDoesNotKeepAHostChangeBack) {
     host.pcsc().removeCard(kHostReader);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(wait.state(1).dwEventState, 0x00020012U);
-    EXPECT_THAT(log().messages(kFunction), Contains("intermediate rv: 0x80100002"));
-    EXPECT_EQ(log().count(kLocalFunction,
+    EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x80100002"));
+    EXPECT_EQ(log().count(kLocalStatusChange,
                           "canceling remote SCardGetStatusChange by invoking remote SCardCancel"),
               1U);
     EXPECT_EQ(remoteCancels(), 0U);

@@ -13,7 +13,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::IsSupersetOf;
 
-constexpr const char* kFunction = "SCardGetStatusChangeA";
 constexpr auto kNoService = SCARD_E_NO_SERVICE;
 
 class StatusChangeRecord : public StatusChangeTest {
@@ -64,7 +63,7 @@ TEST_F(StatusChangeRecord, IsNotSentWhileTheDaemonIsAway) {
     listReaders(context);
     std::vector states{unchangedHost()};
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, states.data(), 1), Gives(SCARD_E_TIMEOUT));
-    EXPECT_THAT(log().messages(kFunction), Contains("intermediate rv: 0x8010001D"));
+    EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x8010001D"));
     EXPECT_EQ(daemon.acceptedConnections(), 0U);
 }
 
@@ -85,7 +84,7 @@ TEST_F(StatusChangeRecord, LogsEachReaderGoingOutAndComingBack) {
           "event:CHANGED|PRESENT:10000 (65570), " +
               atrLength,
           std::string("GET_STATUS_CHANGE RV: 0x00000000")}) {
-        EXPECT_THAT(entries, Contains(LogLine('D', kFunction, line)));
+        EXPECT_THAT(entries, Contains(LogLine('D', kStatusChange, line)));
     }
 }
 
@@ -145,7 +144,7 @@ TEST_F(StatusChangeRecord, MatchesTheAnswerByPositionNotByName) {
     EXPECT_EQ(states[0].dwEventState, 0x10002U);
     EXPECT_EQ(states[1].dwEventState, 0x20002U);
     EXPECT_STREQ(states[0].szReader, kRemoteReader);
-    EXPECT_THAT(log().messages(kFunction),
+    EXPECT_THAT(log().messages(kStatusChange),
                 Contains("NEW REMOTE READER STATE 0: Another Reader, curr:PRESENT:0 (0x20), "
                          "event:CHANGED:10000 (0x10002), 0"));
 }
@@ -167,7 +166,7 @@ TEST_F(StatusChangeRecord, OfMoreReadersThanAskedForIsRefusedAndThePipeClosed) {
     std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, 0x99)};
     EXPECT_THAT(remoteResultFor(context, states), Gives(SCARD_F_INTERNAL_ERROR));
     EXPECT_EQ(states[0].dwEventState, 0x99U);
-    EXPECT_THAT(log().messages(kFunction), Contains("intermediate rv: 0x80100001"));
+    EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x80100001"));
     const std::uint64_t used = daemon.requests().back().connection;
     EXPECT_TRUE(daemon.waitUntil(
         [&] { return !testing::Value(daemon.openConnections(), Contains(used)); }, kPatience));
@@ -252,7 +251,7 @@ TEST_F(StatusChangeRecord, OfATooLongNameIsNotSent) {
     EXPECT_THAT(remoteResultFor(context, states), Gives(SCARD_E_INVALID_VALUE));
     EXPECT_EQ(states[1].dwEventState, 0x99U);
     EXPECT_THAT(daemon.requests(), IsEmpty());
-    EXPECT_THAT(log().messages(kFunction), Contains("intermediate rv: 0x80100011"));
+    EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x80100011"));
 }
 
 TEST_F(StatusChangeRecord, OfTheLongestNameThatFitsIsSentWhole) {
@@ -271,7 +270,7 @@ TEST_F(StatusChangeRecord, ThatIsNotAnsweredGivesNoService) {
     daemon.on(Command::kGetStatusChange, [](const Request&) { return Reply::closePipe(); });
     std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, 0x99)};
     EXPECT_THAT(remoteResultFor(context, states), Gives(kNoService));
-    EXPECT_THAT(log().entries(), Contains(LogLine('W', kFunction, "Failed to receive data")));
+    EXPECT_THAT(log().entries(), Contains(LogLine('W', kStatusChange, "Failed to receive data")));
     EXPECT_EQ(states[0].dwEventState, 0x99U);
 }
 
@@ -284,7 +283,7 @@ TEST_F(StatusChangeRecord, ThatIsAnsweredInPartGivesNoService) {
     });
     std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, 0x99)};
     EXPECT_THAT(remoteResultFor(context, states), Gives(kNoService));
-    EXPECT_THAT(log().messages(kFunction, 'W'), ElementsAre("Failed to receive data"));
+    EXPECT_THAT(log().messages(kStatusChange, 'W'), ElementsAre("Failed to receive data"));
 }
 
 TEST_F(StatusChangeRecord, WhoseReadersBreakOffGivesNoService) {
@@ -298,7 +297,7 @@ TEST_F(StatusChangeRecord, WhoseReadersBreakOffGivesNoService) {
     });
     std::vector states{unchangedRemote(), readerState("Another Reader", SCARD_STATE_EMPTY, 0x99)};
     EXPECT_THAT(remoteResultFor(context, states), Gives(kNoService));
-    EXPECT_THAT(log().messages(kFunction, 'W'),
+    EXPECT_THAT(log().messages(kStatusChange, 'W'),
                 ElementsAre("Failed to receive data with reader state"));
     EXPECT_EQ(states[0].dwEventState, 0x10002U);
     EXPECT_EQ(states[1].dwEventState, 0x99U);
@@ -335,7 +334,7 @@ TEST_P(StatusChangeBrokenWrite, EndsTheRemoteHalfWithNoService) {
             return ::WriteFile(file, data, size, written, overlapped);
         });
     EXPECT_THAT(remoteResultFor(context, states), Gives(kNoService));
-    EXPECT_THAT(log().messages(kFunction, 'W'), ElementsAre(GetParam().warning));
+    EXPECT_THAT(log().messages(kStatusChange, 'W'), ElementsAre(GetParam().warning));
     EXPECT_EQ(states[0].dwEventState, 0x99U);
 }
 

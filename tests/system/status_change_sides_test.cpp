@@ -12,8 +12,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Return;
 
-constexpr const char* kFunction = "SCardGetStatusChangeA";
-constexpr const char* kLocalFunction = "LocalSCardGetStatusChange";
 constexpr const char* kCancelLocal =
     "canceling local SCardGetStatusChange by invoking local SCardCancel";
 constexpr const char* kCancelRemote =
@@ -31,9 +29,9 @@ TEST_F(StatusChangeSides, EndAnUnboundedWaitWhenARemoteCardGoes) {
     EXPECT_EQ(wait.state(0).dwEventState, 0x00010020U);
     EXPECT_EQ(wait.state(1).dwEventState, 0x00020012U);
     EXPECT_EQ(wait.state(1).cbAtr, 0U);
-    EXPECT_EQ(log().count(kFunction, kCancelLocal), 1U);
-    EXPECT_THAT(log().entries(), Contains(LogLine('D', kFunction, kCancelLocal)));
-    EXPECT_THAT(log().messages(kFunction), Contains("localRv: 0x80100002"));
+    EXPECT_EQ(log().count(kStatusChange, kCancelLocal), 1U);
+    EXPECT_THAT(log().entries(), Contains(LogLine('D', kStatusChange, kCancelLocal)));
+    EXPECT_THAT(log().messages(kStatusChange), Contains("localRv: 0x80100002"));
     EXPECT_EQ(remoteCancels(), 0U);
 }
 
@@ -60,11 +58,11 @@ TEST_F(StatusChangeSides, EndAnUnboundedWaitWhenAHostCardGoes) {
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(wait.state(0).dwEventState, 0x00020012U);
     EXPECT_EQ(wait.state(1).dwEventState, 0x00010020U);
-    EXPECT_EQ(log().count(kLocalFunction, kCancelRemote), 1U);
-    EXPECT_THAT(log().entries(), Contains(LogLine('D', kLocalFunction, kCancelRemote)));
+    EXPECT_EQ(log().count(kLocalStatusChange, kCancelRemote), 1U);
+    EXPECT_THAT(log().entries(), Contains(LogLine('D', kLocalStatusChange, kCancelRemote)));
     EXPECT_THAT(log().messages("setContextCancelled"),
                 Contains("Setting ContextCancelled 7a000001 to 1"));
-    EXPECT_THAT(log().messages(kFunction), Contains("intermediate rv: 0x80100002"));
+    EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x80100002"));
 }
 
 TEST_F(StatusChangeSides, SendOneCancelToTheDaemonWhenAHostCardGoes) {
@@ -117,7 +115,7 @@ TEST_F(StatusChangeSides, LetABoundedWaitReturnWhenBothHave) {
     EXPECT_THAT(SCardGetStatusChangeA(context, 200, states.data(), 2), Gives(SCARD_S_SUCCESS));
     EXPECT_GE(GetTickCount64() - start, 190U);
     EXPECT_EQ(states[1].dwEventState, 0x00010022U);
-    EXPECT_THAT(log().messages(kFunction), Contains("localRv: 0x8010000A"));
+    EXPECT_THAT(log().messages(kStatusChange), Contains("localRv: 0x8010000A"));
 }
 
 TEST_F(StatusChangeSides, LetABoundedWaitWithAHostChangeReturnWhenBothHave) {
@@ -128,7 +126,7 @@ TEST_F(StatusChangeSides, LetABoundedWaitWithAHostChangeReturnWhenBothHave) {
     EXPECT_GE(GetTickCount64() - start, 190U);
     EXPECT_EQ(states[0].dwEventState, 0x00010022U);
     EXPECT_EQ(remoteCancels(), 0U);
-    EXPECT_THAT(log().messages(kFunction), Contains("intermediate rv: 0x8010000A"));
+    EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x8010000A"));
 }
 
 TEST_F(StatusChangeSides, TimeOutTogether) {
@@ -137,7 +135,7 @@ TEST_F(StatusChangeSides, TimeOutTogether) {
     EXPECT_THAT(SCardGetStatusChangeA(context, 50, states.data(), 2), Gives(SCARD_E_TIMEOUT));
     EXPECT_EQ(states[0].dwEventState, 0x00010020U);
     EXPECT_EQ(states[1].dwEventState, 0x00010020U);
-    EXPECT_THAT(log().messages(kFunction), Contains("GET_STATUS_CHANGE RV: 0x8010000A"));
+    EXPECT_THAT(log().messages(kStatusChange), Contains("GET_STATUS_CHANGE RV: 0x8010000A"));
 }
 
 TEST_F(StatusChangeSides, LetARemoteTimeoutBeASuccessWhenNoHostReaderIsInTheCall) {
@@ -146,7 +144,7 @@ TEST_F(StatusChangeSides, LetARemoteTimeoutBeASuccessWhenNoHostReaderIsInTheCall
     SCARD_READERSTATEA state = unchangedRemote();
     EXPECT_THAT(SCardGetStatusChangeA(context, 20, &state, 1), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(state.dwEventState, 0x00010020U);
-    EXPECT_THAT(log().messages(kFunction), Contains("intermediate rv: 0x8010000A"));
+    EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x8010000A"));
 }
 
 TEST_F(StatusChangeSides, AskTheDaemonNothingForHostReadersAlone) {
@@ -157,8 +155,8 @@ TEST_F(StatusChangeSides, AskTheDaemonNothingForHostReadersAlone) {
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(wait.state(0).dwEventState, 0x00020012U);
     EXPECT_THAT(daemon.requests(), IsEmpty());
-    EXPECT_THAT(log().messages(kFunction), Contains("intermediate rv: 0x00000000"));
-    EXPECT_EQ(log().count(kLocalFunction, kCancelRemote), 0U);
+    EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x00000000"));
+    EXPECT_EQ(log().count(kLocalStatusChange, kCancelRemote), 0U);
 }
 
 TEST_F(StatusChangeSides, CopyWhatTheHostReportsWhateverItsResult) {

@@ -17,9 +17,8 @@ using testing::Return;
 using testing::SizeIs;
 using namespace std::string_literals;
 
-constexpr DWORD kUntouched = 0xDEAD;
 constexpr DWORD kNameSize = 17;  // of kRemoteReader as a multi-string
-constexpr std::size_t kRecordSize = 288;
+constexpr std::size_t kStatusRecordSize = 288;
 
 class StatusTest : public RemoteCardTest {
   protected:
@@ -38,13 +37,13 @@ class StatusTest : public RemoteCardTest {
 
 TEST_F(StatusTest, SendsARecordThatIsReadAsNoServiceWhenTheDaemonLeavesIt) {
     connectCard();
-    daemon.on(Command::kStatus, answering(kRecordSize, {}));
+    daemon.on(Command::kStatus, answering(kStatusRecordSize, {}));
     EXPECT_THAT(askForState(), Gives(SCARD_E_NO_SERVICE));
-    EXPECT_THAT(
-        daemon.requests(),
-        ElementsAre(IsRequest(
-            Command::kStatus,
-            RecordBytes(kRecordSize).u64(0, kDaemonCard).u32(280, 264).u32(284, 0x8010001D))));
+    EXPECT_THAT(daemon.requests(),
+                ElementsAre(IsRequest(Command::kStatus, RecordBytes(kStatusRecordSize)
+                                                            .u64(0, kDaemonCard)
+                                                            .u32(280, 264)
+                                                            .u32(284, 0x8010001D))));
     EXPECT_EQ(state, 0U);
     EXPECT_EQ(protocol, 0U);
     EXPECT_THAT(log().messages("SCardStatusA", 'W'), IsEmpty());
@@ -116,7 +115,7 @@ TEST_F(StatusTest, TellsTheMostAdvancedOfTheDaemonsStates) {
         {0x80, 0}, {0x81, 0}, {0x82, 1}, {0x8000, 0}, {0xFFFFFF80, 0}};
     for (const auto& [bits, expected] : states) {
         SCOPED_TRACE(bits);
-        daemon.on(Command::kStatus, answering(kRecordSize, {{8, bits}, {280, 0}, {284, 0}}));
+        daemon.on(Command::kStatus, answering(kStatusRecordSize, {{8, bits}, {280, 0}, {284, 0}}));
         EXPECT_THAT(askForState(), Gives(SCARD_S_SUCCESS));
         EXPECT_EQ(state, expected);
     }
@@ -124,7 +123,7 @@ TEST_F(StatusTest, TellsTheMostAdvancedOfTheDaemonsStates) {
 
 TEST_F(StatusTest, ConvertsTheProtocol) {
     connectCard();
-    daemon.on(Command::kStatus, answering(kRecordSize, {{12, 4}, {280, 0}, {284, 0}}));
+    daemon.on(Command::kStatus, answering(kStatusRecordSize, {{12, 4}, {280, 0}, {284, 0}}));
     EXPECT_THAT(askForState(), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(protocol, DWORD{SCARD_PROTOCOL_RAW});
 }
@@ -225,7 +224,8 @@ TEST_F(StatusTest, SaysWhenThereIsNoMemoryForTheName) {
 
 TEST_F(StatusTest, ClearsStateAndProtocolWhenTheDaemonRefuses) {
     connectCard();
-    daemon.on(Command::kStatus, answering(kRecordSize, {{8, 0x54}, {12, 2}, {284, 0x80100069}}));
+    daemon.on(Command::kStatus,
+              answering(kStatusRecordSize, {{8, 0x54}, {12, 2}, {284, 0x80100069}}));
     EXPECT_THAT(askForState(), Gives(SCARD_W_REMOVED_CARD));
     EXPECT_EQ(state, 0U);
     EXPECT_EQ(protocol, 0U);

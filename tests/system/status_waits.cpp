@@ -10,7 +10,7 @@
 namespace tez::test {
 namespace {
 
-constexpr std::size_t kRecordSize = 20;
+constexpr std::size_t kStatusChangeRecordSize = 20;
 constexpr std::size_t kReaderRecordSize = 173;
 constexpr std::size_t kAtrWidth = 33;
 
@@ -26,18 +26,19 @@ SCARD_READERSTATEA readerState(const char* reader, DWORD current, DWORD event) {
 
 Bytes statusChangeHeader(std::size_t readers) {
     Bytes header(12);
-    putU32(header, 0, static_cast<std::uint32_t>(kRecordSize + readers * kReaderRecordSize));
+    putU32(header, 0,
+           static_cast<std::uint32_t>(kStatusChangeRecordSize + readers * kReaderRecordSize));
     putU32(header, 4, 12);
     return header;
 }
 
 Bytes statusChangeBody(std::uint64_t remoteContext, DWORD timeout,
                        const std::vector<SCARD_READERSTATEA>& readers) {
-    Bytes body(kRecordSize + readers.size() * kReaderRecordSize);
+    Bytes body(kStatusChangeRecordSize + readers.size() * kReaderRecordSize);
     putU64(body, 0, remoteContext);
     putU32(body, 8, static_cast<std::uint32_t>(timeout));
     putU32(body, 12, static_cast<std::uint32_t>(readers.size()));
-    std::size_t offset = kRecordSize;
+    std::size_t offset = kStatusChangeRecordSize;
     for (const SCARD_READERSTATEA& reader : readers) {
         const std::string name = reader.szReader;
         std::copy(name.begin(), name.end(), body.begin() + static_cast<std::ptrdiff_t>(offset));

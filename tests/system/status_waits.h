@@ -11,6 +11,10 @@
 
 namespace tez::test {
 
+// Under which names the library logs the call.
+constexpr const char* kStatusChange = "SCardGetStatusChangeA";
+constexpr const char* kLocalStatusChange = "LocalSCardGetStatusChange";
+
 /// An entry for SCardGetStatusChangeA. The name is not copied.
 SCARD_READERSTATEA readerState(const char* reader, DWORD current, DWORD event = 0);
 

@@ -12,7 +12,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Return;
 
-constexpr std::size_t kRecordSize = 16;
+constexpr std::size_t kTransmitCountRecordSize = 16;
 
 class TransmitCountTest : public RemoteCardTest {
   protected:
@@ -23,12 +23,13 @@ class TransmitCountTest : public RemoteCardTest {
 
 TEST_F(TransmitCountTest, SendsTheCallersValueAndStoresTheDaemons) {
     connectCard();
-    daemon.on(Command::kGetTransmitCount, answering(kRecordSize, {{8, 1234}}));
+    daemon.on(Command::kGetTransmitCount, answering(kTransmitCountRecordSize, {{8, 1234}}));
     EXPECT_THAT(getCount(), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(count, 1234U);
     EXPECT_THAT(daemon.requests(),
-                ElementsAre(IsRequest(Command::kGetTransmitCount,
-                                      RecordBytes(kRecordSize).u64(0, kDaemonCard).u32(8, 77))));
+                ElementsAre(IsRequest(
+                    Command::kGetTransmitCount,
+                    RecordBytes(kTransmitCountRecordSize).u64(0, kDaemonCard).u32(8, 77))));
     EXPECT_THAT(
         log().messages("SCardGetTransmitCount"),
         ElementsAre("GET_TRANSMIT_COUNT IN-PARAMS: 1, " + logged(&count),
@@ -71,7 +72,8 @@ TEST_F(TransmitCountTest, NeedsAPlaceForTheCountOfARemoteCard) {
 
 TEST_F(TransmitCountTest, IsLeftAloneWhenTheDaemonRefuses) {
     connectCard();
-    daemon.on(Command::kGetTransmitCount, answering(kRecordSize, {{8, 5}, {12, 0x80100069}}));
+    daemon.on(Command::kGetTransmitCount,
+              answering(kTransmitCountRecordSize, {{8, 5}, {12, 0x80100069}}));
     EXPECT_THAT(getCount(), Gives(SCARD_W_REMOVED_CARD));
     EXPECT_EQ(count, 77U);
 }

@@ -13,8 +13,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Return;
 
-constexpr std::size_t kRecordSize = 28;
-constexpr std::size_t kOldDaemonsLimit = 65548;
+constexpr std::size_t kTransmitRecordSize = 28;
 
 const Bytes& getChallenge() {
     static const Bytes command = {0x00, 0x84, 0x00, 0x00, 0x08};
@@ -35,7 +34,7 @@ class TransmitTest : public RemoteCardTest {
     /// Lets the daemon answer every transmit with these bytes, sent by this protocol.
     void answerWith(const Bytes& response, std::uint32_t protocol = 2) {
         daemon.on(Command::kTransmit,
-                  answering(kRecordSize,
+                  answering(kTransmitRecordSize,
                             {{16, protocol}, {20, static_cast<std::uint32_t>(response.size())}},
                             response));
     }
@@ -43,7 +42,7 @@ class TransmitTest : public RemoteCardTest {
     static RecordBytes transmitRecord(const Bytes& send, std::size_t room,
                                       std::uint32_t sendProtocol = 2,
                                       std::uint32_t receiveProtocol = 0xFFFFFFFF) {
-        return RecordBytes(kRecordSize)
+        return RecordBytes(kTransmitRecordSize)
             .u64(0, kDaemonCard)
             .u32(8, sendProtocol)
             .u32(12, static_cast<std::uint32_t>(send.size()))
@@ -294,7 +293,8 @@ TEST_F(TransmitTest, RefusesACommandThatNoHeaderCanAnnounce) {
 
 TEST_F(TransmitTest, LeavesTheCallersLengthAndBufferWhenTheDaemonRefuses) {
     connectCard();
-    daemon.on(Command::kTransmit, answering(kRecordSize, {{16, 1}, {20, 1}, {24, 0x80100069}}));
+    daemon.on(Command::kTransmit,
+              answering(kTransmitRecordSize, {{16, 1}, {20, 1}, {24, 0x80100069}}));
     const GuardedBuffer receive(20);
     SCARD_IO_REQUEST receivePci = {SCARD_PROTOCOL_T1, 99};
     EXPECT_THAT(transmitTo(receive, getChallenge(), &receivePci), Gives(SCARD_W_REMOVED_CARD));

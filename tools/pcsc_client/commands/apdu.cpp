@@ -8,7 +8,7 @@
 namespace tez::client {
 namespace {
 
-struct Options {
+struct ApduOptions {
     std::string reader;
     std::vector<std::string> commands;
 };
@@ -17,7 +17,7 @@ struct Options {
 
 void addApdu(CLI::App& app, Session& session) {
     CLI::App* const command = app.add_subcommand("apdu", "Send command APDUs as they are");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ApduOptions>();
     addReaderOption(*command, options->reader);
     command->add_option("HEX", options->commands, "the commands, one argument for each")
         ->required()

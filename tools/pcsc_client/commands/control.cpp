@@ -7,7 +7,7 @@
 namespace tez::client {
 namespace {
 
-struct Options {
+struct ControlOptions {
     std::string reader;
     std::uint32_t code = 0;
     std::string input;
@@ -18,7 +18,7 @@ struct Options {
 
 void addControl(CLI::App& app, Session& session) {
     CLI::App* const command = app.add_subcommand("control", "Send the reader a control code");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ControlOptions>();
     addReaderOption(*command, options->reader);
     command->add_option("CODE", options->code, "control code, such as 0x00312000")->required();
     command->add_option("HEX", options->input, "input bytes")->check(isHex(0, kLongestApdu));

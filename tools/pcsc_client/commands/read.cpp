@@ -13,7 +13,7 @@ namespace {
 constexpr unsigned kLongestRead = 256;         // with a short Le
 constexpr unsigned kAddressableSize = 0x8000;  // 15 bits of offset in P1 P2
 
-struct Options {
+struct ReadOptions {
     std::string reader;
     std::string aid;
     std::string file;
@@ -39,7 +39,7 @@ Bytes readFile(const Card& card, unsigned length) {
     return content;
 }
 
-void runRead(const Card& card, const Options& options) {
+void runRead(const Card& card, const ReadOptions& options) {
     if (!options.aid.empty()) {
         sendSuccessfully(card, selectApplication(*parseHex(options.aid)));
     }
@@ -60,7 +60,7 @@ void runRead(const Card& card, const Options& options) {
 
 void addRead(CLI::App& app, Session& session) {
     CLI::App* const command = app.add_subcommand("read", "Read a transparent file of the card");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ReadOptions>();
     addReaderOption(*command, options->reader);
     command->add_option("--aid", options->aid, "application to select first")->check(isHex(1, 16));
     command->add_option("--file", options->file, "identifier of the file to select first")

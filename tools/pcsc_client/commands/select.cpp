@@ -7,7 +7,7 @@
 namespace tez::client {
 namespace {
 
-struct Options {
+struct SelectOptions {
     std::string reader;
     std::string aid;
 };
@@ -17,7 +17,7 @@ struct Options {
 void addSelect(CLI::App& app, Session& session) {
     CLI::App* const command =
         app.add_subcommand("select", "Select an application of the card by its identifier");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<SelectOptions>();
     addReaderOption(*command, options->reader);
     command->add_option("AID", options->aid, "application identifier")
         ->required()

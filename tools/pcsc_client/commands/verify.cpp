@@ -7,7 +7,7 @@
 namespace tez::client {
 namespace {
 
-struct Options {
+struct VerifyOptions {
     std::string reader;
     std::string pin;
     std::string aid;
@@ -18,7 +18,7 @@ struct Options {
 
 void addVerify(CLI::App& app, Session& session) {
     CLI::App* const command = app.add_subcommand("verify", "Show the card a PIN");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<VerifyOptions>();
     addReaderOption(*command, options->reader);
     command->add_option("PIN", options->pin, "the PIN, sent as the characters it is written with")
         ->required();

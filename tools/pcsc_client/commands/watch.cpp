@@ -14,7 +14,7 @@ namespace {
 /// Stands for the list of readers itself: its state changes when a reader comes or goes.
 constexpr const char* kReaderList = R"(\\?PnP?\Notification)";
 
-struct Options {
+struct WatchOptions {
     std::vector<std::string> readers;
     unsigned changes = 0;
     std::uint32_t timeout = INFINITE;
@@ -70,7 +70,7 @@ class WatchedReaders {
     bool listChanged_ = false;
 };
 
-std::vector<std::string> namesToWatch(Session& session, const Options& options) {
+std::vector<std::string> namesToWatch(Session& session, const WatchOptions& options) {
     std::vector<std::string> names;
     for (const std::string& reader : options.readers) {
         names.push_back(session.resolveReader(reader));
@@ -87,7 +87,7 @@ std::vector<std::string> namesToWatch(Session& session, const Options& options) 
 void addWatch(CLI::App& app, Session& session) {
     CLI::App* const command = app.add_subcommand(
         "watch", "Print the readers' states, then each change until told to stop");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<WatchOptions>();
     command->add_option("READER", options->readers,
                         "names or indexes; all readers and their list when not given");
     command->add_option("--changes", options->changes, "stop after so many changes");
