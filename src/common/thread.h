@@ -19,7 +19,7 @@ class Thread {
     constexpr Thread() noexcept = default;
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;
-    /// A thread that is still held has to be joined before.
+    /// A thread that is still held has to be joined or detached before.
     ~Thread() = default;
 
     /// Starts a thread that runs body(), which must not throw. The object must be empty. False when
@@ -29,6 +29,9 @@ class Thread {
         std::unique_ptr<Task> task(new (std::nothrow) BodyTask<Body>(std::move(body)));
         return task != nullptr && launch(std::move(task));
     }
+
+    /// Lets the thread go on by itself and leaves the object empty.
+    void detach() noexcept { handle_.reset(); }
 
     bool joinable() const noexcept { return handle_ != nullptr; }
 

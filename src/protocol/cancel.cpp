@@ -4,6 +4,7 @@
 #include "daemon/exchange.h"
 #include "local/local_calls.h"
 #include "log/call_frame.h"
+#include "protocol/wait_cancel.h"
 #include "protocol/wire/card_records.h"
 
 using namespace tez;
@@ -32,12 +33,13 @@ LONG WINAPI SCardCancel(SCARDCONTEXT hContext) {
             return SCARD_E_INVALID_HANDLE;
         }
         setContextCancelled(hContext, true);
-        const LONG remoteRv = cancelRemotely(call.log(), hContext);
-        if (state == ServiceState::RemoteOnly) {
-            return remoteRv;
-        }
         // Both sides are cancelled, whatever became of the other; the first error is told.
-        const LONG localRv = withLocalContext(hContext, LocalSCardCancel);
-        return remoteRv == SCARD_S_SUCCESS ? localRv : remoteRv;
+        LONG rv = cancelRemotely(call.log(), hContext);
+        if (state != ServiceState::RemoteOnly) {
+            const LONG localRv = withLocalContext(hContext, LocalSCardCancel);
+            rv = rv == SCARD_S_SUCCESS ? localRv : rv;
+        }
+        keepCancelling(hContext);
+        return rv;
     });
 }

@@ -4,27 +4,17 @@
 #include <new>
 
 #include "context/context_registry.h"
-#include "daemon/exchange.h"
 #include "local/local_calls.h"
 #include "local/winscard_table.h"
-#include "protocol/wire/card_records.h"
-#include "readers/repeat_interval.h"
+#include "protocol/wait_cancel.h"
 #include "readers/state/pending_local_waits.h"
+#include "readers/state/repeat_interval.h"
 
 namespace tez {
 
 namespace {
 
 constexpr FunctionLog localLog("LocalSCardGetStatusChange");
-
-void sendRemoteCancel(std::uint64_t remoteContext) noexcept {
-    try {
-        HandleRecord record = {remoteContext, 0};
-        exchangeRecord(localLog, CMD_CANCEL, record);
-    } catch (const std::bad_alloc&) {
-        localLog.warning("Failed to send data");
-    }
-}
 
 /// What the pseudo-reader reports is added to what the other side wrote: the flags of both, the sum
 /// of their reader counts. Nothing was cleared before, so without an answer of the other side it is
@@ -57,7 +47,9 @@ void LocalWait::start(const SCARD_READERSTATEA* entries, const ReaderIndexes& in
         }
         copies_.push_back(copy);
     }
+    wait_.markLocalStarted();
     if (!thread_.start([this] { run(); })) {
+        wait_.markLocalDone();
         throw std::bad_alloc();
     }
 }
@@ -66,9 +58,8 @@ void LocalWait::run() noexcept {
     logStates("LOCAL READER STATE");
     result_ = waitInSystem();
     wait_.markLocalDone();
-    const bool hasChange = result_ == SCARD_S_SUCCESS && timeout_ == INFINITE;
-    if (!wait_.isRemoteDone() && (hasChange || result_ == SCARD_E_CANCELLED)) {
-        cancelRemote(hasChange);
+    if (result_ == SCARD_S_SUCCESS && timeout_ == INFINITE && !wait_.isRemoteDone()) {
+        cancelRemote();
     }
     logStates("NEW LOCAL READER STATE");
 }
@@ -81,47 +72,36 @@ LONG LocalWait::waitInSystem() noexcept {
     } catch (const std::bad_alloc&) {
         return SCARD_E_NO_MEMORY;
     }
-    // An application that has cancelled the call by now did so before there was a wait to cancel.
-    if (isContextCancelled(context_)) {
-        removePendingLocalWait(systemContext_, wait_);
-        return SCARD_E_CANCELLED;
-    }
     const LONG rv = callSystem(&WinscardTable::SCardGetStatusChangeA, systemContext_, timeout_,
                                copies_.data(), static_cast<DWORD>(copies_.size()));
     return removePendingLocalWait(systemContext_, wait_) ? rv : SCARD_E_TIMEOUT;
 }
 
-/// Ends the remote half, which has not answered yet. With sendNow because the local half has a
-/// change to report; without, because the application cancelled the call and its own cancel, which
-/// the daemon gets at the same time, may have come too early there.
-void LocalWait::cancelRemote(bool sendNow) noexcept {
-    if (sendNow) {
-        localLog.debug("canceling remote SCardGetStatusChange by invoking remote SCardCancel");
-        // Ends the remote half if it still waits for a daemon context.
-        setContextCancelled(context_, true);
-    }
+/// Ends the remote half, which has not answered yet, because the local half has a change to report.
+void LocalWait::cancelRemote() noexcept {
+    localLog.debug("canceling remote SCardGetStatusChange by invoking remote SCardCancel");
+    // Ends the remote half if it still waits for a daemon context.
+    setContextCancelled(context_, true);
     // The daemon forgets a cancel for which nothing waits, so the request goes first.
     const std::optional<std::uint64_t> remoteContext = wait_.awaitRemoteRequest();
     if (!remoteContext) {
         return;
     }
-    if (sendNow) {
-        sendRemoteCancel(*remoteContext);
-    }
+    cancelRemoteWait(localLog, *remoteContext);
     RepeatInterval interval;
     while (!wait_.awaitRemoteDone(interval.next())) {
         localLog.debug("canceling remote SCardGetStatusChange again");
-        sendRemoteCancel(*remoteContext);
+        cancelRemoteWait(localLog, *remoteContext);
     }
 }
 
-LONG LocalWait::finish(const FunctionLog& log, bool cancelNow, bool mayBeLost) {
+LONG LocalWait::finish(const FunctionLog& log, bool cancelNow) {
     if (cancelNow && !wait_.isLocalDone()) {
         log.debug("canceling local SCardGetStatusChange by invoking local SCardCancel");
         LocalSCardCancel(systemContext_);
     }
-    // Until somebody cancels the local wait there is nothing to repeat.
-    if (cancelNow || mayBeLost || !wait_.awaitLocalDoneOrInterrupted()) {
+    // Until the library itself has cancelled the local wait there is nothing to repeat here.
+    if (cancelNow || !wait_.awaitLocalDoneOrInterrupted()) {
         RepeatInterval interval;
         while (!wait_.awaitLocalDone(interval.next())) {
             log.debug("canceling local SCardGetStatusChange again");

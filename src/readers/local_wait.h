@@ -29,10 +29,9 @@ class LocalWait {
     bool isStarted() const noexcept { return thread_.joinable(); }
 
     /// Cancels the wait, if asked to, and waits for its end.
-    /// @param cancelNow   whether the remote half has a change to report that ends the call.
-    /// @param mayBeLost   whether a cancel made elsewhere is under way, to be repeated if it fails.
+    /// @param cancelNow  whether the remote half has a change to report that ends the call.
     /// @return the system library's code; SCARD_E_TIMEOUT when the service monitor interrupted it.
-    LONG finish(const FunctionLog& log, bool cancelNow, bool mayBeLost);
+    LONG finish(const FunctionLog& log, bool cancelNow);
 
     /// Adds what the system library reported to the application's entries.
     void merge(SCARD_READERSTATEA* entries) const;
@@ -40,7 +39,7 @@ class LocalWait {
   private:
     void run() noexcept;
     LONG waitInSystem() noexcept;
-    void cancelRemote(bool sendNow) noexcept;
+    void cancelRemote() noexcept;
     void logStates(const char* title) const;
 
     SCARDCONTEXT context_;

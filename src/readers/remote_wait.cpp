@@ -132,10 +132,6 @@ LONG exchangeStates(const RemoteWait& call, DWORD& timeout) {
     if (call.indexes.empty()) {
         return SCARD_S_SUCCESS;
     }
-    // Without a local half there is nobody who could repeat a cancel that came before the request.
-    if (call.localIndexes == 0 && isContextCancelled(call.context)) {
-        return SCARD_E_CANCELLED;
-    }
     StatusChangeRecord record = {remoteContext, timeout,
                                  static_cast<std::uint32_t>(call.indexes.size()), 0};
     rv = sendRequest(call, exchange, record, readers);

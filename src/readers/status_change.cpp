@@ -12,6 +12,7 @@
 #include "readers/remote_wait.h"
 #include "readers/state/pending_local_waits.h"
 #include "readers/state/reader_names.h"
+#include "readers/state/status_waits.h"
 
 using namespace tez;
 
@@ -91,11 +92,12 @@ LONG combine(const StatusChange& call, LONG localRv, LONG remoteRv) {
 }
 
 LONG waitOnBothSides(const StatusChange& call) {
+    const StatusWaitInProgress inProgress(call.context);
+    StatusWait& wait = *inProgress;
     ReaderIndexes localIndexes;
     ReaderIndexes remoteIndexes;
     classify(call, localIndexes, remoteIndexes);
 
-    StatusWait wait;
     DWORD timeout = call.timeout;
     LONG localRv = SCARD_S_SUCCESS;
     const bool isServedLocally = call.state != ServiceState::RemoteOnly;
@@ -120,7 +122,7 @@ LONG waitOnBothSides(const StatusChange& call) {
         // With a finite timeout the call returns when both sides have; nothing is cancelled.
         const bool hasRemoteChange =
             remoteRv == SCARD_S_SUCCESS && !remoteIndexes.empty() && timeout == INFINITE;
-        localRv = local.finish(call.log, hasRemoteChange, remoteRv == SCARD_E_CANCELLED);
+        localRv = local.finish(call.log, hasRemoteChange);
         call.log.debug("localRv: 0x%08lX", static_cast<unsigned long>(localRv));
         local.merge(call.entries);
     }

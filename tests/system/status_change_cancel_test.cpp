@@ -139,6 +139,63 @@ TEST_F(StatusChangeCancel, ByTheApplicationIsRepeatedWhenItComesTooEarlyForTheDa
     EXPECT_EQ(remoteCancels(), 2U);
 }
 
+TEST_F(StatusChangeCancel, ByTheApplicationIsRepeatedForADaemonThatServesTheCallAlone) {
+    const SCARDCONTEXT context = establishAndList();
+    const Gate gate = holdRemoteWaits();
+    const BackgroundWait wait(context, INFINITE, {unchangedRemote()});
+    ASSERT_TRUE(gate.waitUntilReached());
+    EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
+    gate.open();
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS)) << "the empty local half makes it one";
+    EXPECT_EQ(remoteCancels(), 2U);
+    EXPECT_GE(wait.duration(), 950U);
+    EXPECT_EQ(log().count("SCardCancel", "canceling remote SCardGetStatusChange again"), 1U);
+}
+
+TEST_F(StatusChangeCancel, ByTheApplicationIsRepeatedForAHostThatServesTheCallAlone) {
+    const SCARDCONTEXT context = establish();
+    listReaders(context);
+    noteHostCancels();
+    const Gate gate = holdHostWaits();
+    const BackgroundWait wait(context, INFINITE, {unchangedHost()});
+    ASSERT_TRUE(gate.waitUntilReached());
+    EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
+    gate.open();
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
+    EXPECT_EQ(hostCancels().size(), 2U);
+    EXPECT_EQ(log().count("SCardCancel", "canceling local SCardGetStatusChange again"), 1U);
+}
+
+TEST_F(StatusChangeCancel, ThatComesSeveralTimesIsRepeatedByOneThread) {
+    const SCARDCONTEXT context = establishAndList();
+    noteHostCancels();
+    const Gate gate = holdHostWaits();
+    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+    waitForRemoteWait();
+    ASSERT_TRUE(gate.waitUntilReached());
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
+    }
+    gate.open();
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
+    EXPECT_EQ(hostCancels().size(), 4U);
+}
+
+TEST_F(StatusChangeCancel, ThatTheDaemonForgetsIsRepeatedUntilTheWaitHasEnded) {
+    const SCARDCONTEXT context = establishAndList();
+    std::atomic<int> cancels = 0;
+    daemon.on(Command::kCancel, [&](const Request& request) -> std::optional<Reply> {
+        return ++cancels < 3 ? std::optional(Reply::of({request.body})) : std::nullopt;
+    });
+    const BackgroundWait wait(context, INFINITE, {unchangedRemote()});
+    waitForRemoteWait();
+    EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(cancels, 3);
+    EXPECT_GE(wait.duration(), 2900U);
+    daemon.restore(Command::kCancel);
+}
+
 TEST_F(StatusChangeCancel, OfTheHostIsRepeatedAfterASecondWhenItCameTooEarly) {
     const SCARDCONTEXT context = establishAndList();
     noteHostCancels();

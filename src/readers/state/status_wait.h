@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <utility>
 
 #include "common/slim_lock.h"
 
@@ -24,13 +25,30 @@ class StatusWait {
         changed_.notifyAll();
     }
     void markRemoteDone() noexcept { mark(&StatusWait::isRemoteDone_); }
+    void markLocalStarted() noexcept { mark(&StatusWait::isLocalStarted_); }
     void markLocalDone() noexcept { mark(&StatusWait::isLocalDone_); }
     /// The service monitor has cancelled the local wait.
     void markInterrupted() noexcept { mark(&StatusWait::isInterrupted_); }
+    /// The call is about to return.
+    void markEnded() noexcept { mark(&StatusWait::hasEnded_); }
+
+    /// True for the first caller only, who then sees to it that a cancelled call ends.
+    bool claimCancel() noexcept {
+        const SlimGuard guard(lock_);
+        return !std::exchange(isCancelClaimed_, true);
+    }
 
     bool isRemoteDone() noexcept { return read(&StatusWait::isRemoteDone_); }
     bool isLocalDone() noexcept { return read(&StatusWait::isLocalDone_); }
-    bool isInterrupted() noexcept { return read(&StatusWait::isInterrupted_); }
+    bool isLocalInProgress() noexcept {
+        const SlimGuard guard(lock_);
+        return isLocalStarted_ && !isLocalDone_;
+    }
+    /// The daemon's context of a request that is out and not answered.
+    std::optional<std::uint64_t> remoteContextInUse() noexcept {
+        const SlimGuard guard(lock_);
+        return isRemoteRequestOut_ && !isRemoteDone_ ? std::optional(remoteContext_) : std::nullopt;
+    }
 
     /// Waits until the daemon has the request, or will not get it any more.
     /// @return the daemon's context that it went out under; nothing when the remote half is done.
@@ -54,6 +72,10 @@ class StatusWait {
     bool awaitLocalDoneOrInterrupted() noexcept {
         return awaitMark(&StatusWait::isLocalDone_, &StatusWait::isInterrupted_, INFINITE);
     }
+    /// Waits for the end of the call, timeout milliseconds at most. True: it has ended.
+    bool awaitEnd(DWORD timeout) noexcept {
+        return awaitMark(&StatusWait::hasEnded_, nullptr, timeout);
+    }
 
   private:
     using Mark = bool StatusWait::*;
@@ -61,7 +83,8 @@ class StatusWait {
     void mark(Mark which) noexcept {
         const SlimGuard guard(lock_);
         this->*which = true;
-        // Under the lock: once it is free, the waiter may return and take this object along.
+        // Under the lock: once it is free, the waiter may return and take its share of this object
+        // along.
         changed_.notifyAll();
     }
     bool read(Mark which) noexcept {
@@ -75,8 +98,11 @@ class StatusWait {
     std::uint64_t remoteContext_ = 0;
     bool isRemoteRequestOut_ = false;
     bool isRemoteDone_ = false;
+    bool isLocalStarted_ = false;
     bool isLocalDone_ = false;
     bool isInterrupted_ = false;
+    bool hasEnded_ = false;
+    bool isCancelClaimed_ = false;
 };
 
 }  // namespace tez

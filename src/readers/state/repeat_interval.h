@@ -7,8 +7,7 @@
 namespace tez {
 
 /// How long to wait before a cancel is repeated, in milliseconds: a second, then twice as long each
-/// time, up to half a minute. A cancel that arrives before the wait it is to end has begun is
-/// forgotten by the system library and by the daemon alike.
+/// time, up to half a minute.
 class RepeatInterval {
   public:
     DWORD next() noexcept {
