@@ -94,7 +94,8 @@ LONG auditRemotely(const RemoteCall& call, DWORD event) {
 }
 
 /// An update goes to one side only. The daemon's side takes a context only if the library does not
-/// know it: required exactly so, and the reverse of the queries' check.
+/// know it, which in effect is the null one: kept exactly so, and the reverse of the queries'
+/// check.
 template <class Remote, class Local>
 LONG updateOneSide(const RemoteCall& call, Remote remote, Local local) {
     if (!isRemoteAllowed(call.state)) {

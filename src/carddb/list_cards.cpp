@@ -139,8 +139,7 @@ LONG WINAPI SCardListCardsA(SCARDCONTEXT hContext, LPCBYTE pbAtr, LPCGUID rgquid
             const RemoteCall call = {.log = frame.log(),
                                      .state = state,
                                      .context = hContext,
-                                     .redirection = redirectionFlag(state),
-                                     .isNullContextAllowed = true};
+                                     .redirection = redirectionFlag(state)};
             return listCards(call, arguments);
         },
         [&] { logCards(frame, arguments, isAllocated); });

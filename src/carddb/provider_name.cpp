@@ -128,8 +128,7 @@ LONG WINAPI SCardGetCardTypeProviderNameA(SCARDCONTEXT hContext, LPCSTR szCardNa
             const RemoteCall call = {.log = frame.log(),
                                      .state = state,
                                      .context = hContext,
-                                     .redirection = redirectionFlag(state),
-                                     .isNullContextAllowed = true};
+                                     .redirection = redirectionFlag(state)};
             return getProvider(call, arguments);
         },
         [&] { logProvider(frame, arguments, isAllocated); });
@@ -152,7 +151,6 @@ LONG WINAPI SCardSetCardTypeProviderNameA(SCARDCONTEXT hContext, LPCSTR szCardNa
                                      .state = state,
                                      .context = hContext,
                                      .redirection = redirectionFlag(state),
-                                     .isNullContextAllowed = true,
                                      .isGated = false};
             const LONG rv = setProviderRemotely(call, szCardName, dwProviderId, szProvider);
             if (rv == SCARD_S_SUCCESS || state == ServiceState::RemoteOnly) {

@@ -26,20 +26,20 @@ struct RemoteCall {
     const FunctionLog& log;
     ServiceState state = ServiceState::LocalOnly;
     SCARDCONTEXT context = 0;
-    bool redirection = true;            ///< see redirectionFlag
-    bool isNullContextAllowed = false;  ///< a null context then goes out as the daemon's context 0
-    bool isGated = true;                ///< whether the daemon has to be new enough
+    bool redirection = true;  ///< see redirectionFlag
+    bool isGated = true;      ///< whether the daemon has to be new enough
     const FailureLines& failureLines = kFailureLines;
 };
 
-/// Gets the daemon's context and a connection, and calls exchange(Exchange&, remoteContext).
+/// Gets the daemon's context and a connection, and calls exchange(Exchange&, remoteContext). A null
+/// context is the daemon's context 0; calls that need another one check it before.
 /// @return SCARD_E_NO_SERVICE without a connection, SCARD_F_INTERNAL_ERROR when the daemon is too
 ///         old, the code of the context's establishment when that fails; else what the exchange
 ///         returned.
 template <class DoExchange>
 LONG callRemotely(const RemoteCall& call, DoExchange exchangeRecords) {
     std::uint64_t remoteContext = 0;
-    if (call.context != 0 || !call.isNullContextAllowed) {
+    if (call.context != 0) {
         const LONG rv = getRemoteContextVolatile(call.context, remoteContext, call.redirection);
         if (rv != SCARD_S_SUCCESS) {
             return rv;
