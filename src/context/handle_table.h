@@ -14,7 +14,8 @@ namespace tez {
 template <class Value>
 class HandleTable {
   public:
-    HandleTable() noexcept {
+    /// @param lastIssued  the handle before the first one to issue.
+    explicit HandleTable(std::uint64_t lastIssued = 0) noexcept : counter_(lastIssued) {
         for (Link& bucket : buckets_) {
             bucket.next = bucket.previous = &bucket;
         }
@@ -120,7 +121,7 @@ class HandleTable {
 
     std::array<Link, 128> buckets_;
     std::size_t count_ = 0;
-    std::uint64_t counter_ = 0;
+    std::uint64_t counter_;
 };
 
 }  // namespace tez

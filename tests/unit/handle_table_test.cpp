@@ -77,6 +77,13 @@ TEST(HandleTable, SkipsHandlesThatAreInUse) {
     EXPECT_EQ(table.size(), 5U);
 }
 
+TEST(HandleTable, BeginsAnewBehindTheLastNumberAndNeverIssuesZero) {
+    Table table(~std::uint64_t{0} - 1);
+    table.put(1, "in use");
+    EXPECT_EQ(table.add("last"), ~std::uint64_t{0});
+    EXPECT_EQ(table.add("first again"), 2U);
+}
+
 TEST(HandleTable, PutsOverWhatIsThere) {
     Table table;
     table.add("a");
