@@ -52,6 +52,9 @@ DaemonSimulator::Handler answering(std::size_t recordSize, std::vector<AnswerFie
                                    Bytes data) {
     return
         [recordSize, fields = std::move(fields), data = std::move(data)](const Request& request) {
+            if (!request.complete) {
+                return Reply::closePipe();
+            }
             return Reply::of(answerBlocks(request, recordSize, fields, data));
         };
 }

@@ -45,7 +45,7 @@ struct AnswerField {
 std::vector<Bytes> answerBlocks(const Request& request, std::size_t recordSize,
                                 const std::vector<AnswerField>& fields, const Bytes& data = {});
 
-/// A daemon that always gives such an answer.
+/// A daemon that always gives such an answer to a request that arrived whole.
 DaemonSimulator::Handler answering(std::size_t recordSize, std::vector<AnswerField> fields,
                                    Bytes data = {});
 

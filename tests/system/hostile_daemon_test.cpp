@@ -1,7 +1,5 @@
 // A daemon that announces what nobody has room for, or leaves off in the middle: nothing is written
 // outside of the caller's buffers, and no later call reads what was left over.
-#include <algorithm>
-
 #include "failing_writes.h"
 #include "guarded_buffer.h"
 #include "remote_card_test.h"
@@ -41,17 +39,6 @@ class HostileDaemonTest : public RemoteCardTest {
     LONG getAttributeTo(const GuardedBuffer& value) {
         length = static_cast<DWORD>(value.size());
         return SCardGetAttrib(card.handle, SCARD_ATTR_VENDOR_NAME, value.data(), &length);
-    }
-
-    /// Whether the library hangs up on the connection that carried a command last.
-    bool hangsUpAfter(Command command) {
-        const std::uint64_t connection = daemon.requests(command).back().connection;
-        return daemon.waitUntil(
-            [&] {
-                const auto open = daemon.openConnections();
-                return std::find(open.begin(), open.end(), connection) == open.end();
-            },
-            kPatience);
     }
 
     /// A call after another one's failure gets its own answer.

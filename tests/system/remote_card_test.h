@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 
@@ -41,6 +42,17 @@ class RemoteCardTest : public SystemTest {
     /// The request of a disconnect, for calls that must find the connection in order.
     static RecordBytes disconnectRecord(std::uint64_t target, DWORD disposition) {
         return RecordBytes(16).u64(0, target).u32(8, static_cast<std::uint32_t>(disposition));
+    }
+
+    /// Whether the library hangs up on the connection that carried a command last.
+    bool hangsUpAfter(Command command) {
+        const std::uint64_t connection = daemon.requests(command).back().connection;
+        return daemon.waitUntil(
+            [&] {
+                const auto open = daemon.openConnections();
+                return std::find(open.begin(), open.end(), connection) == open.end();
+            },
+            kPatience);
     }
 
     SCARDCONTEXT context = 0;
