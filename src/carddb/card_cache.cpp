@@ -38,7 +38,7 @@ struct ReadArguments {
     DWORD* length;
 };
 
-LONG readRemotely(const RemoteCall& call, const ReadArguments& arguments, bool& isHandedOut) {
+LONG readRemotely(const RemoteCall& call, const ReadArguments& arguments, bool& hasArrived) {
     const auto refuse = [&call](const char* reason) -> LONG {
         call.log.debug("%s", reason);
         return SCARD_E_INVALID_PARAMETER;
@@ -64,9 +64,9 @@ LONG readRemotely(const RemoteCall& call, const ReadArguments& arguments, bool& 
         if (rv == SCARD_S_SUCCESS) {
             rv = handOutData(call, exchange, record.cbData, arguments.data, arguments.length,
                              "Error while allocating data", "Failed to read data for cache data",
-                             isHandedOut);
+                             hasArrived);
         }
-        if (isHandedOut) {
+        if (hasArrived) {
             *arguments.identifier = record.cardIdentifier;
         }
         return rv;
@@ -74,14 +74,14 @@ LONG readRemotely(const RemoteCall& call, const ReadArguments& arguments, bool& 
 }
 
 void logRead(const CallFrame& frame, const ReadArguments& arguments, bool isAllocated,
-             bool isHandedOut) {
+             bool hasArrived) {
     const DWORD length = arguments.length == nullptr ? 0 : *arguments.length;
     frame.out("dataLen %lu", length);
     const BYTE* data = arguments.data;
     if (isAllocated && data != nullptr) {
         data = *reinterpret_cast<PBYTE*>(arguments.data);
     }
-    if (isHandedOut && data != nullptr) {
+    if (hasArrived && data != nullptr) {
         logData(frame.log(), data, length);
     }
 }
@@ -139,7 +139,7 @@ LONG WINAPI SCardReadCacheA(SCARDCONTEXT hContext, UUID* CardIdentifier, DWORD F
     const ServiceState state = getServiceState();
     const DWORD room = DataLen == nullptr ? 0 : *DataLen;
     const ReadArguments arguments = {CardIdentifier, FreshnessCounter, LookupName, Data, DataLen};
-    bool isHandedOut = false;
+    bool hasArrived = false;
     frame.in("%Ix, %p, %lu, %p, %p, %p", hContext, static_cast<void*>(CardIdentifier),
              FreshnessCounter, static_cast<void*>(LookupName), static_cast<void*>(Data),
              static_cast<void*>(DataLen));
@@ -152,17 +152,17 @@ LONG WINAPI SCardReadCacheA(SCARDCONTEXT hContext, UUID* CardIdentifier, DWORD F
                         return LocalSCardReadCacheA(systemContext, CardIdentifier, FreshnessCounter,
                                                     LookupName, Data, DataLen);
                     });
-                    isHandedOut = rv == SCARD_S_SUCCESS;
+                    hasArrived = rv == SCARD_S_SUCCESS;
                     return rv;
                 },
                 [&] {
                     restoreRoom(DataLen, room);
                     const RemoteCall call = {
                         .log = frame.log(), .state = state, .context = hContext};
-                    return readRemotely(call, arguments, isHandedOut);
+                    return readRemotely(call, arguments, hasArrived);
                 });
         },
-        [&] { logRead(frame, arguments, room == SCARD_AUTOALLOCATE, isHandedOut); });
+        [&] { logRead(frame, arguments, room == SCARD_AUTOALLOCATE, hasArrived); });
 }
 
 LONG WINAPI SCardWriteCacheA(SCARDCONTEXT hContext, UUID* CardIdentifier, DWORD FreshnessCounter,

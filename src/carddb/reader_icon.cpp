@@ -25,10 +25,10 @@ LONG getIconRemotely(const RemoteCall& call, LPCSTR readerName, LPBYTE icon, LPD
     return callRemotely(call, [&](Exchange& exchange, std::uint64_t remoteContext) {
         ReaderIconRecord record = {remoteContext, 0, 0};
         const LONG rv = exchange.call(CMD_GET_READER_ICON, record, {name, std::strlen(name) + 1});
-        bool isHandedOut = false;
+        bool hasArrived = false;
         return rv == SCARD_S_SUCCESS ? handOutData(call, exchange, record.cbIcon, icon, length,
                                                    "Error while allocating data for pbIcon",
-                                                   "Failed to read data for icon", isHandedOut)
+                                                   "Failed to read data for icon", hasArrived)
                                      : rv;
     });
 }

@@ -18,10 +18,10 @@ inline void restoreRoom(LPDWORD length, DWORD room) noexcept {
 /// @param allocationFailure  the log line for data that there is no memory for. The call then
 ///                           succeeds without handing anything out, deliberately: the daemon has
 ///                           done its part, and caches and icons are a convenience.
-/// @param isHandedOut        out: whether the caller's buffer and length were written.
+/// @param hasArrived         out: true once the data was read, whatever room the caller has.
 inline LONG handOutData(const RemoteCall& call, Exchange& exchange, std::uint32_t size,
                         LPBYTE destination, LPDWORD length, const char* allocationFailure,
-                        const char* readFailure, bool& isHandedOut) {
+                        const char* readFailure, bool& hasArrived) {
     HeapPtr<char> data;
     if (size != 0) {
         const LONG rv = exchange.readBlock(size, data, readFailure);
@@ -33,9 +33,8 @@ inline LONG handOutData(const RemoteCall& call, Exchange& exchange, std::uint32_
             return rv;
         }
     }
-    const LONG rv = copyOutBuffer(data.get(), size, destination, length, 1);
-    isHandedOut = rv == SCARD_S_SUCCESS;
-    return rv;
+    hasArrived = true;
+    return copyOutBuffer(data.get(), size, destination, length, 1);
 }
 
 }  // namespace tez
