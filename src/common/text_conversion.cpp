@@ -9,18 +9,34 @@ namespace tez {
 
 namespace {
 
-// The same two conversions, told apart by the source's character type.
-int convert(const wchar_t* text, char* target, int room) noexcept {
-    return WideCharToMultiByte(CP_UTF8, 0, text, -1, target, room, nullptr, nullptr);
+// The same two conversions, told apart by the source's character type. A room of 0 asks for the
+// length.
+int convert(const wchar_t* text, int length, char* target, int room) noexcept {
+    return WideCharToMultiByte(CP_UTF8, 0, text, length, target, room, nullptr, nullptr);
 }
-int convert(const char* text, wchar_t* target, int room) noexcept {
-    return MultiByteToWideChar(CP_UTF8, 0, text, -1, target, room);
+int convert(const char* text, int length, wchar_t* target, int room) noexcept {
+    return MultiByteToWideChar(CP_UTF8, 0, text, length, target, room);
+}
+
+template <class From>
+int lengthOf(const From* text) noexcept {
+    return static_cast<int>(std::char_traits<From>::length(text));
 }
 
 /// Characters of the converted text, its NUL included.
 template <class To, class From>
 std::size_t convertedLength(const From* text) noexcept {
-    return static_cast<std::size_t>(convert(text, static_cast<To*>(nullptr), 0));
+    return static_cast<std::size_t>(convert(text, lengthOf(text), static_cast<To*>(nullptr), 0)) +
+           1;
+}
+
+/// Converts a text into room for convertedLength characters. The NUL is set here and never given to
+/// the system to convert: a character that it cuts short may take it along, as it does in Wine, and
+/// leave a text without an end.
+template <class To, class From>
+void convertInto(const From* text, To* target, std::size_t room) noexcept {
+    convert(text, lengthOf(text), target, static_cast<int>(room - 1));
+    target[room - 1] = To{};
 }
 
 template <class To, class From>
@@ -31,7 +47,7 @@ HeapPtr<To> convertText(const From* text) noexcept {
     const std::size_t length = convertedLength<To>(text);
     HeapPtr<To> converted(static_cast<To*>(heapAllocate(length * sizeof(To))));
     if (converted != nullptr) {
-        convert(text, converted.get(), static_cast<int>(length));
+        convertInto(text, converted.get(), length);
     }
     return converted;
 }
@@ -68,7 +84,7 @@ HeapPtr<To> convertMultiString(const From* names, std::size_t& length) noexcept 
         if (size > total - filled) {
             break;
         }
-        convert(name, converted.get() + filled, static_cast<int>(size));
+        convertInto(name, converted.get() + filled, size);
         filled += size;
         name += std::char_traits<From>::length(name) + 1;
     }
