@@ -82,6 +82,27 @@ LONG echo(SCARDHANDLE card) {
                         &returned);
 }
 
+LONG readCacheItem(const Cards& cards) {
+    return freeing(cards, [&](void* data, DWORD* length) {
+        UUID card = {};
+        wchar_t item[] = L"item";
+        return SCardReadCacheW(cards.context, &card, 1, item, as<BYTE>(data), length);
+    });
+}
+
+LONG writeCacheItem(const Cards& cards) {
+    UUID card = {};
+    wchar_t item[] = L"item";
+    Bytes data(100);
+    return SCardWriteCacheW(cards.context, &card, 1, item, data.data(), 100);
+}
+
+LONG changesOfRemoteReaderWide(const Cards& cards) {
+    SCARD_READERSTATEW state = {};
+    state.szReader = L"Remote Reader 0";
+    return SCardGetStatusChangeW(cards.context, 0, &state, 1);
+}
+
 LONG changesOf(const Cards& cards) {
     SCARD_READERSTATEA states[2] = {};
     states[0].szReader = kHostReader;
@@ -89,7 +110,7 @@ LONG changesOf(const Cards& cards) {
     return SCardGetStatusChangeA(cards.context, 0, states, 2);
 }
 
-const SweptCall kCalls[] = {
+const SweptCall kSweptCalls[] = {
     {"Establish",
      [](const Cards&) {
          SCARDCONTEXT context = 0;
@@ -160,6 +181,37 @@ const SweptCall kCalls[] = {
          DWORD count = 0;
          return SCardGetTransmitCount(cards.atDaemon, &count);
      }},
+    {"ReadCacheAtTheDaemon", readCacheItem},
+    {"WriteCacheAtTheDaemon", writeCacheItem},
+    {"GetReaderIconAtTheDaemon",
+     [](const Cards& cards) {
+         return freeing(cards, [&](void* icon, DWORD* length) {
+             return SCardGetReaderIconW(cards.context, L"Remote Reader 0", as<BYTE>(icon), length);
+         });
+     }},
+    {"ListReadersWide",
+     [](const Cards& cards) {
+         return freeing(cards, [&](void* readers, DWORD* length) {
+             return SCardListReadersW(cards.context, L"SCard$AllReaders\0", as<wchar_t>(readers),
+                                      length);
+         });
+     }},
+    {"ListCardsWide",
+     [](const Cards& cards) {
+         return freeing(cards, [&](void* names, DWORD* length) {
+             return SCardListCardsW(cards.context, nullptr, nullptr, 0, as<wchar_t>(names), length);
+         });
+     }},
+    {"StatusWide",
+     [](const Cards& cards) {
+         return freeing(cards, [&](void* name, DWORD* nameLength) {
+             return freeing(cards, [&](void* atr, DWORD* atrLength) {
+                 return SCardStatusW(cards.atDaemon, as<wchar_t>(name), nameLength, nullptr,
+                                     nullptr, as<BYTE>(atr), atrLength);
+             });
+         });
+     }},
+    {"GetStatusChangeWide", changesOfRemoteReaderWide},
     {"StartedEvent",
      [](const Cards&) -> LONG {
          if (SCardAccessStartedEvent() == nullptr) {
@@ -181,6 +233,10 @@ class MemoryTest : public RemoteCardTest, public testing::WithParamInterface<Swe
         cards_ = {context, connect(context, kHostReader).handle,
                   connect(context, kRemoteReader).handle};
         listReaders(context);
+        ON_CALL(host, SCardWriteCacheA).WillByDefault(testing::Return(SCARD_W_CACHE_ITEM_TOO_BIG));
+        daemon.on(Command::kReadCache, answering(36, {{28, 100}}, sampleBytes(100)));
+        daemon.on(Command::kWriteCache, answering(36, {}));
+        daemon.on(Command::kGetReaderIcon, answering(16, {{8, 100}}, sampleBytes(100)));
     }
 
     LONG call() { return GetParam().make(cards_); }
@@ -229,7 +285,7 @@ TEST_P(MemoryTest, AnAllocationThatFailsEndsTheCallAndLosesNothing) {
     EXPECT_THAT(listReaders(context), UnorderedElementsAre(kHostReader, kRemoteReader));
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryCall, MemoryTest, testing::ValuesIn(kCalls),
+INSTANTIATE_TEST_SUITE_P(EveryCall, MemoryTest, testing::ValuesIn(kSweptCalls),
                          [](const auto& given) { return std::string(given.param.name); });
 
 }  // namespace
