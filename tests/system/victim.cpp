@@ -13,6 +13,7 @@
 #include <tlhelp32.h>
 #include <vector>
 
+#include "guarded_buffer.h"
 #include "import_patch.h"
 #include "scard_missing.h"
 #include "unique_handle.h"
@@ -285,6 +286,13 @@ int unloadUsed() {
     return 7;
 }
 
+/// What the library must never do to a caller's buffer.
+int readBehindABuffer() {
+    const tez::test::GuardedBuffer buffer(1);
+    const volatile std::uint8_t* const bytes = buffer.data();
+    return bytes[1];
+}
+
 /// Prints the readers, then waits for a change of a card.
 int listAndWait() {
     const Library library;
@@ -310,6 +318,7 @@ int main(int argc, char** argv) {
         {"unload-unused", unloadUnused},
         {"unload-used", unloadUsed},
         {"list-and-wait", listAndWait},
+        {"read-behind", readBehindABuffer},
     };
     const auto ending = endings.find(argc == 2 ? argv[1] : "");
     require(ending != endings.end(), "how is it to end?");
