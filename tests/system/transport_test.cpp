@@ -83,7 +83,10 @@ TEST_F(TransportTest, ABusyPipeIsWaitedForAndOpened) {
     busyDaemon.start();
     const SCARDCONTEXT first = establish();
     ASSERT_TRUE(transport().waitForWatches(1));
-    // The only other instance is ours until the library waits for it.
+    // The only other instance is ours until the library waits for it: as soon as the daemon has put
+    // the connection away on which the library looked for it first.
+    ASSERT_TRUE(
+        WaitNamedPipeA(kPipe, static_cast<DWORD>(std::chrono::milliseconds(kPatience).count())));
     UniqueHandle taken(
         CreateFileA(kPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
     ASSERT_TRUE(taken);
