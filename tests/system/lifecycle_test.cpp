@@ -147,7 +147,7 @@ TEST_F(LifecycleTest, ServesSeveralApplicationsInTheSameWay) {
 // What every test with a guarded buffer relies on.
 TEST(CrashTest, IsSeenFromOutside) {
     const ChildProcess child("victim.exe", "read-behind");
-    EXPECT_THAT(child.waitForEnd(kEndBound), Optional(static_cast<DWORD>(STATUS_ACCESS_VIOLATION)));
+    EXPECT_THAT(child.waitForEnd(kEndBound), Optional(STATUS_ACCESS_VIOLATION));
 }
 
 }  // namespace

@@ -432,6 +432,26 @@ TEST_F(WideDatabaseTest, IntroducesAndForgetsCardsUnderNamesInUtf8) {
     EXPECT_THAT(log().messages("SCardForgetCardTypeW"), IsEmpty());
 }
 
+TEST_F(WideDatabaseTest, IntroducesAndForgetsCardsAtTheDaemonUnderNamesInUtf8) {
+    redirectAllCalls();
+    establishContext();
+    daemon.on(Command::kIntroduceCardType, answering(1129, {}));
+    daemon.on(Command::kForgetCardType, answering(1036, {}));
+    for (const WideName& name : kForeignNames) {
+        SCOPED_TRACE(name.utf8);
+        daemon.clearRecords();
+        // A context of the library's own is refused.
+        EXPECT_THAT(SCardIntroduceCardTypeW(0, name.wide, nullptr, nullptr, 0, nullptr, nullptr, 0),
+                    Gives(SCARD_S_SUCCESS));
+        EXPECT_THAT(SCardForgetCardTypeW(0, name.wide), Gives(SCARD_S_SUCCESS));
+        EXPECT_THAT(
+            daemon.requests(),
+            ElementsAre(
+                IsRequest(Command::kIntroduceCardType, RecordBytes(1129).text(8, name.utf8)),
+                IsRequest(Command::kForgetCardType, RecordBytes(1036).text(8, name.utf8))));
+    }
+}
+
 TEST_F(WideDatabaseTest, LeavesMissingCardNamesToTheNarrowCalls) {
     establishContext();
     EXPECT_CALL(host, SCardIntroduceCardTypeA(kHostContext, nullptr, _, _, _, _, _, _));
@@ -444,12 +464,11 @@ TEST_F(WideDatabaseTest, LeavesMissingCardNamesToTheNarrowCalls) {
 TEST_F(WideDatabaseTest, MeasuresNamesOfRedirectedUpdatesInUtf8) {
     redirectAllCalls();
     establishContext();
-    constexpr SCARDCONTEXT stranger = 4711;  // a context of the library's own is refused
     const LongWideName name(342);
-    EXPECT_THAT(SCardIntroduceCardTypeW(stranger, name.wide.c_str(), nullptr, nullptr, 0, nullptr,
-                                        nullptr, 0),
-                Gives(SCARD_E_INVALID_VALUE));
-    EXPECT_THAT(SCardForgetCardTypeW(stranger, name.wide.c_str()), Gives(SCARD_E_INVALID_HANDLE));
+    EXPECT_THAT(
+        SCardIntroduceCardTypeW(0, name.wide.c_str(), nullptr, nullptr, 0, nullptr, nullptr, 0),
+        Gives(SCARD_E_INVALID_VALUE));
+    EXPECT_THAT(SCardForgetCardTypeW(0, name.wide.c_str()), Gives(SCARD_E_INVALID_HANDLE));
     EXPECT_THAT(daemon.requests(), IsEmpty());
 }
 
