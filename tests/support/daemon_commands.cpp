@@ -4,6 +4,8 @@
 #include <optional>
 #include <string>
 
+#include "answered_record.h"
+#include "daemon_database_commands.h"
 #include "record_codec.h"
 
 namespace tez::test {
@@ -24,7 +26,6 @@ constexpr std::size_t kReaderStateSize = 173;
 constexpr std::size_t kAttributeSize = 284;
 constexpr std::size_t kTransmitCountSize = 16;
 
-constexpr std::size_t kReaderNameWidth = 128;
 constexpr std::size_t kStateAtrWidth = 33;
 constexpr std::size_t kAttributeWidth = 264;
 
@@ -52,17 +53,6 @@ DWORD fromWire(std::uint32_t protocol) {
     return (protocol & kWireRaw) != 0 ? rest | SCARD_PROTOCOL_RAW : rest;
 }
 
-/// The record with its result filled in, and the data phase where there is one.
-Reply answered(Bytes record, std::size_t resultOffset, LONG result,
-               std::optional<Bytes> data = std::nullopt) {
-    putU32(record, resultOffset, static_cast<std::uint32_t>(result));
-    std::vector<Bytes> blocks{std::move(record)};
-    if (data) {
-        blocks.push_back(std::move(*data));
-    }
-    return Reply::of(std::move(blocks));
-}
-
 Reply establish(PcscService& service, Bytes record) {
     PcscService::Context context = 0;
     const LONG result = service.establishContext(u32At(record, 0), context);
@@ -76,12 +66,7 @@ Reply listReaders(PcscService& service, Bytes record) {
     if (result != SCARD_S_SUCCESS) {
         return answered(std::move(record), 12, result);
     }
-    Bytes list;
-    for (const std::string& name : names) {
-        list.insert(list.end(), name.begin(), name.end());
-        list.push_back(0);
-    }
-    list.push_back(0);
+    Bytes list = multiString(names);
     putU32(record, 8, static_cast<std::uint32_t>(list.size()));
     return answered(std::move(record), 12, result, std::move(list));
 }
@@ -215,7 +200,7 @@ Reply getStatusChange(PcscService& service, Bytes record, Bytes entries, Protoco
     return answered(std::move(record), 16, result, std::move(entries));
 }
 
-/// The size of a command's record; nullopt for a command that the daemon does not know.
+/// The size of a command's record; nullopt for a command that is not served here.
 std::optional<std::size_t> recordSize(Command command) {
     switch (command) {
         case Command::kEstablishContext:
@@ -260,8 +245,14 @@ bool hasDataPhase(Command command) {
 }  // namespace
 
 Reply DaemonCommands::answer(const Request& request) const {
+    if (!request.complete) {
+        return Reply::closePipe();
+    }
     const std::optional<std::size_t> size = recordSize(request.command);
-    if (!request.complete || !size || request.body.size() < *size ||
+    if (!size) {
+        return answerDatabaseCommand(service_, request);
+    }
+    if (request.body.size() < *size ||
         (request.body.size() > *size && !hasDataPhase(request.command))) {
         return Reply::closePipe();
     }

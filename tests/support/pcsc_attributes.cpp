@@ -3,15 +3,10 @@
 
 #include "pcsc_service.h"
 #include "pcsc_service_state.h"
+#include "record_codec.h"
 
 namespace tez::test {
 namespace {
-
-Bytes terminated(const std::string& text) {
-    Bytes bytes(text.begin(), text.end());
-    bytes.push_back(0);
-    return bytes;
-}
 
 Bytes terminatedWide(const std::string& utf8) {
     const int size = static_cast<int>(utf8.size()) + 1;

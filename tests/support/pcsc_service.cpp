@@ -4,6 +4,8 @@
 #include <utility>
 
 #include "pcsc_service_state.h"
+#include "reader_icon.h"
+#include "scard_missing.h"
 
 namespace tez::test {
 
@@ -215,6 +217,38 @@ LONG PcscService::listReaderGroups(Context context, std::vector<std::string>& gr
     }
     groups = {"SCard$DefaultReaders"};
     return SCARD_S_SUCCESS;
+}
+
+LONG PcscService::checkReader(Context context, const std::string& name) const {
+    if (context != 0 && !knows(context)) {
+        return SCARD_E_INVALID_HANDLE;
+    }
+    return findReader(name) == nullptr ? SCARD_E_UNKNOWN_READER : SCARD_S_SUCCESS;
+}
+
+LONG PcscService::getDeviceTypeId(Context context, const std::string& reader, DWORD& type) const {
+    const Lock lock(mutex_);
+    const LONG result = checkReader(context, reader);
+    if (result == SCARD_S_SUCCESS) {
+        type = SCARD_READER_TYPE_USB;
+    }
+    return result;
+}
+
+LONG PcscService::getReaderIcon(Context context, const std::string& reader, Bytes& icon) const {
+    const Lock lock(mutex_);
+    const LONG result = checkReader(context, reader);
+    if (result == SCARD_S_SUCCESS) {
+        icon.assign(readerIcon().begin(), readerIcon().end());
+    }
+    return result;
+}
+
+LONG PcscService::audit(Context context, DWORD event) const {
+    if (event != SCARD_AUDIT_CHV_FAILURE && event != SCARD_AUDIT_CHV_SUCCESS) {
+        return SCARD_E_INVALID_PARAMETER;
+    }
+    return isValidContext(context);
 }
 
 }  // namespace tez::test

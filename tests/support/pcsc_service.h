@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "card_store.h"
 #include "virtual_card.h"
 
 namespace tez::test {
@@ -91,6 +92,9 @@ class PcscService {
     /// Waits until this many calls wait for another connection's transaction to end.
     bool waitForTransactionWaits(std::size_t count, std::chrono::milliseconds timeout) const;
 
+    /// The database of card types and the cache of card data. Its users check contexts themselves.
+    CardStore& cardStore() noexcept { return cardStore_; }
+
     std::size_t contextCount() const;
     std::size_t cardCount() const;
 
@@ -106,6 +110,13 @@ class PcscService {
     LONG listReaders(Context context, std::vector<std::string>& names) const;
     /// "SCard$DefaultReaders" alone. Context 0 asks without a context.
     LONG listReaderGroups(Context context, std::vector<std::string>& groups) const;
+
+    /// Every reader is a USB one and has the icon of readerIcon(). SCARD_E_UNKNOWN_READER when
+    /// there is no such reader. Context 0 asks without a context.
+    LONG getDeviceTypeId(Context context, const std::string& reader, DWORD& type) const;
+    LONG getReaderIcon(Context context, const std::string& reader, Bytes& icon) const;
+    /// SCARD_E_INVALID_PARAMETER for anything but the platform's two events.
+    LONG audit(Context context, DWORD event) const;
 
     /// Shared and exclusive connections need a card and a protocol that it offers (or raw, or the
     /// one that is in use already); a direct one needs neither and, like an exclusive one, keeps
@@ -167,6 +178,7 @@ class PcscService {
     bool knows(Context context) const;
     ReaderPointer findReader(const std::string& name) const;
     ConnectionPointer findConnection(Card card) const;
+    LONG checkReader(Context context, const std::string& name) const;
     LONG readerResult(const Connection& connection) const;
     LONG cardResult(const Connection& connection) const;
     LONG waitForTurn(Lock& lock, Card card, const Connection& connection);
@@ -193,6 +205,7 @@ class PcscService {
     std::size_t statusWaits_ = 0;
     std::size_t heldCommands_ = 0;
     std::size_t transactionWaits_ = 0;
+    CardStore cardStore_;  // has a lock of its own
 };
 
 }  // namespace tez::test

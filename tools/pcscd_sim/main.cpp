@@ -18,6 +18,10 @@ using namespace tez::sim;
 
 constexpr int kWrongArguments = 2;
 
+constexpr const char* kCardHolder = "Remote User";
+constexpr const char* kCardType = "Remote Demo Card";
+constexpr const char* kProvider = "Remote Demo Provider";
+
 void observe(tez::test::DaemonSimulator& daemon) {
     const auto connectionLine = [](const char* what) {
         return [what](std::uint64_t connection) {
@@ -32,18 +36,25 @@ void observe(tez::test::DaemonSimulator& daemon) {
     });
 }
 
+/// The demo cards' type, as the card database of the remote user's machine knows it.
+void introduceCardType(tez::test::CardStore& cards) {
+    cards.introduce(kCardType, cardTypeOf(tez::test::makeDemoCard(kCardHolder)));
+    cards.setProvider(kCardType, SCARD_PROVIDER_CSP, kProvider);
+}
+
 /// False when the pipe could not be served or a command failed.
 bool run(const Options& options) {
     tez::test::PcscService service;
     tez::test::DaemonSimulator daemon(service, {options.version, {.name = options.pipe}});
     observe(daemon);
     Console console(service, daemon);
+    introduceCardType(service.cardStore());
     for (const std::string& reader : options.readers) {
         service.addReader(reader);
     }
     for (const std::string& reader : options.cards) {
         service.addReader(reader);
-        service.insertCard(reader, tez::test::makeDemoCard("Remote User"));
+        service.insertCard(reader, tez::test::makeDemoCard(kCardHolder));
     }
     daemon.start();
     printLine("serving " + options.pipe + ", protocol " + describe(options.version));

@@ -4,21 +4,16 @@
 #include <algorithm>
 #include <string_view>
 
-#include "system_library/reader_icon.h"
+#include "record_codec.h"
 
 namespace tez::test {
 namespace {
 
 constexpr PcscService::HandleBases kHandleBases = {.context = 0x7A000001, .card = 0x7B000001};
 
-Bytes multiString(const std::vector<std::string>& elements) {
-    Bytes bytes;
-    for (const std::string& element : elements) {
-        bytes.insert(bytes.end(), element.begin(), element.end());
-        bytes.push_back(0);
-    }
-    bytes.push_back(0);
-    return bytes;
+/// No reader has an empty name: whoever leaves the name out asks for an unknown reader.
+const char* orEmpty(LPCSTR text) {
+    return text == nullptr ? "" : text;
 }
 
 /// Whether a filter of reader groups (a multi-string; null asks for all) lets the readers through,
@@ -39,10 +34,7 @@ bool namesOurGroup(LPCSTR groups) {
 
 HostService::HostService() : pcsc_(kHandleBases) {
     VirtualCard card = makeDemoCard(kHostCardHolder);
-    CardType type;
-    type.atr = card.atr();
-    type.atrMask.assign(type.atr.size(), 0xFF);
-    store_.introduce(kHostCardType, std::move(type));
+    pcsc_.cardStore().introduce(kHostCardType, cardTypeOf(card));
     pcsc_.addReader(kHostReader);
     pcsc_.insertCard(kHostReader, std::move(card));
 }
@@ -78,10 +70,7 @@ LONG HostService::SCardFreeMemory(SCARDCONTEXT context, LPCVOID memory) {
 }
 
 LONG HostService::SCardAudit(SCARDCONTEXT context, DWORD event) {
-    if (event != SCARD_AUDIT_CHV_FAILURE && event != SCARD_AUDIT_CHV_SUCCESS) {
-        return SCARD_E_INVALID_PARAMETER;
-    }
-    return pcsc_.isValidContext(context);
+    return pcsc_.audit(context, event);
 }
 
 LONG HostService::SCardListReaderGroupsA(SCARDCONTEXT context, LPSTR groups, LPDWORD length) {
@@ -127,30 +116,18 @@ LONG HostService::SCardGetStatusChangeA(SCARDCONTEXT context, DWORD timeout,
     return result;
 }
 
-LONG HostService::checkReader(SCARDCONTEXT context, LPCSTR reader) const {
-    std::vector<std::string> names;
-    if (const LONG result = pcsc_.listReaders(context, names); result != SCARD_S_SUCCESS) {
-        return result;
-    }
-    const bool known = reader != nullptr && std::ranges::find(names, reader) != names.end();
-    return known ? SCARD_S_SUCCESS : SCARD_E_UNKNOWN_READER;
-}
-
 LONG HostService::SCardGetDeviceTypeIdA(SCARDCONTEXT context, LPCSTR reader, LPDWORD deviceType) {
     if (deviceType == nullptr) {
         return SCARD_E_INVALID_PARAMETER;
     }
-    const LONG result = checkReader(context, reader);
-    if (result == SCARD_S_SUCCESS) {
-        *deviceType = SCARD_READER_TYPE_USB;
-    }
-    return result;
+    return pcsc_.getDeviceTypeId(context, orEmpty(reader), *deviceType);
 }
 
 LONG HostService::SCardGetReaderIconA(SCARDCONTEXT context, LPCSTR reader, LPBYTE icon,
                                       LPDWORD length) {
-    const LONG result = checkReader(context, reader);
-    return result == SCARD_S_SUCCESS ? heap_.deliver(readerIcon(), icon, length) : result;
+    Bytes bytes;
+    const LONG result = pcsc_.getReaderIcon(context, orEmpty(reader), bytes);
+    return result == SCARD_S_SUCCESS ? heap_.deliver(bytes, icon, length) : result;
 }
 
 HANDLE HostService::SCardAccessStartedEvent() {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "pcsc_service.h"
-#include "system_library/card_store.h"
 #include "system_library/started_event.h"
 #include "system_library/system_calls.h"
 #include "system_library/system_heap.h"
@@ -34,11 +33,8 @@ class HostService final : public SystemCalls {
 #undef TEZ_DECLARE_CALL
 
   private:
-    LONG checkReader(SCARDCONTEXT context, LPCSTR reader) const;
-
     PcscService pcsc_;
     SystemHeap heap_;
-    CardStore store_;
     StartedEvent startedEvent_;
 };
 

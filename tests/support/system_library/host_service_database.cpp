@@ -1,35 +1,25 @@
 // The card database and the cache of card data.
-#include <iterator>
-
+#include "record_codec.h"
 #include "system_library/host_service.h"
 
 namespace tez::test {
-namespace {
-
-std::span<const std::uint8_t> asBytes(const std::string& text) {
-    // NUL
-    return {reinterpret_cast<const std::uint8_t*>(text.c_str()), text.size() + 1};
-}
-
-}  // namespace
 
 LONG HostService::SCardListCardsA(SCARDCONTEXT context, LPCBYTE atr, LPCGUID interfaces,
                                   DWORD interfaceCount, LPSTR cards, LPDWORD length) {
     if (context != 0 && pcsc_.isValidContext(context) != SCARD_S_SUCCESS) {
         return SCARD_E_INVALID_HANDLE;
     }
-    Bytes names;
-    const std::span<const std::uint8_t> wanted(atr, atr == nullptr ? 0 : atrLength(atr));
-    for (const std::string& card :
-         store_.list(wanted, {interfaces, interfaces == nullptr ? 0 : interfaceCount})) {
-        std::ranges::copy(asBytes(card), std::back_inserter(names));
+    const std::size_t size = atr == nullptr ? 0 : atrLength(atr);
+    if (atr != nullptr && size == 0) {
+        return SCARD_E_INVALID_PARAMETER;
     }
-    names.push_back(0);
-    return heap_.deliver(names, cards, length);
+    const std::vector<std::string> names = pcsc_.cardStore().list(
+        {atr, size}, {interfaces, interfaces == nullptr ? 0 : interfaceCount});
+    return heap_.deliver(multiString(names), cards, length);
 }
 
 LONG HostService::SCardIntroduceCardTypeA(SCARDCONTEXT context, LPCSTR card,
-                                          LPCGUID /*primaryProvider*/, LPCGUID interfaces,
+                                          LPCGUID primaryProvider, LPCGUID interfaces,
                                           DWORD interfaceCount, LPCBYTE atr, LPCBYTE atrMask,
                                           DWORD atrLength) {
     if (card == nullptr || atr == nullptr || (interfaces == nullptr && interfaceCount != 0)) {
@@ -44,8 +34,11 @@ LONG HostService::SCardIntroduceCardTypeA(SCARDCONTEXT context, LPCSTR card,
     if (atrMask != nullptr) {
         type.atrMask.assign(atrMask, atrMask + atrLength);
     }
+    if (primaryProvider != nullptr) {
+        type.primaryProvider = *primaryProvider;
+    }
     type.interfaces.assign(interfaces, interfaces + interfaceCount);
-    return store_.introduce(card, std::move(type));
+    return pcsc_.cardStore().introduce(card, std::move(type));
 }
 
 LONG HostService::SCardForgetCardTypeA(SCARDCONTEXT context, LPCSTR card) {
@@ -53,7 +46,7 @@ LONG HostService::SCardForgetCardTypeA(SCARDCONTEXT context, LPCSTR card) {
         return SCARD_E_INVALID_PARAMETER;
     }
     const LONG result = pcsc_.isValidContext(context);
-    return result == SCARD_S_SUCCESS ? store_.forget(card) : result;
+    return result == SCARD_S_SUCCESS ? pcsc_.cardStore().forget(card) : result;
 }
 
 LONG HostService::SCardSetCardTypeProviderNameA(SCARDCONTEXT context, LPCSTR card, DWORD providerId,
@@ -62,7 +55,8 @@ LONG HostService::SCardSetCardTypeProviderNameA(SCARDCONTEXT context, LPCSTR car
         return SCARD_E_INVALID_PARAMETER;
     }
     const LONG result = pcsc_.isValidContext(context);
-    return result == SCARD_S_SUCCESS ? store_.setProvider(card, providerId, provider) : result;
+    return result == SCARD_S_SUCCESS ? pcsc_.cardStore().setProvider(card, providerId, provider)
+                                     : result;
 }
 
 LONG HostService::SCardGetCardTypeProviderNameA(SCARDCONTEXT context, LPCSTR card, DWORD providerId,
@@ -74,8 +68,8 @@ LONG HostService::SCardGetCardTypeProviderNameA(SCARDCONTEXT context, LPCSTR car
         return SCARD_E_INVALID_HANDLE;
     }
     std::string name;
-    const LONG result = store_.provider(card, providerId, name);
-    return result == SCARD_S_SUCCESS ? heap_.deliver(asBytes(name), provider, length) : result;
+    const LONG result = pcsc_.cardStore().provider(card, providerId, name);
+    return result == SCARD_S_SUCCESS ? heap_.deliver(terminated(name), provider, length) : result;
 }
 
 LONG HostService::SCardReadCacheA(SCARDCONTEXT context, UUID* cardIdentifier, DWORD freshness,
@@ -87,7 +81,7 @@ LONG HostService::SCardReadCacheA(SCARDCONTEXT context, UUID* cardIdentifier, DW
         return result;
     }
     Bytes item;
-    const LONG result = store_.readCache(*cardIdentifier, lookupName, freshness, item);
+    const LONG result = pcsc_.cardStore().readCache(*cardIdentifier, lookupName, freshness, item);
     return result == SCARD_S_SUCCESS ? heap_.deliver(item, data, length) : result;
 }
 
@@ -99,7 +93,8 @@ LONG HostService::SCardWriteCacheA(SCARDCONTEXT context, UUID* cardIdentifier, D
     if (const LONG result = pcsc_.isValidContext(context); result != SCARD_S_SUCCESS) {
         return result;
     }
-    store_.writeCache(*cardIdentifier, lookupName, freshness, Bytes(data, data + length));
+    pcsc_.cardStore().writeCache(*cardIdentifier, lookupName, freshness,
+                                 Bytes(data, data + length));
     return SCARD_S_SUCCESS;
 }
 

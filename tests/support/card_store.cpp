@@ -1,4 +1,4 @@
-#include "system_library/card_store.h"
+#include "card_store.h"
 
 #include <winscard.h>
 
@@ -36,12 +36,23 @@ std::size_t atrLength(const std::uint8_t* atr) {
     for (unsigned present = atr[1] >> 4U; present != 0;) {
         length += static_cast<std::size_t>(std::popcount(present));
         const bool hasNext = (present & 8U) != 0;
+        if (hasNext && length > kLongestAtr) {
+            return 0;
+        }
         const unsigned next = hasNext ? atr[length - 1] : 0U;
         // Only a card that speaks T=0 and nothing else has no check byte.
         needsCheckByte = needsCheckByte || (next & 0x0FU) != 0;
         present = next >> 4U;
     }
-    return length + historicalBytes + (needsCheckByte ? 1 : 0);
+    length += historicalBytes + (needsCheckByte ? 1 : 0);
+    return length <= kLongestAtr ? length : 0;
+}
+
+CardType cardTypeOf(const VirtualCard& card) {
+    CardType type;
+    type.atr = card.atr();
+    type.atrMask.assign(type.atr.size(), 0xFF);
+    return type;
 }
 
 LONG CardStore::introduce(const std::string& card, CardType type) {
@@ -53,6 +64,12 @@ LONG CardStore::introduce(const std::string& card, CardType type) {
 LONG CardStore::forget(const std::string& card) {
     const std::lock_guard lock(mutex_);
     return types_.erase(card) == 1 ? SCARD_S_SUCCESS : SCARD_E_UNKNOWN_CARD;
+}
+
+std::optional<CardType> CardStore::find(const std::string& card) const {
+    const std::lock_guard lock(mutex_);
+    const auto type = types_.find(card);
+    return type == types_.end() ? std::nullopt : std::optional(type->second);
 }
 
 LONG CardStore::setProvider(const std::string& card, DWORD providerId,

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <utility>
@@ -15,18 +16,26 @@
 
 namespace tez::test {
 
-/// A kind of card, as the host's card database knows it.
+/// The longest ATR that there can be.
+inline constexpr std::size_t kLongestAtr = 33;
+
+/// A kind of card, as a card database knows it.
 struct CardType {
     Bytes atr;
     Bytes atrMask;  ///< as long as the ATR: the bits that count
+    std::optional<GUID> primaryProvider = {};
     std::vector<GUID> interfaces;
     std::map<DWORD, std::string> providers;  ///< by provider identifier
 };
 
-/// How long an ATR is by its own structure. The bytes up to that length must be readable.
+/// How long an ATR is by its own structure; 0 when that is longer than an ATR can be. The bytes up
+/// to that length must be readable.
 std::size_t atrLength(const std::uint8_t* atr);
 
-/// The host's card database and its cache of card data, in memory. Results are the platform's
+/// The type of a card whose whole ATR counts, without providers.
+CardType cardTypeOf(const VirtualCard& card);
+
+/// A card database and its cache of card data, in memory. Results are the platform's
 /// codes. Thread-safe.
 class CardStore {
   public:
@@ -34,6 +43,7 @@ class CardStore {
     LONG introduce(const std::string& card, CardType type);
     /// SCARD_E_UNKNOWN_CARD when there is none.
     LONG forget(const std::string& card);
+    std::optional<CardType> find(const std::string& card) const;
     LONG setProvider(const std::string& card, DWORD providerId, const std::string& provider);
     /// ERROR_FILE_NOT_FOUND when the card has no such provider.
     LONG provider(const std::string& card, DWORD providerId, std::string& provider) const;

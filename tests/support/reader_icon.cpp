@@ -1,4 +1,4 @@
-#include "system_library/reader_icon.h"
+#include "reader_icon.h"
 
 namespace tez::test {
 

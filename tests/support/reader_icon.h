@@ -5,7 +5,7 @@
 
 namespace tez::test {
 
-/// The file of the icon that the host shows for a reader: one black 1 x 1 image of 32 bits.
+/// The file of the icon that every reader has: one black 1 x 1 image of 32 bits.
 std::span<const std::uint8_t> readerIcon();
 
 }  // namespace tez::test

@@ -1,0 +1,15 @@
+#pragma once
+
+#include "daemon_traffic.h"
+#include "pcsc_service.h"
+
+namespace tez::test {
+
+/// The part of the daemon's ordinary behaviour that concerns card types, cached card data, reader
+/// icons, device types and audits. A request that is malformed, or of a command that is not among
+/// these, closes the pipe. The request must be complete.
+///
+/// Card types can be asked for and changed without a context (context 0); nothing else can.
+Reply answerDatabaseCommand(PcscService& service, const Request& request);
+
+}  // namespace tez::test
