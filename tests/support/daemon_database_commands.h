@@ -9,7 +9,8 @@ namespace tez::test {
 /// icons, device types and audits. A request that is malformed, or of a command that is not among
 /// these, closes the pipe. The request must be complete.
 ///
-/// Card types can be asked for and changed without a context (context 0); nothing else can.
+/// Card types can be asked for and changed, and events audited, without a context (context 0); all
+/// else needs one.
 Reply answerDatabaseCommand(PcscService& service, const Request& request);
 
 }  // namespace tez::test

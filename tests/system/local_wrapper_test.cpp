@@ -34,7 +34,7 @@ LPSTR asText(void* destination) {
     return static_cast<LPSTR>(destination);
 }
 
-const AllocatingCall kCalls[] = {
+const AllocatingCall kAllocatingCalls[] = {
     {"SCardListReadersA",
      [](SCARDCONTEXT context, SCARDHANDLE, void* destination, DWORD* length) {
          return SCardListReadersA(context, nullptr, asText(destination), length);
@@ -161,7 +161,7 @@ TEST_P(AllocatingCallTest, WithoutMemoryIsAnInternalErrorAndGivesTheHostsBufferB
     expectHostsBuffersGivenBack();
 }
 
-INSTANTIATE_TEST_SUITE_P(LocalWrapperTest, AllocatingCallTest, testing::ValuesIn(kCalls),
+INSTANTIATE_TEST_SUITE_P(LocalWrapperTest, AllocatingCallTest, testing::ValuesIn(kAllocatingCalls),
                          [](const auto& given) { return std::string(given.param.name); });
 
 TEST_F(LocalWrapperTest, AHostsFailureLeavesPointerAndLengthAsTheyWere) {

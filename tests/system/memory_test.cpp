@@ -2,8 +2,8 @@
 // until it has no more. Every time it must end with a result, lose nothing, and work again.
 #include <functional>
 
+#include "card_database_test.h"
 #include "failing_allocation.h"
-#include "remote_card_test.h"
 
 namespace tez::test {
 namespace {
@@ -212,6 +212,28 @@ const SweptCall kSweptCalls[] = {
          });
      }},
     {"GetStatusChangeWide", changesOfRemoteReaderWide},
+    {"ListCards",
+     [](const Cards& cards) {
+         return freeing(cards, [&](void* names, DWORD* length) {
+             return SCardListCardsA(cards.context, nullptr, nullptr, 0, as<char>(names), length);
+         });
+     }},
+    {"GetCardTypeProviderName",
+     [](const Cards& cards) {
+         return freeing(cards, [&](void* name, DWORD* length) {
+             return SCardGetCardTypeProviderNameA(cards.context, kHostCardType, SCARD_PROVIDER_CSP,
+                                                  as<char>(name), length);
+         });
+     }},
+    {"SetCardTypeProviderName",
+     [](const Cards&) {
+         return SCardSetCardTypeProviderNameA(0, kHostCardType, SCARD_PROVIDER_CSP, "Provider");
+     }},
+    {"GetDeviceTypeId",
+     [](const Cards& cards) {
+         DWORD type = 0;
+         return SCardGetDeviceTypeIdA(cards.context, kRemoteReader, &type);
+     }},
     {"StartedEvent",
      [](const Cards&) -> LONG {
          if (SCardAccessStartedEvent() == nullptr) {
@@ -226,10 +248,18 @@ void PrintTo(const SweptCall& call, std::ostream* stream) {
     *stream << call.name;
 }
 
-class MemoryTest : public RemoteCardTest, public testing::WithParamInterface<SweptCall> {
+class MemoryTest : public CardDatabaseTest, public testing::WithParamInterface<SweptCall> {
   protected:
     void SetUp() override {
+        redirectAllCalls();
         establishContext({1, 4});
+        // Either side can answer for the other.
+        for (CardStore* const store : {&remote.cardStore(), &hostCards()}) {
+            store->introduce(kHostCardType, {});
+            store->setProvider(kHostCardType, SCARD_PROVIDER_CSP, "Provider");
+        }
+        ON_CALL(host, SCardSetCardTypeProviderNameA)
+            .WillByDefault(testing::Return(SCARD_S_SUCCESS));  // without a context too
         cards_ = {context, connect(context, kHostReader).handle,
                   connect(context, kRemoteReader).handle};
         listReaders(context);
