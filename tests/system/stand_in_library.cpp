@@ -4,13 +4,6 @@
 
 namespace tez::test {
 
-std::string programDirectory() {
-    char path[MAX_PATH] = {};
-    GetModuleFileNameA(nullptr, path, sizeof path);
-    const std::string program = path;
-    return program.substr(0, program.rfind('\\'));
-}
-
 std::string incompleteStandInPath() {
     return programDirectory() + "\\standin\\incomplete\\winscard.dll";
 }

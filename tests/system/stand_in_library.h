@@ -4,15 +4,13 @@
 
 #include <string>
 
+#include "program_directory.h"
 #include "system_library/stand_in.h"
 
 namespace tez::test {
 
 /// Where the library under test finds the host's smart-card library.
 inline constexpr const char* kSystemLibraryPath = "C:\\Windows\\System32\\WinSCard.dll";
-
-/// The folder of the running program, without a backslash at its end.
-std::string programDirectory();
 
 /// A stand-in for the host's smart-card library that lacks SCardReleaseStartedEvent.
 std::string incompleteStandInPath();

@@ -3,11 +3,14 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <thread>
 
+#include "patience.h"
 #include "system_library/mock_system_calls.h"
 
 namespace tez::test {
@@ -67,6 +70,33 @@ TEST_F(StandInLibraryTest, IssuesHandlesThatNobodyElseWould) {
                   context, kHostReader, SCARD_SHARE_SHARED, SCARD_PROTOCOL_Tx, &card, &protocol),
               SCARD_S_SUCCESS);
     EXPECT_EQ(card, 0x7B000001U);
+}
+
+TEST_F(StandInLibraryTest, HoldsACardWhileTheCardFileIsThere) {
+    const std::filesystem::path file =
+        std::filesystem::temp_directory_path() / ("card-" + std::to_string(GetCurrentProcessId()));
+    std::filesystem::remove(file);
+    ASSERT_NE(SetEnvironmentVariableA(kCardFileVariable, file.string().c_str()), FALSE);
+    const SCARDCONTEXT context = establish();
+    SCARD_READERSTATEA reader = {};
+    reader.szReader = kHostReader;
+    const auto waitForChange = [&] {
+        reader.dwCurrentState = reader.dwEventState & ~DWORD{SCARD_STATE_CHANGED};
+        EXPECT_EQ(entry<decltype(SCardGetStatusChangeA)>("SCardGetStatusChangeA")(
+                      context, DWORD{kPatience / std::chrono::milliseconds(1)}, &reader, 1),
+                  SCARD_S_SUCCESS);
+    };
+    waitForChange();
+    EXPECT_NE(reader.dwEventState & SCARD_STATE_EMPTY, 0U);
+
+    std::ofstream(file).close();
+    waitForChange();
+    EXPECT_NE(reader.dwEventState & SCARD_STATE_PRESENT, 0U);
+    EXPECT_GT(reader.cbAtr, 0U);
+
+    std::filesystem::remove(file);
+    waitForChange();
+    EXPECT_NE(reader.dwEventState & SCARD_STATE_EMPTY, 0U);
 }
 
 TEST_F(StandInLibraryTest, CountsItsBuffersAndTheFreesOfOthers) {

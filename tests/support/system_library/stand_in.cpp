@@ -7,13 +7,24 @@
 #include <map>
 #include <mutex>
 
+#include "system_library/card_file.h"
 #include "system_library/host_service.h"
 
 namespace tez::test {
 namespace {
 
+HostService* makeOwnService() {
+    auto* const service = new HostService;
+    char path[MAX_PATH] = {};
+    const DWORD length = GetEnvironmentVariableA(kCardFileVariable, path, sizeof path);
+    if (length > 0 && length < sizeof path) {
+        followCardFile(service->pcsc(), kHostReader, kHostCardHolder, path);
+    }
+    return service;
+}
+
 HostService& ownService() {
-    static auto* const service = new HostService;
+    static auto* const service = makeOwnService();
     return *service;
 }
 

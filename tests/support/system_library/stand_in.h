@@ -7,6 +7,11 @@
 
 namespace tez::test {
 
+/// The environment variable that names a file which says whether the stand-in's own reader holds a
+/// card: it does while there is such a file. It is how the reader is told from outside of the
+/// process that has loaded the stand-in. Read with the first call; without it, the card stays in.
+inline constexpr const char* kCardFileVariable = "TEZ_STAND_IN_CARD_FILE";
+
 /// Auto-allocated buffers of the stand-in's own service.
 struct StandInCounters {
     std::size_t outstanding;   ///< handed out and not freed yet

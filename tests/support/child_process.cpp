@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-#include "stand_in_library.h"
+#include "program_directory.h"
 
 namespace tez::test {
 namespace {
