@@ -7,18 +7,11 @@
 #include "commands/commands.h"
 #include "failure.h"
 #include "run_command.h"
+#include "utf8.h"
 
 using namespace tez::client;
 
 namespace {
-
-std::string toUtf8(const wchar_t* text) {
-    const int size = WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
-    std::string utf8(static_cast<std::size_t>(size), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text, -1, utf8.data(), size, nullptr, nullptr);
-    utf8.pop_back();  // the terminator
-    return utf8;
-}
 
 /// Ends the session; a failure there makes the whole run one.
 Outcome closeSession(Session& session, Outcome outcome) {

@@ -88,6 +88,8 @@ const ResultName kResultNames[] = {
     {NAMED(SCARD_W_CACHE_ITEM_NOT_FOUND), "not in the cache"},
     {NAMED(SCARD_W_CACHE_ITEM_STALE), "the cached item is too old"},
     {NAMED(SCARD_W_CACHE_ITEM_TOO_BIG), "too big for the cache"},
+    {NAMED(ERROR_FILE_NOT_FOUND), "there is no such thing"},
+    {NAMED(ERROR_ALREADY_EXISTS), "there is one of that name already"},
 };
 
 #undef NAMED

@@ -6,43 +6,10 @@
 #include <system_error>
 #include <utility>
 
+#include "allocated_buffer.h"
 #include "failure.h"
 
 namespace tez::client {
-namespace {
-
-/// A list of names, each with its zero, that PC/SC allocated.
-class AllocatedNames {
-  public:
-    explicit AllocatedNames(SCARDCONTEXT context) : context_(context) {}
-    ~AllocatedNames() {
-        if (names_ != nullptr) {
-            SCardFreeMemory(context_, names_);
-        }
-    }
-    AllocatedNames(const AllocatedNames&) = delete;
-    AllocatedNames& operator=(const AllocatedNames&) = delete;
-
-    /// For the parameter that is a string, and with SCARD_AUTOALLOCATE the address of one.
-    LPSTR destination() { return reinterpret_cast<LPSTR>(&names_); }
-    LPDWORD length() { return &length_; }
-
-    std::vector<std::string> list() const {
-        std::vector<std::string> list;
-        for (const char* name = names_; name != nullptr && *name != '\0';
-             name += list.back().size() + 1) {
-            list.emplace_back(name);
-        }
-        return list;
-    }
-
-  private:
-    SCARDCONTEXT context_;
-    LPSTR names_ = nullptr;
-    DWORD length_ = SCARD_AUTOALLOCATE;
-};
-
-}  // namespace
 
 Session::~Session() {
     keptCard_.reset();
@@ -60,20 +27,21 @@ SCARDCONTEXT Session::context() {
 }
 
 std::vector<std::string> Session::readers() {
-    AllocatedNames names(context());
-    const LONG result = SCardListReadersA(context(), nullptr, names.destination(), names.length());
+    AllocatedBuffer names(context());
+    const LONG result =
+        SCardListReadersA(context(), nullptr, names.textDestination(), names.length());
     if (result == SCARD_E_NO_READERS_AVAILABLE) {
         return {};
     }
     check("SCardListReaders", result);
-    return names.list();
+    return names.names();
 }
 
 std::vector<std::string> Session::readerGroups() {
-    AllocatedNames names(context());
+    AllocatedBuffer names(context());
     check("SCardListReaderGroups",
-          SCardListReaderGroupsA(context(), names.destination(), names.length()));
-    return names.list();
+          SCardListReaderGroupsA(context(), names.textDestination(), names.length()));
+    return names.names();
 }
 
 std::string Session::resolveReader(const std::string& nameOrIndex) {

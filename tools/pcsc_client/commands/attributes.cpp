@@ -1,53 +1,82 @@
-#include <cstring>
 #include <memory>
 
+#include "attribute_names.h"
 #include "commands/commands.h"
+#include "failure.h"
 #include "hex.h"
 #include "output.h"
 
 namespace tez::client {
 namespace {
 
-constexpr struct {
-    DWORD id;
-    const char* name;
-    bool isText;
-} kAttributes[] = {
-    {SCARD_ATTR_VENDOR_NAME, "vendor name", true},
-    {SCARD_ATTR_VENDOR_IFD_TYPE, "vendor's reader type", true},
-    {SCARD_ATTR_VENDOR_IFD_VERSION, "vendor's reader version", false},
-    {SCARD_ATTR_VENDOR_IFD_SERIAL_NO, "serial number", true},
-    {SCARD_ATTR_CHANNEL_ID, "channel", false},
-    {SCARD_ATTR_CHARACTERISTICS, "mechanics", false},
-    {SCARD_ATTR_CURRENT_PROTOCOL_TYPE, "current protocol", false},
-    {SCARD_ATTR_ICC_PRESENCE, "card presence", false},
-    {SCARD_ATTR_ICC_INTERFACE_STATUS, "card contact", false},
-    {SCARD_ATTR_ATR_STRING, "ATR", false},
-    {SCARD_ATTR_ICC_TYPE_PER_ATR, "card type", false},
-    {SCARD_ATTR_MAXINPUT, "longest APDU", false},
-    {SCARD_ATTR_DEVICE_UNIT, "device unit", false},
-    {SCARD_ATTR_DEVICE_FRIENDLY_NAME_A, "friendly name", true},
-    {SCARD_ATTR_DEVICE_SYSTEM_NAME_A, "system name", true},
+struct AttributesOptions {
+    std::string reader;
+    std::vector<std::string> names;
+    bool list = false;
+    bool direct = false;
 };
+
+void printAttribute(DWORD id, ByteView value) {
+    printLine(describeAttribute(id));
+    printField("bytes", formatHex(value));
+    if (const auto readable = readableValue(id, value)) {
+        printField("value", *readable);
+    }
+}
+
+void printNamed(const Card& card, const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+        const DWORD id = *parseAttribute(name);
+        const auto value = card.attribute(id);
+        if (!value) {
+            throw Failure("the reader has no attribute " + describeAttribute(id));
+        }
+        printAttribute(id, *value);
+    }
+}
+
+void printAll(const Card& card) {
+    for (const AttributeName& each : attributeNames()) {
+        if (const auto value = card.attribute(each.id)) {
+            printAttribute(each.id, *value);
+        }
+    }
+}
 
 }  // namespace
 
 void addAttributes(CLI::App& app, Session& session) {
     CLI::App* const command =
         app.add_subcommand("attributes", "Print the attributes that a reader and its card have");
-    const auto reader = std::make_shared<std::string>();
-    addReaderOption(*command, *reader);
-    command->callback([&session, reader] {
-        session.useCard(*reader, [](const Card& card) {
-            for (const auto& [id, name, isText] : kAttributes) {
-                if (const auto value = card.attribute(id)) {
-                    const auto* const text = reinterpret_cast<const char*>(value->data());
-                    printLine("    " + std::string(name) + ": " +
-                              (isText ? std::string(text, strnlen(text, value->size()))
-                                      : formatHex(*value)));
-                }
+    const auto options = std::make_shared<AttributesOptions>();
+    CLI::Option* const reader = addReaderOption(*command, options->reader)->required(false);
+    const auto isAttribute = [](const std::string& text) -> std::string {
+        return parseAttribute(text) ? "" : "no attribute: " + text;
+    };
+    command
+        ->add_option(
+            "--name", options->names,
+            "a name (see --list) or number; may be repeated; all named ones when not given")
+        ->check(CLI::Validator(isAttribute, "ATTRIBUTE"))
+        ->allow_extra_args(false);
+    command->add_flag("--direct", options->direct, "talk to the reader, card or not");
+    CLI::Option* const list =
+        command->add_flag("--list", options->list, "print the names that there are instead");
+    list->excludes(reader);
+    command->callback([&session, options] {
+        if (options->list) {
+            for (const AttributeName& each : attributeNames()) {
+                printLine(describeAttribute(each.id));
             }
-        });
+            return;
+        }
+        if (options->reader.empty()) {
+            throw CLI::RequiredError("READER");
+        }
+        const auto use = [&](const Card& card) {
+            options->names.empty() ? printAll(card) : printNamed(card, options->names);
+        };
+        session.useCard(options->reader, use, options->direct ? Access::kDirect : Access::kShared);
     });
 }
 

@@ -18,6 +18,13 @@ void addVerify(CLI::App& app, Session& session);
 void addControl(CLI::App& app, Session& session);
 void addAttributes(CLI::App& app, Session& session);
 void addWatch(CLI::App& app, Session& session);
+void addStarted(CLI::App& app, Session& session);
+void addCards(CLI::App& app, Session& session);
+void addIntroduce(CLI::App& app, Session& session);
+void addForget(CLI::App& app, Session& session);
+void addProvider(CLI::App& app, Session& session);
+void addCache(CLI::App& app, Session& session);
+void addIcon(CLI::App& app, Session& session);
 void addConnect(CLI::App& app, Session& session);
 void addDisconnect(CLI::App& app, Session& session);
 void addShell(CLI::App& app, Session& session);
@@ -25,9 +32,10 @@ void addShell(CLI::App& app, Session& session);
 using AddCommand = void (*)(CLI::App&, Session&);
 
 /// What can be said on the command line and in the shell.
-inline constexpr AddCommand kCommands[] = {addReaders, addStatus,     addApdu,
-                                           addSelect,  addRead,       addVerify,
-                                           addControl, addAttributes, addWatch};
+inline constexpr AddCommand kCommands[] = {addReaders, addStatus,   addApdu,    addSelect,
+                                           addRead,    addVerify,   addControl, addAttributes,
+                                           addWatch,   addStarted,  addCards,   addIntroduce,
+                                           addForget,  addProvider, addCache,   addIcon};
 
 /// What makes sense in the shell only, where a card stays open from line to line.
 inline constexpr AddCommand kShellCommands[] = {addConnect, addDisconnect};
@@ -36,6 +44,11 @@ inline constexpr AddCommand kShellCommands[] = {addConnect, addDisconnect};
 inline CLI::Option* addReaderOption(CLI::App& command, std::string& reader) {
     return command.add_option("READER", reader, "name of the reader, or its index in the list")
         ->required();
+}
+
+/// The mandatory positional option CARD of the card database's commands.
+inline CLI::Option* addCardTypeOption(CLI::App& command, std::string& card) {
+    return command.add_option("CARD", card, "name of the card type")->required();
 }
 
 }  // namespace tez::client

@@ -1,9 +1,11 @@
+#include <algorithm>
+#include <chrono>
 #include <memory>
-#include <string_view>
-#include <utility>
+#include <optional>
 
 #include "card_words.h"
 #include "commands/commands.h"
+#include "deadline.h"
 #include "failure.h"
 #include "hex.h"
 #include "output.h"
@@ -17,96 +19,149 @@ constexpr const char* kReaderList = R"(\\?PnP?\Notification)";
 struct WatchOptions {
     std::vector<std::string> readers;
     unsigned changes = 0;
-    std::uint32_t timeout = INFINITE;
+    bool once = false;
+    std::optional<unsigned> timeout;
+
+    /// 0: no limit.
+    unsigned wantedChanges() const { return once ? 1 : changes; }
 };
 
-/// The readers' states as last seen, and names that live as long as these.
-class WatchedReaders {
+struct WatchedReader {
+    std::string name;
+    DWORD state = SCARD_STATE_UNAWARE;  ///< as last seen
+    bool isNew = false;                 ///< came while the others were watched
+};
+
+/// The readers under watch, all of those that there are or some that the user has named.
+class Watch {
   public:
-    explicit WatchedReaders(std::vector<std::string> names) : names_(std::move(names)) {
-        for (const std::string& name : names_) {
-            SCARD_READERSTATEA state = {};
-            state.szReader = name.c_str();
-            states_.push_back(state);
+    Watch(Session& session, const std::vector<std::string>& namesOrIndexes)
+        : session_(session), watchesAll_(namesOrIndexes.empty()) {
+        for (const std::string& reader : namesOrIndexes) {
+            readers_.push_back({session.resolveReader(reader)});
         }
-    }
-
-    /// Waits for changes, prints them, and takes the new states as known from now on.
-    /// @return how many readers changed, the list of readers counting as one.
-    unsigned wait(SCARDCONTEXT context, DWORD timeout) {
-        check("SCardGetStatusChange", SCardGetStatusChangeA(context, timeout, states_.data(),
-                                                            static_cast<DWORD>(states_.size())));
-        unsigned changes = 0;
-        listChanged_ = false;
-        for (SCARD_READERSTATEA& state : states_) {
-            if ((state.dwEventState & SCARD_STATE_CHANGED) != 0) {
-                ++changes;
-                listChanged_ = listChanged_ || isList(state);
-                print(state);
+        if (watchesAll_) {
+            for (const std::string& name : session.readers()) {
+                readers_.push_back({name});
             }
-            state.dwCurrentState = state.dwEventState & ~static_cast<DWORD>(SCARD_STATE_CHANGED);
+            readers_.push_back({kReaderList});
         }
-        return changes;
     }
 
-    /// Whether the last wait saw readers come or go.
-    bool listChanged() const { return listChanged_; }
+    /// Waits until something changes, at most `timeout` milliseconds, and prints what did.
+    /// @return how many changes that were.
+    unsigned wait(DWORD timeout) {
+        std::vector<SCARD_READERSTATEA> states;
+        for (const WatchedReader& reader : readers_) {
+            SCARD_READERSTATEA& state = states.emplace_back();
+            state.szReader = reader.name.c_str();
+            state.dwCurrentState = reader.state;
+        }
+        const LONG result = SCardGetStatusChangeA(session_.context(), timeout, states.data(),
+                                                  static_cast<DWORD>(states.size()));
+        // Also what a wait without limit gives when a side of PC/SC comes or goes meanwhile.
+        const bool isOver = result == SCARD_E_TIMEOUT || result == SCARD_E_NO_SERVICE;
+        if (!isOver) {
+            check("SCardGetStatusChange", result);
+        }
+        unsigned changes = 0;
+        bool listChanged = false;
+        for (std::size_t index = 0; index < states.size(); ++index) {
+            if ((states[index].dwEventState & SCARD_STATE_CHANGED) != 0) {
+                const bool isPrinted = take(readers_[index], states[index]);
+                changes += isPrinted ? 1 : 0;
+                listChanged = listChanged || !isPrinted;
+            }
+        }
+        return isOver || listChanged ? changes + followList() : changes;
+    }
 
   private:
-    static bool isList(const SCARD_READERSTATEA& state) {
-        return std::string_view(state.szReader) == kReaderList;
-    }
-
-    static void print(const SCARD_READERSTATEA& state) {
-        printLine(isList(state) ? "list of readers" : state.szReader);
-        printField("state", isList(state) ? "changed" : describeReaderState(state.dwEventState));
-        if (state.cbAtr > 0) {
-            printField("ATR", formatHex({state.rgbAtr, state.cbAtr}));
+    /// Takes a reader's state as known from now on, and prints it unless it is about which readers
+    /// there are: followList tells that.
+    bool take(WatchedReader& reader, const SCARD_READERSTATEA& state) const {
+        reader.state = state.dwEventState & ~DWORD{SCARD_STATE_CHANGED};
+        const bool isGone = (state.dwEventState & SCARD_STATE_UNKNOWN) != 0;
+        if (reader.name == kReaderList || (watchesAll_ && isGone)) {
+            return false;
         }
+        std::string line = reader.name + (reader.isNew ? ": new reader, " : ": ") +
+                           describeReaderState(state.dwEventState);
+        if (state.cbAtr > 0) {
+            line += ", ATR " + formatHex({state.rgbAtr, state.cbAtr});
+        }
+        reader.isNew = false;
+        printLine(line);
+        return true;
     }
 
-    std::vector<std::string> names_;
-    std::vector<SCARD_READERSTATEA> states_;
-    bool listChanged_ = false;
+    /// Drops the readers that are gone, and adds those that have come: the next wait returns at
+    /// once with their states.
+    /// @return how many are gone.
+    unsigned followList() {
+        const std::vector<std::string> present = session_.readers();
+        if (!watchesAll_) {
+            return 0;
+        }
+        const auto isGone = [&](const WatchedReader& reader) {
+            return reader.name != kReaderList &&
+                   std::find(present.begin(), present.end(), reader.name) == present.end();
+        };
+        for (const WatchedReader& reader : readers_) {
+            if (isGone(reader)) {
+                printLine(reader.name + ": reader removed");
+            }
+        }
+        const auto goneCount = static_cast<unsigned>(std::erase_if(readers_, isGone));
+        for (const std::string& name : present) {
+            const bool isKnown =
+                std::any_of(readers_.begin(), readers_.end(),
+                            [&](const WatchedReader& reader) { return reader.name == name; });
+            if (!isKnown) {
+                readers_.push_back({.name = name, .isNew = true});
+            }
+        }
+        return goneCount;
+    }
+
+    Session& session_;
+    bool watchesAll_;
+    std::vector<WatchedReader> readers_;
 };
 
-std::vector<std::string> namesToWatch(Session& session, const WatchOptions& options) {
-    std::vector<std::string> names;
-    for (const std::string& reader : options.readers) {
-        names.push_back(session.resolveReader(reader));
+void runWatch(Session& session, const WatchOptions& options) {
+    // A wait with a limit tells a change of one side's readers only when its time is over; a watch
+    // with a limit is made of short ones.
+    constexpr DWORD kLongestStep = 250;
+    const Deadline deadline(options.timeout);
+    const unsigned wanted = options.wantedChanges();
+    Watch watch(session, options.readers);
+    watch.wait(0);
+    printLine("watching");
+    unsigned changes = 0;
+    const auto isDone = [&] { return wanted != 0 && changes >= wanted; };
+    while (!isDone() && !deadline.isOver()) {
+        changes += watch.wait(deadline.isLimited() ? std::min(deadline.remaining(), kLongestStep)
+                                                   : INFINITE);
     }
-    if (names.empty()) {
-        names = session.readers();
-        names.emplace_back(kReaderList);
+    if (wanted != 0 && !isDone()) {
+        throw Failure("the time is over");
     }
-    return names;
 }
 
 }  // namespace
 
 void addWatch(CLI::App& app, Session& session) {
     CLI::App* const command = app.add_subcommand(
-        "watch", "Print the readers' states, then each change until told to stop");
+        "watch", "Print the readers' states, then a line for each change until told to stop");
     const auto options = std::make_shared<WatchOptions>();
     command->add_option("READER", options->readers,
-                        "names or indexes; all readers and their list when not given");
-    command->add_option("--changes", options->changes, "stop after so many changes");
-    command->add_option(
-        "--timeout", options->timeout,
-        "fail when nothing changes for so many milliseconds; with a limit, a change of one "
-        "side's readers may be told only when the time is over");
-    command->callback([&session, options] {
-        unsigned changes = 0;
-        const auto isOver = [&] { return options->changes != 0 && changes >= options->changes; };
-        do {
-            WatchedReaders readers(namesToWatch(session, *options));
-            readers.wait(session.context(), 0);
-            printLine("watching");
-            do {
-                changes += readers.wait(session.context(), options->timeout);
-            } while (!isOver() && !readers.listChanged());
-        } while (!isOver());
-    });
+                        "names or indexes; all readers, those that come included, when not given");
+    CLI::Option* const changes = command->add_option(
+        "--changes", options->changes, "end after so many changes; fail when there are fewer");
+    command->add_flag("--once", options->once, "end after the first change")->excludes(changes);
+    addTimeoutOption(*command, options->timeout, "end the watch after so many seconds");
+    command->callback([&session, options] { runWatch(session, *options); });
 }
 
 }  // namespace tez::client

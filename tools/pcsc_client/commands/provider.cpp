@@ -1,0 +1,52 @@
+#include <map>
+#include <memory>
+
+#include "allocated_buffer.h"
+#include "commands/commands.h"
+#include "failure.h"
+#include "output.h"
+
+namespace tez::client {
+namespace {
+
+// The toolchain's <winscard.h> has no names for the last two.
+const std::map<std::string, DWORD> kKinds = {{"primary", SCARD_PROVIDER_PRIMARY},
+                                             {"csp", SCARD_PROVIDER_CSP},
+                                             {"ksp", 3},
+                                             {"module", 0x80000001}};
+
+struct ProviderOptions {
+    std::string card;
+    DWORD kind = SCARD_PROVIDER_CSP;
+    std::string newName;
+};
+
+void runProvider(SCARDCONTEXT context, const ProviderOptions& options) {
+    if (!options.newName.empty()) {
+        check("SCardSetCardTypeProviderName",
+              SCardSetCardTypeProviderNameA(context, options.card.c_str(), options.kind,
+                                            options.newName.c_str()));
+    }
+    AllocatedBuffer name(context);
+    check("SCardGetCardTypeProviderName",
+          SCardGetCardTypeProviderNameA(context, options.card.c_str(), options.kind,
+                                        name.textDestination(), name.length()));
+    printField("provider", name.text());
+}
+
+}  // namespace
+
+void addProvider(CLI::App& app, Session& session) {
+    CLI::App* const command =
+        app.add_subcommand("provider", "Tell, or set, the name of a card type's provider");
+    const auto options = std::make_shared<ProviderOptions>();
+    addCardTypeOption(*command, options->card);
+    command
+        ->add_option("--kind", options->kind,
+                     "primary, csp, ksp, module, or a number; csp when not given")
+        ->transform(CLI::Transformer(kKinds));
+    command->add_option("--set", options->newName, "the name to set first");
+    command->callback([&session, options] { runProvider(session.context(), *options); });
+}
+
+}  // namespace tez::client
