@@ -101,7 +101,7 @@ std::string readWideText(ByteView value) {
     for (std::size_t index = 0; index + 1 < value.size(); index += 2) {
         wide.push_back(static_cast<wchar_t>(value[index] | value[index + 1] << 8U));
     }
-    return toUtf8(wide.substr(0, wide.find(L'\0')));
+    return tools::toUtf8(wide.substr(0, wide.find(L'\0')));
 }
 
 }  // namespace

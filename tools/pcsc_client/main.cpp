@@ -1,8 +1,4 @@
-#include <windows.h>
-
 #include <iostream>
-#include <string>
-#include <vector>
 
 #include "commands/commands.h"
 #include "failure.h"
@@ -27,13 +23,7 @@ Outcome closeSession(Session& session, Outcome outcome) {
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
-    SetConsoleCP(CP_UTF8);
-    SetConsoleOutputCP(CP_UTF8);
-
-    std::vector<std::string> words;
-    for (int index = 1; index < argc; ++index) {
-        words.push_back(toUtf8(argv[index]));
-    }
+    tez::tools::useUtf8Console();
     Session session;
     CLI::App app(
         "A PC/SC command-line client.\n"
@@ -43,6 +33,6 @@ int wmain(int argc, wchar_t** argv) {
         add(app, session);
     }
     addShell(app, session);
-    const Outcome outcome = runCommand(app, std::move(words), std::cerr);
+    const Outcome outcome = runCommand(app, tez::tools::utf8Arguments(argc, argv), std::cerr);
     return static_cast<int>(closeSession(session, outcome));
 }

@@ -71,7 +71,7 @@ void Console::run(std::istream& commands) {
 
 void Console::execute(const std::string& line) {
     const std::string_view text = trimmed(line);
-    if (text.empty()) {
+    if (text.empty() || text.front() == '#') {
         return;
     }
     const std::size_t blank = std::min(text.find_first_of(" \t"), text.size());
@@ -82,11 +82,15 @@ void Console::execute(const std::string& line) {
     if (entry == std::end(kEntries)) {
         report(false, {}, R"(unknown command ")" + std::string(name) + R"("; enter "help")");
     } else if (entry->argument.empty() != argument.empty()) {
-        report(false, {},
-               "usage: " + std::string(entry->name) + " " + std::string(entry->argument));
+        report(false, {}, "usage: " + usageOf(*entry));
     } else {
         entry->run(*this, argument);
     }
+}
+
+std::string Console::usageOf(const Entry& entry) {
+    std::string usage(entry.name);
+    return entry.argument.empty() ? usage : usage.append(" ").append(entry.argument);
 }
 
 void Console::report(bool done, const std::string& success, const std::string& failure) {
@@ -96,13 +100,12 @@ void Console::report(bool done, const std::string& success, const std::string& f
 
 void Console::help() {
     for (const Entry& entry : kEntries) {
-        std::string usage(entry.name);
-        if (!entry.argument.empty()) {
-            usage.append(" ").append(entry.argument);
-        }
+        std::string usage = usageOf(entry);
         usage.resize(std::max<std::size_t>(usage.size(), 24), ' ');
         printLine(usage.append(entry.purpose));
     }
+    printLine("A reader's name is the rest of its line, blanks included; it takes no quotes.");
+    printLine("Lines that begin with # are left out.");
 }
 
 void Console::listReaders() const {

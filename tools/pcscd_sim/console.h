@@ -30,6 +30,7 @@ class Console {
     static const Entry kEntries[];
 
     void execute(const std::string& line);
+    static std::string usageOf(const Entry& entry);
     static void help();
     void listReaders() const;
     void report(bool done, const std::string& success, const std::string& failure);

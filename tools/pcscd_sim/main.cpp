@@ -11,6 +11,7 @@
 #include "console.h"
 #include "options.h"
 #include "traffic_text.h"
+#include "utf8.h"
 
 namespace {
 
@@ -74,10 +75,11 @@ bool run(const Options& options) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    SetConsoleOutputCP(CP_UTF8);
+int wmain(int argc, wchar_t** argv) {
+    tez::tools::useUtf8Console();
     try {
-        return run(parseOptions(argc, argv)) ? EXIT_SUCCESS : EXIT_FAILURE;
+        return run(parseOptions(tez::tools::utf8Arguments(argc, argv))) ? EXIT_SUCCESS
+                                                                        : EXIT_FAILURE;
     } catch (const CLI::Error& error) {
         return error.get_exit_code() == 0 ? EXIT_SUCCESS : kWrongArguments;
     } catch (const std::exception& error) {

@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <charconv>
 
 #include "pipe_listener.h"
@@ -26,7 +27,7 @@ std::optional<test::ProtocolVersion> parseVersion(const std::string& text) {
     return version;
 }
 
-Options parseOptions(int argc, char** argv) {
+Options parseOptions(std::vector<std::string> words) {
     Options options;
     options.pipe = test::PipeOptions{}.name;
     std::string version = "1.4";
@@ -34,6 +35,7 @@ Options parseOptions(int argc, char** argv) {
         "Simulates the PC/SC daemon of a remote user's machine: serves its named pipe with virtual "
         "readers and cards.\nReads commands from standard input while it runs; enter \"help\" for "
         "them.");
+    app.name("pcscd-sim");
     app.add_option("--pipe", options.pipe, "Name of the pipe")->capture_default_str();
     app.add_option("--protocol", version, "Protocol version to announce")
         ->capture_default_str()
@@ -53,8 +55,9 @@ Options parseOptions(int argc, char** argv) {
         "Ends when standard input ends (unless --detach is given) or with \"quit\".\n"
         "Exit code: 0 after a clean end, 1 when the pipe cannot be served or a command of the "
         "script or of standard input failed, 2 for wrong arguments.");
+    std::reverse(words.begin(), words.end());  // the order that the parser takes them in
     try {
-        app.parse(argc, argv);
+        app.parse(std::move(words));
     } catch (const CLI::Error& error) {
         app.exit(error);
         throw;

@@ -22,6 +22,6 @@ struct Options {
 std::optional<test::ProtocolVersion> parseVersion(const std::string& text);
 
 /// Throws CLI::Error, having printed why, when the arguments are wrong or only ask for help.
-Options parseOptions(int argc, char** argv);
+Options parseOptions(std::vector<std::string> words);
 
 }  // namespace tez::sim

@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-namespace tez::client {
+namespace tez::tools {
 
 std::string toUtf8(const std::wstring& text) {
     const auto length = static_cast<int>(text.size());
@@ -13,4 +13,17 @@ std::string toUtf8(const std::wstring& text) {
     return utf8;
 }
 
-}  // namespace tez::client
+std::vector<std::string> utf8Arguments(int argc, wchar_t** argv) {
+    std::vector<std::string> words;
+    for (int index = 1; index < argc; ++index) {
+        words.push_back(toUtf8(argv[index]));
+    }
+    return words;
+}
+
+void useUtf8Console() {
+    SetConsoleCP(CP_UTF8);
+    SetConsoleOutputCP(CP_UTF8);
+}
+
+}  // namespace tez::tools
