@@ -50,6 +50,10 @@ ChildProcess::ChildProcess(const std::string& program, const std::string& argume
 }
 
 ChildProcess::~ChildProcess() {
+    kill();
+}
+
+void ChildProcess::kill() {
     if (isRunning()) {
         TerminateProcess(process_.get(), 1);
         WaitForSingleObject(process_.get(), INFINITE);

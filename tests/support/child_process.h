@@ -20,6 +20,9 @@ class ChildProcess {
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
+    /// Ends it, unless it has ended. What it has written can still be read.
+    void kill();
+
     /// The next line of its output, without its end; nothing when there are no more.
     std::optional<std::string> readLine();
     /// All that is left of its output; returns when the program has closed it.

@@ -1,0 +1,80 @@
+// The simulator program's commands, from its console and from a script.
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "simulator_process.h"
+
+namespace tez::test {
+namespace {
+
+using testing::Optional;
+
+TEST(SimulatorProgramTest, ChangesItsReadersWhenToldTo) {
+    SimulatorProcess simulator;
+    simulator.tell("insert Remote Reader 1");
+    simulator.tell("remove Remote Reader 0");
+    simulator.tell("add Another Reader");
+    simulator.tell("remove-reader Remote Reader 1");
+    simulator.tell("readers");
+    for (const char* line :
+         {"card inserted into Remote Reader 1", "card removed from Remote Reader 0",
+          "reader added: Another Reader", "reader removed: Remote Reader 1",
+          "Remote Reader 0: empty", "Another Reader: empty"}) {
+        simulator.waitFor(line);
+    }
+    EXPECT_THAT(simulator.quit(), Optional(0U));
+    EXPECT_EQ(simulator.count("Remote Reader 1: "), 0U);
+}
+
+TEST(SimulatorProgramTest, StopsAndServesAndAnnouncesAnotherVersion) {
+    SimulatorProcess simulator("--protocol 1.2");
+    simulator.waitFor("protocol 1.2");
+    simulator.tell("stop-serving");
+    simulator.waitFor("stopped serving");
+    simulator.tell("version 1.1");
+    simulator.waitFor("protocol 1.1");
+    simulator.tell("serve");
+    simulator.waitFor("serving", 3);
+    ChildProcess client("pcsc-client.exe", "readers");
+    client.readRest();
+    simulator.waitFor("handshake");
+    EXPECT_THAT(simulator.quit(), Optional(0U));
+}
+
+TEST(SimulatorProgramTest, ListsItsCommands) {
+    SimulatorProcess simulator;
+    simulator.tell("help");
+    for (const char* command :
+         {"readers ", "insert READER", "remove READER", "add READER", "remove-reader READER",
+          "serve ", "stop-serving ", "version MAJOR.MINOR", "help ", "quit "}) {
+        simulator.waitFor(command);
+    }
+    EXPECT_THAT(simulator.quit(), Optional(0U));
+}
+
+TEST(SimulatorProgramTest, FailsAtItsEndWhenACommandHasFailed) {
+    SimulatorProcess simulator;
+    simulator.tell("insert No Such Reader");
+    simulator.tell("serve");
+    simulator.tell("help me");
+    simulator.tell("no-such-command");
+    simulator.waitFor("error: ", 4);
+    EXPECT_THAT(simulator.quit(), Optional(1U));
+}
+
+TEST(SimulatorProgramTest, RunsAScriptFirst) {
+    const std::filesystem::path script = std::filesystem::temp_directory_path() /
+                                         ("script-" + std::to_string(GetCurrentProcessId()));
+    std::ofstream(script) << "# two cards\n\ninsert Remote Reader 1\r\nreaders\n";
+    {
+        SimulatorProcess simulator("--script " + script.string());
+        simulator.waitFor("Remote Reader 1: card");
+        EXPECT_THAT(simulator.quit(), Optional(0U));
+    }
+    std::filesystem::remove(script);
+}
+
+}  // namespace
+}  // namespace tez::test
