@@ -109,6 +109,9 @@ LONG writeRemotely(const RemoteCall& call, const WriteArguments& arguments) {
     if (arguments.data == nullptr) {
         return refuse("data cannot be NULL");
     }
+    if (!isSendable(sizeof(CacheRecord), arguments.length)) {
+        return SCARD_E_INVALID_PARAMETER;
+    }
     logData(call.log, arguments.data, arguments.length);
     if (arguments.length == 0) {
         return refuse("No data to write");

@@ -43,7 +43,11 @@ LONG listRemotely(const RemoteCall& call, const ListCardsArguments& arguments, s
             std::memcpy(record.rgbAtr, arguments.atr, atrLength);
         }
         // The tail has its full length even without GUIDs to fill it; the record's count tells.
-        std::string guids(std::size_t{arguments.interfaceCount} * sizeof(GUID), '\0');
+        const std::size_t guidsSize = std::size_t{arguments.interfaceCount} * sizeof(GUID);
+        if (!isSendable(sizeof(record), guidsSize)) {
+            return SCARD_E_INVALID_PARAMETER;
+        }
+        std::string guids(guidsSize, '\0');
         if (arguments.interfaces != nullptr) {
             record.cguidInterfaceCount = arguments.interfaceCount;
             std::memcpy(guids.data(), arguments.interfaces, guids.size());

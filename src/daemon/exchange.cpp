@@ -1,6 +1,5 @@
 #include "daemon/exchange.h"
 
-#include <limits>
 #include <string>
 #include <utility>
 
@@ -9,9 +8,6 @@
 namespace tez {
 
 namespace {
-
-/// What the header's 32-bit size can announce.
-constexpr std::uint32_t kLargestRequest = std::numeric_limits<std::uint32_t>::max();
 
 constexpr std::uint32_t kLargestBlock = 16 * 1024 * 1024;
 
@@ -41,7 +37,7 @@ bool Exchange::isCompatible(ServiceState state) const {
 
 LONG Exchange::sendWhole(CommandCode command, std::string_view record, std::string_view tail,
                          std::optional<bool> flag) {
-    if (tail.size() > kLargestRequest - record.size()) {
+    if (!isSendable(record.size(), tail.size())) {
         return SCARD_E_INVALID_PARAMETER;
     }
     std::string whole;
@@ -58,7 +54,7 @@ LONG Exchange::sendWhole(CommandCode command, std::string_view record, std::stri
 }
 
 LONG Exchange::sendHeader(CommandCode command, std::uint32_t recordSize, std::uint32_t dataSize) {
-    if (dataSize > kLargestRequest - recordSize) {
+    if (!isSendable(recordSize, dataSize)) {
         return SCARD_E_INVALID_PARAMETER;
     }
     return warnUnless(connection_->sendHeader(command, recordSize + dataSize), failureLines_.send);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -19,6 +20,13 @@ struct FailureLines {
     const char* send;
     const char* receive;
 };
+
+/// Whether the header's 32-bit size can announce a record and what follows it. A request for which
+/// it cannot is refused with SCARD_E_INVALID_PARAMETER; this is for calls that would make or read
+/// its data before.
+constexpr bool isSendable(std::uint64_t recordSize, std::uint64_t tailSize) noexcept {
+    return tailSize <= std::numeric_limits<std::uint32_t>::max() - recordSize;
+}
 
 inline constexpr FailureLines kFailureLines = {&FunctionLog::warning, "Failed to send header",
                                                "Failed to receive data"};
