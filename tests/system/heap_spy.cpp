@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <utility>
 
 #include "system_test.h"
 
@@ -17,6 +18,11 @@ HeapSpy::HeapSpy()
           noteFreed(block);
           std::free(block);
       }) {}
+
+std::size_t HeapSpy::outstanding() const {
+    const std::scoped_lock lock(mutex_);
+    return taken_.size();
+}
 
 std::size_t HeapSpy::outstanding(std::size_t size) const {
     const std::scoped_lock lock(mutex_);
@@ -34,8 +40,20 @@ void HeapSpy::refuse(std::size_t size) {
     refused_ = size;
 }
 
+void HeapSpy::refuseNth(std::size_t n) {
+    const std::scoped_lock lock(mutex_);
+    untilRefusal_ = n;
+}
+
+bool HeapSpy::stopRefusing() {
+    const std::scoped_lock lock(mutex_);
+    refused_.reset();
+    untilRefusal_ = 0;
+    return std::exchange(hasRefused_, false);
+}
+
 void* HeapSpy::noteTaken(void* block, std::size_t size) {
-    if (GetCurrentThreadId() == thread_) {
+    if (block != nullptr && GetCurrentThreadId() == thread_) {
         const std::scoped_lock lock(mutex_);
         taken_[block] = size;
         freed_.erase(block);
@@ -44,16 +62,21 @@ void* HeapSpy::noteTaken(void* block, std::size_t size) {
 }
 
 void HeapSpy::noteFreed(void* block) {
+    const std::scoped_lock lock(mutex_);
+    taken_.erase(block);
     if (GetCurrentThreadId() == thread_) {
-        const std::scoped_lock lock(mutex_);
-        taken_.erase(block);
         freed_.insert(block);
     }
 }
 
-bool HeapSpy::isRefused(std::size_t size) const {
+bool HeapSpy::isRefused(std::size_t size) {
+    if (GetCurrentThreadId() != thread_) {
+        return false;
+    }
     const std::scoped_lock lock(mutex_);
-    return GetCurrentThreadId() == thread_ && refused_ == size;
+    const bool isRefused = refused_ == size || (untilRefusal_ != 0 && --untilRefusal_ == 0);
+    hasRefused_ = hasRefused_ || isRefused;
+    return isRefused;
 }
 
 }  // namespace tez::test

@@ -12,12 +12,15 @@
 
 namespace tez::test {
 
-/// Watches the memory that the library takes and gives back on the thread that made the spy.
+/// Watches the memory that the library takes on the thread that made the spy, and refuses it some
+/// on that thread where a test says so.
 class HeapSpy {
   public:
     HeapSpy();
 
-    /// Blocks of a size that were taken since and not given back.
+    /// Blocks that were taken since and that no thread has given back.
+    std::size_t outstanding() const;
+    /// Those of a size.
     std::size_t outstanding(std::size_t size) const;
 
     /// Whether the library gave this block back since.
@@ -26,16 +29,24 @@ class HeapSpy {
     /// Lets the library have no more blocks of this size.
     void refuse(std::size_t size);
 
+    /// Refuses the library one block, the n-th from now on (from 1).
+    void refuseNth(std::size_t n);
+
+    /// Lets the library have all blocks again. Whether it asked for one that was refused.
+    bool stopRefusing();
+
   private:
     void* noteTaken(void* block, std::size_t size);
     void noteFreed(void* block);
-    bool isRefused(std::size_t size) const;
+    bool isRefused(std::size_t size);
 
     const DWORD thread_;
     mutable std::mutex mutex_;
     std::map<const void*, std::size_t> taken_;
     std::set<const void*> freed_;
     std::optional<std::size_t> refused_;
+    std::size_t untilRefusal_ = 0;  // 0: none to come
+    bool hasRefused_ = false;
 
     // Last, so that they are gone before what they tell is.
     ImportPatch<void*(std::size_t)> malloc_;

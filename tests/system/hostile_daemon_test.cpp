@@ -18,11 +18,6 @@ constexpr std::size_t kTransmitSize = 28;
 constexpr std::size_t kStatusSize = 288;
 constexpr std::size_t kAttributeSize = 284;
 
-const Bytes& getChallenge() {
-    static const Bytes command = {0x00, 0x84, 0x00, 0x00, 0x08};
-    return command;
-}
-
 class HostileDaemonTest : public RemoteCardTest {
   protected:
     LONG transmitTo(const GuardedBuffer& receive) {

@@ -1,9 +1,8 @@
 // Applications that pass nonsense: handles that nobody issued, null pointers, absurd lengths.
 #include <functional>
-#include <random>
 
 #include "guarded_buffer.h"
-#include "remote_card_test.h"
+#include "strange_handles.h"
 
 namespace tez::test {
 namespace {
@@ -89,21 +88,9 @@ void PrintTo(const HandleCall& call, std::ostream* stream) {
     *stream << call.name;
 }
 
-class HostileHandleTest : public RemoteCardTest, public testing::WithParamInterface<HandleCall> {
+class HostileHandleTest : public StrangeHandleTest, public testing::WithParamInterface<HandleCall> {
   protected:
-    /// Numbers that look like handles, the sides' own among them, and others.
-    static std::vector<std::uint64_t> strangeHandles() {
-        std::vector<std::uint64_t> handles = {
-            5,           0x1'0000'0001, kHostContext,       kHostCard, kDaemonContext,
-            kDaemonCard, 0xFFFFFFFF,    0xFFFFFFFFFFFFFFFF, 257,       0x8000000000000001};
-        std::mt19937_64 random(20240229);
-        for (int i = 0; i < 20; ++i) {
-            handles.push_back(random());
-        }
-        return handles;
-    }
-
-    void expectRefused() {
+    static void expectRefused() {
         for (const std::uint64_t handle : strangeHandles()) {
             SCOPED_TRACE(handle);
             EXPECT_THAT(GetParam().make(handle), Gives(SCARD_E_INVALID_HANDLE));
@@ -115,14 +102,14 @@ TEST_P(HostileHandleTest, IsRefusedWithoutADaemon) {
     context = establish();
     card = connect(context, kHostReader);
     expectRefused();
-    EXPECT_EQ(transmit(card, {0x00, 0x84, 0x00, 0x00, 0x08}).size(), 10U);
+    EXPECT_EQ(transmit(card, getChallenge()).size(), 10U);
 }
 
 TEST_P(HostileHandleTest, IsRefusedWithADaemonAndNotSentToIt) {
     connectCard();
     expectRefused();
     EXPECT_THAT(daemon.requests(), testing::IsEmpty());
-    EXPECT_EQ(transmit(card, {0x00, 0x84, 0x00, 0x00, 0x08}).size(), 10U);
+    EXPECT_EQ(transmit(card, getChallenge()).size(), 10U);
 }
 
 INSTANTIATE_TEST_SUITE_P(Context, HostileHandleTest, testing::ValuesIn(kContextCalls),
@@ -137,7 +124,7 @@ class HostileArgumentTest : public RemoteCardTest {
     /// Both sides still serve.
     void TearDown() override {
         EXPECT_THAT(listReaders(context), UnorderedElementsAre(kHostReader, kRemoteReader));
-        EXPECT_EQ(transmit(card, {0x00, 0x84, 0x00, 0x00, 0x08}).size(), 10U);
+        EXPECT_EQ(transmit(card, getChallenge()).size(), 10U);
     }
 };
 
