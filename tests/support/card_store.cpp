@@ -55,7 +55,7 @@ CardType cardTypeOf(const VirtualCard& card) {
     return type;
 }
 
-LONG CardStore::introduce(const std::string& card, CardType type) {
+LONG CardStore::introduce(const std::string& card, CardType&& type) {
     const std::lock_guard lock(mutex_);
     return types_.try_emplace(card, std::move(type)).second ? SCARD_S_SUCCESS
                                                             : ERROR_ALREADY_EXISTS;
@@ -103,8 +103,9 @@ std::vector<std::string> CardStore::list(std::span<const std::uint8_t> atr,
     std::vector<std::string> cards;
     for (const auto& [name, type] : types_) {
         if ((atr.empty() || matches(type, atr)) &&
-            std::ranges::all_of(interfaces,
-                                [&](const GUID& wanted) { return hasInterface(type, wanted); })) {
+            std::ranges::all_of(interfaces, [&known = type](const GUID& wanted) {
+                return hasInterface(known, wanted);
+            })) {
             cards.push_back(name);
         }
     }

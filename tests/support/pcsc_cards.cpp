@@ -25,14 +25,14 @@ LONG handOver(Bytes data, std::size_t capacity, Bytes& target) {
 
 }  // namespace
 
-LONG PcscService::readerResult(const Connection& connection) const {
+LONG PcscService::readerResult(const Connection& connection) {
     if (!connection.open) {
         return SCARD_E_INVALID_HANDLE;
     }
     return connection.reader->attached ? SCARD_S_SUCCESS : SCARD_E_READER_UNAVAILABLE;
 }
 
-LONG PcscService::cardResult(const Connection& connection) const {
+LONG PcscService::cardResult(const Connection& connection) {
     if (const LONG result = readerResult(connection); result != SCARD_S_SUCCESS) {
         return result;
     }

@@ -73,15 +73,15 @@ class PcscService {
     // none), and then change nothing. Names are compared exactly.
     bool addReader(const std::string& name);
     bool removeReader(const std::string& name);
-    bool insertCard(const std::string& reader, VirtualCard card);
-    bool removeCard(const std::string& reader);
+    bool insertCard(const std::string& name, VirtualCard card);
+    bool removeCard(const std::string& name);
     std::vector<std::string> readers() const;
-    bool hasCard(const std::string& reader) const;
+    bool hasCard(const std::string& name) const;
 
     /// From now on the card in the reader keeps its commands to itself: transmit blocks until
     /// releaseCommands, the removal of the card or reader, or the end of the connection.
-    bool holdCommands(const std::string& reader);
-    bool releaseCommands(const std::string& reader);
+    bool holdCommands(const std::string& name);
+    bool releaseCommands(const std::string& name);
 
     /// Waits until this many transmits are blocked by holdCommands. False when the time is over.
     bool waitForHeldCommands(std::size_t count, std::chrono::milliseconds timeout) const;
@@ -122,7 +122,7 @@ class PcscService {
     /// Shared and exclusive connections need a card and a protocol that it offers (or raw, or the
     /// one that is in use already); a direct one needs neither and, like an exclusive one, keeps
     /// all others out.
-    LONG connect(Context context, const std::string& reader, DWORD shareMode,
+    LONG connect(Context context, const std::string& name, DWORD shareMode,
                  DWORD preferredProtocols, Card& card, DWORD& activeProtocol);
     /// Also the way on after SCARD_W_RESET_CARD, and after SCARD_W_REMOVED_CARD once a card is
     /// back.
@@ -180,13 +180,13 @@ class PcscService {
     ReaderPointer findReader(const std::string& name) const;
     ConnectionPointer findConnection(Card card) const;
     LONG checkReader(Context context, const std::string& name) const;
-    LONG readerResult(const Connection& connection) const;
-    LONG cardResult(const Connection& connection) const;
+    static LONG readerResult(const Connection& connection);
+    static LONG cardResult(const Connection& connection);
     LONG waitForTurn(Lock& lock, Card card, const Connection& connection);
     LONG checkSharing(const Reader& reader, const Connection* self, DWORD shareMode) const;
     LONG chooseProtocol(const Reader& reader, const Connection* self, DWORD shareMode,
                         DWORD preferred, DWORD& protocol) const;
-    void takeOut(Reader& reader);
+    static void takeOut(Reader& reader);
     static void dispose(Connection& connection, DWORD disposition);
     void closeConnection(Card card);
     void dropContext(Context context);

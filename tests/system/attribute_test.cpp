@@ -15,8 +15,6 @@ using testing::IsEmpty;
 constexpr std::size_t kAttributeRecordSize = 284;
 constexpr DWORD kAttribute = SCARD_ATTR_VENDOR_NAME;
 constexpr std::uint32_t kAttributeOnWire = 0x00010100;
-constexpr ProtocolVersion kFixedForm{1, 1};
-constexpr ProtocolVersion kNewerForm{1, 2};
 
 class AttributeTest : public RemoteCardTest {
   protected:

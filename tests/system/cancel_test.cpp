@@ -119,7 +119,7 @@ TEST_F(CancelTest, KeepsTheErrorOfADaemonThatGivesNoContext) {
 TEST_F(CancelTest, UsesAConnectionOfItsOwnWhileOtherCallsWait) {
     connectCard();
     ASSERT_TRUE(remote.holdCommands(kRemoteReader));
-    std::jthread transmitting([&] { transmit(card, {0x00, 0x84, 0x00, 0x00, 0x08}); });
+    std::jthread transmitting([&] { transmit(card, getChallenge()); });
     ASSERT_TRUE(remote.waitForHeldCommands(1, kPatience));
     EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     EXPECT_NE(daemon.requests(Command::kCancel).at(0).connection,

@@ -1,12 +1,9 @@
 #include "card_calls.h"
 
+#include "remote_card_test.h"
+
 namespace tez::test {
 namespace {
-
-const Bytes& command() {
-    static const Bytes bytes = {0x00, 0x84, 0x00, 0x00, 0x08};
-    return bytes;
-}
 
 LONG reconnect(SCARDHANDLE card) {
     DWORD protocol = 0;
@@ -25,8 +22,9 @@ LONG status(SCARDHANDLE card) {
 LONG transmit(SCARDHANDLE card) {
     Bytes response(258);
     auto length = static_cast<DWORD>(response.size());
-    return SCardTransmit(card, SCARD_PCI_T1, command().data(), static_cast<DWORD>(command().size()),
-                         nullptr, response.data(), &length);
+    return SCardTransmit(card, SCARD_PCI_T1, getChallenge().data(),
+                         static_cast<DWORD>(getChallenge().size()), nullptr, response.data(),
+                         &length);
 }
 
 LONG control(SCARDHANDLE card) {
@@ -40,8 +38,8 @@ LONG getAttribute(SCARDHANDLE card) {
 }
 
 LONG setAttribute(SCARDHANDLE card) {
-    return SCardSetAttrib(card, SCARD_ATTR_SUPRESS_T1_IFS_REQUEST, command().data(),
-                          static_cast<DWORD>(command().size()));
+    return SCardSetAttrib(card, SCARD_ATTR_SUPRESS_T1_IFS_REQUEST, getChallenge().data(),
+                          static_cast<DWORD>(getChallenge().size()));
 }
 
 LONG transmitCount(SCARDHANDLE card) {

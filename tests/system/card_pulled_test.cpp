@@ -31,10 +31,9 @@ class CardPulledTest : public RemoteCardTest {
     /// Transmits on a thread of its own.
     static std::future<Outcome> transmitAside(const ConnectedCard& on) {
         return std::async(std::launch::async, [on] {
-            const Bytes getChallenge = {0x00, 0x84, 0x00, 0x00, 0x08};
             Outcome outcome{SCARD_S_SUCCESS, Bytes(258)};
             auto length = static_cast<DWORD>(outcome.response.size());
-            outcome.result = SCardTransmit(on.handle, on.pci(), getChallenge.data(), 5, nullptr,
+            outcome.result = SCardTransmit(on.handle, on.pci(), getChallenge().data(), 5, nullptr,
                                            outcome.response.data(), &length);
             outcome.response.resize(length);
             return outcome;
@@ -73,7 +72,7 @@ TEST_F(CardPulledTest, ACardPulledLeavesItsConnectionForAReconnect) {
     EXPECT_THAT(SCardReconnect(card.handle, SCARD_SHARE_SHARED, SCARD_PROTOCOL_Tx, SCARD_LEAVE_CARD,
                                &card.protocol),
                 Gives(SCARD_S_SUCCESS));
-    EXPECT_THAT(transmit(card, {0x00, 0x84, 0x00, 0x00, 0x08}), SizeIs(10));
+    EXPECT_THAT(transmit(card, getChallenge()), SizeIs(10));
 }
 
 TEST_F(CardPulledTest, AReaderPulledInTheMiddleOfATransmitEndsIt) {
@@ -103,6 +102,7 @@ TEST_F(CardPulledTest, TransmitsOnSeveralThreadsUseAPipeEach) {
     }
     ASSERT_TRUE(remote.holdCommands(kRemoteReader));
     std::vector<std::future<Outcome>> transmits;
+    transmits.reserve(cards.size());
     for (const ConnectedCard& one : cards) {
         transmits.push_back(transmitAside(one));
     }

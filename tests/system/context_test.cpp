@@ -1,5 +1,6 @@
 // SCardEstablishContext, SCardIsValidContext and SCardReleaseContext, and the daemon's contexts
 // that stand behind an application's.
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -48,10 +49,8 @@ TEST_F(ContextTest, AReleasedHandleIsNotIssuedAgain) {
 }
 
 TEST_F(ContextTest, KeepsHundredsOfContextsApart) {
-    std::vector<SCARDCONTEXT> contexts;
-    for (int i = 0; i < 300; ++i) {
-        contexts.push_back(establish());
-    }
+    std::vector<SCARDCONTEXT> contexts(300);
+    std::ranges::generate(contexts, [] { return establish(); });
     for (std::size_t i = 0; i < contexts.size(); i += 2) {
         EXPECT_THAT(SCardReleaseContext(contexts[i]), Gives(SCARD_S_SUCCESS));
     }

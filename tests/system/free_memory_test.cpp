@@ -14,7 +14,7 @@ class FreeMemoryTest : public RemoteCardTest {
     /// A block that the library handed out.
     void* allocated() {
         char* readers = nullptr;
-        DWORD length = SCARD_AUTOALLOCATE;
+        auto length = SCARD_AUTOALLOCATE;
         EXPECT_THAT(SCardListReadersA(context, nullptr, reinterpret_cast<LPSTR>(&readers), &length),
                     Gives(SCARD_S_SUCCESS));
         return readers;

@@ -29,6 +29,10 @@ struct CacheSetting {
     std::string word;
 };
 
+void PrintTo(const CacheSetting& setting, std::ostream* stream) {
+    *stream << textInName(setting.value);
+}
+
 class CacheSettingTest : public SystemTest, public testing::WithParamInterface<CacheSetting> {};
 
 TEST_P(CacheSettingTest, TravelsAsOptionAndIsReported) {
@@ -73,6 +77,10 @@ struct Version {
     std::uint32_t minor;
     std::string text;
 };
+
+void PrintTo(const Version& version, std::ostream* stream) {
+    *stream << version.text;
+}
 
 class VersionTest : public SystemTest, public testing::WithParamInterface<Version> {};
 

@@ -87,8 +87,8 @@ TEST_F(HostServiceTest, ListsReadersByGroup) {
 TEST_F(HostServiceTest, TellsACardsStatusAndGivesBothBuffersBack) {
     char* reader = nullptr;
     std::uint8_t* atr = nullptr;
-    DWORD readerLength = SCARD_AUTOALLOCATE;
-    DWORD atrSize = SCARD_AUTOALLOCATE;
+    auto readerLength = SCARD_AUTOALLOCATE;
+    auto atrSize = SCARD_AUTOALLOCATE;
     DWORD state = 0;
     DWORD protocol = 0;
     EXPECT_EQ(host.SCardStatusA(connect(), reinterpret_cast<LPSTR>(&reader), &readerLength, &state,
@@ -106,7 +106,7 @@ TEST_F(HostServiceTest, TellsACardsStatusAndGivesBothBuffersBack) {
 
 TEST_F(HostServiceTest, KeepsNoNamesWhenTheAtrDoesNotFit) {
     char* reader = nullptr;
-    DWORD readerLength = SCARD_AUTOALLOCATE;
+    auto readerLength = SCARD_AUTOALLOCATE;
     std::uint8_t atr = 0;
     DWORD atrSize = 1;
     EXPECT_EQ(host.SCardStatusA(connect(), reinterpret_cast<LPSTR>(&reader), &readerLength, nullptr,

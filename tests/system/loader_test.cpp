@@ -299,6 +299,7 @@ TEST_F(LoaderTest, FirstLocalCallsAtOnceLoadOnce) {
     constexpr int kCallers = 8;
     Latch ready(kCallers);
     std::vector<std::thread> callers;
+    callers.reserve(kCallers);
     for (int i = 0; i < kCallers; ++i) {
         callers.emplace_back([&] {
             ready.arriveAndWait();

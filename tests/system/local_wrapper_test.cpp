@@ -152,7 +152,7 @@ TEST_P(AllocatingCallTest, WithoutMemoryIsAnInternalErrorAndGivesTheHostsBufferB
     HeapSpy heap;
     int place = 0;
     void* block = &place;
-    DWORD length = SCARD_AUTOALLOCATE;
+    auto length = SCARD_AUTOALLOCATE;
     heap.refuse(size());
     EXPECT_CALL(host, SCardFreeMemory(kHostContext, NotNull()));
     EXPECT_THAT(call(static_cast<void*>(&block), length), Gives(SCARD_F_INTERNAL_ERROR));
@@ -170,7 +170,7 @@ TEST_F(LocalWrapperTest, AHostsFailureLeavesPointerAndLengthAsTheyWere) {
     EXPECT_CALL(host, SCardFreeMemory).Times(0);
     int place = 0;
     void* block = &place;
-    DWORD length = SCARD_AUTOALLOCATE;
+    auto length = SCARD_AUTOALLOCATE;
     EXPECT_THAT(SCardListReadersA(context, nullptr, addressOf<char>(&block), &length),
                 Gives(SCARD_E_SERVICE_STOPPED));
     EXPECT_EQ(block, &place);
@@ -185,7 +185,7 @@ TEST_F(LocalWrapperTest, AnEmptyListIsABlockOfOneByte) {
         });
     const HeapSpy heap;
     void* block = nullptr;
-    DWORD length = SCARD_AUTOALLOCATE;
+    auto length = SCARD_AUTOALLOCATE;
     EXPECT_THAT(SCardListReadersA(context, nullptr, addressOf<char>(&block), &length),
                 Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(length, 1U);
@@ -199,7 +199,7 @@ TEST_F(LocalWrapperTest, AnEmptyListIsABlockOfOneByte) {
 TEST_F(LocalWrapperTest, ReaderGroupsComeFromTheLibrarysHeapToo) {
     const HeapSpy heap;
     void* block = nullptr;
-    DWORD length = SCARD_AUTOALLOCATE;
+    auto length = SCARD_AUTOALLOCATE;
     EXPECT_CALL(host, SCardFreeMemory(kHostContext, NotNull()));
     EXPECT_THAT(SCardListReaderGroupsA(context, addressOf<char>(&block), &length),
                 Gives(SCARD_S_SUCCESS));

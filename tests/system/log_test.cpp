@@ -70,6 +70,10 @@ struct LevelSetting {
     std::string letters;  // the levels in the log, in the order in which they appear first
 };
 
+void PrintTo(const LevelSetting& setting, std::ostream* stream) {
+    *stream << textInName(setting.value);
+}
+
 class LogLevelTest : public LogTest, public testing::WithParamInterface<LevelSetting> {};
 
 TEST_P(LogLevelTest, LeavesOutWhatIsAboveIt) {

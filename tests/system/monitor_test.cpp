@@ -37,13 +37,13 @@ class MonitorTest : public RemoteCardTest {
         return log().messages("checkServiceAvailability", 'D');
     }
 
-    bool waitForSignal(HANDLE event) const {
+    static bool waitForSignal(HANDLE event) {
         return WaitForSingleObject(
                    event, static_cast<DWORD>(std::chrono::milliseconds(kPatience).count())) ==
                WAIT_OBJECT_0;
     }
 
-    bool isSet(HANDLE event) const { return WaitForSingleObject(event, 0) == WAIT_OBJECT_0; }
+    static bool isSet(HANDLE event) { return WaitForSingleObject(event, 0) == WAIT_OBJECT_0; }
 };
 
 TEST_F(MonitorTest, WithoutADaemonALocalFailureIsFinal) {
@@ -176,6 +176,7 @@ TEST_F(MonitorTest, FirstCallsAtOnceStartItOnce) {
     Latch ready(kCallers);
     std::vector<SCARDCONTEXT> contexts(kCallers);
     std::vector<std::thread> callers;
+    callers.reserve(kCallers);
     for (SCARDCONTEXT& made : contexts) {
         callers.emplace_back([&] {
             ready.arriveAndWait();

@@ -22,6 +22,16 @@ inline constexpr LONG kNotSupported = 50;
 /// What an old daemon takes of a command or an answer.
 inline constexpr std::size_t kOldDaemonsLimit = 65548;
 
+/// A command that both cards answer with eight bytes and a status word.
+inline const Bytes& getChallenge() {
+    static const Bytes command = {0x00, 0x84, 0x00, 0x00, 0x08};
+    return command;
+}
+
+// How daemons read and write attributes.
+inline constexpr ProtocolVersion kFixedForm{1, 1};  ///< in a field of the record
+inline constexpr ProtocolVersion kNewerForm{1, 2};  ///< behind the record
+
 /// A system test with connections to the cards of both sides.
 class RemoteCardTest : public SystemTest {
   protected:

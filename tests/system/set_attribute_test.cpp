@@ -13,9 +13,7 @@ using testing::Return;
 
 constexpr std::size_t kSetAttributeRecordSize = 284;
 constexpr DWORD kSetAttribute = SCARD_ATTR_SUPRESS_T1_IFS_REQUEST;
-constexpr std::uint32_t kAttributeOnWire = 0x7FFF0007;
-constexpr ProtocolVersion kFixedForm{1, 1};
-constexpr ProtocolVersion kNewerForm{1, 2};
+constexpr std::uint32_t kSetAttributeOnWire = 0x7FFF0007;
 
 class SetAttributeTest : public RemoteCardTest {
   protected:
@@ -27,7 +25,7 @@ class SetAttributeTest : public RemoteCardTest {
     static RecordBytes record(std::size_t size) {
         return RecordBytes(kSetAttributeRecordSize)
             .u64(0, kDaemonCard)
-            .u32(8, kAttributeOnWire)
+            .u32(8, kSetAttributeOnWire)
             .u32(276, static_cast<std::uint32_t>(size));
     }
 };

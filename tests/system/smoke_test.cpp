@@ -64,7 +64,7 @@ TEST_F(SmokeTest, FollowsADaemonThatGoesAndComesBack) {
 TEST_F(SmokeTest, FreesEverySystemBuffer) {
     const SCARDCONTEXT context = establishWithDaemon();
     char* readers = nullptr;
-    DWORD length = SCARD_AUTOALLOCATE;
+    auto length = SCARD_AUTOALLOCATE;
     auto* const destination = reinterpret_cast<LPSTR>(&readers);
     EXPECT_THAT(SCardListReadersA(context, nullptr, destination, &length), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(splitMultiString(readers), UnorderedElementsAre(kHostReader, kRemoteReader));

@@ -5,7 +5,7 @@
 namespace tez::test {
 
 std::string incompleteStandInPath() {
-    return programDirectory() + "\\standin\\incomplete\\winscard.dll";
+    return programDirectory() + R"(\standin\incomplete\winscard.dll)";
 }
 
 void* requireExport(HMODULE module, const char* name) {

@@ -10,7 +10,7 @@
 namespace tez::test {
 
 /// Where the library under test finds the host's smart-card library.
-inline constexpr const char* kSystemLibraryPath = "C:\\Windows\\System32\\WinSCard.dll";
+inline constexpr const char* kSystemLibraryPath = R"(C:\Windows\System32\WinSCard.dll)";
 
 /// A stand-in for the host's smart-card library that lacks SCardReleaseStartedEvent.
 std::string incompleteStandInPath();

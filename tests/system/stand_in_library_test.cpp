@@ -27,7 +27,7 @@ constexpr const char* kEntryPoints[] = {
 
 class StandInLibraryTest : public testing::Test {
   protected:
-    ~StandInLibraryTest() override { library.setCalls(nullptr); }
+    void TearDown() override { library.setCalls(nullptr); }
 
     template <class Function>
     Function* entry(const char* name) const {
@@ -103,7 +103,7 @@ TEST_F(StandInLibraryTest, CountsItsBuffersAndTheFreesOfOthers) {
     auto* const freeMemory = entry<decltype(SCardFreeMemory)>("SCardFreeMemory");
     const SCARDCONTEXT context = establish();
     char* readers = nullptr;
-    DWORD length = SCARD_AUTOALLOCATE;
+    auto length = SCARD_AUTOALLOCATE;
     EXPECT_EQ(entry<decltype(SCardListReadersA)>("SCardListReadersA")(
                   context, nullptr, reinterpret_cast<LPSTR>(&readers), &length),
               SCARD_S_SUCCESS);

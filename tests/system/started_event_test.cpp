@@ -269,6 +269,7 @@ TEST_F(StartedEventTest, StandsManyThreadsAtOnce) {
     const HANDLE held = SCardAccessStartedEvent();
     std::atomic<int> failures = 0;
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&failures, held] {
             for (int round = 0; round < 100; ++round) {

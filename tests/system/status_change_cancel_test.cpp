@@ -11,16 +11,11 @@ namespace {
 using testing::Contains;
 using testing::ElementsAre;
 
-constexpr const char* kCancelLocal =
-    "canceling local SCardGetStatusChange by invoking local SCardCancel";
-constexpr const char* kCancelRemote =
-    "canceling remote SCardGetStatusChange by invoking remote SCardCancel";
-
 class StatusChangeCancel : public StatusChangeTest {
   protected:
     /// Lets the host's waits begin only behind a gate.
     Gate holdHostWaits() {
-        const Gate gate;
+        Gate gate;
         ON_CALL(host, SCardGetStatusChangeA)
             .WillByDefault([this, gate](SCARDCONTEXT context, DWORD timeout,
                                         LPSCARD_READERSTATEA states, DWORD count) {
@@ -32,7 +27,7 @@ class StatusChangeCancel : public StatusChangeTest {
 
     /// Lets the daemon's waits begin only behind a gate.
     Gate holdRemoteWaits() {
-        const Gate gate;
+        Gate gate;
         daemon.on(Command::kGetStatusChange, [gate](const Request&) -> std::optional<Reply> {
             gate.pass();
             return std::nullopt;

@@ -316,6 +316,10 @@ struct BrokenWrite {
     const char* warning;
 };
 
+void PrintTo(const BrokenWrite& write, std::ostream* stream) {
+    *stream << "from write " << write.first;
+}
+
 class StatusChangeBrokenWrite : public StatusChangeRecord,
                                 public testing::WithParamInterface<BrokenWrite> {};
 

@@ -12,11 +12,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Return;
 
-constexpr const char* kCancelLocal =
-    "canceling local SCardGetStatusChange by invoking local SCardCancel";
-constexpr const char* kCancelRemote =
-    "canceling remote SCardGetStatusChange by invoking remote SCardCancel";
-
 using StatusChangeSides = StatusChangeTest;
 
 TEST_F(StatusChangeSides, EndAnUnboundedWaitWhenARemoteCardGoes) {
@@ -203,6 +198,11 @@ struct Codes {
     LONG remote;
     LONG expected;
 };
+
+void PrintTo(const Codes& codes, std::ostream* stream) {
+    *stream << std::hex << static_cast<DWORD>(codes.local) << " and "
+            << static_cast<DWORD>(codes.remote) << std::dec;
+}
 
 class StatusChangeCodes : public StatusChangeTest, public testing::WithParamInterface<Codes> {};
 

@@ -143,7 +143,7 @@ SCARD_READERSTATEA StatusChangeTest::unchangedRemote() {
 }
 
 BackgroundWait StatusChangeTest::waitOnBothSides(SCARDCONTEXT context) {
-    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+    BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
     waitForRemoteWait();
     waitForHostWait();
     return wait;

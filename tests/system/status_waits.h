@@ -15,6 +15,12 @@ namespace tez::test {
 constexpr const char* kStatusChange = "SCardGetStatusChangeA";
 constexpr const char* kLocalStatusChange = "LocalSCardGetStatusChange";
 
+// What it logs when one side ends the other's wait.
+constexpr const char* kCancelLocal =
+    "canceling local SCardGetStatusChange by invoking local SCardCancel";
+constexpr const char* kCancelRemote =
+    "canceling remote SCardGetStatusChange by invoking remote SCardCancel";
+
 /// An entry for SCardGetStatusChangeA. The name is not copied.
 SCARD_READERSTATEA readerState(const char* reader, DWORD current, DWORD event = 0);
 

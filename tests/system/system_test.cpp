@@ -28,7 +28,7 @@ void requireSuccess(LONG code, const std::string& call) {
 /// A directory that no earlier process has written to, and the variables that make the library log
 /// everything there.
 std::string logToFreshDirectory() {
-    const std::string directory = "C:\\tez-system-tests\\" + std::to_string(GetCurrentProcessId());
+    std::string directory = "C:\\tez-system-tests\\" + std::to_string(GetCurrentProcessId());
     std::filesystem::remove_all(directory);
     std::filesystem::create_directories(directory);
     setEnvironment("TEZ_PCSC_LOG_DIR", directory);
@@ -65,6 +65,11 @@ HMODULE libraryModule() {
 
 void setEnvironment(const std::string& name, const std::string& value) {
     require(_putenv_s(name.c_str(), value.c_str()) == 0, "cannot set " + name);
+}
+
+std::string textInName(const std::string& text) {
+    constexpr std::size_t kMost = 20;
+    return text.size() > kMost ? std::to_string(text.size()) + " characters" : "'" + text + "'";
 }
 
 std::vector<std::string> splitMultiString(const char* multiString) {

@@ -26,6 +26,9 @@ HMODULE libraryModule();
 /// variables once in a process: set them before the first call.
 void setEnvironment(const std::string& name, const std::string& value);
 
+/// A text as the name of a test can show it: what is long only by its length.
+std::string textInName(const std::string& text);
+
 /// The elements of a multi-string.
 std::vector<std::string> splitMultiString(const char* multiString);
 
@@ -56,6 +59,10 @@ struct ConnectedCard {
 /// The library logs everything to a fresh directory. Helpers throw std::runtime_error, which ends
 /// the test, when the library does not do what they wait for.
 class SystemTest : public testing::Test {
+  public:
+    SystemTest(const SystemTest&) = delete;
+    SystemTest& operator=(const SystemTest&) = delete;
+
   protected:
     SystemTest();
     ~SystemTest() override;

@@ -41,7 +41,7 @@ TEST_F(TransmitCountTest, CountsTransmits) {
     for (DWORD expected = 0; expected < 3; ++expected) {
         EXPECT_THAT(getCount(), Gives(SCARD_S_SUCCESS));
         EXPECT_EQ(count, expected);
-        transmit(card, {0x00, 0x84, 0x00, 0x00, 0x08});
+        transmit(card, getChallenge());
     }
 }
 

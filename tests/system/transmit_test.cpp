@@ -15,11 +15,6 @@ using testing::Return;
 
 constexpr std::size_t kTransmitRecordSize = 28;
 
-const Bytes& getChallenge() {
-    static const Bytes command = {0x00, 0x84, 0x00, 0x00, 0x08};
-    return command;
-}
-
 class TransmitTest : public RemoteCardTest {
   protected:
     /// Transmits on `card`; the answer goes to `receive`, whose size is told as its room.

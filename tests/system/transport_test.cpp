@@ -38,7 +38,7 @@ class TransportTest : public RemoteCardTest {
     std::uint64_t lastConnection() const { return daemon.requests().back().connection; }
 
     /// A call that needs the daemon, on a card handle.
-    LONG transmitCountOf(const ConnectedCard& connected) {
+    static LONG transmitCountOf(const ConnectedCard& connected) {
         DWORD count = 0;
         return SCardGetTransmitCount(connected.handle, &count);
     }
@@ -370,7 +370,7 @@ TEST_F(TransportTest, AStalledWriteEndsAfterASecondAndTheNextCallTakesAFreshPipe
     EXPECT_TRUE(logged('D', "DaemonConnectionTEZ::sendMessage", "Could not write data on socket"));
     daemon.resumeReading();
     for (int i = 0; i < 20; ++i) {
-        EXPECT_THAT(transmit(card, {0x00, 0x84, 0x00, 0x00, 0x08}), SizeIs(10));
+        EXPECT_THAT(transmit(card, getChallenge()), SizeIs(10));
         EXPECT_GT(lastConnection(), stalled);
     }
     EXPECT_TRUE(command.untouched());

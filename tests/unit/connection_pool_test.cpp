@@ -19,9 +19,9 @@ constexpr int kPoolSize = 8;
 /// Runs in the state in which the pool makes no connections of its own.
 class ConnectionPoolTest : public testing::Test {
   protected:
-    ConnectionPoolTest() { setServiceState(ServiceState::RemoteOnly); }
+    void SetUp() override { setServiceState(ServiceState::RemoteOnly); }
 
-    ~ConnectionPoolTest() override { clearConnectionPool(); }
+    void TearDown() override { clearConnectionPool(); }
 
     /// A connection that serves under the given state and expects nothing but to be asked for it.
     static std::unique_ptr<StrictMock<MockDaemonConnection>> makeConnection(

@@ -89,7 +89,7 @@ TEST(CopyOutBuffer, CopiesNothingOfAnEmptyResult) {
 
 TEST(CopyOutBuffer, AllocatesFromTheLibrarysHeap) {
     char* block = nullptr;
-    DWORD length = SCARD_AUTOALLOCATE;
+    auto length = SCARD_AUTOALLOCATE;
     EXPECT_EQ(copyOutBuffer(kSource, kCount, &block, &length, 1), SCARD_S_SUCCESS);
     EXPECT_EQ(length, kCount);
     const HeapPtr<char> owner(block);
@@ -99,7 +99,7 @@ TEST(CopyOutBuffer, AllocatesFromTheLibrarysHeap) {
 
 TEST(CopyOutBuffer, AllocatesElementsOfTwoBytes) {
     char* block = nullptr;
-    DWORD length = SCARD_AUTOALLOCATE;
+    auto length = SCARD_AUTOALLOCATE;
     EXPECT_EQ(copyOutBuffer(kSource, 2, &block, &length, 2), SCARD_S_SUCCESS);
     EXPECT_EQ(length, 2U);
     const HeapPtr<char> owner(block);
@@ -109,7 +109,7 @@ TEST(CopyOutBuffer, AllocatesElementsOfTwoBytes) {
 
 TEST(CopyOutBuffer, AllocatesABlockForAnEmptyResultToo) {
     char* block = nullptr;
-    DWORD length = SCARD_AUTOALLOCATE;
+    auto length = SCARD_AUTOALLOCATE;
     EXPECT_EQ(copyOutBuffer(nullptr, 0, &block, &length, 1), SCARD_S_SUCCESS);
     EXPECT_EQ(length, 0U);
     const HeapPtr<char> owner(block);
@@ -119,7 +119,7 @@ TEST(CopyOutBuffer, AllocatesABlockForAnEmptyResultToo) {
 TEST(CopyOutBuffer, TellsExhaustedMemoryAndLeavesTheCallerNoPointer) {
     char unrelated = 0;
     char* block = &unrelated;
-    DWORD length = SCARD_AUTOALLOCATE;
+    auto length = SCARD_AUTOALLOCATE;
     std::size_t requested = 0;
     LONG rv = SCARD_S_SUCCESS;
     {

@@ -17,7 +17,6 @@ using test::ByteString;
 using test::CapturedLog;
 using test::copyBytes;
 using test::MockDaemonConnection;
-using testing::_;
 using testing::AnyNumber;
 using testing::ElementsAre;
 using testing::InSequence;
@@ -28,7 +27,9 @@ using testing::StrictMock;
 
 namespace {
 
-constexpr FunctionLog kLog("aCall");
+using testing::_;
+
+constexpr FunctionLog kCallLog("aCall");
 
 MATCHER_P(PointsToBytes, expected, "") {
     return copyBytes(arg, expected.size()) == expected;
@@ -46,7 +47,7 @@ auto answer(const Bytes& bytes) {
 /// One connection in the pool, whose every step a test expects.
 class ExchangeTest : public testing::Test {
   protected:
-    ExchangeTest() {
+    void SetUp() override {
         setServiceState(ServiceState::RemoteOnly);
         auto made = std::make_unique<StrictMock<MockDaemonConnection>>();
         connection_ = made.get();
@@ -55,7 +56,7 @@ class ExchangeTest : public testing::Test {
     }
 
     /// Every test ends with the connection back in the pool, which is emptied then.
-    ~ExchangeTest() override {
+    void TearDown() override {
         EXPECT_CALL(*connection_, closeSocket());
         EXPECT_CALL(*connection_, destroyed());
         std::unique_ptr<DaemonConnection> back = acquireConnection();
@@ -95,7 +96,7 @@ TEST_F(ExchangeTest, SendsTheRecordAndReadsItBack) {
     EXPECT_CALL(connection(), readMessage(NotNull(), 12))
         .WillOnce(answer(ByteString().u64(7).u32(0).bytes()));
     HandleRecord record = {0x5000001, 0};
-    EXPECT_EQ(exchangeRecord(kLog, CMD_BEGIN_TRANSACTION, record), SCARD_S_SUCCESS);
+    EXPECT_EQ(exchangeRecord(kCallLog, CMD_BEGIN_TRANSACTION, record), SCARD_S_SUCCESS);
     EXPECT_EQ(record.handle, 7U);
     EXPECT_THAT(log().lines(), IsEmpty());
 }
@@ -105,14 +106,14 @@ TEST_F(ExchangeTest, ReturnsTheDaemonsResult) {
     EXPECT_CALL(connection(), readMessage(_, _))
         .WillOnce(answer(ByteString().u64(7).u32(0x80100069).bytes()));
     HandleRecord record = {0x5000001, 0};
-    EXPECT_EQ(exchangeRecord(kLog, CMD_BEGIN_TRANSACTION, record), SCARD_W_REMOVED_CARD);
+    EXPECT_EQ(exchangeRecord(kCallLog, CMD_BEGIN_TRANSACTION, record), SCARD_W_REMOVED_CARD);
     EXPECT_THAT(log().lines(), IsEmpty());
 }
 
 TEST_F(ExchangeTest, WarnsOfAFailedSend) {
     EXPECT_CALL(connection(), sendRequest(_, _, _)).WillOnce(Return(SCARD_E_NO_SERVICE));
     HandleRecord record = {0x5000001, 0};
-    EXPECT_EQ(exchangeRecord(kLog, CMD_CANCEL, record), SCARD_E_NO_SERVICE);
+    EXPECT_EQ(exchangeRecord(kCallLog, CMD_CANCEL, record), SCARD_E_NO_SERVICE);
     EXPECT_THAT(log().messages(), ElementsAre("W (aCall): Failed to send header"));
 }
 
@@ -120,7 +121,7 @@ TEST_F(ExchangeTest, WarnsOfAFailedRead) {
     EXPECT_CALL(connection(), sendRequest(_, _, _)).WillOnce(Return(SCARD_S_SUCCESS));
     EXPECT_CALL(connection(), readMessage(_, _)).WillOnce(Return(SCARD_E_NO_SERVICE));
     HandleRecord record = {0x5000001, 0};
-    EXPECT_EQ(exchangeRecord(kLog, CMD_CANCEL, record), SCARD_E_NO_SERVICE);
+    EXPECT_EQ(exchangeRecord(kCallLog, CMD_CANCEL, record), SCARD_E_NO_SERVICE);
     EXPECT_THAT(log().messages(), ElementsAre("W (aCall): Failed to receive data"));
 }
 
@@ -130,7 +131,7 @@ TEST_F(ExchangeTest, PassesTheFlagOfARedirectedRequestOn) {
         EXPECT_CALL(connection(), sendRequestFlagged(CMD_CANCEL, _, 12, flag))
             .WillOnce(Return(SCARD_S_SUCCESS));
         EXPECT_CALL(connection(), readMessage(_, 12)).WillOnce(answer(bytesOf(record)));
-        Exchange exchange(kLog);
+        Exchange exchange(kCallLog);
         EXPECT_EQ(exchange.callFlagged(CMD_CANCEL, record, flag), SCARD_S_SUCCESS);
     }
 }
@@ -138,7 +139,7 @@ TEST_F(ExchangeTest, PassesTheFlagOfARedirectedRequestOn) {
 TEST_F(ExchangeTest, WarnsOfAFailedSendOfAFlaggedRequest) {
     EXPECT_CALL(connection(), sendRequestFlagged(_, _, _, _)).WillOnce(Return(SCARD_E_NO_SERVICE));
     HandleRecord record = {0x5000001, 0};
-    EXPECT_EQ(Exchange(kLog).callFlagged(CMD_CANCEL, record, true), SCARD_E_NO_SERVICE);
+    EXPECT_EQ(Exchange(kCallLog).callFlagged(CMD_CANCEL, record, true), SCARD_E_NO_SERVICE);
     EXPECT_THAT(log().messages(), ElementsAre("W (aCall): Failed to send header"));
 }
 
@@ -155,7 +156,7 @@ TEST_F(ExchangeTest, AnnouncesRecordAndDataThenSendsEach) {
             .WillOnce(Return(SCARD_S_SUCCESS));
         EXPECT_CALL(connection(), readMessage(_, 28)).WillOnce(answer(sent));
     }
-    EXPECT_EQ(Exchange(kLog).callWithData(CMD_TRANSMIT, record, data.data(), 5, "no data"),
+    EXPECT_EQ(Exchange(kCallLog).callWithData(CMD_TRANSMIT, record, data.data(), 5, "no data"),
               SCARD_S_SUCCESS);
 }
 
@@ -164,19 +165,21 @@ TEST_F(ExchangeTest, WritesNoEmptyDataPhase) {
     EXPECT_CALL(connection(), sendHeader(CMD_TRANSMIT, 28)).WillOnce(Return(SCARD_S_SUCCESS));
     EXPECT_CALL(connection(), sendMessage(_, 28)).WillOnce(Return(SCARD_S_SUCCESS));
     EXPECT_CALL(connection(), readMessage(_, 28)).WillOnce(answer(bytesOf(record)));
-    EXPECT_EQ(Exchange(kLog).callWithData(CMD_TRANSMIT, record, nullptr, 0, "no data"),
+    EXPECT_EQ(Exchange(kCallLog).callWithData(CMD_TRANSMIT, record, nullptr, 0, "no data"),
               SCARD_S_SUCCESS);
 }
 
 TEST_F(ExchangeTest, RefusesASizeThatTheHeaderCannotHold) {
     TransmitRecord record = {};
     const char data = 0;
-    EXPECT_EQ(Exchange(kLog).callWithData(CMD_TRANSMIT, record, &data, 0xFFFFFFFF - 27, "no data"),
-              SCARD_E_INVALID_PARAMETER);
+    EXPECT_EQ(
+        Exchange(kCallLog).callWithData(CMD_TRANSMIT, record, &data, 0xFFFFFFFF - 27, "no data"),
+        SCARD_E_INVALID_PARAMETER);
     EXPECT_CALL(connection(), sendHeader(CMD_TRANSMIT, 0xFFFFFFFF))
         .WillOnce(Return(SCARD_E_NO_SERVICE));
-    EXPECT_EQ(Exchange(kLog).callWithData(CMD_TRANSMIT, record, &data, 0xFFFFFFFF - 28, "no data"),
-              SCARD_E_NO_SERVICE);
+    EXPECT_EQ(
+        Exchange(kCallLog).callWithData(CMD_TRANSMIT, record, &data, 0xFFFFFFFF - 28, "no data"),
+        SCARD_E_NO_SERVICE);
 }
 
 namespace {
@@ -186,6 +189,10 @@ struct FailingStep {
     int failing;
     const char* warning;
 };
+
+void PrintTo(const FailingStep& step, std::ostream* stream) {
+    *stream << step.warning;
+}
 
 class FailingStepTest : public ExchangeTest, public testing::WithParamInterface<FailingStep> {};
 
@@ -200,8 +207,8 @@ TEST_P(FailingStepTest, EndsTheExchangeWithAWarning) {
     EXPECT_CALL(connection(), sendMessage(_, _)).Times(AnyNumber()).WillRepeatedly(next);
     EXPECT_CALL(connection(), readMessage(_, _)).Times(AnyNumber()).WillRepeatedly(next);
     TransmitRecord record = {0x5000001, 1, 3, 1, 258, 0};
-    EXPECT_EQ(Exchange(kLog).callWithData(CMD_TRANSMIT, record, "abc", 3,
-                                          "Failed to send data for send buffer"),
+    EXPECT_EQ(Exchange(kCallLog).callWithData(CMD_TRANSMIT, record, "abc", 3,
+                                              "Failed to send data for send buffer"),
               SCARD_E_NO_SERVICE);
     EXPECT_EQ(step, GetParam().failing + 1) << "steps after the failing one were made";
     EXPECT_THAT(log().messages(), ElementsAre(std::string("W (aCall): ") + GetParam().warning));
@@ -218,7 +225,7 @@ TEST_F(ExchangeTest, ReadsWhatWasAnnouncedInPieces) {
     EXPECT_CALL(connection(), readMessage(_, 3)).WillOnce(answer({1, 2, 3}));
     EXPECT_CALL(connection(), readMessage(_, 2)).WillOnce(answer({4, 5}));
     Bytes bytes(5);
-    Exchange exchange(kLog);
+    Exchange exchange(kCallLog);
     exchange.announce(5);
     EXPECT_EQ(exchange.readAnnounced(bytes.data(), 3, "no data"), SCARD_S_SUCCESS);
     EXPECT_EQ(exchange.readAnnounced(bytes.data() + 3, 2, "no data"), SCARD_S_SUCCESS);
@@ -227,7 +234,7 @@ TEST_F(ExchangeTest, ReadsWhatWasAnnouncedInPieces) {
 
 TEST_F(ExchangeTest, ClosesThePipeOverAnnouncedBytesThatWereNotRead) {
     {
-        Exchange exchange(kLog);
+        Exchange exchange(kCallLog);
         exchange.announce(5);
         EXPECT_CALL(connection(), closeSocket());
     }
@@ -238,7 +245,7 @@ TEST_F(ExchangeTest, ClosesThePipeOverARestThatWasNotRead) {
     EXPECT_CALL(connection(), readMessage(_, 3)).WillOnce(answer({1, 2, 3}));
     {
         Bytes bytes(3);
-        Exchange exchange(kLog);
+        Exchange exchange(kCallLog);
         exchange.announce(5);
         EXPECT_EQ(exchange.readAnnounced(bytes.data(), 3, "no data"), SCARD_S_SUCCESS);
         EXPECT_CALL(connection(), closeSocket());
@@ -250,7 +257,7 @@ TEST_F(ExchangeTest, WarnsOfAFailedReadOfAnnouncedBytesInTheCallersWords) {
     EXPECT_CALL(connection(), readMessage(_, 5)).WillOnce(Return(SCARD_E_NO_SERVICE));
     {
         Bytes bytes(5);
-        Exchange exchange(kLog);
+        Exchange exchange(kCallLog);
         exchange.announce(5);
         EXPECT_EQ(exchange.readAnnounced(bytes.data(), 5, "Failed to read names"),
                   SCARD_E_NO_SERVICE);
@@ -263,16 +270,16 @@ TEST_F(ExchangeTest, WarnsOfAFailedReadOfAnnouncedBytesInTheCallersWords) {
 TEST_F(ExchangeTest, AsksForTheMinorVersionUnderTheMajorOfTheState) {
     EXPECT_CALL(connection(), isProtocolAtLeast(1, 3)).WillOnce(Return(true));
     EXPECT_CALL(connection(), isProtocolAtLeast(0, 3)).WillOnce(Return(false));
-    const Exchange exchange(kLog);
+    const Exchange exchange(kCallLog);
     EXPECT_TRUE(exchange.isMinorAtLeast(ServiceState::LocalFirst, 3));
     EXPECT_FALSE(exchange.isMinorAtLeast(ServiceState::RemoteOnly, 3));
 }
 
 TEST(ExchangeWithoutAConnection, IsFalseAndAnswersNoService) {
     setServiceState(ServiceState::LocalOnly);
-    Exchange exchange(kLog);
+    Exchange exchange(kCallLog);
     EXPECT_FALSE(exchange);
     EXPECT_FALSE(exchange.isConnected());
     HandleRecord record = {0x5000001, 0};
-    EXPECT_EQ(exchangeRecord(kLog, CMD_CANCEL, record), SCARD_E_NO_SERVICE);
+    EXPECT_EQ(exchangeRecord(kCallLog, CMD_CANCEL, record), SCARD_E_NO_SERVICE);
 }

@@ -40,7 +40,7 @@ std::string contentsOf(const std::string& path) {
 std::string makeLogDirectory(const std::string& name) {
     char temporary[MAX_PATH];
     GetTempPathA(sizeof(temporary), temporary);
-    const std::string path = temporary + name + "." + std::to_string(GetCurrentProcessId());
+    std::string path = temporary + name + "." + std::to_string(GetCurrentProcessId());
     CreateDirectoryA(path.c_str(), nullptr);
     return path;
 }

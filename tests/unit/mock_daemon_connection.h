@@ -8,6 +8,10 @@ namespace tez::test {
 
 class MockDaemonConnection : public DaemonConnection {
   public:
+    MockDaemonConnection() = default;
+    MockDaemonConnection(const MockDaemonConnection&) = delete;
+    MockDaemonConnection& operator=(const MockDaemonConnection&) = delete;
+
     MOCK_METHOD(bool, connect, (), (override));
     MOCK_METHOD(void, closeSocket, (), (override));
     MOCK_METHOD(LONG, sendMessage, (const void* data, std::uint64_t size), (override));
@@ -28,6 +32,7 @@ class MockDaemonConnection : public DaemonConnection {
     /// Tells that the connection was destroyed.
     MOCK_METHOD(void, destroyed, ());
 
+    // NOLINTNEXTLINE(bugprone-exception-escape): a mock that throws here ends the test program
     ~MockDaemonConnection() override { destroyed(); }
 };
 

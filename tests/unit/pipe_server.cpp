@@ -66,7 +66,7 @@ void ServerPipe::write(const Bytes& bytes) {
 }
 
 Bytes ServerPipe::handshake(std::uint32_t major, std::uint32_t minor) {
-    const Bytes received = read(5);
+    Bytes received = read(5);
     write(ByteString().u32(major).u32(minor).bytes());
     return received;
 }

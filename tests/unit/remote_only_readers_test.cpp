@@ -22,7 +22,7 @@ Bytes listRecord(std::uint64_t context, std::uint32_t length, std::uint32_t rv =
 }
 
 Bytes textBytes(const std::string& text) {
-    return Bytes(text.begin(), text.end());
+    return {text.begin(), text.end()};
 }
 
 }  // namespace
@@ -56,7 +56,7 @@ TEST_F(RemoteOnlyReaders, AreAllocatedAndFreedByTheLibrary) {
     const SCARDCONTEXT context = boundContext();
     daemon().answers = {listRecord(0, 3), textBytes("A\0\0"s)};
     char* readers = nullptr;
-    DWORD length = SCARD_AUTOALLOCATE;
+    auto length = SCARD_AUTOALLOCATE;
     EXPECT_EQ(SCardListReadersA(context, nullptr, reinterpret_cast<LPSTR>(&readers), &length),
               SCARD_S_SUCCESS);
     ASSERT_NE(readers, nullptr);

@@ -15,18 +15,22 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr FunctionLog kLog("aFunction");
+constexpr FunctionLog kSwitchLog("aFunction");
 constexpr const char* kRedirection = "TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION";
 
 std::optional<bool> switchFor(const std::string& value) {
     setEnvironment("TEZ_TEST_SWITCH", value);
-    return readSwitch(kLog, "TEZ_TEST_SWITCH");
+    return readSwitch(kSwitchLog, "TEZ_TEST_SWITCH");
 }
 
 struct SwitchValue {
     const char* text;
     bool expected;
 };
+
+void PrintTo(const SwitchValue& value, std::ostream* stream) {
+    *stream << "'" << value.text << "'";
+}
 
 class SwitchRule : public testing::TestWithParam<SwitchValue> {};
 

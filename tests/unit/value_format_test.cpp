@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <string>
-#include <tuple>
 
 using namespace tez;
 
@@ -14,7 +13,14 @@ std::string hexDump(const std::string& bytes) {
     return text == nullptr ? "(null)" : text.get();
 }
 
-using StateAndText = std::tuple<std::uint32_t, const char*>;
+struct StateAndText {
+    std::uint32_t state;
+    const char* text;
+};
+
+void PrintTo(const StateAndText& given, std::ostream* stream) {
+    *stream << given.text;
+}
 
 class ReaderStateFormat : public testing::TestWithParam<StateAndText> {};
 
@@ -39,8 +45,7 @@ TEST(HexDump, HasRoomForManyBytes) {
 }
 
 TEST_P(ReaderStateFormat, NamesTheBitsInTheirOrder) {
-    const auto [state, text] = GetParam();
-    EXPECT_STREQ(formatReaderState(state).c_str(), text);
+    EXPECT_STREQ(formatReaderState(GetParam().state).c_str(), GetParam().text);
 }
 
 INSTANTIATE_TEST_SUITE_P(

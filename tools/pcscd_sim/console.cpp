@@ -49,8 +49,7 @@ const Console::Entry Console::kEntries[] = {
      [](Console& console, const std::string&) { console.stopServing(); }},
     {"version", "MAJOR.MINOR", "announce this protocol version from the next handshake on",
      [](Console& console, const std::string& version) { console.setVersion(version); }},
-    {"help", "", "show these commands",
-     [](Console& console, const std::string&) { console.help(); }},
+    {"help", "", "show these commands", [](Console& /*console*/, const std::string&) { help(); }},
     {"quit", "", "end the simulator",
      [](Console& console, const std::string&) { console.quitting_ = true; }},
 };

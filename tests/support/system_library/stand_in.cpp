@@ -81,9 +81,10 @@ class OngoingCall {
 
 extern "C" {
 
+// Exported under the platform's names, whose declarations are an application's: they import.
 // NOLINTNEXTLINE(bugprone-macro-parentheses): names and parameter lists are no expressions
 #define TEZ_FORWARD_CALL(Result, name, parameters, arguments) \
-    Result WINAPI name parameters {                           \
+    Result WINAPI standIn##name parameters {                  \
         return tez::test::OngoingCall()->name arguments;      \
     }
 TEZ_FOR_EACH_SYSTEM_CALL(TEZ_FORWARD_CALL)
