@@ -1,7 +1,7 @@
 // SCardReadCacheW, SCardWriteCacheW and SCardGetReaderIconW
 #include "card_cache_test.h"
 #include "heap_spy.h"
-#include "system_library/reader_icon.h"
+#include "reader_icon.h"
 #include "wide_text.h"
 
 namespace tez::test {
