@@ -135,6 +135,24 @@ TEST_F(RemoteOnlyDatabase, SetsProviderNamesWithoutAContext) {
     EXPECT_EQ(SCardSetCardTypeProviderNameA(0, "Card", 2, "P"), SCARD_E_UNKNOWN_CARD);
 }
 
+TEST_F(RemoteOnlyDatabase, HandsOnWhatTheDaemonSaysOfUpdates) {
+    daemon().versionMinor = 0;
+    daemon().answers = {ByteString().u64(0).u32(1).u32(0x80100003).bytes()};
+    EXPECT_EQ(SCardAudit(0, 1), SCARD_E_INVALID_HANDLE);
+    EXPECT_EQ(takeRequest(),
+              (SentRequest{0x808, 16, ByteString().u64(0).u32(1).u32(0).bytes(), false}));
+    daemon().answers = {ByteString().u64(0).text("Card", 1024).u32(0x8010000D).bytes()};
+    EXPECT_EQ(SCardForgetCardTypeA(0, "Card"), SCARD_E_UNKNOWN_CARD);
+    EXPECT_EQ(
+        takeRequest(),
+        (SentRequest{0x80B, 1036, ByteString().u64(0).text("Card", 1024).u32(0).bytes(), false}));
+    const Bytes introduced = ByteString().u64(0).text("Card", 1024).fill(0, 97).bytes();
+    daemon().answers = {introduced};
+    EXPECT_EQ(SCardIntroduceCardTypeA(0, "Card", nullptr, nullptr, 0, nullptr, nullptr, 0),
+              SCARD_S_SUCCESS);
+    EXPECT_EQ(takeRequest(), (SentRequest{0x80A, 1129, introduced, false}));
+}
+
 TEST_F(RemoteOnlyDatabase, RefusesUpdatesOfAKnownContext) {
     const SCARDCONTEXT context = boundContext();
     EXPECT_EQ(SCardSetCardTypeProviderNameA(context, "Card", 2, "P"), SCARD_E_INVALID_HANDLE);
