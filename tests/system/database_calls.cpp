@@ -127,6 +127,25 @@ const std::vector<DatabaseQuery>& databaseQueries() {
     return queries;
 }
 
+const std::vector<DatabaseQuery>& redirectedUpdates() {
+    static const std::vector<DatabaseQuery> updates = [] {
+        std::vector<DatabaseQuery> made;
+        for (const DatabaseUpdate& update : databaseUpdates()) {
+            made.push_back({update.name,
+                            update.command,
+                            update.recordSize,
+                            update.recordSize - 4,
+                            0,
+                            {},
+                            1,
+                            [make = update.make](SCARDCONTEXT /*context*/, void* /*none*/,
+                                                 DWORD* /*none*/) { return make(0); }});
+        }
+        return made;
+    }();
+    return updates;
+}
+
 std::vector<DatabaseQuery> queriesWithData() {
     std::vector<DatabaseQuery> queries;
     std::ranges::copy_if(databaseQueries(), std::back_inserter(queries), &DatabaseQuery::hasData);
@@ -147,35 +166,38 @@ void serveQueries(DaemonSimulator& daemon, MockSystemCalls& host) {
         }
         daemon.on(query.command, answering(query.recordSize, fields, query.data));
     }
+    for (const DatabaseUpdate& update : databaseUpdates()) {
+        daemon.on(update.command, answering(update.recordSize, {}));
+    }
 }
 
 const std::vector<DatabaseUpdate>& databaseUpdates() {
     static const std::vector<DatabaseUpdate> updates = {
-        {"IntroduceCardTypeA",
+        {"IntroduceCardTypeA", Command::kIntroduceCardType, 1129,
          [](SCARDCONTEXT context) {
              return SCardIntroduceCardTypeA(context, "A New Card", &kDatabaseGuid, &kDatabaseGuid,
                                             1, kDatabaseAtr, nullptr, sizeof kDatabaseAtr);
          }},
-        {"SetCardTypeProviderNameA",
+        {"SetCardTypeProviderNameA", Command::kSetCardTypeProviderName, 1044,
          [](SCARDCONTEXT context) {
              return SCardSetCardTypeProviderNameA(context, "A New Card", SCARD_PROVIDER_CSP,
                                                   "A Provider");
          }},
-        {"ForgetCardTypeA",
+        {"ForgetCardTypeA", Command::kForgetCardType, 1036,
          [](SCARDCONTEXT context) { return SCardForgetCardTypeA(context, "A New Card"); }},
-        {"IntroduceCardTypeW",
+        {"IntroduceCardTypeW", Command::kIntroduceCardType, 1129,
          [](SCARDCONTEXT context) {
              return SCardIntroduceCardTypeW(context, L"A New Card", &kDatabaseGuid, &kDatabaseGuid,
                                             1, kDatabaseAtr, nullptr, sizeof kDatabaseAtr);
          }},
-        {"SetCardTypeProviderNameW",
+        {"SetCardTypeProviderNameW", Command::kSetCardTypeProviderName, 1044,
          [](SCARDCONTEXT context) {
              return SCardSetCardTypeProviderNameW(context, L"A New Card", SCARD_PROVIDER_CSP,
                                                   L"A Provider");
          }},
-        {"ForgetCardTypeW",
+        {"ForgetCardTypeW", Command::kForgetCardType, 1036,
          [](SCARDCONTEXT context) { return SCardForgetCardTypeW(context, L"A New Card"); }},
-        {"Audit",
+        {"Audit", Command::kAudit, 16,
          [](SCARDCONTEXT context) { return SCardAudit(context, SCARD_AUDIT_CHV_SUCCESS); }},
     };
     return updates;

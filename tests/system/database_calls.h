@@ -30,10 +30,15 @@ struct DatabaseQuery {
 /// SCardGetCardTypeProviderName reach the daemon only after redirectDatabaseCalls.
 const std::vector<DatabaseQuery>& databaseQueries();
 
-/// Those of them that hand data out.
+/// The updates, made with the null context, which alone takes them to the daemon. They use no other
+/// argument of `make`.
+const std::vector<DatabaseQuery>& redirectedUpdates();
+
+/// The queries that hand data out.
 std::vector<DatabaseQuery> queriesWithData();
 
-/// Lets a daemon answer the queries, and the host none of them but SCardListCards.
+/// Lets a daemon answer the queries and the updates, and the host none of the queries but
+/// SCardListCards.
 void serveQueries(DaemonSimulator& daemon, MockSystemCalls& host);
 
 void PrintTo(const DatabaseQuery& query, std::ostream* stream);
@@ -41,6 +46,8 @@ void PrintTo(const DatabaseQuery& query, std::ostream* stream);
 /// A call that changes something, or reports an event.
 struct DatabaseUpdate {
     std::string name;
+    Command command;
+    std::size_t recordSize;  ///< of the daemon's answer, whose last field is its result
     std::function<LONG(SCARDCONTEXT context)> make;
 };
 

@@ -55,7 +55,10 @@ class HostileDatabaseAnswerTest : public RemoteCardTest,
             case Command::kListCards:
                 return SCARD_S_SUCCESS;  // the host's cards alone
             case Command::kGetCardTypeProviderName:
-                return SCARD_E_UNKNOWN_CARD;  // the host's word
+                return SCARD_E_UNKNOWN_CARD;         // the host's word
+            case Command::kSetCardTypeProviderName:  // the host takes no null context
+            case Command::kForgetCardType:
+                return SCARD_E_INVALID_HANDLE;
             default:
                 return remoteFailure;
         }
@@ -167,6 +170,9 @@ TEST_P(HostileDatabaseDataTest, MayBeNoText) {
 
 INSTANTIATE_TEST_SUITE_P(EveryQuery, HostileDatabaseAnswerTest,
                          testing::ValuesIn(databaseQueries()), nameOfCall<DatabaseQuery>);
+
+INSTANTIATE_TEST_SUITE_P(EveryUpdate, HostileDatabaseAnswerTest,
+                         testing::ValuesIn(redirectedUpdates()), nameOfCall<DatabaseQuery>);
 
 INSTANTIATE_TEST_SUITE_P(EveryQuery, HostileDatabaseDataTest, testing::ValuesIn(queriesWithData()),
                          nameOfCall<DatabaseQuery>);

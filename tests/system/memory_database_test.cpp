@@ -6,9 +6,22 @@
 namespace tez::test {
 namespace {
 
-std::vector<SweptCall> sweptQueries() {
+/// What the host says to a call when the daemon's part of it failed.
+LONG hostsWord(Command command) {
+    switch (command) {
+        case Command::kGetCardTypeProviderName:
+            return SCARD_E_UNKNOWN_CARD;
+        case Command::kSetCardTypeProviderName:
+        case Command::kForgetCardType:
+            return SCARD_E_INVALID_HANDLE;
+        default:
+            return SCARD_S_SUCCESS;
+    }
+}
+
+std::vector<SweptCall> sweptQueries(const std::vector<DatabaseQuery>& queries) {
     std::vector<SweptCall> calls;
-    for (const DatabaseQuery& query : databaseQueries()) {
+    for (const DatabaseQuery& query : queries) {
         const auto make = [query](const SweptHandles& handles) {
             return query.hasData()
                        ? freeing(handles,
@@ -17,11 +30,10 @@ std::vector<SweptCall> sweptQueries() {
                                  })
                        : query.make(handles.context, nullptr, nullptr);
         };
-        const bool asksTheHostInstead = query.command == Command::kGetCardTypeProviderName;
         calls.push_back({.name = query.name,
                          .make = make,
                          .isRedirected = true,
-                         .fallback = asksTheHostInstead ? SCARD_E_UNKNOWN_CARD : SCARD_S_SUCCESS});
+                         .fallback = hostsWord(query.command)});
     }
     return calls;
 }
@@ -127,7 +139,10 @@ std::vector<SweptCall> sweptWideCalls() {
     };
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryQuery, MemoryTest, testing::ValuesIn(sweptQueries()),
+INSTANTIATE_TEST_SUITE_P(EveryQuery, MemoryTest, testing::ValuesIn(sweptQueries(databaseQueries())),
+                         nameOfCall<SweptCall>);
+INSTANTIATE_TEST_SUITE_P(EveryUpdate, MemoryTest,
+                         testing::ValuesIn(sweptQueries(redirectedUpdates())),
                          nameOfCall<SweptCall>);
 INSTANTIATE_TEST_SUITE_P(OnTheHost, MemoryTest, testing::ValuesIn(sweptHostQueries()),
                          nameOfCall<SweptCall>);
