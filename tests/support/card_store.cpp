@@ -55,10 +55,9 @@ CardType cardTypeOf(const VirtualCard& card) {
     return type;
 }
 
-LONG CardStore::introduce(const std::string& card, CardType&& type) {
+LONG CardStore::introduce(const std::string& card, const CardType& type) {
     const std::lock_guard lock(mutex_);
-    return types_.try_emplace(card, std::move(type)).second ? SCARD_S_SUCCESS
-                                                            : ERROR_ALREADY_EXISTS;
+    return types_.try_emplace(card, type).second ? SCARD_S_SUCCESS : ERROR_ALREADY_EXISTS;
 }
 
 LONG CardStore::forget(const std::string& card) {

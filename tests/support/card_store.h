@@ -40,7 +40,7 @@ CardType cardTypeOf(const VirtualCard& card);
 class CardStore {
   public:
     /// ERROR_ALREADY_EXISTS when there is a card of that name.
-    LONG introduce(const std::string& card, CardType&& type);
+    LONG introduce(const std::string& card, const CardType& type);
     /// SCARD_E_UNKNOWN_CARD when there is none.
     LONG forget(const std::string& card);
     std::optional<CardType> find(const std::string& card) const;

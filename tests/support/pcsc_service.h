@@ -115,8 +115,8 @@ class PcscService {
     /// there is no such reader. Context 0 asks without a context.
     LONG getDeviceTypeId(Context context, const std::string& reader, DWORD& type) const;
     LONG getReaderIcon(Context context, const std::string& reader, Bytes& icon) const;
-    /// SCARD_E_INVALID_PARAMETER for anything but the platform's two events. Context 0 audits without
-    /// a context.
+    /// SCARD_E_INVALID_PARAMETER for anything but the platform's two events. Context 0 audits
+    /// without a context.
     LONG audit(Context context, DWORD event) const;
 
     /// Shared and exclusive connections need a card and a protocol that it offers (or raw, or the

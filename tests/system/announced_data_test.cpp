@@ -172,7 +172,7 @@ TEST_P(AnnouncedDataTest, OfNoBytesIsASuccess) {
 
 TEST_P(AnnouncedDataTest, OfTheMostThatIsTakenIsTaken) {
     establishContext();
-    answerWith(Bytes(16 * 1024 * 1024, 0x5A));
+    answerWith(Bytes(std::size_t{16} * 1024 * 1024, 0x5A));
     EXPECT_THAT(call(nullptr), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(length, 16U * 1024 * 1024);
     expectDataNow();

@@ -25,8 +25,8 @@ class CardCacheReadTest : public CardCacheTest {
     }
 
     /// The first line of a call.
-    std::string inLine(const void* cardAddress, const void* name, const void* data,
-                       const void* dataLength) const {
+    static std::string inLine(const void* cardAddress, const void* name, const void* data,
+                              const void* dataLength) {
         return "READ_CACHE IN-PARAMS: 1, " + logged(cardAddress) + ", 16909060, " + logged(name) +
                ", " + logged(data) + ", " + logged(dataLength);
     }

@@ -50,7 +50,7 @@ DatabaseQuery writeCache(const char* name, auto call) {
     return {name, Command::kWriteCache, 36, 32, 0, {}, 1, call};
 }
 
-DatabaseQuery readerIcon(const char* name, auto call) {
+DatabaseQuery iconQuery(const char* name, auto call) {
     return {name, Command::kGetReaderIcon, 16, 12, 8, sampleBytes(300), 1, call};
 }
 
@@ -114,15 +114,15 @@ const std::vector<DatabaseQuery>& databaseQueries() {
                        BYTE data[] = {1, 2, 3};
                        return SCardWriteCacheW(context, &card, kFreshness, wideItem, data, 3);
                    }),
-        readerIcon("GetReaderIconA",
-                   [](SCARDCONTEXT context, void* icon, DWORD* length) {
-                       return SCardGetReaderIconA(context, kRemoteReader, as<BYTE>(icon), length);
-                   }),
-        readerIcon("GetReaderIconW",
-                   [](SCARDCONTEXT context, void* icon, DWORD* length) {
-                       return SCardGetReaderIconW(context, kWideRemoteReader, as<BYTE>(icon),
-                                                  length);
-                   }),
+        iconQuery("GetReaderIconA",
+                  [](SCARDCONTEXT context, void* icon, DWORD* length) {
+                      return SCardGetReaderIconA(context, kRemoteReader, as<BYTE>(icon), length);
+                  }),
+        iconQuery("GetReaderIconW",
+                  [](SCARDCONTEXT context, void* icon, DWORD* length) {
+                      return SCardGetReaderIconW(context, kWideRemoteReader, as<BYTE>(icon),
+                                                 length);
+                  }),
     };
     return queries;
 }

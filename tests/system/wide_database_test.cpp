@@ -82,7 +82,7 @@ TEST_F(WideCardListTest, IsAllocatedForACallerWhoWantsThat) {
     length = SCARD_AUTOALLOCATE;
     ASSERT_THAT(list(reinterpret_cast<LPWSTR>(&cards)), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(std::wstring(cards, length), hostsCards);
-    EXPECT_EQ(heap.outstanding(kLength * 2), 1U);
+    EXPECT_EQ(heap.outstanding(std::size_t{kLength} * 2), 1U);
     EXPECT_EQ(heap.outstanding(kLength), 0U);
     EXPECT_THAT(SCardFreeMemory(context, cards), Gives(SCARD_S_SUCCESS));
     EXPECT_TRUE(heap.wasFreed(cards));
@@ -164,7 +164,7 @@ TEST_F(WideCardListTest, TellsForeignNamesOfTheDaemon) {
 TEST_F(WideCardListTest, WithoutMemoryLeavesNothingAllocated) {
     establishContext();
     HeapSpy heap;
-    heap.refuse(kLength * 2);
+    heap.refuse(std::size_t{kLength} * 2);
     EXPECT_THAT(list(nullptr), Gives(SCARD_E_NO_MEMORY));
     EXPECT_EQ(heap.outstanding(kLength), 0U);
     EXPECT_EQ(host.heap().outstanding(), 0U);

@@ -105,7 +105,7 @@ TEST_F(WideReaderListTest, IsAllocatedAsOneWideBlockThatSCardFreeMemoryFrees) {
     ASSERT_THAT(list(reinterpret_cast<LPWSTR>(&readers)), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(length, kBothLength);
     EXPECT_EQ(std::wstring(readers, length), kBothReaders);
-    EXPECT_EQ(heap.outstanding(kBothLength * 2), 1U) << "the caller's block alone";
+    EXPECT_EQ(heap.outstanding(std::size_t{kBothLength} * 2), 1U) << "the caller's block alone";
     EXPECT_EQ(heap.outstanding(kBothLength), 0U) << "the narrow list";
     EXPECT_THAT(SCardFreeMemory(context, readers), Gives(SCARD_S_SUCCESS));
     EXPECT_TRUE(heap.wasFreed(readers));
@@ -165,7 +165,7 @@ TEST_F(WideReaderListTest, ReturnsTheNarrowCallsFailureAndCopiesNothing) {
 TEST_F(WideReaderListTest, WithoutMemoryIsAFailureThatLeavesNothingAllocated) {
     establishContext();
     HeapSpy heap;
-    heap.refuse(kBothLength * 2);
+    heap.refuse(std::size_t{kBothLength} * 2);
     wchar_t* readers = nullptr;
     length = SCARD_AUTOALLOCATE;
     EXPECT_THAT(list(reinterpret_cast<LPWSTR>(&readers)), Gives(SCARD_E_NO_MEMORY));
@@ -299,7 +299,7 @@ TEST_F(WideReaderGroupsTest, AreAllocatedForACallerWhoWantsThat) {
     length = SCARD_AUTOALLOCATE;
     ASSERT_THAT(list(reinterpret_cast<LPWSTR>(&block)), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(std::wstring(block, length), groups);
-    EXPECT_EQ(heap.outstanding(kGroupsLength * 2), 1U);
+    EXPECT_EQ(heap.outstanding(std::size_t{kGroupsLength} * 2), 1U);
     EXPECT_EQ(heap.outstanding(kGroupsLength), 0U);
     EXPECT_THAT(SCardFreeMemory(context, block), Gives(SCARD_S_SUCCESS));
     EXPECT_TRUE(heap.wasFreed(block));

@@ -25,6 +25,8 @@ class ClientTest : public testing::Test {
         std::ofstream(cardFile()).close();
         SetEnvironmentVariableA("TEZ_STAND_IN_CARD_FILE", cardFile().string().c_str());
     }
+    ClientTest(const ClientTest&) = delete;
+    ClientTest& operator=(const ClientTest&) = delete;
     ~ClientTest() override { std::filesystem::remove(cardFile()); }
 
     /// While there is this file, the host's reader holds a card.

@@ -17,7 +17,7 @@ namespace {
 const std::string kUnfittingName(1024, 'C');
 
 Bytes databaseBytes(const std::string& text) {
-    return Bytes(text.begin(), text.end());
+    return {text.begin(), text.end()};
 }
 
 Bytes listCardsRecord(std::uint64_t context, std::uint32_t length, std::uint32_t rv = 0) {

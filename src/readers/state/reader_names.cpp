@@ -55,12 +55,12 @@ void setRemoteReaderNames(std::string_view multiString) {
 }
 
 void forgetLocalReaderNames() noexcept {
-    {
-        const SlimGuard guard(names().readerListMutex);
-        names().listReadersCalled.exchange(false);
-        ++names().currentListing;
-    }
-    replace(&ReaderNames::localReaderNames, {});
+    NameList old;
+    const SlimGuard guard(names().readerListMutex);
+    // As one: a listing that came between would be taken for one that is up to date.
+    names().listReadersCalled.exchange(false);
+    ++names().currentListing;
+    std::swap(names().localReaderNames, old);
 }
 
 void forgetRemoteReaderNames() noexcept {
