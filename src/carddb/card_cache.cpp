@@ -39,19 +39,15 @@ struct ReadArguments {
 };
 
 LONG readRemotely(const RemoteCall& call, const ReadArguments& arguments, bool& hasArrived) {
-    const auto refuse = [&call](const char* reason) -> LONG {
-        call.log.debug("%s", reason);
-        return SCARD_E_INVALID_PARAMETER;
-    };
     if (arguments.identifier == nullptr) {
-        return refuse("cardIdentifier cannot be NULL");
+        return refuse(call.log, "cardIdentifier cannot be NULL");
     }
     if (arguments.lookupName == nullptr) {
-        return refuse("LookupName cannot be NULL");
+        return refuse(call.log, "LookupName cannot be NULL");
     }
     call.log.debug("    lookupName is %s", arguments.lookupName);
     if (arguments.length == nullptr) {
-        return refuse("dataLen cannot be NULL");
+        return refuse(call.log, "dataLen cannot be NULL");
     }
     call.log.debug("    dataLen is %lu", *arguments.length);
     if (!checkKnown(call.log, call.context)) {
@@ -95,26 +91,22 @@ struct WriteArguments {
 };
 
 LONG writeRemotely(const RemoteCall& call, const WriteArguments& arguments) {
-    const auto refuse = [&call](const char* reason) -> LONG {
-        call.log.debug("%s", reason);
-        return SCARD_E_INVALID_PARAMETER;
-    };
     if (arguments.identifier == nullptr) {
-        return refuse("cardIdentifier cannot be NULL");
+        return refuse(call.log, "cardIdentifier cannot be NULL");
     }
     if (arguments.lookupName == nullptr) {
-        return refuse("LookupName cannot be NULL");
+        return refuse(call.log, "LookupName cannot be NULL");
     }
     call.log.debug("    LookupName is %s", arguments.lookupName);
     if (arguments.data == nullptr) {
-        return refuse("data cannot be NULL");
+        return refuse(call.log, "data cannot be NULL");
     }
     if (!isSendable(sizeof(CacheRecord), arguments.length)) {
         return SCARD_E_INVALID_PARAMETER;
     }
     logData(call.log, arguments.data, arguments.length);
     if (arguments.length == 0) {
-        return refuse("No data to write");
+        return refuse(call.log, "No data to write");
     }
     call.log.debug("    dataLen %lu", arguments.length);
     if (!checkKnown(call.log, call.context)) {

@@ -12,12 +12,10 @@ namespace {
 
 LONG getDeviceTypeRemotely(const RemoteCall& call, LPCSTR readerName, LPDWORD deviceTypeId) {
     if (readerName == nullptr) {
-        call.log.debug("Reader name pointer cannot be NULL");
-        return SCARD_E_INVALID_PARAMETER;
+        return refuse(call.log, "Reader name pointer cannot be NULL");
     }
     if (deviceTypeId == nullptr) {
-        call.log.debug("Device type ID pointer cannot be NULL");
-        return SCARD_E_INVALID_PARAMETER;
+        return refuse(call.log, "Device type ID pointer cannot be NULL");
     }
     if (!checkKnown(call.log, call.context)) {
         return SCARD_E_INVALID_HANDLE;

@@ -25,12 +25,10 @@ struct ProviderArguments {
 LONG getProviderRemotely(const RemoteCall& call, const ProviderArguments& arguments,
                          ProviderNameRecord& record, HeapPtr<char>& name) {
     if (arguments.length == nullptr) {
-        call.log.debug("pcchProvider cannot be NULL");
-        return SCARD_E_INVALID_PARAMETER;
+        return refuse(call.log, "pcchProvider cannot be NULL");
     }
     if (arguments.cardName == nullptr) {
-        call.log.debug("szCardName cannot be NULL");
-        return SCARD_E_INVALID_PARAMETER;
+        return refuse(call.log, "szCardName cannot be NULL");
     }
     if (!copyToField(record.szCardName, arguments.cardName)) {
         return SCARD_E_INVALID_VALUE;

@@ -15,8 +15,7 @@ namespace {
 /// A null name is the daemon's business: it gets an empty one.
 LONG getIconRemotely(const RemoteCall& call, LPCSTR readerName, LPBYTE icon, LPDWORD length) {
     if (length == nullptr) {
-        call.log.debug("pcbIcon cannot be NULL");
-        return SCARD_E_INVALID_PARAMETER;
+        return refuse(call.log, "pcbIcon cannot be NULL");
     }
     if (!checkKnown(call.log, call.context)) {
         return SCARD_E_INVALID_HANDLE;

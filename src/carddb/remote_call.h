@@ -55,6 +55,12 @@ LONG callRemotely(const RemoteCall& call, DoExchange exchangeRecords) {
     return exchangeRecords(exchange, remoteContext);
 }
 
+/// Refuses an argument, and says why.
+inline LONG refuse(const FunctionLog& log, const char* reason) noexcept {
+    log.debug("%s", reason);
+    return SCARD_E_INVALID_PARAMETER;
+}
+
 /// The check of the query calls: the context must be one of the library's.
 inline bool checkKnown(const FunctionLog& log, SCARDCONTEXT context) noexcept {
     const bool isKnown = isContextKnown(context);
