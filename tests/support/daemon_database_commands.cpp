@@ -133,7 +133,7 @@ Reply introduceCardType(PcscService& service, Bytes record, const Bytes& data) {
     LONG result = type.atr.empty() ? SCARD_E_INVALID_PARAMETER
                                    : checkContextOrNone(service, u64At(record, 0));
     if (result == SCARD_S_SUCCESS) {
-        result = service.cardStore().introduce(*card, std::move(type));
+        result = service.cardStore().introduce(*card, type);
     }
     return answered(std::move(record), 1125, result);
 }

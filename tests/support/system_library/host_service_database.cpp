@@ -38,7 +38,7 @@ LONG HostService::SCardIntroduceCardTypeA(SCARDCONTEXT context, LPCSTR card,
         type.primaryProvider = *primaryProvider;
     }
     type.interfaces.assign(interfaces, interfaces + interfaceCount);
-    return pcsc_.cardStore().introduce(card, std::move(type));
+    return pcsc_.cardStore().introduce(card, type);
 }
 
 LONG HostService::SCardForgetCardTypeA(SCARDCONTEXT context, LPCSTR card) {
