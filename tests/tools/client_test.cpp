@@ -20,13 +20,15 @@ constexpr const char* kDemoAtrText = "3B 89 01 44 45 4D 4F 20 43 41 52 44 BF";
 constexpr const char* kItem = "00112233-4455-6677-8899-AABBCCDDEEFF \"an item\"";
 
 class ClientTest : public testing::Test {
+  public:
+    ClientTest(const ClientTest&) = delete;
+    ClientTest& operator=(const ClientTest&) = delete;
+
   protected:
     ClientTest() {
         std::ofstream(cardFile()).close();
         SetEnvironmentVariableA("TEZ_STAND_IN_CARD_FILE", cardFile().string().c_str());
     }
-    ClientTest(const ClientTest&) = delete;
-    ClientTest& operator=(const ClientTest&) = delete;
     ~ClientTest() override { std::filesystem::remove(cardFile()); }
 
     /// While there is this file, the host's reader holds a card.
