@@ -315,17 +315,25 @@ TEST_F(TransportTest, WaitsForAnswersWithoutEnd) {
             }
             return ::WaitForSingleObject(object, timeout);
         });
-    Latch waiting(1);
+    // The daemon answers when the read is on its way, so that there is something to wait for.
+    Latch isReading(1);
+    const ImportPatch<decltype(::ReadFile)> read(
+        libraryModule(), "KERNEL32.dll", "ReadFile",
+        [&, thread = GetCurrentThreadId()](HANDLE pipe, LPVOID data, DWORD size, LPDWORD count,
+                                           LPOVERLAPPED overlapped) {
+            const BOOL done = ::ReadFile(pipe, data, size, count, overlapped);
+            const DWORD error = GetLastError();
+            if (GetCurrentThreadId() == thread) {
+                isReading.countDown();
+            }
+            SetLastError(error);
+            return done;
+        });
     daemon.on(Command::kGetTransmitCount, [&](const Request&) -> std::optional<Reply> {
-        waiting.wait();
+        isReading.wait();
         return std::nullopt;
     });
-    std::thread release([&] {
-        EXPECT_TRUE(daemon.waitForRequest(Command::kGetTransmitCount, 1, kPatience));
-        waiting.countDown();
-    });
     EXPECT_THAT(transmitCountOf(card), Gives(SCARD_S_SUCCESS));
-    release.join();
     EXPECT_THAT(timeouts, Contains(INFINITE));
 }
 

@@ -196,8 +196,37 @@ int endWithAStartedEvent() {
     return 7;
 }
 
+/// Lets the library read from its pipes only while nobody has the lock that this returns exclusively.
+/// Reads of one byte go on: they wait for the end of a pipe, not for an answer.
+///
+/// Wine loses a lock of its own with a thread that it stops while the thread reads from a pipe. When
+/// an answer of another stopped thread comes in then, the thread that ends the process waits for
+/// that lock in TerminateProcess for ever, before any library has been told of the end.
+SRWLOCK& gateReads(const Library& library) {
+    static SRWLOCK gate = SRWLOCK_INIT;
+    const auto read = [](HANDLE file, LPVOID buffer, DWORD size, LPDWORD count,
+                         LPOVERLAPPED overlapped) {
+        if (size == 1) {
+            return ReadFile(file, buffer, size, count, overlapped);
+        }
+        AcquireSRWLockShared(&gate);
+        const BOOL isRead = ReadFile(file, buffer, size, count, overlapped);
+        const DWORD error = GetLastError();
+        if (isRead == FALSE && error == ERROR_IO_PENDING) {
+            WaitForSingleObject(overlapped->hEvent, INFINITE);
+        }
+        ReleaseSRWLockShared(&gate);
+        SetLastError(error);
+        return isRead;
+    };
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): kept for the threads that call
+    new ImportPatch<decltype(::ReadFile)>(library.module(), "KERNEL32.dll", "ReadFile", read);
+    return gate;
+}
+
 int endWithBusyThreads() {
     static const Library library;
+    SRWLOCK& reads = gateReads(library);
     const SCARDCONTEXT context = library.establish();
     for (int i = 0; i < 8; ++i) {
         std::thread([context] {
@@ -208,6 +237,7 @@ int endWithBusyThreads() {
         }).detach();
     }
     meetTheTest();
+    AcquireSRWLockExclusive(&reads);
     return 7;
 }
 
