@@ -15,7 +15,7 @@ struct HandleCloser {
 /// Owns an event or a thread; null when there is none.
 using OwnedHandle = std::unique_ptr<void, HandleCloser>;
 
-/// Owns the handle of an open file or pipe. Apart from OwnedEvent because "none" is
+/// Owns the handle of an open file or pipe. Apart from OwnedHandle because "none" is
 /// INVALID_HANDLE_VALUE here, not null.
 class OwnedFile {
   public:

@@ -36,7 +36,13 @@ bool isSingleProtocol(DWORD protocol) {
     return known == SCARD_PROTOCOL_T0 || known == SCARD_PROTOCOL_T1 || known == SCARD_PROTOCOL_RAW;
 }
 
-LONG checkPcis(const FunctionLog& log, const TransmitArguments& arguments) {
+LONG checkValues(const FunctionLog& log, const TransmitArguments& arguments) {
+    // The platform allocates no answers. A caller that asks for it gives the place of a pointer as
+    // buffer; as a length the value would let the daemon write far behind that.
+    if (*arguments.receiveLength == SCARD_AUTOALLOCATE) {
+        log.warning("pcbRecvLength cannot be SCARD_AUTOALLOCATE");
+        return SCARD_E_INVALID_PARAMETER;
+    }
     if (!isSingleProtocol(arguments.sendPci->dwProtocol)) {
         log.warning("Protocol %lu for pioSendPci is not supported", arguments.sendPci->dwProtocol);
         return SCARD_E_INVALID_PARAMETER;
@@ -106,7 +112,7 @@ LONG transmitRemotely(const FunctionLog& log, const RemoteCard& card,
     LONG rv =
         checkDataLimits(log, exchange, card.state, arguments.sendLength, *arguments.receiveLength);
     if (rv == SCARD_S_SUCCESS) {
-        rv = checkPcis(log, arguments);
+        rv = checkValues(log, arguments);
     }
     if (rv == SCARD_S_SUCCESS && !card.hasContext()) {
         rv = SCARD_E_INVALID_HANDLE;

@@ -286,6 +286,21 @@ TEST_F(TransmitTest, RefusesACommandThatNoHeaderCanAnnounce) {
     EXPECT_THAT(SCardBeginTransaction(card.handle), Gives(SCARD_S_SUCCESS));
 }
 
+TEST_F(TransmitTest, AllocatesNoAnswer) {
+    connectCard({1, 3});
+    answerWith(sampleBytes(100));
+    const GuardedBuffer place(sizeof(BYTE*));
+    length = SCARD_AUTOALLOCATE;
+    EXPECT_THAT(SCardTransmit(card.handle, SCARD_PCI_T1, getChallenge().data(), 5, nullptr,
+                              place.data(), &length),
+                Gives(SCARD_E_INVALID_PARAMETER));
+    EXPECT_TRUE(place.untouched());
+    EXPECT_EQ(length, SCARD_AUTOALLOCATE);
+    EXPECT_THAT(log().messages("SCardTransmit", 'W'),
+                ElementsAre("pcbRecvLength cannot be SCARD_AUTOALLOCATE"));
+    EXPECT_THAT(daemon.requests(), IsEmpty());
+}
+
 TEST_F(TransmitTest, LeavesTheCallersLengthAndBufferWhenTheDaemonRefuses) {
     connectCard();
     daemon.on(Command::kTransmit,
