@@ -79,9 +79,15 @@ TEST(PipeConnection, OpensThePipeForOverlappedReadingAndWriting) {
               "D (DaemonConnectionTEZ::connectSocket): Failed to connect to pipe: 0x00000005");
 }
 
+/// Keeps the instance busy for as long as its client stays.
+void serveOneClient(ServerPipe& pipe) {
+    pipe.accept();
+    pipe.waitForClose();
+}
+
 TEST(PipeConnection, GivesABusyPipeUpAfterTheServersTime) {
     const CapturedLog log;
-    PipeServer daemon([](ServerPipe& pipe) { pipe.waitForClose(); });
+    PipeServer daemon(serveOneClient);
     const OwnedFile other(CreateFileA(kDaemonPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                       OPEN_EXISTING, 0, nullptr));
     ASSERT_TRUE(other.isOpen());
@@ -92,7 +98,7 @@ TEST(PipeConnection, GivesABusyPipeUpAfterTheServersTime) {
 }
 
 TEST(PipeConnection, TriesABusyPipeAgainAsOftenAsTheWaitSucceeds) {
-    PipeServer daemon([](ServerPipe& pipe) { pipe.waitForClose(); });
+    PipeServer daemon(serveOneClient);
     const OwnedFile other(CreateFileA(kDaemonPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                       OPEN_EXISTING, 0, nullptr));
     ASSERT_TRUE(other.isOpen());
