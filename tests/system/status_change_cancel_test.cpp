@@ -73,10 +73,11 @@ TEST_F(StatusChangeCancel, ByTheApplicationEndsBothSides) {
     const SCARDCONTEXT context = establishAndList();
     EXPECT_CALL(host, SCardCancel(kFirstHostContext)).Times(1);
     const BackgroundWait wait = waitOnBothSides(context);
+    const ULONGLONG cancelled = GetTickCount64();
     EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
+    EXPECT_LT(GetTickCount64() - cancelled, 1000U) << "later a repeat could have ended it";
     EXPECT_EQ(remoteCancels(), 1U);
-    EXPECT_LT(wait.duration(), 1000U);
 }
 
 TEST_F(StatusChangeCancel, ByTheApplicationEndsAWaitOnTheHostAlone) {
