@@ -182,8 +182,8 @@ TEST_F(HandshakeTest, ADaemonThatClosesInsteadOfAnsweringIsNoService) {
                     'W', "DaemonConnectionTEZ::handshake",
                     R"(Unable to retrieve protocol info from socket '\\.\pipe\tez-pcscd-0')")));
     expectTheHostAlone(context);
-    daemon.setObserver({});
     daemon.setReplyVersion(true);
+    daemon.setObserver({});
     expectService(context);
 }
 

@@ -206,6 +206,7 @@ TEST_F(MonitorTest, EveryFirstCallWaitsForTheFirstCheck) {
     std::thread second(establishOne);
     ASSERT_TRUE(eventually([&] { return log().messages("SCardEstablishContext").size() == 2; }))
         << "both calls have logged their arguments";
+    ::Sleep(200);
     EXPECT_EQ(established, 0);
     daemon.setReplyVersion(true);
     Bytes version(8);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
+#include <memory>
 #include <random>
 
 #include "database_calls.h"
@@ -141,9 +142,9 @@ class RandomDaemonTest : public RemoteCardTest, public testing::WithParamInterfa
 
     void answerAtRandom() {
         for (const Answered& answered : kAnswered) {
-            daemon.on(answered.command, [choose = Choice(choose_.number()),
-                                         answered](const Request& request) mutable {
-                return randomReply(choose, request, answered);
+            daemon.on(answered.command, [choose = std::make_shared<Choice>(choose_.number()),
+                                         answered](const Request& request) {
+                return randomReply(*choose, request, answered);
             });
         }
     }

@@ -395,7 +395,8 @@ TEST_F(TransportTest, TransfersLeaveNoHandlesBehind) {
     for (int i = 0; i < 50; ++i) {
         EXPECT_THAT(transmitCountOf(card), Gives(SCARD_S_SUCCESS));
     }
-    EXPECT_EQ(handles(), before);
+    // The daemon in this process may still be closing what it answered the last one with.
+    EXPECT_TRUE(eventually([&] { return handles() <= before; })) << handles() << " of " << before;
 }
 
 TEST_F(TransportTest, EventsAreManualResetAndNotSetAtFirst) {

@@ -4,6 +4,7 @@
 #include <windows.h>
 #include <winscard.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <functional>
 #include <iostream>
@@ -168,10 +169,19 @@ int returnFromMain() {
 }
 
 int endInAWait() {
+    static const UniqueHandle isInside(CreateEventA(nullptr, TRUE, FALSE, nullptr));
     static const Library library;
+    replaceHostFunction(
+        library, "SCardGetStatusChangeA",
+        +[](SCARDCONTEXT, DWORD, LPSCARD_READERSTATEA, DWORD) -> LONG {
+            SetEvent(isInside.get());
+            Sleep(INFINITE);
+            return SCARD_S_SUCCESS;
+        });
     const SCARDCONTEXT context = library.establish();
     library.listReaders(context);
     std::thread([context] { library.waitForCards(context); }).detach();
+    require(WaitForSingleObject(isInside.get(), 20000) == WAIT_OBJECT_0, "nobody waits");
     meetTheTest();
     return 7;
 }
@@ -196,12 +206,12 @@ int endWithAStartedEvent() {
     return 7;
 }
 
-/// Lets the library read from its pipes only while nobody has the lock that this returns exclusively.
-/// Reads of one byte go on: they wait for the end of a pipe, not for an answer.
+/// Lets the library read from its pipes only while nobody has the lock that this returns
+/// exclusively. Reads of one byte go on: they wait for the end of a pipe, not for an answer.
 ///
-/// Wine loses a lock of its own with a thread that it stops while the thread reads from a pipe. When
-/// an answer of another stopped thread comes in then, the thread that ends the process waits for
-/// that lock in TerminateProcess for ever, before any library has been told of the end.
+/// Wine loses a lock of its own with a thread that it stops while the thread reads from a pipe.
+/// When an answer of another stopped thread comes in then, the thread that ends the process waits
+/// for that lock in TerminateProcess for ever, before any library has been told of the end.
 SRWLOCK& gateReads(const Library& library) {
     static SRWLOCK gate = SRWLOCK_INIT;
     const auto read = [](HANDLE file, LPVOID buffer, DWORD size, LPDWORD count,
@@ -226,15 +236,19 @@ SRWLOCK& gateReads(const Library& library) {
 
 int endWithBusyThreads() {
     static const Library library;
+    static std::atomic<int> calls = 0;
     SRWLOCK& reads = gateReads(library);
     const SCARDCONTEXT context = library.establish();
     for (int i = 0; i < 8; ++i) {
         std::thread([context] {
-            for (;;) {
+            for (;; ++calls) {
                 library.listReaders(context);
                 library.function<LONG WINAPI(SCARDCONTEXT)>("SCardIsValidContext")(context);
             }
         }).detach();
+    }
+    while (calls < 50) {
+        Sleep(1);
     }
     meetTheTest();
     AcquireSRWLockExclusive(&reads);
@@ -265,8 +279,28 @@ int endAfterATerminatedThread() {
     static const Library library;
     const SCARDCONTEXT context = library.establish();
     library.listReaders(context);
-    std::thread waiter([context] { library.waitForCards(context); });
+    // Ended anywhere else than in its wait for the answer, it could hold a lock of the C runtime.
+    static std::atomic<DWORD> waiterId = 0;
+    static std::atomic<bool> isWaiting = false;
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): kept for the threads that call
+    new ImportPatch<decltype(::WaitForSingleObject)>(
+        library.module(), "KERNEL32.dll", "WaitForSingleObject", [](HANDLE object, DWORD timeout) {
+            if (GetCurrentThreadId() != waiterId) {
+                return WaitForSingleObject(object, timeout);
+            }
+            isWaiting = timeout == INFINITE;
+            const DWORD result = WaitForSingleObject(object, timeout);
+            isWaiting = false;
+            return result;
+        });
+    std::thread waiter([context] {
+        waiterId = GetCurrentThreadId();
+        library.waitForCards(context);
+    });
     meetTheTest();
+    while (!isWaiting) {
+        Sleep(1);
+    }
     TerminateThread(pthread_gethandle(waiter.native_handle()), 0);
     waiter.detach();
     const SCARDCONTEXT other = library.establish();

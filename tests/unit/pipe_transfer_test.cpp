@@ -48,8 +48,8 @@ TEST(PipeTransfer, GivesAReadUpAfterItsTimeAndOpensAFreshPipeForTheNextRequest) 
     Bytes request;
     PipeServer daemon([&request](ServerPipe& pipe) {
         pipe.accept();
-        pipe.handshake();
         ServerPipe fresh = pipe.makeNext();
+        pipe.handshake();
         EXPECT_TRUE(pipe.waitForClose());
         fresh.accept();
         fresh.handshake();
