@@ -6,6 +6,7 @@
 #include "common/heap.h"
 #include "common/scard_api.h"
 #include "log/function_log.h"
+#include "readers/reader_states.h"
 
 using namespace tez;
 
@@ -74,8 +75,6 @@ LONG WINAPI SCardStatusW(SCARDHANDLE hCard, LPWSTR szReaderName, LPDWORD pcchRea
 }
 
 namespace {
-
-constexpr DWORD kMostReaders = 16;
 
 /// Copies all but the reader's name, which the two forms spell differently.
 template <class From, class To>

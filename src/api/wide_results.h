@@ -1,6 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <string>
+#include <string_view>
 
 #include "common/copy_out.h"
 #include "common/local_buffer.h"
@@ -13,6 +15,16 @@ namespace tez {
 // allocates its result, which is converted and copied out, counted in wide characters. A failure of
 // the narrow call is returned unchanged and nothing is copied.
 
+/// The text with two NULs behind it: one that the host handed out may lack its end. Null when
+/// memory is exhausted.
+inline HeapPtr<char> withEnd(std::string_view text) noexcept {
+    HeapPtr<char> copy(static_cast<char*>(heapAllocate(text.size() + 2)));
+    if (copy != nullptr) {
+        std::fill_n(std::copy(text.begin(), text.end(), copy.get()), 2, '\0');
+    }
+    return copy;
+}
+
 /// @param call  called with the destination and the length of a narrow multi-string.
 template <class Call>
 LONG copyOutWideNames(LPWSTR destination, LPDWORD length, Call call) {
@@ -21,8 +33,9 @@ LONG copyOutWideNames(LPWSTR destination, LPDWORD length, Call call) {
     if (rv != SCARD_S_SUCCESS) {
         return rv;
     }
+    const HeapPtr<char> names = withEnd(narrow.text());
     std::uint32_t count = 0;
-    const HeapPtr<wchar_t> wide = multiToWide(narrow.text().data(), count);
+    const HeapPtr<wchar_t> wide = multiToWide(names.get(), count);
     return wide == nullptr ? SCARD_E_NO_MEMORY
                            : copyOutBuffer(wide.get(), count, destination, length, sizeof(wchar_t));
 }
@@ -35,7 +48,8 @@ LONG copyOutWideText(LPWSTR destination, LPDWORD length, Call call) {
     if (rv != SCARD_S_SUCCESS) {
         return rv;
     }
-    const HeapPtr<wchar_t> wide = toWide(narrow.text().data());
+    const HeapPtr<char> text = withEnd(narrow.text());
+    const HeapPtr<wchar_t> wide = toWide(text.get());
     if (wide == nullptr) {
         return SCARD_E_NO_MEMORY;
     }

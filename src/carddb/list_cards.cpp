@@ -38,7 +38,9 @@ LONG listRemotely(const RemoteCall& call, const ListCardsArguments& arguments, s
                 call.log.debug("Malformed ATR in request (parsed length: %u)", atrLength);
                 return SCARD_S_SUCCESS;
             }
-            call.log.debug("ATR found is %s", atrToHex(arguments.atr, atrLength).c_str());
+            if (isLogged(LogLevel::Debug)) {
+                call.log.debug("ATR found is %s", atrToHex(arguments.atr, atrLength).c_str());
+            }
             record.isAtrPresent = 1;
             std::memcpy(record.rgbAtr, arguments.atr, atrLength);
         }
@@ -67,11 +69,10 @@ LONG listRemotely(const RemoteCall& call, const ListCardsArguments& arguments, s
 }
 
 LONG listLocally(const ListCardsArguments& arguments, LPSTR cards, LPDWORD length) {
-    if (!hasLocalSide(arguments.context)) {
-        return SCARD_E_INVALID_HANDLE;
-    }
-    return LocalSCardListCardsA(getLocalContext(arguments.context), arguments.atr,
-                                arguments.interfaces, arguments.interfaceCount, cards, length);
+    return withLocalSide(arguments.context, [&](SCARDCONTEXT systemContext) {
+        return LocalSCardListCardsA(systemContext, arguments.atr, arguments.interfaces,
+                                    arguments.interfaceCount, cards, length);
+    });
 }
 
 /// Puts the host's card names behind the daemon's, duplicates included. A failing host leaves the

@@ -69,11 +69,11 @@ LONG getProvider(const RemoteCall& call, const ProviderArguments& arguments) {
             return rv;
         }
     }
-    return hasLocalSide(call.context)
-               ? LocalSCardGetCardTypeProviderNameA(getLocalContext(call.context),
-                                                    arguments.cardName, arguments.providerId,
-                                                    arguments.provider, arguments.length)
-               : SCARD_E_INVALID_HANDLE;
+    return withLocalSide(call.context, [&arguments](SCARDCONTEXT systemContext) {
+        return LocalSCardGetCardTypeProviderNameA(systemContext, arguments.cardName,
+                                                  arguments.providerId, arguments.provider,
+                                                  arguments.length);
+    });
 }
 
 void logProvider(const CallFrame& frame, const ProviderArguments& arguments, bool isAllocated) {
@@ -155,9 +155,9 @@ LONG WINAPI SCardSetCardTypeProviderNameA(SCARDCONTEXT hContext, LPCSTR szCardNa
                 return rv;
             }
         }
-        return hasLocalSide(hContext)
-                   ? LocalSCardSetCardTypeProviderNameA(getLocalContext(hContext), szCardName,
-                                                        dwProviderId, szProvider)
-                   : SCARD_E_INVALID_HANDLE;
+        return withLocalSide(hContext, [&](SCARDCONTEXT systemContext) {
+            return LocalSCardSetCardTypeProviderNameA(systemContext, szCardName, dwProviderId,
+                                                      szProvider);
+        });
     });
 }

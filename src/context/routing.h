@@ -23,12 +23,6 @@ LONG localFirst(const FunctionLog& log, ServiceState state, Local local, Remote 
     return remote();
 }
 
-/// Whether the host can be asked for a context: it has a counterpart there, or there is none to
-/// have.
-inline bool hasLocalSide(SCARDCONTEXT context) noexcept {
-    return context == 0 || getLocalContext(context) != 0;
-}
-
 /// A call on the system counterpart of a context.
 /// @param call  called with the system context; returns a PC/SC code.
 /// @return SCARD_E_INVALID_HANDLE for a context without one, else what was called returned.
@@ -36,6 +30,13 @@ template <class Call>
 LONG withLocalContext(SCARDCONTEXT context, Call call) {
     const SCARDCONTEXT systemContext = getLocalContext(context);
     return systemContext == 0 ? SCARD_E_INVALID_HANDLE : call(systemContext);
+}
+
+/// As withLocalContext, for calls that the host serves without a context too: the null context is
+/// the system's null context.
+template <class Call>
+LONG withLocalSide(SCARDCONTEXT context, Call call) {
+    return context == 0 ? call(SCARDCONTEXT{0}) : withLocalContext(context, call);
 }
 
 }  // namespace tez

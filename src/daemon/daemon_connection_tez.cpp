@@ -70,7 +70,9 @@ bool DaemonConnectionTEZ::connect() {
 
 void DaemonConnectionTEZ::closeSocket() {
     pipeHandle_.close();
-    OverlappedTransfer::retire(std::move(cancelled_));
+    if (cancelled_ != nullptr) {
+        OverlappedTransfer::retire(std::move(cancelled_));
+    }
 }
 
 bool DaemonConnectionTEZ::connectSocket(const char* path) {

@@ -1,3 +1,5 @@
+#include <new>
+
 #include "common/scard_api.h"
 #include "context/context_registry.h"
 #include "context/routing.h"
@@ -12,14 +14,18 @@ using namespace tez;
 namespace {
 
 LONG cancelRemotely(const FunctionLog& log, SCARDCONTEXT context) {
-    std::uint64_t remoteContext = NO_REMOTE_CONTEXT;
-    LONG rv = getRemoteContextVolatile(context, remoteContext, true);
-    if (rv == SCARD_S_SUCCESS) {
-        HandleRecord record = {remoteContext, 0};
-        rv = exchangeRecord(log, CMD_CANCEL, record);
+    try {
+        std::uint64_t remoteContext = NO_REMOTE_CONTEXT;
+        LONG rv = getRemoteContextVolatile(context, remoteContext, true);
+        if (rv == SCARD_S_SUCCESS) {
+            HandleRecord record = {remoteContext, 0};
+            rv = exchangeRecord(log, CMD_CANCEL, record);
+        }
+        // With the daemon away there is no remote wait to end, so that is no error.
+        return rv == SCARD_E_NO_SERVICE ? SCARD_S_SUCCESS : rv;
+    } catch (const std::bad_alloc&) {
+        return SCARD_E_NO_MEMORY;
     }
-    // With the daemon away there is no remote wait to end, so that is no error.
-    return rv == SCARD_E_NO_SERVICE ? SCARD_S_SUCCESS : rv;
 }
 
 }  // namespace

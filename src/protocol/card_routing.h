@@ -28,18 +28,21 @@ struct RemoteCard {
 template <class Local, class Remote>
 LONG routeCardCall(SCARDHANDLE card, Local local, Remote remote) {
     const ServiceState state = getServiceState();
+    const bool isLocal = isLocalCard(card);
+    const std::uint64_t target = getCardTarget(card);
+    // The last of the three: a handle that is known now was known before, as none is issued twice,
+    // so that a disconnect on another thread cannot leave a call without its card.
     const SCARDCONTEXT context = getCardContext(card);
     if (context == 0) {
         return SCARD_E_INVALID_HANDLE;
     }
-    const bool isLocal = isLocalCard(card);
     if (isLocal && state != ServiceState::RemoteOnly) {
-        return local(getCardTarget(card), context);
+        return local(target, context);
     }
     if (isLocal || state == ServiceState::LocalOnly) {
         return SCARD_E_INVALID_HANDLE;
     }
-    return remote(RemoteCard{getCardTarget(card), context, state});
+    return remote(RemoteCard{target, context, state});
 }
 
 }  // namespace tez

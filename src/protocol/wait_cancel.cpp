@@ -1,15 +1,14 @@
 #include "protocol/wait_cancel.h"
 
+#include <memory>
 #include <new>
-#include <utility>
-#include <vector>
 
 #include "common/thread.h"
 #include "context/routing.h"
 #include "daemon/exchange.h"
 #include "local/local_calls.h"
 #include "protocol/wire/card_records.h"
-#include "readers/state/repeat_interval.h"
+#include "readers/state/repeat_until.h"
 #include "readers/state/status_waits.h"
 
 namespace tez {
@@ -30,6 +29,17 @@ void cancelAgain(StatusWait& wait, SCARDCONTEXT context) noexcept {
     }
 }
 
+/// One thread for each wait: a daemon that does not answer a cancel holds up no other wait's.
+bool startRepeating(SCARDCONTEXT context, const std::shared_ptr<StatusWait>& wait) noexcept {
+    Thread thread;
+    const bool isStarted = thread.start([context, wait]() noexcept {
+        repeatUntil([&](DWORD timeout) { return wait->awaitEnd(timeout); },
+                    [&] { cancelAgain(*wait, context); });
+    });
+    thread.detach();
+    return isStarted;
+}
+
 }  // namespace
 
 void cancelRemoteWait(const FunctionLog& log, std::uint64_t remoteContext) noexcept {
@@ -43,27 +53,16 @@ void cancelRemoteWait(const FunctionLog& log, std::uint64_t remoteContext) noexc
 
 void keepCancelling(SCARDCONTEXT context) noexcept {
     try {
-        auto waits = findStatusWaits(context);
-        std::erase_if(waits, [](const auto& wait) { return !wait->claimCancel(); });
-        if (waits.empty()) {
-            return;
-        }
-        Thread thread;
-        if (thread.start([context, waits = std::move(waits)]() noexcept {
-                for (const auto& wait : waits) {
-                    RepeatInterval interval;
-                    while (!wait->awaitEnd(interval.next())) {
-                        cancelAgain(*wait, context);
-                    }
-                }
-            })) {
-            thread.detach();
-            return;
+        for (const auto& wait : findStatusWaits(context)) {
+            wait->markCancelled();
+            if (wait->claimCancel() && !startRepeating(context, wait)) {
+                wait->giveClaimBack();
+                cancelLog.warning("Could not see to it that the wait ends");
+            }
         }
     } catch (const std::bad_alloc&) {
-        // as when there is no thread
+        cancelLog.warning("Could not see to it that the waits end");
     }
-    cancelLog.warning("Could not see to it that the wait ends");
 }
 
 }  // namespace tez

@@ -14,9 +14,10 @@ namespace tez {
 /// Asks the daemon to end the wait on one of its contexts. A failure is logged.
 void cancelRemoteWait(const FunctionLog& log, std::uint64_t remoteContext) noexcept;
 
-/// Repeats, at growing intervals and on a thread of its own, a cancel that has just gone to both
-/// sides of a context, for as long as a wait that was in progress there has not ended. Nothing
-/// is started without such a wait, nor when memory is exhausted.
+/// Marks the waits in progress on a context as cancelled, and repeats, at growing intervals and on
+/// a thread for each of them, the cancel that has just gone to both sides, for as long as the wait
+/// has not ended. Logs a warning when that cannot be, as memory is exhausted; the next call tries
+/// again.
 /// @param context  the application's.
 void keepCancelling(SCARDCONTEXT context) noexcept;
 

@@ -8,7 +8,7 @@
 #include "local/winscard_table.h"
 #include "protocol/wait_cancel.h"
 #include "readers/state/pending_local_waits.h"
-#include "readers/state/repeat_interval.h"
+#include "readers/state/repeat_until.h"
 
 namespace tez {
 
@@ -58,7 +58,11 @@ void LocalWait::run() noexcept {
     logStates("LOCAL READER STATE");
     result_ = waitInSystem();
     wait_.markLocalDone();
-    if (result_ == SCARD_S_SUCCESS && timeout_ == INFINITE && !wait_.isRemoteDone()) {
+    // A remote half that went on alone, after the monitor has ended this one, would make the call
+    // deaf to the host's readers.
+    const bool endsCall =
+        (result_ == SCARD_S_SUCCESS && timeout_ == INFINITE) || wait_.isInterrupted();
+    if (endsCall && !wait_.isRemoteDone()) {
         cancelRemote();
     }
     logStates("NEW LOCAL READER STATE");
@@ -67,6 +71,7 @@ void LocalWait::run() noexcept {
 LONG LocalWait::waitInSystem() noexcept {
     try {
         if (!addPendingLocalWait(systemContext_, wait_, interruptions_)) {
+            wait_.markInterrupted();
             return SCARD_E_TIMEOUT;
         }
     } catch (const std::bad_alloc&) {
@@ -77,10 +82,12 @@ LONG LocalWait::waitInSystem() noexcept {
     return removePendingLocalWait(systemContext_, wait_) ? rv : SCARD_E_TIMEOUT;
 }
 
-/// Ends the remote half, which has not answered yet, because the local half has a change to report.
+/// Ends the remote half, which has not answered yet.
 void LocalWait::cancelRemote() noexcept {
     localLog.debug("canceling remote SCardGetStatusChange by invoking remote SCardCancel");
-    // Ends the remote half if it still waits for a daemon context.
+    // Ends the remote half if it still waits for a daemon context. The context's own mark does too,
+    // but another wait on the context may take it back before it is seen.
+    wait_.markRemoteUnwanted();
     setContextCancelled(context_, true);
     // The daemon forgets a cancel for which nothing waits, so the request goes first.
     const std::optional<std::uint64_t> remoteContext = wait_.awaitRemoteRequest();
@@ -88,11 +95,11 @@ void LocalWait::cancelRemote() noexcept {
         return;
     }
     cancelRemoteWait(localLog, *remoteContext);
-    RepeatInterval interval;
-    while (!wait_.awaitRemoteDone(interval.next())) {
-        localLog.debug("canceling remote SCardGetStatusChange again");
-        cancelRemoteWait(localLog, *remoteContext);
-    }
+    repeatUntil([this](DWORD timeout) { return wait_.awaitRemoteDone(timeout); },
+                [&] {
+                    localLog.debug("canceling remote SCardGetStatusChange again");
+                    cancelRemoteWait(localLog, *remoteContext);
+                });
 }
 
 LONG LocalWait::finish(const FunctionLog& log, bool cancelNow) {
@@ -102,11 +109,11 @@ LONG LocalWait::finish(const FunctionLog& log, bool cancelNow) {
     }
     // Until the library itself has cancelled the local wait there is nothing to repeat here.
     if (cancelNow || !wait_.awaitLocalDoneOrInterrupted()) {
-        RepeatInterval interval;
-        while (!wait_.awaitLocalDone(interval.next())) {
-            log.debug("canceling local SCardGetStatusChange again");
-            LocalSCardCancel(systemContext_);
-        }
+        repeatUntil([this](DWORD limit) { return wait_.awaitLocalDone(limit); },
+                    [&] {
+                        log.debug("canceling local SCardGetStatusChange again");
+                        LocalSCardCancel(systemContext_);
+                    });
     }
     thread_.join();
     return result_;

@@ -29,14 +29,19 @@ bool contains(std::string_view multiString, std::string_view wanted) {
 /// The host's groups, the default group among them; that one alone when the host does not tell.
 std::string groupsOf(ServiceState state, SCARDCONTEXT context) {
     LocalBuffer local;
-    if (state == ServiceState::RemoteOnly || !hasLocalSide(context) ||
-        LocalSCardListReaderGroupsA(getLocalContext(context), local.destination(),
-                                    local.length()) != SCARD_S_SUCCESS) {
+    if (state == ServiceState::RemoteOnly ||
+        withLocalSide(context, [&local](SCARDCONTEXT systemContext) {
+            return LocalSCardListReaderGroupsA(systemContext, local.destination(), local.length());
+        }) != SCARD_S_SUCCESS) {
         return std::string(kDefaultGroups);
     }
     std::string groups(local.text());
     if (!contains(groups, kDefaultGroup)) {
         groups.insert(0, kDefaultGroups.substr(0, kDefaultGroup.size() + 1));
+    }
+    // Whoever walks the list relies on its end.
+    while (!groups.ends_with("\0\0"sv)) {
+        groups.push_back('\0');
     }
     return groups;
 }
@@ -60,9 +65,9 @@ LONG WINAPI SCardListReaderGroupsA(SCARDCONTEXT hContext, LPSTR mszGroups, LPDWO
                     return SCARD_E_INVALID_PARAMETER;
                 }
                 // The system library judges the missing pointer.
-                return hasLocalSide(hContext) ? LocalSCardListReaderGroupsA(
-                                                    getLocalContext(hContext), mszGroups, nullptr)
-                                              : SCARD_E_INVALID_HANDLE;
+                return withLocalSide(hContext, [mszGroups](SCARDCONTEXT systemContext) {
+                    return LocalSCardListReaderGroupsA(systemContext, mszGroups, nullptr);
+                });
             }
             if (hContext != 0 && !isContextKnown(hContext)) {
                 call.log().warning("Invalid context handle");

@@ -79,8 +79,10 @@ std::optional<std::string_view> receivedList(const ListArguments& arguments, boo
 
 /// The host's readers alone, straight into the caller's buffer.
 LONG listLocalReaders(const ListArguments& arguments, bool isAllocated) {
-    const LONG rv = LocalSCardListReadersA(getLocalContext(arguments.context), arguments.groups,
-                                           arguments.readers, arguments.length);
+    const LONG rv = withLocalSide(arguments.context, [&arguments](SCARDCONTEXT systemContext) {
+        return LocalSCardListReadersA(systemContext, arguments.groups, arguments.readers,
+                                      arguments.length);
+    });
     if (rv == SCARD_S_SUCCESS) {
         if (const auto list = receivedList(arguments, isAllocated)) {
             setLocalReaderNames(*list);
@@ -90,11 +92,13 @@ LONG listLocalReaders(const ListArguments& arguments, bool isAllocated) {
 }
 
 /// Puts the host's readers behind the daemon's. Nothing is sorted or dropped: a name that both
-/// sides have is listed twice. A failing system library leaves the daemon's alone.
+/// sides have is listed twice. A failing or missing host leaves the daemon's alone.
 void appendLocalNames(const ListArguments& arguments, std::string& names) {
     LocalBuffer local;
-    if (LocalSCardListReadersA(getLocalContext(arguments.context), arguments.groups,
-                               local.destination(), local.length()) != SCARD_S_SUCCESS) {
+    if (withLocalSide(arguments.context, [&](SCARDCONTEXT systemContext) {
+            return LocalSCardListReadersA(systemContext, arguments.groups, local.destination(),
+                                          local.length());
+        }) != SCARD_S_SUCCESS) {
         return;
     }
     setLocalReaderNames(local.text());
@@ -116,19 +120,12 @@ LONG listReaders(const FunctionLog& log, ServiceState state, const ListArguments
     // The daemon is asked in every state; while it is away this fails without touching the pipe.
     std::string names;
     const LONG remoteRv = fetchRemoteNames(log, arguments.context, names);
-    if (state == ServiceState::RemoteOnly) {
-        if (remoteRv != SCARD_S_SUCCESS) {
-            return remoteRv;
-        }
-    } else {
-        const bool isLocalSideThere = hasLocalSide(arguments.context);
-        if (remoteRv != SCARD_S_SUCCESS) {
-            return isLocalSideThere ? listLocalReaders(arguments, isAllocated)
-                                    : SCARD_E_INVALID_HANDLE;
-        }
-        if (isLocalSideThere) {
-            appendLocalNames(arguments, names);
-        }
+    if (remoteRv != SCARD_S_SUCCESS) {
+        return state == ServiceState::RemoteOnly ? remoteRv
+                                                 : listLocalReaders(arguments, isAllocated);
+    }
+    if (state != ServiceState::RemoteOnly) {
+        appendLocalNames(arguments, names);
     }
     return copyOutBuffer(names.data(), static_cast<DWORD>(names.size()), arguments.readers,
                          arguments.length, 1);
@@ -154,7 +151,7 @@ void logReceivedList(const FunctionLog& log, const ListArguments& arguments, boo
 LONG WINAPI SCardListReadersA(SCARDCONTEXT hContext, LPCSTR mszGroups, LPSTR mszReaders,
                               LPDWORD pcchReaders) {
     static constexpr CallFrame call("SCardListReadersA", "LIST_READERS");
-    const ReaderListing listing = beginReaderListing();
+    const ReaderListing listing = currentReaderListing();
     const ServiceState state = getServiceState();
     const bool isAllocated = pcchReaders != nullptr && *pcchReaders == SCARD_AUTOALLOCATE;
     const ListArguments arguments = {hContext, mszGroups, mszReaders, pcchReaders};

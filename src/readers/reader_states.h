@@ -5,9 +5,13 @@
 
 #include "common/scard_api.h"
 #include "log/function_log.h"
+#include "log/log_sink.h"
 #include "log/value_format.h"
 
 namespace tez {
+
+/// The most entries of a status-change call.
+inline constexpr DWORD kMostReaders = 16;
 
 /// Where an entry of one side stands in the application's array; in increasing order.
 using ReaderIndexes = std::vector<DWORD>;
@@ -29,10 +33,12 @@ inline DWORD withoutOthersReaders(DWORD state, std::size_t otherIndexes) {
 /// One line on a reader's state: "LOCAL READER STATE 0: Name, curr:...".
 inline void logReaderState(const FunctionLog& log, const char* title, DWORD index, const char* name,
                            DWORD current, DWORD event, DWORD atrLength) {
-    log.debug("%s %lu: %s, curr:%s (0x%X), event:%s (0x%X), %u", title, index, name,
-              formatReaderState(current).c_str(), static_cast<unsigned>(current),
-              formatReaderState(event).c_str(), static_cast<unsigned>(event),
-              static_cast<unsigned>(atrLength));
+    if (isLogged(LogLevel::Debug)) {
+        log.debug("%s %lu: %s, curr:%s (0x%X), event:%s (0x%X), %u", title, index, name,
+                  formatReaderState(current).c_str(), static_cast<unsigned>(current),
+                  formatReaderState(event).c_str(), static_cast<unsigned>(event),
+                  static_cast<unsigned>(atrLength));
+    }
 }
 
 }  // namespace tez

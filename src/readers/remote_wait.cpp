@@ -33,7 +33,7 @@ LONG awaitRemoteContext(const RemoteWait& call, std::uint64_t& remoteContext, DW
             Sleep(kContextRetry);
             timeout -= kContextRetry;
         }
-        if (isContextCancelled(call.context)) {
+        if (isContextCancelled(call.context) || call.wait.isRemoteToEnd()) {
             return SCARD_E_CANCELLED;
         }
     }

@@ -3,6 +3,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/local_buffer.h"
 #include "common/scard_api.h"
 #include "context/context_registry.h"
 #include "daemon/service_state.h"
@@ -17,8 +18,6 @@
 using namespace tez;
 
 namespace {
-
-constexpr DWORD kMostReaders = 16;
 
 struct StatusChange {
     const FunctionLog& log;
@@ -56,20 +55,43 @@ std::optional<LONG> checkArguments(const StatusChange& call) {
     return std::nullopt;
 }
 
-/// Which entries each side waits on. A name that neither side reported is waited on by none.
-void classify(const StatusChange& call, ReaderIndexes& local, ReaderIndexes& remote) {
-    if (!wasListReadersCalled()) {
-        call.log.debug(
-            "List readers was never called, let's call it to update the list of local and remote "
-            "readers");
-        DWORD length = 0;
-        SCardListReadersA(call.context, nullptr, nullptr, &length);
+void ensureReadersListed(const StatusChange& call) {
+    if (wasListReadersCalled()) {
+        return;
     }
+    call.log.debug(
+        "List readers was never called, let's call it to update the list of local and remote "
+        "readers");
+    DWORD length = 0;
+    const LONG rv = SCardListReadersA(call.context, nullptr, nullptr, &length);
+    if (rv == SCARD_S_SUCCESS && call.state != ServiceState::RemoteOnly &&
+        !areLocalReaderNamesKnown()) {
+        // When the daemon has no list to add to, the host is asked for a length as the caller is
+        // asking for one, and tells no names. Without them its readers would be on neither side.
+        LocalBuffer names;
+        SCardListReadersA(call.context, nullptr, names.destination(), names.length());
+    }
+}
+
+/// The side of each entry, as of one moment after the daemon came last.
+std::vector<ReaderSide> sidesOf(const StatusChange& call) {
     std::vector<std::string_view> names;
     for (DWORD i = 0; i < call.count; ++i) {
         names.emplace_back(call.entries[i].szReader);
     }
-    const std::vector<ReaderSide> sides = findReaderSides(names);
+    for (;;) {
+        const ReaderListing listing = currentReaderListing();
+        ensureReadersListed(call);
+        std::vector<ReaderSide> sides = findReaderSides(names);
+        if (listing == currentReaderListing()) {
+            return sides;
+        }
+    }
+}
+
+/// Which entries each side waits on. A name that neither side reported is waited on by none.
+void classify(const StatusChange& call, ReaderIndexes& local, ReaderIndexes& remote) {
+    const std::vector<ReaderSide> sides = sidesOf(call);
     for (DWORD i = 0; i < call.count; ++i) {
         const bool isPnp = isPnpReader(call.entries[i].szReader);
         if (isPnp || sides[i] == ReaderSide::Local) {
@@ -84,16 +106,18 @@ void classify(const StatusChange& call, ReaderIndexes& local, ReaderIndexes& rem
 /// The remote result stands for a call whose local half failed, and a local success, an empty half
 /// among them, makes the call succeed whatever the remote side said. Applications wait again on a
 /// success without a change, but give up on errors; the asymmetry is intended.
-LONG combine(const StatusChange& call, LONG localRv, LONG remoteRv) {
+LONG combine(const StatusChange& call, StatusWait& wait, LONG localRv, LONG remoteRv) {
     if (call.state == ServiceState::LocalOnly) {
+        return localRv;
+    }
+    // The monitor has ended both halves, the remote one by a cancel: none of the application's.
+    if (wait.isInterrupted() && !wait.isCancelled() && remoteRv == SCARD_E_CANCELLED) {
         return localRv;
     }
     return localRv == SCARD_S_SUCCESS ? SCARD_S_SUCCESS : remoteRv;
 }
 
-LONG waitOnBothSides(const StatusChange& call) {
-    const StatusWaitInProgress inProgress(call.context);
-    StatusWait& wait = *inProgress;
+LONG waitOnBothSides(const StatusChange& call, StatusWait& wait) {
     ReaderIndexes localIndexes;
     ReaderIndexes remoteIndexes;
     classify(call, localIndexes, remoteIndexes);
@@ -126,16 +150,18 @@ LONG waitOnBothSides(const StatusChange& call) {
         call.log.debug("localRv: 0x%08lX", static_cast<unsigned long>(localRv));
         local.merge(call.entries);
     }
-    return combine(call, localRv, remoteRv);
+    return combine(call, wait, localRv, remoteRv);
 }
 
 LONG getStatusChange(const StatusChange& call) {
     if (!isContextKnown(call.context)) {
         return SCARD_E_INVALID_HANDLE;
     }
+    // Known before the mark is taken back: a cancel is either before this call, or for it.
+    const StatusWaitInProgress inProgress(call.context);
     setContextCancelled(call.context, false);
     const std::optional<LONG> ended = checkArguments(call);
-    return ended ? *ended : waitOnBothSides(call);
+    return ended ? *ended : waitOnBothSides(call, *inProgress);
 }
 
 void logNewStates(const StatusChange& call) {

@@ -62,6 +62,17 @@ TEST_F(ReaderGroupsTest, AreTheDefaultGroupAloneWhenTheHostFails) {
     EXPECT_EQ(length, 22U);
 }
 
+TEST_F(ReaderGroupsTest, ThatLackTheirEndAreGivenOne) {
+    context = establish();
+    const std::string first = "SCard$DefaultReaders\0"s;
+    setHostGroups("");
+    EXPECT_EQ(groups(), first + "\0"s);
+    for (const std::string& told : {"G"s, "G\0"s}) {
+        setHostGroups(told);
+        EXPECT_EQ(groups(), first + "G\0\0"s);
+    }
+}
+
 TEST_F(ReaderGroupsTest, AreNeverAskedOfTheDaemon) {
     establishContext();
     EXPECT_EQ(groups(), "SCard$DefaultReaders\0\0"s);

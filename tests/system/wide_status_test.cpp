@@ -49,6 +49,19 @@ TEST_F(WideStatusTest, TellsTheReaderOfARemoteCardInCharacters) {
     EXPECT_THAT(log().messages("SCardStatusW"), IsEmpty());
 }
 
+TEST_F(WideStatusTest, GivesAReaderOfTheHostTheEndThatItLacks) {
+    connectHostCard();
+    EXPECT_CALL(host, SCardStatusA)
+        .WillOnce(
+            [this](SCARDHANDLE, LPSTR name, LPDWORD length, LPDWORD, LPDWORD, LPBYTE, LPDWORD) {
+                return host.heap().deliver(Bytes{'H', 'o', 's', 't'}, name, length);
+            });
+    const WideBuffer name(6);
+    nameLength = 6;
+    EXPECT_THAT(status(name.get(), nullptr), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(name.text(nameLength), L"Host\0\0"s);
+}
+
 TEST_F(WideStatusTest, TellsTheReaderOfAHostsCardInCharacters) {
     connectHostCard();
     const Bytes atr = makeDemoCard(kHostCardHolder).atr();

@@ -26,7 +26,7 @@ TEST(ReaderNames, AreReplacedWholeAndKeptInOrder) {
 TEST(ReaderNames, OfTheHostAreForgottenWithTheListing) {
     setLocalReaderNames("L\0\0"sv);
     setRemoteReaderNames("R\0\0"sv);
-    markListReadersCalled(beginReaderListing());
+    markListReadersCalled(currentReaderListing());
     EXPECT_TRUE(wasListReadersCalled());
     forgetLocalReaderNames();
     EXPECT_THAT(copyLocalReaderNames(), IsEmpty());
@@ -35,18 +35,18 @@ TEST(ReaderNames, OfTheHostAreForgottenWithTheListing) {
 }
 
 TEST(ReaderNames, AreNotListedByAListingThatTheDaemonsComingHasOvertaken) {
-    const ReaderListing listing = beginReaderListing();
+    const ReaderListing listing = currentReaderListing();
     forgetLocalReaderNames();
     markListReadersCalled(listing);
     EXPECT_FALSE(wasListReadersCalled());
-    markListReadersCalled(beginReaderListing());
+    markListReadersCalled(currentReaderListing());
     EXPECT_TRUE(wasListReadersCalled());
 }
 
 TEST(ReaderNames, OfTheDaemonAreForgottenAlone) {
     setLocalReaderNames("L\0\0"sv);
     setRemoteReaderNames("R\0\0"sv);
-    markListReadersCalled(beginReaderListing());
+    markListReadersCalled(currentReaderListing());
     forgetRemoteReaderNames();
     EXPECT_THAT(copyLocalReaderNames(), ElementsAre("L"));
     EXPECT_THAT(copyRemoteReaderNames(), IsEmpty());

@@ -38,7 +38,7 @@ class RemoteOnlyStatusChange : public test::RemoteOnlyTest {
   protected:
     RemoteOnlyStatusChange() {
         setRemoteReaderNames("Reader A\0Reader B\0\0"s);
-        markListReadersCalled(beginReaderListing());
+        markListReadersCalled(currentReaderListing());
     }
 };
 

@@ -4,9 +4,9 @@
 
 namespace tez {
 
-/// What a request asks of the daemon. 1 to 16 are the codes of the pcsc-lite daemon protocol; the
-/// 0x800 range carries the calls that exist only in the Windows interface. 14 and 17 to 0x800 are
-/// not sent.
+/// What a request asks of the daemon. 1 to 16 stand for what every PC/SC daemon serves; the 0x800
+/// range carries the calls that exist only in the Windows interface. 14 and 17 to 0x800 are not
+/// sent.
 enum CommandCode : std::uint32_t {
     CMD_ESTABLISH_CONTEXT = 1,
     CMD_RELEASE_CONTEXT = 2,

@@ -19,6 +19,7 @@ struct ReaderNames {
     NameList localReaderNames;
     NameList remoteReaderNames;
     std::atomic<bool> listReadersCalled = false;
+    bool isLocalKnown = false;
     ReaderListing currentListing = 0;
 };
 
@@ -47,7 +48,10 @@ NameList copy(NameList ReaderNames::*list) {
 }  // namespace
 
 void setLocalReaderNames(std::string_view multiString) {
-    replace(&ReaderNames::localReaderNames, parse(multiString));
+    NameList fresh = parse(multiString);
+    const SlimGuard guard(names().readerListMutex);
+    names().isLocalKnown = true;
+    std::swap(names().localReaderNames, fresh);
 }
 
 void setRemoteReaderNames(std::string_view multiString) {
@@ -60,6 +64,7 @@ void forgetLocalReaderNames() noexcept {
     // As one: a listing that came between would be taken for one that is up to date.
     names().listReadersCalled.exchange(false);
     ++names().currentListing;
+    names().isLocalKnown = false;
     std::swap(names().localReaderNames, old);
 }
 
@@ -67,7 +72,12 @@ void forgetRemoteReaderNames() noexcept {
     replace(&ReaderNames::remoteReaderNames, {});
 }
 
-ReaderListing beginReaderListing() noexcept {
+bool areLocalReaderNamesKnown() noexcept {
+    const SlimGuard guard(names().readerListMutex);
+    return names().isLocalKnown;
+}
+
+ReaderListing currentReaderListing() noexcept {
     const SlimGuard guard(names().readerListMutex);
     return names().currentListing;
 }

@@ -22,9 +22,13 @@ void forgetLocalReaderNames() noexcept;
 /// The daemon has gone, and its readers with it.
 void forgetRemoteReaderNames() noexcept;
 
-/// Tells a listing that the daemon's coming has overtaken from one that is up to date.
+/// Whether the host has told its names since they were forgotten last.
+bool areLocalReaderNamesKnown() noexcept;
+
+/// Tells a listing that the daemon's coming has overtaken from one that is up to date: it is
+/// another one from each forgetting of the local names on.
 using ReaderListing = std::uint64_t;
-ReaderListing beginReaderListing() noexcept;
+ReaderListing currentReaderListing() noexcept;
 
 /// Notes that the readers were listed successfully; without effect for a listing that was begun
 /// before the local names were forgotten last.

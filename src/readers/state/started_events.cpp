@@ -3,6 +3,7 @@
 #include <atomic>
 #include <map>
 #include <memory>
+#include <new>
 #include <unordered_map>
 
 #include "common/never_destroyed.h"
@@ -112,19 +113,30 @@ HANDLE accessStartedEvent(const FunctionLog& log) {
             return nullptr;
         }
     }
-    const auto [known, isNew] = all.startedEventByThread.try_emplace(thread, systemEvent);
-    if (!isNew && known->second != systemEvent) {
-        log.warning("Unexpected call to access started event");
-    }
-    ProtocolHandle& record = all.startedEventRecords[systemEvent];
-    if (record.refCount == 0 && !openRecord(log, state, systemEvent, record)) {
-        releaseSystemEvent(systemEvent);
+    const auto undo = [&] {
+        const auto record = all.startedEventRecords.find(systemEvent);
+        if (record != all.startedEventRecords.end() && record->second.refCount == 0) {
+            all.startedEventRecords.erase(record);
+        }
         all.startedEventByThread.erase(thread);
-        all.startedEventRecords.erase(systemEvent);
-        return nullptr;
+        releaseSystemEvent(systemEvent);
+    };
+    try {
+        const auto [known, isNew] = all.startedEventByThread.try_emplace(thread, systemEvent);
+        if (!isNew && known->second != systemEvent) {
+            log.warning("Unexpected call to access started event");
+        }
+        ProtocolHandle& record = all.startedEventRecords[systemEvent];
+        if (record.refCount != 0 || openRecord(log, state, systemEvent, record)) {
+            ++record.refCount;
+            return record.event.get();
+        }
+    } catch (const std::bad_alloc&) {
+        undo();
+        throw;
     }
-    ++record.refCount;
-    return record.event.get();
+    undo();
+    return nullptr;
 }
 
 void releaseStartedEvent(const FunctionLog& log) {

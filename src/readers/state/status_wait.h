@@ -27,19 +27,35 @@ class StatusWait {
     void markRemoteDone() noexcept { mark(&StatusWait::isRemoteDone_); }
     void markLocalStarted() noexcept { mark(&StatusWait::isLocalStarted_); }
     void markLocalDone() noexcept { mark(&StatusWait::isLocalDone_); }
-    /// The service monitor has cancelled the local wait.
+    /// The service monitor has ended the local half, or kept it from beginning.
     void markInterrupted() noexcept { mark(&StatusWait::isInterrupted_); }
+    /// The application has cancelled the call.
+    void markCancelled() noexcept { mark(&StatusWait::isCancelled_); }
+    /// The local half has ended in a way that ends the remote half too.
+    void markRemoteUnwanted() noexcept { mark(&StatusWait::isRemoteUnwanted_); }
     /// The call is about to return.
     void markEnded() noexcept { mark(&StatusWait::hasEnded_); }
 
-    /// True for the first caller only, who then sees to it that a cancelled call ends.
+    /// True for one caller only, who then sees to it that a cancelled call ends, or gives the claim
+    /// back.
     bool claimCancel() noexcept {
         const SlimGuard guard(lock_);
         return !std::exchange(isCancelClaimed_, true);
     }
+    void giveClaimBack() noexcept {
+        const SlimGuard guard(lock_);
+        isCancelClaimed_ = false;
+    }
 
     bool isRemoteDone() noexcept { return read(&StatusWait::isRemoteDone_); }
     bool isLocalDone() noexcept { return read(&StatusWait::isLocalDone_); }
+    bool isInterrupted() noexcept { return read(&StatusWait::isInterrupted_); }
+    bool isCancelled() noexcept { return read(&StatusWait::isCancelled_); }
+    /// Whether a remote half that has not begun is not to begin any more.
+    bool isRemoteToEnd() noexcept {
+        const SlimGuard guard(lock_);
+        return isCancelled_ || isRemoteUnwanted_;
+    }
     bool isLocalInProgress() noexcept {
         const SlimGuard guard(lock_);
         return isLocalStarted_ && !isLocalDone_;
@@ -101,6 +117,8 @@ class StatusWait {
     bool isLocalStarted_ = false;
     bool isLocalDone_ = false;
     bool isInterrupted_ = false;
+    bool isCancelled_ = false;
+    bool isRemoteUnwanted_ = false;
     bool hasEnded_ = false;
     bool isCancelClaimed_ = false;
 };
