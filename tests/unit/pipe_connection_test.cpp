@@ -1,3 +1,4 @@
+#include <cstdlib>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
@@ -320,6 +321,46 @@ class UnconnectableConnection : public DaemonConnectionTEZ {
 };
 
 }  // namespace
+
+/// Refuses blocks of a size: of the pipe's name, or of the token, which is empty.
+class RefusedBlocks {
+  public:
+    explicit RefusedBlocks(std::size_t refused)
+        : malloc_(GetModuleHandleA(nullptr), "msvcrt.dll", "malloc",
+                  [refused](std::size_t size) -> void* {
+                      return size == refused ? nullptr : std::calloc(1, size);
+                  }) {}
+
+  private:
+    ImportPatch<void*(std::size_t)> malloc_;
+};
+
+TEST(PipeConnection, NeedsMemoryForThePipesName) {
+    const CapturedLog log;
+    const RefusedBlocks refused(std::string(kDaemonPipe).size() + 1);
+    DaemonConnectionTEZ connection;
+    EXPECT_FALSE(connection.connect());
+    EXPECT_THAT(log.messages(),
+                Contains("W (DaemonConnectionTEZ::connect): Unable to get socket path"));
+}
+
+TEST(PipeConnection, NeedsMemoryForTheToken) {
+    const CapturedLog log;
+    const RefusedBlocks refused(1);
+    DaemonConnectionTEZ connection;
+    EXPECT_FALSE(connection.connect());
+    EXPECT_THAT(log.messages(),
+                Contains("W (DaemonConnectionTEZ::connect): Unable to get auth token"));
+}
+
+TEST(PipeConnection, WithoutAPipesNameThereIsNoDaemonToConnectTo) {
+    const CapturedLog log;
+    const RefusedBlocks refused(std::string(kDaemonPipe).size() + 1);
+    DaemonConnectionTEZ connection;
+    EXPECT_FALSE(connection.checkDaemonAvailability());
+    EXPECT_THAT(log.messages(), Contains("W (DaemonConnectionTEZ::checkDaemonAvailability): No "
+                                         "socket name is defined for PCSC service"));
+}
 
 TEST(PipeConnection, ReconnectsThroughTheOverriddenOperations) {
     PipeServer daemon([](ServerPipe& pipe) { pipe.accept(); });
