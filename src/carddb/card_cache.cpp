@@ -2,6 +2,7 @@
 #include <string>
 
 #include "carddb/remote_data.h"
+#include "common/copy_out.h"
 #include "common/scard_api.h"
 #include "context/routing.h"
 #include "local/local_calls.h"
@@ -71,12 +72,9 @@ LONG readRemotely(const RemoteCall& call, const ReadArguments& arguments, bool& 
 
 void logRead(const CallFrame& frame, const ReadArguments& arguments, bool isAllocated,
              bool hasArrived) {
-    const DWORD length = arguments.length == nullptr ? 0 : *arguments.length;
+    const DWORD length = valueOf(arguments.length);
     frame.out("dataLen %lu", length);
-    const BYTE* data = arguments.data;
-    if (isAllocated && data != nullptr) {
-        data = *reinterpret_cast<PBYTE*>(arguments.data);
-    }
+    const BYTE* const data = handedOut(arguments.data, isAllocated);
     if (hasArrived && data != nullptr) {
         logData(frame.log(), data, length);
     }
@@ -132,7 +130,7 @@ LONG WINAPI SCardReadCacheA(SCARDCONTEXT hContext, UUID* CardIdentifier, DWORD F
                             LPSTR LookupName, PBYTE Data, DWORD* DataLen) {
     static constexpr CallFrame frame("SCardReadCacheA", "READ_CACHE");
     const ServiceState state = getServiceState();
-    const DWORD room = DataLen == nullptr ? 0 : *DataLen;
+    const DWORD room = valueOf(DataLen);
     const ReadArguments arguments = {CardIdentifier, FreshnessCounter, LookupName, Data, DataLen};
     bool hasArrived = false;
     frame.in("%Ix, %p, %lu, %p, %p, %p", hContext, static_cast<void*>(CardIdentifier),

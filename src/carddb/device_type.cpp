@@ -57,5 +57,5 @@ LONG WINAPI SCardGetDeviceTypeIdA(SCARDCONTEXT hContext, LPCSTR szReaderName,
                     return getDeviceTypeRemotely(call, szReaderName, pdwDeviceTypeId);
                 });
         },
-        [&] { frame.out("%lu", pdwDeviceTypeId == nullptr ? 0 : *pdwDeviceTypeId); });
+        [&] { frame.out("%lu", valueOf(pdwDeviceTypeId)); });
 }

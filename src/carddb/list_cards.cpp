@@ -115,12 +115,9 @@ LONG listCards(const RemoteCall& call, const ListCardsArguments& arguments) {
 }
 
 void logCards(const CallFrame& frame, const ListCardsArguments& arguments, bool isAllocated) {
-    const DWORD length = arguments.length == nullptr ? 0 : *arguments.length;
+    const DWORD length = valueOf(arguments.length);
     frame.out("%llu, %lu", reinterpret_cast<std::uintptr_t>(arguments.cards), length);
-    const char* list = arguments.cards;
-    if (isAllocated && list != nullptr) {
-        list = *reinterpret_cast<LPSTR*>(arguments.cards);
-    }
+    const char* const list = handedOut(arguments.cards, isAllocated);
     if (list != nullptr && isLogged(LogLevel::Debug)) {
         forEachName({list, length}, [&frame](std::string_view name) {
             frame.log().debug("    Card: %s", std::string(name).c_str());
@@ -138,7 +135,7 @@ LONG WINAPI SCardListCardsA(SCARDCONTEXT hContext, LPCBYTE pbAtr, LPCGUID rgquid
     const ListCardsArguments arguments = {hContext, pbAtr,    rgquidInterfaces, cguidInterfaceCount,
                                           mszCards, pcchCards};
     frame.in("%Ix, %lu, %p, %lu", hContext, cguidInterfaceCount, static_cast<void*>(pcchCards),
-             pcchCards == nullptr ? 0 : *pcchCards);
+             valueOf(pcchCards));
     return frame.run(
         [&] {
             const RemoteCall call = {.log = frame.log(),

@@ -77,12 +77,9 @@ LONG getProvider(const RemoteCall& call, const ProviderArguments& arguments) {
 }
 
 void logProvider(const CallFrame& frame, const ProviderArguments& arguments, bool isAllocated) {
-    const DWORD length = arguments.length == nullptr ? 0 : *arguments.length;
+    const DWORD length = valueOf(arguments.length);
     frame.out("%lu", length);
-    const char* name = arguments.provider;
-    if (isAllocated && name != nullptr) {
-        name = *reinterpret_cast<LPSTR*>(arguments.provider);
-    }
+    const char* const name = handedOut(arguments.provider, isAllocated);
     if (name != nullptr && length != 0) {
         frame.log().debug("    provider: %s", std::string(name, strnlen(name, length)).c_str());
     }
@@ -120,7 +117,7 @@ LONG WINAPI SCardGetCardTypeProviderNameA(SCARDCONTEXT hContext, LPCSTR szCardNa
     const ProviderArguments arguments = {szCardName, dwProviderId, szProvider, pcchProvider};
     frame.in("%Ix, %s, %lu, %p, %p, %lu", hContext, szCardName == nullptr ? "" : szCardName,
              dwProviderId, static_cast<void*>(szProvider), static_cast<void*>(pcchProvider),
-             pcchProvider == nullptr ? 0 : *pcchProvider);
+             valueOf(pcchProvider));
     return frame.run(
         [&] {
             const RemoteCall call = {.log = frame.log(),

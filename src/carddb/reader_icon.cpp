@@ -38,7 +38,7 @@ LONG WINAPI SCardGetReaderIconA(SCARDCONTEXT hContext, LPCSTR szReaderName, LPBY
                                 LPDWORD pcbIcon) {
     static constexpr CallFrame frame("SCardGetReaderIconA", "GET_READER_ICON");
     const ServiceState state = getServiceState();
-    const DWORD room = pcbIcon == nullptr ? 0 : *pcbIcon;
+    const DWORD room = valueOf(pcbIcon);
     frame.in("%Ix, %p, %p, %p", hContext, static_cast<const void*>(szReaderName),
              static_cast<void*>(pbIcon), static_cast<void*>(pcbIcon));
     return frame.run([&] {

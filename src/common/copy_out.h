@@ -19,4 +19,14 @@ namespace tez {
 LONG copyOutBuffer(const void* source, DWORD count, void* destination, DWORD* length,
                    std::size_t elementSize) noexcept;
 
+/// Where a result stands that a call has handed out: in the caller's buffer or, when it was
+/// allocated, where the pointer leads that the buffer is the place of. Null when the caller gave
+/// none.
+template <class Unit>
+const Unit* handedOut(const Unit* destination, bool isAllocated) noexcept {
+    return isAllocated && destination != nullptr
+               ? *reinterpret_cast<const Unit* const*>(destination)
+               : destination;
+}
+
 }  // namespace tez

@@ -9,6 +9,11 @@
 
 namespace tez {
 
+/// The number that an application passed a pointer to; 0 when it passed none.
+inline DWORD valueOf(const DWORD* pointer) noexcept {
+    return pointer == nullptr ? 0 : *pointer;
+}
+
 /// How the RV line shows the result: as PC/SC codes are known, or as the card-database updates do.
 enum class ResultFormat { Hexadecimal, Decimal };
 

@@ -147,7 +147,7 @@ LONG getTransmitCountRemotely(const FunctionLog& log, const RemoteCard& card, LP
 LONG WINAPI SCardGetAttrib(SCARDHANDLE hCard, DWORD dwAttrId, LPBYTE pbAttr, LPDWORD pcbAttrLen) {
     static constexpr CallFrame call("SCardGetAttrib", "GET_ATTRIB");
     call.in("%ld, %lu, %p, %lu", static_cast<long>(hCard), dwAttrId, static_cast<void*>(pcbAttrLen),
-            pcbAttrLen == nullptr ? 0 : *pcbAttrLen);
+            valueOf(pcbAttrLen));
     return call.run(
         [&] {
             return routeCardCall(
@@ -162,7 +162,7 @@ LONG WINAPI SCardGetAttrib(SCARDHANDLE hCard, DWORD dwAttrId, LPBYTE pbAttr, LPD
                     return getAttributeRemotely(call.log(), card, dwAttrId, pbAttr, pcbAttrLen);
                 });
         },
-        [&] { call.out("%lu", pcbAttrLen == nullptr ? 0 : *pcbAttrLen); });
+        [&] { call.out("%lu", valueOf(pcbAttrLen)); });
 }
 
 LONG WINAPI SCardSetAttrib(SCARDHANDLE hCard, DWORD dwAttrId, LPCBYTE pbAttr, DWORD cbAttrLen) {
@@ -197,5 +197,5 @@ LONG WINAPI SCardGetTransmitCount(SCARDHANDLE hCard, LPDWORD pcTransmitCount) {
                     return getTransmitCountRemotely(call.log(), card, pcTransmitCount);
                 });
         },
-        [&] { call.out("%lu", pcTransmitCount == nullptr ? 0 : *pcTransmitCount); });
+        [&] { call.out("%lu", valueOf(pcTransmitCount)); });
 }

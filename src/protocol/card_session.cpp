@@ -60,10 +60,7 @@ LONG WINAPI SCardReconnect(SCARDHANDLE hCard, DWORD dwShareMode, DWORD dwPreferr
                                              dwInitialization, pdwActiveProtocol);
                 });
         },
-        [&] {
-            call.out("%ld, %lu", static_cast<long>(hCard),
-                     pdwActiveProtocol == nullptr ? 0 : *pdwActiveProtocol);
-        });
+        [&] { call.out("%ld, %lu", static_cast<long>(hCard), valueOf(pdwActiveProtocol)); });
 }
 
 LONG WINAPI SCardDisconnect(SCARDHANDLE hCard, DWORD dwDisposition) {

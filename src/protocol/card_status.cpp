@@ -115,10 +115,6 @@ LONG statusRemotely(const FunctionLog& log, const RemoteCard& card,
     return copyNameAndAtr(arguments, name.get(), record);
 }
 
-DWORD valueOf(LPDWORD pointer) {
-    return pointer == nullptr ? 0 : *pointer;
-}
-
 }  // namespace
 
 LONG WINAPI SCardStatusA(SCARDHANDLE hCard, LPSTR szReaderName, LPDWORD pcchReaderLen,

@@ -115,7 +115,5 @@ LONG WINAPI SCardConnectA(SCARDCONTEXT hContext, LPCSTR szReader, DWORD dwShareM
                 call.log(), state, [&] { return connectLocally(arguments, systemContext); },
                 [&] { return connectRemotely(call.log(), state, arguments); });
         },
-        [&] {
-            call.out("%llu, %lu", *phCard, pdwActiveProtocol == nullptr ? 0 : *pdwActiveProtocol);
-        });
+        [&] { call.out("%llu, %lu", *phCard, valueOf(pdwActiveProtocol)); });
 }

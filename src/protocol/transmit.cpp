@@ -160,8 +160,5 @@ LONG WINAPI SCardTransmit(SCARDHANDLE hCard, LPCSCARD_IO_REQUEST pioSendPci, LPC
                     return transmitRemotely(call.log(), card, arguments, usedProtocol);
                 });
         },
-        [&] {
-            call.out("%u, %lu", static_cast<unsigned>(usedProtocol),
-                     pcbRecvLength == nullptr ? 0 : *pcbRecvLength);
-        });
+        [&] { call.out("%u, %lu", static_cast<unsigned>(usedProtocol), valueOf(pcbRecvLength)); });
 }

@@ -77,5 +77,5 @@ LONG WINAPI SCardListReaderGroupsA(SCARDCONTEXT hContext, LPSTR mszGroups, LPDWO
             return copyOutBuffer(groups.data(), static_cast<DWORD>(groups.size()), mszGroups,
                                  pcchGroups, 1);
         },
-        [&] { call.out("%lu", pcchGroups == nullptr ? 0 : *pcchGroups); });
+        [&] { call.out("%lu", valueOf(pcchGroups)); });
 }

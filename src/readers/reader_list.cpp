@@ -66,11 +66,7 @@ LONG fetchRemoteNames(const FunctionLog& log, SCARDCONTEXT context, std::string&
 
 /// The multi-string that the caller received, where it asked for one.
 std::optional<std::string_view> receivedList(const ListArguments& arguments, bool isAllocated) {
-    if (arguments.readers == nullptr) {
-        return std::nullopt;
-    }
-    const char* const list =
-        isAllocated ? *reinterpret_cast<LPSTR*>(arguments.readers) : arguments.readers;
+    const char* const list = handedOut(arguments.readers, isAllocated);
     if (list == nullptr) {
         return std::nullopt;
     }
