@@ -2,6 +2,7 @@
 // comes and goes, and for each call.
 #include <tlhelp32.h>
 
+#include "handle_spy.h"
 #include "heap_spy.h"
 #include "remote_card_test.h"
 #include "unique_handle.h"
@@ -12,7 +13,7 @@ namespace {
 /// What the process holds that could grow.
 struct Holdings {
     std::size_t blocks;
-    DWORD handles;
+    std::size_t handles;
     std::size_t threads;
 };
 
@@ -30,11 +31,7 @@ class EnduranceTest : public RemoteCardTest {
         return count;
     }
 
-    Holdings holdings() const {
-        DWORD handles = 0;
-        GetProcessHandleCount(GetCurrentProcess(), &handles);
-        return {heap_.outstanding(), handles, threads()};
-    }
+    Holdings holdings() const { return {heap_.outstanding(), handles_.outstanding(), threads()}; }
 
     /// An application's day: waits, cards of the daemon, a started event, while the daemon is there
     /// and when it has gone. Cards of the host are left out: their handles stay known for good.
@@ -67,6 +64,7 @@ class EnduranceTest : public RemoteCardTest {
 
   private:
     HeapSpy heap_;
+    HandleSpy handles_;
 };
 
 TEST_F(EnduranceTest, LeavesNothingBehindOfDaysThatTheDaemonComesAndGoes) {
@@ -78,7 +76,7 @@ TEST_F(EnduranceTest, LeavesNothingBehindOfDaysThatTheDaemonComesAndGoes) {
     for (int day = 0; day < 15; ++day) {
         liveThroughADay();
     }
-    // Threads of the daemon in this process, and what they hold, may still be ending.
+    // A thread of the daemon in this process may still be ending.
     EXPECT_TRUE(eventually([&] {
         const Holdings after = holdings();
         return after.blocks <= before.blocks && after.handles <= before.handles &&

@@ -160,7 +160,7 @@ class RandomDaemonTest : public RemoteCardTest, public testing::WithParamInterfa
     /// @param call  called with the destination and the length in elements of `unit` bytes.
     template <class Call>
     void takeResult(std::size_t unit, Call call) {
-        DWORD length = SCARD_AUTOALLOCATE;
+        auto length = SCARD_AUTOALLOCATE;
         if (choose_.oneIn(3)) {
             void* block = nullptr;
             call(static_cast<void*>(&block), &length);
