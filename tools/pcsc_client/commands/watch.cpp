@@ -2,6 +2,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <set>
 
 #include "card_words.h"
 #include "commands/commands.h"
@@ -15,6 +16,9 @@ namespace {
 
 /// Stands for the list of readers itself: its state changes when a reader comes or goes.
 constexpr const char* kReaderList = R"(\\?PnP?\Notification)";
+
+/// What the library takes in one wait.
+constexpr std::size_t kMostEntries = 16;
 
 struct WatchOptions {
     std::vector<std::string> readers;
@@ -38,19 +42,36 @@ class Watch {
     Watch(Session& session, const std::vector<std::string>& namesOrIndexes)
         : session_(session), watchesAll_(namesOrIndexes.empty()) {
         for (const std::string& reader : namesOrIndexes) {
-            readers_.push_back({session.resolveReader(reader)});
-        }
-        if (watchesAll_) {
-            for (const std::string& name : session.readers()) {
-                readers_.push_back({name});
-            }
-            readers_.push_back({kReaderList});
+            names_.insert(session.resolveReader(reader));
         }
     }
+
+    /// Prints the states that the readers have now, from which the watch goes on.
+    void begin() {
+        addWanted(session_.readers(), false);
+        if (watchesAll_) {
+            readers_.push_back({kReaderList});
+        }
+        for (const std::string& name : names_) {
+            if (!isWatched(name)) {
+                printLine(name + ": no such reader");
+            }
+        }
+        wait(0);
+    }
+
+    /// Whether a reader that the user has named is not there. No wait ends when it comes: one for
+    /// it alone returns at once, and the list of readers, whose state is their number, can only be
+    /// waited on together with all of them. So the list has to be looked at from time to time.
+    bool lacksReaders() const { return !watchesAll_ && readers_.size() < names_.size(); }
 
     /// Waits until something changes, at most `timeout` milliseconds, and prints what did.
     /// @return how many changes that were.
     unsigned wait(DWORD timeout) {
+        if (readers_.empty()) {
+            Sleep(timeout);
+            return followList();
+        }
         std::vector<SCARD_READERSTATEA> states;
         for (const WatchedReader& reader : readers_) {
             SCARD_READERSTATEA& state = states.emplace_back();
@@ -59,6 +80,11 @@ class Watch {
         }
         const LONG result = SCardGetStatusChangeA(session_.context(), timeout, states.data(),
                                                   static_cast<DWORD>(states.size()));
+        if (result == SCARD_E_INVALID_PARAMETER && states.size() > kMostEntries) {
+            throw Failure("a wait takes " + std::to_string(kMostEntries) +
+                          " entries at most, not " + std::to_string(states.size()) +
+                          "; when no readers are named, the list of readers is one of them");
+        }
         // Also what a wait without limit gives when a side of PC/SC comes or goes meanwhile.
         const bool isOver = result == SCARD_E_TIMEOUT || result == SCARD_E_NO_SERVICE;
         if (!isOver) {
@@ -73,16 +99,36 @@ class Watch {
                 listChanged = listChanged || !isPrinted;
             }
         }
-        return isOver || listChanged ? changes + followList() : changes;
+        // A wait that returns without a change was for a side that has gone.
+        return isOver || listChanged || changes == 0 ? changes + followList() : changes;
     }
 
   private:
+    bool isWanted(const std::string& name) const { return watchesAll_ || names_.contains(name); }
+
+    bool isWatched(const std::string& name) const {
+        return std::any_of(readers_.begin(), readers_.end(),
+                           [&](const WatchedReader& reader) { return reader.name == name; });
+    }
+
+    void addWanted(const std::vector<std::string>& present, bool areNew) {
+        for (const std::string& name : present) {
+            if (isWanted(name) && !isWatched(name)) {
+                readers_.push_back({.name = name, .isNew = areNew});
+            }
+        }
+    }
+
     /// Takes a reader's state as known from now on, and prints it unless it is about which readers
     /// there are: followList tells that.
-    bool take(WatchedReader& reader, const SCARD_READERSTATEA& state) const {
+    static bool take(WatchedReader& reader, const SCARD_READERSTATEA& state) {
+        if ((state.dwEventState & SCARD_STATE_UNKNOWN) != 0) {
+            // Its state says to ignore it, which must not outlive a reader that is back already.
+            reader.state = SCARD_STATE_UNAWARE;
+            return false;
+        }
         reader.state = state.dwEventState & ~DWORD{SCARD_STATE_CHANGED};
-        const bool isGone = (state.dwEventState & SCARD_STATE_UNKNOWN) != 0;
-        if (reader.name == kReaderList || (watchesAll_ && isGone)) {
+        if (reader.name == kReaderList) {
             return false;
         }
         std::string line = reader.name + (reader.isNew ? ": new reader, " : ": ") +
@@ -100,9 +146,6 @@ class Watch {
     /// @return how many are gone.
     unsigned followList() {
         const std::vector<std::string> present = session_.readers();
-        if (!watchesAll_) {
-            return 0;
-        }
         const auto isGone = [&](const WatchedReader& reader) {
             return reader.name != kReaderList &&
                    std::find(present.begin(), present.end(), reader.name) == present.end();
@@ -113,36 +156,30 @@ class Watch {
             }
         }
         const auto goneCount = static_cast<unsigned>(std::erase_if(readers_, isGone));
-        for (const std::string& name : present) {
-            const bool isKnown =
-                std::any_of(readers_.begin(), readers_.end(),
-                            [&](const WatchedReader& reader) { return reader.name == name; });
-            if (!isKnown) {
-                readers_.push_back({.name = name, .isNew = true});
-            }
-        }
+        addWanted(present, true);
         return goneCount;
     }
 
     Session& session_;
     bool watchesAll_;
-    std::vector<WatchedReader> readers_;
+    std::set<std::string> names_;         ///< those that the user wants; empty for all
+    std::vector<WatchedReader> readers_;  ///< those of them that there are
 };
 
 void runWatch(Session& session, const WatchOptions& options) {
     // A wait with a limit tells a change of one side's readers only when its time is over; a watch
-    // with a limit is made of short ones.
+    // with a limit is made of short ones. So is one that looks for a reader.
     constexpr DWORD kLongestStep = 250;
     const Deadline deadline(options.timeout);
     const unsigned wanted = options.wantedChanges();
     Watch watch(session, options.readers);
-    watch.wait(0);
+    watch.begin();
     printLine("watching");
     unsigned changes = 0;
     const auto isDone = [&] { return wanted != 0 && changes >= wanted; };
     while (!isDone() && !deadline.isOver()) {
-        changes += watch.wait(deadline.isLimited() ? std::min(deadline.remaining(), kLongestStep)
-                                                   : INFINITE);
+        const bool isStep = deadline.isLimited() || watch.lacksReaders();
+        changes += watch.wait(isStep ? std::min(deadline.remaining(), kLongestStep) : INFINITE);
     }
     if (wanted != 0 && !isDone()) {
         throw Failure("the time is over");
