@@ -135,6 +135,13 @@ TEST_F(ClientTest, PrintsAttributesByName) {
     EXPECT_EQ(outputOf("attributes 0 --name MAXINPUT", 1), "");
 }
 
+TEST_F(ClientTest, PrintsTheAttributesThatAnOldDaemonSends) {
+    simulator.tell("version 1.1");
+    simulator.waitFor("protocol 1.1");
+    EXPECT_THAT(output("attributes 0"),
+                AllOf(HasSubstr(kDemoAtrText), HasSubstr("value     Virtual Readers")));
+}
+
 TEST_F(ClientTest, EndsAWatchWithACardOnTheRemoteSide) {
     ChildProcess watch("pcsc-client.exe", "watch --once");
     waitUntilItWaits(watch);

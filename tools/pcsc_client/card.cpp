@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "allocated_buffer.h"
 #include "failure.h"
 
 namespace tez::client {
@@ -10,7 +11,6 @@ namespace {
 /// An extended answer APDU: 65536 bytes of data and the status bytes.
 constexpr DWORD kLongestAnswer = 65538;
 constexpr DWORD kLongestAtr = 36;
-constexpr DWORD kLongestAttribute = 512;
 
 const SCARD_IO_REQUEST* pciOf(DWORD protocol) {
     switch (protocol) {
@@ -25,7 +25,8 @@ const SCARD_IO_REQUEST* pciOf(DWORD protocol) {
 
 }  // namespace
 
-Card::Card(SCARDCONTEXT context, std::string reader, Access access) : reader_(std::move(reader)) {
+Card::Card(SCARDCONTEXT context, std::string reader, Access access)
+    : context_(context), reader_(std::move(reader)) {
     const bool direct = access == Access::kDirect;
     check(
         "SCardConnect",
@@ -70,15 +71,16 @@ Bytes Card::control(DWORD code, ByteView input) const {
 }
 
 std::optional<Bytes> Card::attribute(DWORD id) const {
-    Bytes value(kLongestAttribute);
-    DWORD length = kLongestAttribute;
-    const LONG result = SCardGetAttrib(handle_, id, value.data(), &length);
+    // Allocated, as no length is right for every side: an old daemon refuses a buffer that is
+    // larger than what it can send.
+    AllocatedBuffer value(context_);
+    const LONG result = SCardGetAttrib(handle_, id, value.byteDestination(), value.length());
     if (result == SCARD_E_UNSUPPORTED_FEATURE || result == ERROR_NOT_SUPPORTED) {
         return std::nullopt;
     }
     check("SCardGetAttrib", result);
-    value.resize(length);
-    return value;
+    const ByteView bytes = value.bytes();
+    return Bytes(bytes.begin(), bytes.end());
 }
 
 void Card::disconnect() {

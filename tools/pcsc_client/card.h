@@ -45,6 +45,7 @@ class Card {
     void disconnect();
 
   private:
+    SCARDCONTEXT context_;
     std::string reader_;
     SCARDHANDLE handle_ = 0;
     DWORD protocol_ = SCARD_PROTOCOL_UNDEFINED;
