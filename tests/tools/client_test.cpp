@@ -142,6 +142,12 @@ TEST_F(ClientTest, PrintsTheAttributesThatAnOldDaemonSends) {
                 AllOf(HasSubstr(kDemoAtrText), HasSubstr("value     Virtual Readers")));
 }
 
+TEST_F(ClientTest, RefusesAPinThatNoCommandHolds) {
+    EXPECT_EQ(outputOf("verify 0 " + std::string(256, '1'), 2), "");
+    EXPECT_THAT(outputOf("verify 0 " + std::string(255, '1'), 1),
+                HasSubstr("command   00 20 00 01 FF ** "));
+}
+
 TEST_F(ClientTest, EndsAWatchWithACardOnTheRemoteSide) {
     ChildProcess watch("pcsc-client.exe", "watch --once");
     waitUntilItWaits(watch);

@@ -10,7 +10,10 @@
 
 namespace tez::client {
 
-/// A short command APDU of ISO 7816-4: at most 255 bytes of data, 1 to 256 bytes expected.
+/// What a short command APDU can hold, in bytes.
+inline constexpr std::size_t kLongestData = 255;
+
+/// A short command APDU of ISO 7816-4: at most kLongestData bytes of data, 1 to 256 bytes expected.
 struct CommandApdu {
     std::uint8_t cla = 0x00;
     std::uint8_t ins = 0;

@@ -20,8 +20,13 @@ void addVerify(CLI::App& app, Session& session) {
     CLI::App* const command = app.add_subcommand("verify", "Show the card a PIN");
     const auto options = std::make_shared<VerifyOptions>();
     addReaderOption(*command, options->reader);
+    const auto fitsCommand = [](const std::string& pin) -> std::string {
+        // The PIN itself is nobody's to read.
+        return pin.size() > kLongestData ? "longer than the 255 bytes that a command holds" : "";
+    };
     command->add_option("PIN", options->pin, "the PIN, sent as the characters it is written with")
-        ->required();
+        ->required()
+        ->check(CLI::Validator(fitsCommand, ""));
     command->add_option("--aid", options->aid, "application to select first")->check(isHex(1, 16));
     command->add_option("--reference", options->reference, "which PIN (P2); 1 when not given")
         ->check(CLI::Range(0U, 255U));
