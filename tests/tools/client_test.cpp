@@ -148,6 +148,12 @@ TEST_F(ClientTest, RefusesAPinThatNoCommandHolds) {
                 HasSubstr("command   00 20 00 01 FF ** "));
 }
 
+TEST_F(ClientTest, GoesOnInTheShellAfterAnyError) {
+    // Bytes that are not UTF-8 name no file.
+    EXPECT_THAT(shellOutput({"icon 0 --file \"\xFF.ico\"", "readers"}, 1),
+                AllOf(HasSubstr("error: "), HasSubstr("[0] Remote Reader 0")));
+}
+
 TEST_F(ClientTest, EndsAWatchWithACardOnTheRemoteSide) {
     ChildProcess watch("pcsc-client.exe", "watch --once");
     waitUntilItWaits(watch);

@@ -1,6 +1,7 @@
 #include "run_command.h"
 
 #include <algorithm>
+#include <exception>
 #include <iostream>
 
 #include "failure.h"
@@ -31,6 +32,10 @@ Outcome runCommand(CLI::App& app, std::vector<std::string> words, std::ostream& 
         if (*failure.what() != '\0') {
             errors << "error: " << failure.what() << std::endl;
         }
+        return Outcome::kFailed;
+    } catch (const std::exception& error) {
+        // Nothing that one line of the shell does may end the lines to come.
+        errors << "error: " << error.what() << std::endl;
         return Outcome::kFailed;
     }
 }
