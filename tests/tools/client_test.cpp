@@ -286,6 +286,13 @@ TEST_F(ClientTest, IntroducesAndForgetsCardTypes) {
                       HasSubstr("forgotten: Other Card"), HasSubstr("no card types")));
 }
 
+TEST_F(ClientTest, SetsAnEmptyProviderName) {
+    EXPECT_THAT(shellOutput({"provider \"Demo Card\" --set \"A Provider\"",
+                             "provider \"Demo Card\" --set \"\""},
+                            0),
+                AllOf(HasSubstr("provider  A Provider\r\n"), HasSubstr("provider  \r\n")));
+}
+
 TEST_F(ClientTest, PutsAndGetsCachedData) {
     const std::string item = kItem;
     EXPECT_THAT(shellOutput({"cache put " + item + " 44656D6F --freshness 3",

@@ -18,11 +18,12 @@ const std::map<std::string, DWORD> kKinds = {{"primary", SCARD_PROVIDER_PRIMARY}
 struct ProviderOptions {
     std::string card;
     DWORD kind = SCARD_PROVIDER_CSP;
+    bool isSet = false;  ///< newName is to be set; it may be empty
     std::string newName;
 };
 
 void runProvider(SCARDCONTEXT context, const ProviderOptions& options) {
-    if (!options.newName.empty()) {
+    if (options.isSet) {
         check("SCardSetCardTypeProviderName",
               SCardSetCardTypeProviderNameA(context, options.card.c_str(), options.kind,
                                             options.newName.c_str()));
@@ -45,8 +46,12 @@ void addProvider(CLI::App& app, Session& session) {
         ->add_option("--kind", options->kind,
                      "primary, csp, ksp, module, or a number; csp when not given")
         ->transform(CLI::Transformer(kKinds));
-    command->add_option("--set", options->newName, "the name to set first");
-    command->callback([&session, options] { runProvider(session.context(), *options); });
+    const CLI::Option* const set =
+        command->add_option("--set", options->newName, "the name to set first");
+    command->callback([&session, options, set] {
+        options->isSet = set->count() > 0;
+        runProvider(session.context(), *options);
+    });
 }
 
 }  // namespace tez::client
