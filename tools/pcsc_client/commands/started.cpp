@@ -15,7 +15,8 @@ class StartedEvent {
   public:
     StartedEvent() : handle_(SCardAccessStartedEvent()) {
         if (handle_ == nullptr) {
-            throw ScardFailure("SCardAccessStartedEvent", static_cast<LONG>(GetLastError()));
+            check("SCardAccessStartedEvent", static_cast<LONG>(GetLastError()));
+            throw Failure("SCardAccessStartedEvent: there is no started event");
         }
     }
     ~StartedEvent() { SCardReleaseStartedEvent(); }
