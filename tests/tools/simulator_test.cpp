@@ -65,6 +65,44 @@ TEST(SimulatorProgramTest, FailsAtItsEndWhenACommandHasFailed) {
     EXPECT_THAT(simulator.quit(), Optional(1U));
 }
 
+/// Runs the simulator with arguments that it does not start with. @return its exit code.
+std::optional<DWORD> exitCodeWith(const std::string& arguments) {
+    ChildProcess simulator("pcscd-sim.exe", arguments);
+    EXPECT_EQ(simulator.readLine(), std::nullopt) << arguments;
+    return simulator.waitForEnd(kToolPatience);
+}
+
+TEST(SimulatorProgramTest, FailsWithoutItsScript) {
+    const std::filesystem::path script = std::filesystem::temp_directory_path() /
+                                         ("locked-" + std::to_string(GetCurrentProcessId()));
+    {
+        const UniqueHandle keptToItself(CreateFileW(script.c_str(), GENERIC_WRITE, 0, nullptr,
+                                                    CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE,
+                                                    nullptr));
+        EXPECT_THAT(exitCodeWith("--script " + script.string()), Optional(1U));
+    }
+    EXPECT_THAT(exitCodeWith("--script " + script.string()), Optional(1U));
+}
+
+/// As a process that is started has to be told it.
+std::string inCodePage(const std::wstring& text) {
+    char narrow[MAX_PATH] = {};
+    WideCharToMultiByte(CP_ACP, 0, text.c_str(), -1, narrow, sizeof narrow, nullptr, nullptr);
+    return narrow;
+}
+
+TEST(SimulatorProgramTest, RunsAScriptWhoseNameIsNotAscii) {
+    const std::filesystem::path script = std::filesystem::temp_directory_path() /
+                                         (L"scr\u00EDpt-" + std::to_wstring(GetCurrentProcessId()));
+    std::ofstream(script) << "insert Remote Reader 1\n";
+    {
+        SimulatorProcess simulator("--script " + inCodePage(script.wstring()));
+        simulator.waitFor("card inserted into Remote Reader 1");
+        EXPECT_THAT(simulator.quit(), Optional(0U));
+    }
+    std::filesystem::remove(script);
+}
+
 TEST(SimulatorProgramTest, RunsAScriptFirst) {
     const std::filesystem::path script = std::filesystem::temp_directory_path() /
                                          ("script-" + std::to_string(GetCurrentProcessId()));

@@ -13,6 +13,11 @@ std::string toUtf8(const std::wstring& text) {
     return utf8;
 }
 
+std::filesystem::path toPath(const std::string& utf8) {
+    // What a narrow string is taken for depends on the host.
+    return std::u8string(utf8.begin(), utf8.end());
+}
+
 std::vector<std::string> utf8Arguments(int argc, wchar_t** argv) {
     std::vector<std::string> words;
     for (int index = 1; index < argc; ++index) {

@@ -1,11 +1,15 @@
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
 namespace tez::tools {
 
 std::string toUtf8(const std::wstring& text);
+
+/// A path as a person gives it; throws std::system_error when it is not UTF-8.
+std::filesystem::path toPath(const std::string& utf8);
 
 /// The words behind a program's name, as wmain gets them.
 std::vector<std::string> utf8Arguments(int argc, wchar_t** argv);

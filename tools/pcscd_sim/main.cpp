@@ -7,6 +7,7 @@
 #include <exception>
 #include <fstream>
 #include <iostream>
+#include <stdexcept>
 
 #include "console.h"
 #include "options.h"
@@ -43,8 +44,21 @@ void introduceCardType(tez::test::CardStore& cards) {
     cards.setProvider(kCardType, SCARD_PROVIDER_CSP, kProvider);
 }
 
-/// False when the pipe could not be served or a command failed.
+/// Throws std::runtime_error when the file cannot be read.
+std::ifstream openScript(const std::string& utf8Path) {
+    std::ifstream script(tez::tools::toPath(utf8Path));
+    if (!script) {
+        throw std::runtime_error("cannot read the script " + utf8Path);
+    }
+    return script;
+}
+
+/// False when a command failed. Throws when the script cannot be read or the pipe not be served.
 bool run(const Options& options) {
+    std::ifstream script;
+    if (!options.script.empty()) {
+        script = openScript(options.script);
+    }
     tez::test::PcscService service;
     tez::test::DaemonSimulator daemon(service, {options.version, {.name = options.pipe}});
     observe(daemon);
@@ -60,8 +74,7 @@ bool run(const Options& options) {
     daemon.start();
     printLine("serving " + options.pipe + ", protocol " + describe(options.version));
 
-    if (!options.script.empty()) {
-        std::ifstream script(options.script);
+    if (script.is_open()) {
         console.run(script);
     }
     console.run(std::cin);

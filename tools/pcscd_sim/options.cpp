@@ -46,15 +46,15 @@ Options parseOptions(std::vector<std::string> words) {
                    "A reader (repeatable; without any: \"Remote Reader 0\" with a card and "
                    "\"Remote Reader 1\" without)");
     app.add_option("--card", options.cards,
-                   "Put a card into this reader (repeatable; makes the reader if need be)");
-    app.add_option("--script", options.script, "File of commands to run first")
-        ->check(CLI::ExistingFile);
+                   "Put a card into this reader (repeatable; makes the reader if need be)")
+        ->check(judgeReaderName);
+    app.add_option("--script", options.script, "File of commands to run first");
     app.add_flag("--detach", options.detach,
                  "Keep serving when standard input ends, until the process is ended");
     app.footer(
         "Ends when standard input ends (unless --detach is given) or with \"quit\".\n"
-        "Exit code: 0 after a clean end, 1 when the pipe cannot be served or a command of the "
-        "script or of standard input failed, 2 for wrong arguments.");
+        "Exit code: 0 after a clean end, 1 when the pipe cannot be served, the script cannot be "
+        "read or a command of it or of standard input failed, 2 for wrong arguments.");
     std::reverse(words.begin(), words.end());  // the order that the parser takes them in
     try {
         app.parse(std::move(words));

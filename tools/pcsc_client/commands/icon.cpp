@@ -1,4 +1,3 @@
-#include <filesystem>
 #include <fstream>
 #include <memory>
 
@@ -6,6 +5,7 @@
 #include "commands/commands.h"
 #include "failure.h"
 #include "output.h"
+#include "utf8.h"
 
 // The toolchain's <winscard.h> lacks it.
 extern "C" LONG WINAPI SCardGetReaderIconA(SCARDCONTEXT hContext, LPCSTR szReaderName,
@@ -20,8 +20,7 @@ struct IconOptions {
 };
 
 void writeFile(const std::string& utf8Path, ByteView bytes) {
-    const std::filesystem::path path(std::u8string(utf8Path.begin(), utf8Path.end()));
-    std::ofstream file(path, std::ios::binary);
+    std::ofstream file(tools::toPath(utf8Path), std::ios::binary);
     file.write(reinterpret_cast<const char*>(bytes.data()),
                static_cast<std::streamsize>(bytes.size()));
     file.close();
