@@ -72,6 +72,22 @@ std::optional<DWORD> exitCodeWith(const std::string& arguments) {
     return simulator.waitForEnd(kToolPatience);
 }
 
+TEST(SimulatorProgramTest, RefusesReadersThatCannotBe) {
+    const std::string longest(127, 'R');
+    for (const std::string& arguments :
+         {std::string("--reader \"\""), "--reader " + longest + "R", "--card " + longest + "R",
+          std::string("--reader A --reader B --reader A"), std::string("--card A --card A")}) {
+        EXPECT_THAT(exitCodeWith(arguments), Optional(2U)) << arguments;
+    }
+    SimulatorProcess simulator("--card A --reader A --reader " + longest);
+    simulator.tell("add " + longest + "R");
+    simulator.waitFor("error: longer than the 127 bytes");
+    simulator.tell("readers");
+    simulator.waitFor("A: card");
+    simulator.waitFor(longest + ": empty");
+    EXPECT_THAT(simulator.quit(), Optional(1U));
+}
+
 TEST(SimulatorProgramTest, FailsWithoutItsScript) {
     const std::filesystem::path script = std::filesystem::temp_directory_path() /
                                          ("locked-" + std::to_string(GetCurrentProcessId()));

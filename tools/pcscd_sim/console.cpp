@@ -128,6 +128,10 @@ void Console::remove(const std::string& reader) {
 }
 
 void Console::add(const std::string& reader) {
+    if (!isReaderName(reader)) {
+        report(false, {}, "longer than the 127 bytes that a name can have: " + reader);
+        return;
+    }
     report(service_.addReader(reader), "reader added: " + reader,
            "there is such a reader: " + reader);
 }

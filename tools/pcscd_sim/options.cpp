@@ -14,6 +14,20 @@ bool parseNumber(std::string_view text, std::uint32_t& number) {
     return error == std::errc() && end == text.data() + text.size();
 }
 
+std::string judgeReaderName(const std::string& name) {
+    return isReaderName(name) ? ""
+                              : "not a reader's name, which has 1 to 127 bytes: \"" + name + "\"";
+}
+
+/// A second reader of a name would never be made, nor a second card put into it.
+void refuseRepetitions(const std::string& option, std::vector<std::string> names) {
+    std::sort(names.begin(), names.end());
+    const auto repeated = std::adjacent_find(names.begin(), names.end());
+    if (repeated != names.end()) {
+        throw CLI::ValidationError(option, "given twice: \"" + *repeated + "\"");
+    }
+}
+
 }  // namespace
 
 std::optional<test::ProtocolVersion> parseVersion(const std::string& text) {
@@ -25,6 +39,11 @@ std::optional<test::ProtocolVersion> parseVersion(const std::string& text) {
         return std::nullopt;
     }
     return version;
+}
+
+bool isReaderName(const std::string& name) {
+    constexpr std::size_t kLongestName = 127;
+    return !name.empty() && name.size() <= kLongestName;
 }
 
 Options parseOptions(std::vector<std::string> words) {
@@ -44,7 +63,8 @@ Options parseOptions(std::vector<std::string> words) {
         });
     app.add_option("--reader", options.readers,
                    "A reader (repeatable; without any: \"Remote Reader 0\" with a card and "
-                   "\"Remote Reader 1\" without)");
+                   "\"Remote Reader 1\" without)")
+        ->check(judgeReaderName);
     app.add_option("--card", options.cards,
                    "Put a card into this reader (repeatable; makes the reader if need be)")
         ->check(judgeReaderName);
@@ -58,6 +78,8 @@ Options parseOptions(std::vector<std::string> words) {
     std::reverse(words.begin(), words.end());  // the order that the parser takes them in
     try {
         app.parse(std::move(words));
+        refuseRepetitions("--reader", options.readers);
+        refuseRepetitions("--card", options.cards);
     } catch (const CLI::Error& error) {
         app.exit(error);
         throw;

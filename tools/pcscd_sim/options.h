@@ -21,6 +21,9 @@ struct Options {
 /// "1.4"; nullopt for anything else.
 std::optional<test::ProtocolVersion> parseVersion(const std::string& text);
 
+/// Whether the protocol can carry a reader of this name: it has 1 to 127 bytes.
+bool isReaderName(const std::string& name);
+
 /// Throws CLI::Error, having printed why, when the arguments are wrong or only ask for help.
 Options parseOptions(std::vector<std::string> words);
 
