@@ -31,6 +31,17 @@ class StatusChangeAndDaemon : public StatusChangeTest {
                   });
     }
 
+    /// A wait without limit that is inside the host, and waits for a context that the daemon
+    /// refuses.
+    BackgroundWait waitWhileNotReady(SCARDCONTEXT context) {
+        listReaders(context);
+        BackgroundWait wait(context, INFINITE,
+                            {readerState(kPnpReader, 1U << 16U), unchangedHost()});
+        waitForHostWait();
+        EXPECT_TRUE(eventually([this] { return !contextWaits().empty(); }));
+        return wait;
+    }
+
     /// What the calling thread's wait says while it waits for the daemon's context.
     std::vector<std::string> contextWaits() const {
         std::vector<std::string> waits;
@@ -244,11 +255,7 @@ TEST_F(StatusChangeAndDaemon, NotReadyIsAskedAgainEverySecondWithoutATimeout) {
 TEST_F(StatusChangeAndDaemon, NotReadyDoesNotKeepAHostChangeBack) {
     refuseContexts(1000);
     const SCARDCONTEXT context = establishWithDaemon();
-    listReaders(context);
-    const BackgroundWait wait(context, INFINITE,
-                              {readerState(kPnpReader, 1U << 16U), unchangedHost()});
-    waitForHostWait();
-    ASSERT_TRUE(eventually([this] { return !contextWaits().empty(); }));
+    const BackgroundWait wait = waitWhileNotReady(context);
     const ULONGLONG changed = GetTickCount64();
     host.pcsc().removeCard(kHostReader);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
@@ -264,11 +271,7 @@ TEST_F(StatusChangeAndDaemon, NotReadyDoesNotKeepAHostChangeBack) {
 TEST_F(StatusChangeAndDaemon, NotReadyIsWaitedForUntilTheApplicationCancels) {
     refuseContexts(1000);
     const SCARDCONTEXT context = establishWithDaemon();
-    listReaders(context);
-    const BackgroundWait wait(context, INFINITE,
-                              {readerState(kPnpReader, 1U << 16U), unchangedHost()});
-    waitForHostWait();
-    ASSERT_TRUE(eventually([this] { return !contextWaits().empty(); }));
+    const BackgroundWait wait = waitWhileNotReady(context);
     EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
     EXPECT_THAT(daemon.requests(Command::kGetStatusChange), IsEmpty());
@@ -287,11 +290,7 @@ TEST_F(StatusChangeAndDaemon, NotReadyDoesNotHideTheHostsReadersThatNobodyListed
 TEST_F(StatusChangeAndDaemon, NotReadyDoesNotLoseACancelThatTheNextWaitFollows) {
     refuseContexts(1000);
     const SCARDCONTEXT context = establishWithDaemon();
-    listReaders(context);
-    const BackgroundWait wait(context, INFINITE,
-                              {readerState(kPnpReader, 1U << 16U), unchangedHost()});
-    waitForHostWait();
-    ASSERT_TRUE(eventually([this] { return !contextWaits().empty(); }));
+    const BackgroundWait wait = waitWhileNotReady(context);
     EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     // Takes the context's mark back, well within the second that the other one sleeps.
     SCARD_READERSTATEA state = unchangedHost();
@@ -302,11 +301,7 @@ TEST_F(StatusChangeAndDaemon, NotReadyDoesNotLoseACancelThatTheNextWaitFollows) 
 TEST_F(StatusChangeAndDaemon, NotReadyDoesNotKeepAHostChangeBackThatTheNextWaitFollows) {
     refuseContexts(1000);
     const SCARDCONTEXT context = establishWithDaemon();
-    listReaders(context);
-    const BackgroundWait wait(context, INFINITE,
-                              {readerState(kPnpReader, 1U << 16U), unchangedHost()});
-    waitForHostWait();
-    ASSERT_TRUE(eventually([this] { return !contextWaits().empty(); }));
+    const BackgroundWait wait = waitWhileNotReady(context);
     host.pcsc().removeCard(kHostReader);
     ASSERT_TRUE(eventually([this] {
         return log().count("setContextCancelled", "Setting ContextCancelled 7a000001 to 1") == 1;
@@ -320,11 +315,7 @@ TEST_F(StatusChangeAndDaemon, NotReadyDoesNotKeepAHostChangeBackThatTheNextWaitF
 TEST_F(StatusChangeAndDaemon, ComingAnewEndsAWaitForItsContextAsATimeout) {
     refuseContexts(1000);
     const SCARDCONTEXT context = establishWithDaemon();
-    listReaders(context);
-    const BackgroundWait wait(context, INFINITE,
-                              {readerState(kPnpReader, 1U << 16U), unchangedHost()});
-    waitForHostWait();
-    ASSERT_TRUE(eventually([this] { return !contextWaits().empty(); }));
+    const BackgroundWait wait = waitWhileNotReady(context);
     stopDaemon();
     startDaemon();
     // Deaf to the host's readers, it would go on until the daemon is ready.
