@@ -39,6 +39,14 @@ class StatusChangeCancel : public StatusChangeTest {
         return gate;
     }
 
+    /// A wait without limit on both readers that the daemon has begun, and that the host holds.
+    BackgroundWait waitHeldByTheHost(SCARDCONTEXT context, const Gate& gate) {
+        BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+        waitForRemoteWait();
+        EXPECT_TRUE(gate.waitUntilReached());
+        return wait;
+    }
+
     /// Lets the daemon's waits begin only behind a gate.
     Gate holdRemoteWaits() {
         Gate gate;
@@ -127,9 +135,7 @@ TEST_F(StatusChangeCancel, ByTheApplicationIsRepeatedWhenItComesTooEarlyForTheHo
     const SCARDCONTEXT context = establishAndList();
     noteHostCancels();
     const Gate gate = holdHostWaits();
-    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
-    waitForRemoteWait();
-    ASSERT_TRUE(gate.waitUntilReached());
+    const BackgroundWait wait = waitHeldByTheHost(context, gate);
     EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     gate.open();
     EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
@@ -180,9 +186,7 @@ TEST_F(StatusChangeCancel, ThatComesSeveralTimesIsRepeatedByOneThread) {
     const SCARDCONTEXT context = establishAndList();
     noteHostCancels();
     const Gate gate = holdHostWaits();
-    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
-    waitForRemoteWait();
-    ASSERT_TRUE(gate.waitUntilReached());
+    const BackgroundWait wait = waitHeldByTheHost(context, gate);
     for (int i = 0; i < 3; ++i) {
         EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     }
@@ -198,9 +202,7 @@ TEST_F(StatusChangeCancel, IsRepeatedByTheNextOneWhenThereWasNoThreadForIt) {
     const SCARDCONTEXT context = establishAndList();
     noteHostCancels();
     const Gate gate = holdHostWaits();
-    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
-    waitForRemoteWait();
-    ASSERT_TRUE(gate.waitUntilReached());
+    const BackgroundWait wait = waitHeldByTheHost(context, gate);
     {
         using Start =
             std::uintptr_t(void*, unsigned, unsigned (*)(void*), void*, unsigned, unsigned*);
@@ -250,9 +252,7 @@ TEST_F(StatusChangeCancel, OfTheHostIsRepeatedAfterASecondWhenItCameTooEarly) {
     const SCARDCONTEXT context = establishAndList();
     noteHostCancels();
     const Gate gate = holdHostWaits();
-    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
-    waitForRemoteWait();
-    ASSERT_TRUE(gate.waitUntilReached());
+    const BackgroundWait wait = waitHeldByTheHost(context, gate);
     remote.removeCard(kRemoteReader);
     ASSERT_TRUE(eventually([&] { return !hostCancels().empty(); }));
     gate.open();
@@ -269,9 +269,7 @@ TEST_F(StatusChangeCancel, OfTheHostIsRepeatedAtGrowingIntervals) {
     const SCARDCONTEXT context = establishAndList();
     noteHostCancels();
     const Gate gate = holdHostWaits();
-    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
-    waitForRemoteWait();
-    ASSERT_TRUE(gate.waitUntilReached());
+    const BackgroundWait wait = waitHeldByTheHost(context, gate);
     remote.removeCard(kRemoteReader);
     ASSERT_TRUE(eventually([&] { return hostCancels().size() == 3; }));
     gate.open();

@@ -322,6 +322,8 @@ class UnconnectableConnection : public DaemonConnectionTEZ {
 
 }  // namespace
 
+const std::size_t kDaemonPipeSize = std::string(kDaemonPipe).size() + 1;
+
 /// Refuses blocks of a size: of the pipe's name, or of the token, which is empty.
 class RefusedBlocks {
   public:
@@ -335,27 +337,25 @@ class RefusedBlocks {
     ImportPatch<void*(std::size_t)> malloc_;
 };
 
-TEST(PipeConnection, NeedsMemoryForThePipesName) {
+void expectNoConnectionWithout(std::size_t refusedSize, const std::string& message) {
     const CapturedLog log;
-    const RefusedBlocks refused(std::string(kDaemonPipe).size() + 1);
+    const RefusedBlocks refused(refusedSize);
     DaemonConnectionTEZ connection;
     EXPECT_FALSE(connection.connect());
-    EXPECT_THAT(log.messages(),
-                Contains("W (DaemonConnectionTEZ::connect): Unable to get socket path"));
+    EXPECT_THAT(log.messages(), Contains("W (DaemonConnectionTEZ::connect): " + message));
+}
+
+TEST(PipeConnection, NeedsMemoryForThePipesName) {
+    expectNoConnectionWithout(kDaemonPipeSize, "Unable to get socket path");
 }
 
 TEST(PipeConnection, NeedsMemoryForTheToken) {
-    const CapturedLog log;
-    const RefusedBlocks refused(1);
-    DaemonConnectionTEZ connection;
-    EXPECT_FALSE(connection.connect());
-    EXPECT_THAT(log.messages(),
-                Contains("W (DaemonConnectionTEZ::connect): Unable to get auth token"));
+    expectNoConnectionWithout(1, "Unable to get auth token");
 }
 
 TEST(PipeConnection, WithoutAPipesNameThereIsNoDaemonToConnectTo) {
     const CapturedLog log;
-    const RefusedBlocks refused(std::string(kDaemonPipe).size() + 1);
+    const RefusedBlocks refused(kDaemonPipeSize);
     DaemonConnectionTEZ connection;
     EXPECT_FALSE(connection.checkDaemonAvailability());
     EXPECT_THAT(log.messages(), Contains("W (DaemonConnectionTEZ::checkDaemonAvailability): No "
