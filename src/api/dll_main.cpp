@@ -1,7 +1,7 @@
 #include <windows.h>
 
 #include "context/availability_monitor.h"
-#include "readers/state/started_events.h"
+#include "state/started_events.h"
 
 /// Everything is made on first use, so attaching a process or a thread does nothing. At detach the
 /// poll thread is stopped and the started events are closed; contexts, connections, the log file

@@ -10,7 +10,7 @@
 #include "log/call_frame.h"
 #include "log/log_sink.h"
 #include "log/value_format.h"
-#include "protocol/wire/database_records.h"
+#include "wire/database_records.h"
 
 using namespace tez;
 

@@ -11,7 +11,7 @@
 #include "local/local_calls.h"
 #include "log/call_frame.h"
 #include "log/log_sink.h"
-#include "protocol/wire/database_records.h"
+#include "wire/database_records.h"
 
 using namespace tez;
 

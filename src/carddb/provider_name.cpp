@@ -7,8 +7,8 @@
 #include "context/routing.h"
 #include "local/local_calls.h"
 #include "log/call_frame.h"
-#include "protocol/wire/database_records.h"
-#include "protocol/wire/text_field.h"
+#include "wire/database_records.h"
+#include "wire/text_field.h"
 
 using namespace tez;
 

@@ -6,7 +6,7 @@
 #include "context/routing.h"
 #include "local/local_calls.h"
 #include "log/call_frame.h"
-#include "protocol/wire/database_records.h"
+#include "wire/database_records.h"
 
 using namespace tez;
 

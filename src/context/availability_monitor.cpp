@@ -10,9 +10,9 @@
 #include "daemon/daemon_connection_tez.h"
 #include "daemon/service_state.h"
 #include "log/function_log.h"
-#include "readers/state/pending_local_waits.h"
-#include "readers/state/reader_names.h"
-#include "readers/state/started_events.h"
+#include "state/pending_local_waits.h"
+#include "state/reader_names.h"
+#include "state/started_events.h"
 
 namespace tez {
 

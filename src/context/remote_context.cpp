@@ -2,7 +2,7 @@
 
 #include "daemon/exchange.h"
 #include "log/call_frame.h"
-#include "protocol/wire/context_records.h"
+#include "wire/context_records.h"
 
 namespace tez {
 

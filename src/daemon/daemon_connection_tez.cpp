@@ -7,7 +7,7 @@
 
 #include "log/function_log.h"
 #include "log/switches.h"
-#include "protocol/wire/message_header.h"
+#include "wire/message_header.h"
 
 namespace tez {
 

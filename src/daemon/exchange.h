@@ -10,7 +10,7 @@
 #include "common/heap.h"
 #include "daemon/daemon_connection.h"
 #include "log/function_log.h"
-#include "protocol/wire/command_codes.h"
+#include "wire/command_codes.h"
 
 namespace tez {
 

@@ -11,7 +11,7 @@
 #include "local/winscard_table.h"
 #include "log/call_frame.h"
 #include "protocol/card_routing.h"
-#include "protocol/wire/attribute_records.h"
+#include "wire/attribute_records.h"
 
 using namespace tez;
 

@@ -7,7 +7,7 @@
 #include "local/local_calls.h"
 #include "log/call_frame.h"
 #include "protocol/wait_cancel.h"
-#include "protocol/wire/card_records.h"
+#include "wire/card_records.h"
 
 using namespace tez;
 

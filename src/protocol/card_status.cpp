@@ -10,7 +10,7 @@
 #include "log/call_frame.h"
 #include "protocol/card_routing.h"
 #include "protocol/session_protocols.h"
-#include "protocol/wire/card_records.h"
+#include "wire/card_records.h"
 
 using namespace tez;
 

@@ -6,8 +6,8 @@
 #include "local/winscard_table.h"
 #include "log/call_frame.h"
 #include "protocol/session_protocols.h"
-#include "protocol/wire/card_records.h"
-#include "protocol/wire/text_field.h"
+#include "wire/card_records.h"
+#include "wire/text_field.h"
 
 namespace tez {
 

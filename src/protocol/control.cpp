@@ -4,7 +4,7 @@
 #include "log/call_frame.h"
 #include "protocol/card_routing.h"
 #include "protocol/data_limits.h"
-#include "protocol/wire/card_records.h"
+#include "wire/card_records.h"
 
 using namespace tez;
 

@@ -3,7 +3,7 @@
 #include <cstdint>
 
 #include "daemon/exchange.h"
-#include "protocol/wire/protocol_mask.h"
+#include "wire/protocol_mask.h"
 
 namespace tez {
 

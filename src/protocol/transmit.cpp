@@ -4,8 +4,8 @@
 #include "log/call_frame.h"
 #include "protocol/card_routing.h"
 #include "protocol/data_limits.h"
-#include "protocol/wire/card_records.h"
-#include "protocol/wire/protocol_mask.h"
+#include "wire/card_records.h"
+#include "wire/protocol_mask.h"
 
 const SCARD_IO_REQUEST g_rgSCardT0Pci = {SCARD_PROTOCOL_T0, sizeof(SCARD_IO_REQUEST)};
 const SCARD_IO_REQUEST g_rgSCardT1Pci = {SCARD_PROTOCOL_T1, sizeof(SCARD_IO_REQUEST)};

@@ -7,9 +7,9 @@
 #include "context/routing.h"
 #include "daemon/exchange.h"
 #include "local/local_calls.h"
-#include "protocol/wire/card_records.h"
-#include "readers/state/repeat_until.h"
-#include "readers/state/status_waits.h"
+#include "state/repeat_until.h"
+#include "state/status_waits.h"
+#include "wire/card_records.h"
 
 namespace tez {
 

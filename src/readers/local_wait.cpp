@@ -7,8 +7,8 @@
 #include "local/local_calls.h"
 #include "local/winscard_table.h"
 #include "protocol/wait_cancel.h"
-#include "readers/state/pending_local_waits.h"
-#include "readers/state/repeat_until.h"
+#include "state/pending_local_waits.h"
+#include "state/repeat_until.h"
 
 namespace tez {
 

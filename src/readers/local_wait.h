@@ -5,7 +5,7 @@
 #include "common/scard_api.h"
 #include "common/thread.h"
 #include "readers/reader_states.h"
-#include "readers/state/status_wait.h"
+#include "state/status_wait.h"
 
 namespace tez {
 

@@ -11,8 +11,8 @@
 #include "daemon/exchange.h"
 #include "local/local_calls.h"
 #include "log/call_frame.h"
-#include "protocol/wire/context_records.h"
-#include "readers/state/reader_names.h"
+#include "state/reader_names.h"
+#include "wire/context_records.h"
 
 using namespace tez;
 

@@ -7,8 +7,8 @@
 
 #include "context/context_registry.h"
 #include "daemon/exchange.h"
-#include "protocol/wire/reader_records.h"
-#include "protocol/wire/text_field.h"
+#include "wire/reader_records.h"
+#include "wire/text_field.h"
 
 namespace tez {
 

@@ -3,7 +3,7 @@
 #include "common/scard_api.h"
 #include "daemon/service_state.h"
 #include "readers/reader_states.h"
-#include "readers/state/status_wait.h"
+#include "state/status_wait.h"
 
 namespace tez {
 

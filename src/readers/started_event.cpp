@@ -3,7 +3,7 @@
 #include "common/scard_api.h"
 #include "context/availability_monitor.h"
 #include "log/function_log.h"
-#include "readers/state/started_events.h"
+#include "state/started_events.h"
 
 using namespace tez;
 

@@ -11,9 +11,9 @@
 #include "readers/local_wait.h"
 #include "readers/reader_states.h"
 #include "readers/remote_wait.h"
-#include "readers/state/pending_local_waits.h"
-#include "readers/state/reader_names.h"
-#include "readers/state/status_waits.h"
+#include "state/pending_local_waits.h"
+#include "state/reader_names.h"
+#include "state/status_waits.h"
 
 using namespace tez;
 

@@ -8,7 +8,7 @@
 #include "captured_stderr.h"
 #include "daemon/connection_pool.h"
 #include "mock_daemon_connection.h"
-#include "protocol/wire/card_records.h"
+#include "wire/card_records.h"
 
 using namespace tez;
 using test::Bytes;

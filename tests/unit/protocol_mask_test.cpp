@@ -1,4 +1,4 @@
-#include "protocol/wire/protocol_mask.h"
+#include "wire/protocol_mask.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "readers/state/reader_names.h"
+#include "state/reader_names.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

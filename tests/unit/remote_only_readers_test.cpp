@@ -1,8 +1,8 @@
 #include <string>
 
 #include "guarded_buffer.h"
-#include "readers/state/reader_names.h"
 #include "remote_only_test.h"
+#include "state/reader_names.h"
 
 using namespace tez;
 using namespace std::string_literals;

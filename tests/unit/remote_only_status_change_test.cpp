@@ -1,7 +1,7 @@
 #include <string>
 
-#include "readers/state/reader_names.h"
 #include "remote_only_test.h"
+#include "state/reader_names.h"
 
 using namespace tez;
 using namespace std::string_literals;

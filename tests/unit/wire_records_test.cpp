@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
 #include "byte_string.h"
-#include "protocol/wire/card_records.h"
-#include "protocol/wire/command_codes.h"
-#include "protocol/wire/context_records.h"
-#include "protocol/wire/message_header.h"
+#include "wire/card_records.h"
+#include "wire/command_codes.h"
+#include "wire/context_records.h"
+#include "wire/message_header.h"
 
 using namespace tez;
 using test::bytesOf;

@@ -3,7 +3,7 @@
 #include <cstdint>
 
 #include "common/scard_api.h"
-#include "readers/state/status_wait.h"
+#include "state/status_wait.h"
 
 namespace tez {
 

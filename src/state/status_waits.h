@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "common/scard_api.h"
-#include "readers/state/status_wait.h"
+#include "state/status_wait.h"
 
 namespace tez {
 

@@ -1,4 +1,4 @@
-#include "readers/state/status_waits.h"
+#include "state/status_waits.h"
 
 #include <unordered_map>
 

@@ -1,4 +1,4 @@
-#include "protocol/wire/protocol_mask.h"
+#include "wire/protocol_mask.h"
 
 #include "common/scard_api.h"
 #include "log/function_log.h"

@@ -1,4 +1,4 @@
-#include "readers/state/started_events.h"
+#include "state/started_events.h"
 
 #include <atomic>
 #include <map>

@@ -1,4 +1,4 @@
-#include "readers/state/reader_names.h"
+#include "state/reader_names.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,4 +1,4 @@
-#include "readers/state/pending_local_waits.h"
+#include "state/pending_local_waits.h"
 
 #include <unordered_map>
 

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "protocol/wire/card_records.h"
+#include "wire/card_records.h"
 
 namespace tez {
 

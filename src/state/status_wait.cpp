@@ -1,4 +1,4 @@
-#include "readers/state/status_wait.h"
+#include "state/status_wait.h"
 
 namespace tez {
 
