@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "unique_handle.h"
+#include "pipe/unique_handle.h"
 
 namespace tez::test {
 

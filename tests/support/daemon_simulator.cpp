@@ -30,9 +30,9 @@ bool writeAll(PipeConnection& pipe, const std::vector<Bytes>& blocks) {
 
 }  // namespace
 
-DaemonSimulator::DaemonSimulator(PcscService& service) : DaemonSimulator(service, Options{}) {}
+DaemonSimulator::DaemonSimulator(SimulatedService& service) : DaemonSimulator(service, Options{}) {}
 
-DaemonSimulator::DaemonSimulator(PcscService& service, Options options)
+DaemonSimulator::DaemonSimulator(SimulatedService& service, Options options)
     : service_(service),
       commands_(service),
       listener_(

@@ -10,16 +10,16 @@
 #include <optional>
 #include <vector>
 
-#include "daemon_commands.h"
-#include "daemon_traffic.h"
-#include "pcsc_service.h"
-#include "pipe_listener.h"
+#include "core/commands.h"
+#include "core/traffic.h"
+#include "pipe/pipe_listener.h"
+#include "simulated/simulated_service.h"
 
 namespace tez::test {
 
 /// A PC/SC daemon on a named pipe: it speaks the daemon's protocol with any number of clients at
-/// once, serves them from a PcscService, remembers all that it received, and can be told to behave
-/// otherwise. Every member may be called from any thread; start and stop from one at a time.
+/// once, serves them from a SimulatedService, remembers all that it received, and can be told to
+/// behave otherwise. Every member may be called from any thread; start and stop from one at a time.
 ///
 /// Like the daemon that it stands for it keeps a client's contexts when the client's pipe closes:
 /// they go with RELEASE_CONTEXT or with stop().
@@ -44,8 +44,8 @@ class DaemonSimulator {
     using Timeout = std::chrono::milliseconds;
 
     /// Does not serve yet. The service is borrowed and must outlive the simulator.
-    explicit DaemonSimulator(PcscService& service);
-    DaemonSimulator(PcscService& service, Options options);
+    explicit DaemonSimulator(SimulatedService& service);
+    DaemonSimulator(SimulatedService& service, Options options);
     /// Stops.
     ~DaemonSimulator();
     DaemonSimulator(const DaemonSimulator&) = delete;
@@ -106,7 +106,7 @@ class DaemonSimulator {
     void noteProgress();
     Observer observer() const;
 
-    PcscService& service_;
+    SimulatedService& service_;
     DaemonCommands commands_;
     PipeListener listener_;
 

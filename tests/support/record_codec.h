@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "virtual_card.h"
+#include "simulated/virtual_card.h"
 
 // Reads and writes the little-endian fields of the daemon's records at explicit offsets. A field
 // that does not lie within the record is a mistake of the caller: std::out_of_range.

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon_traffic.h"
+#include "core/traffic.h"
 #include "scard_missing.h"
 
 namespace tez::test {

@@ -4,8 +4,8 @@
 
 #include "handle_spy.h"
 #include "heap_spy.h"
+#include "pipe/unique_handle.h"
 #include "remote_card_test.h"
-#include "unique_handle.h"
 
 namespace tez::test {
 namespace {

@@ -1,4 +1,4 @@
-// What the stand-in for the host's library answers beyond what its PcscService does.
+// What the stand-in for the host's library answers beyond what its SimulatedService does.
 #include "system_library/host_service.h"
 
 #include <array>

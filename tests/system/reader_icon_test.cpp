@@ -1,5 +1,5 @@
 // SCardGetReaderIconA: what goes over the pipe, and what is logged.
-#include "reader_icon.h"
+#include "core/reader_icon.h"
 
 #include "failing_writes.h"
 #include "guarded_buffer.h"

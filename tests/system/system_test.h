@@ -10,8 +10,8 @@
 #include "log_matchers.h"
 #include "log_reader.h"
 #include "patience.h"
-#include "pcsc_service.h"
 #include "scard_missing.h"
+#include "simulated/simulated_service.h"
 #include "stand_in_library.h"
 #include "system_library/mock_system_calls.h"
 #include "transport_spy.h"
@@ -104,7 +104,7 @@ class SystemTest : public testing::Test {
     std::size_t watchesBefore_ = 0;  // when the daemon was started last
 
   protected:
-    PcscService remote;
+    SimulatedService remote;
     DaemonSimulator daemon{remote};
     testing::NiceMock<MockSystemCalls> host;
 };

@@ -16,8 +16,8 @@
 
 #include "guarded_buffer.h"
 #include "import_patch.h"
+#include "pipe/unique_handle.h"
 #include "scard_missing.h"
-#include "unique_handle.h"
 
 namespace {
 

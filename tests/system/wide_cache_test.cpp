@@ -1,7 +1,7 @@
 // SCardReadCacheW, SCardWriteCacheW and SCardGetReaderIconW
 #include "card_cache_test.h"
+#include "core/reader_icon.h"
 #include "heap_spy.h"
-#include "reader_icon.h"
 #include "wide_text.h"
 
 namespace tez::test {

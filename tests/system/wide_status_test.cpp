@@ -145,7 +145,7 @@ TEST_F(WideStatusTest, TellsForeignNamesOnBothSides) {
     establishContext();
     for (const WideName& reader : kForeignNames) {
         SCOPED_TRACE(reader.utf8);
-        for (PcscService* const side : {&remote, &host.pcsc()}) {
+        for (SimulatedService* const side : {&remote, &host.pcsc()}) {
             side->addReader(reader.utf8);
             side->insertCard(reader.utf8, makeDemoCard("Anyone"));
             card = connect(context, reader.utf8);

@@ -12,10 +12,10 @@ namespace {
 using testing::HasSubstr;
 using testing::Optional;
 
-void storeAttribute(PcscService& service, const std::string& reader, DWORD id,
+void storeAttribute(SimulatedService& service, const std::string& reader, DWORD id,
                     const std::string& value) {
-    PcscService::Context context = 0;
-    PcscService::Card card = 0;
+    SimulatedService::Context context = 0;
+    SimulatedService::Card card = 0;
     DWORD protocol = 0;
     ASSERT_EQ(service.establishContext(SCARD_SCOPE_USER, context), SCARD_S_SUCCESS);
     ASSERT_EQ(
@@ -28,7 +28,7 @@ void storeAttribute(PcscService& service, const std::string& reader, DWORD id,
 TEST(ClientTestWithOwnDaemon, PrintsAnAttributeOfAnyLength) {
     const std::string reader = "Remote Reader 0";
     const std::string longNumber(5000, '7');
-    PcscService service;
+    SimulatedService service;
     service.addReader(reader);
     service.insertCard(reader, makeDemoCard("Remote User"));
     storeAttribute(service, reader, SCARD_ATTR_VENDOR_IFD_SERIAL_NO, longNumber);

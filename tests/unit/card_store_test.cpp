@@ -1,5 +1,5 @@
 // The card database and the data cache that both sides of the tests have.
-#include "card_store.h"
+#include "core/card_store.h"
 
 #include <winscard.h>
 

@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 #include <initializer_list>
 
-#include "daemon_commands.h"
-#include "reader_icon.h"
+#include "core/commands.h"
+#include "core/reader_icon.h"
 #include "record_codec.h"
 #include "scard_missing.h"
 
@@ -93,8 +93,8 @@ class DaemonDatabaseTest : public testing::Test {
         return reply.blocks.empty() ? -1 : static_cast<LONG>(u32At(reply.blocks[0], resultOffset));
     }
 
-    PcscService service_;
-    PcscService::Context context_ = 0;
+    SimulatedService service_;
+    SimulatedService::Context context_ = 0;
     Bytes record_;  // of the last answer
 };
 

@@ -1,4 +1,4 @@
-#include "virtual_card.h"
+#include "simulated/virtual_card.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -11,7 +11,7 @@ constexpr DWORD kLookInterval = 20;  // milliseconds
 
 }  // namespace
 
-void followCardFile(PcscService& service, std::string reader, std::string cardHolder,
+void followCardFile(SimulatedService& service, std::string reader, std::string cardHolder,
                     std::string path) {
     const auto look = [&service, reader = std::move(reader), cardHolder = std::move(cardHolder),
                        path = std::move(path)] {

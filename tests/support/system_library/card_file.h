@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "pcsc_service.h"
+#include "simulated/simulated_service.h"
 
 namespace tez::test {
 
@@ -11,7 +11,7 @@ namespace tez::test {
 /// the path, whatever is in that file. When the call returns the reader is as the file says; after
 /// that the file is looked at every 20 ms, on a thread that never ends. The service must never end,
 /// either.
-void followCardFile(PcscService& service, std::string reader, std::string cardHolder,
+void followCardFile(SimulatedService& service, std::string reader, std::string cardHolder,
                     std::string path);
 
 }  // namespace tez::test

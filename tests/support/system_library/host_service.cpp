@@ -9,7 +9,7 @@
 namespace tez::test {
 namespace {
 
-constexpr PcscService::HandleBases kHandleBases = {.context = 0x7A000001, .card = 0x7B000001};
+constexpr SimulatedService::HandleBases kHandleBases = {.context = 0x7A000001, .card = 0x7B000001};
 
 /// No reader has an empty name: whoever leaves the name out asks for an unknown reader.
 const char* orEmpty(LPCSTR text) {
@@ -44,7 +44,7 @@ LONG HostService::SCardEstablishContext(DWORD scope, LPCVOID /*reserved1*/, LPCV
     if (context == nullptr) {
         return SCARD_E_INVALID_PARAMETER;
     }
-    PcscService::Context established = 0;
+    SimulatedService::Context established = 0;
     const LONG result = pcsc_.establishContext(scope, established);
     *context = established;
     return result;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "pcsc_service.h"
+#include "simulated/simulated_service.h"
 #include "system_library/started_event.h"
 #include "system_library/system_calls.h"
 #include "system_library/system_heap.h"
@@ -11,7 +11,7 @@ inline constexpr const char* kHostReader = "Host Reader 0";
 inline constexpr const char* kHostCardHolder = "Host User";
 inline constexpr const char* kHostCardType = "Demo Card";
 
-/// A host's smart-card service as its library shows it to applications: a PcscService with one
+/// A host's smart-card service as its library shows it to applications: a SimulatedService with one
 /// reader, kHostReader, that holds a demo card of kHostCardHolder; a card database that knows this
 /// card as kHostCardType; a data cache, a reader icon and a started event. Thread-safe.
 ///
@@ -22,7 +22,7 @@ class HostService final : public SystemCalls {
     HostService();
 
     /// The readers and cards, for a test to change.
-    PcscService& pcsc() noexcept { return pcsc_; }
+    SimulatedService& pcsc() noexcept { return pcsc_; }
     /// What auto-allocated buffers come from.
     SystemHeap& heap() noexcept { return heap_; }
     StartedEvent& startedEvent() noexcept { return startedEvent_; }
@@ -33,7 +33,7 @@ class HostService final : public SystemCalls {
 #undef TEZ_DECLARE_CALL
 
   private:
-    PcscService pcsc_;
+    SimulatedService pcsc_;
     SystemHeap heap_;
     StartedEvent startedEvent_;
 };

@@ -36,7 +36,7 @@ LONG HostService::SCardConnectA(SCARDCONTEXT context, LPCSTR reader, DWORD share
     if (reader == nullptr || card == nullptr || activeProtocol == nullptr) {
         return SCARD_E_INVALID_PARAMETER;
     }
-    PcscService::Card connected = 0;
+    SimulatedService::Card connected = 0;
     const LONG result =
         pcsc_.connect(context, reader, shareMode, preferredProtocols, connected, *activeProtocol);
     if (result == SCARD_S_SUCCESS) {

@@ -18,7 +18,7 @@ class MockSystemCalls : public SystemCalls {
 
     /// What answers by default.
     HostService& service() noexcept { return service_; }
-    PcscService& pcsc() noexcept { return service_.pcsc(); }
+    SimulatedService& pcsc() noexcept { return service_.pcsc(); }
     /// Answers that the test makes up take auto-allocated buffers from here.
     SystemHeap& heap() noexcept { return service_.heap(); }
     StartedEvent& startedEvent() noexcept { return service_.startedEvent(); }

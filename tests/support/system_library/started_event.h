@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <mutex>
 
-#include "unique_handle.h"
+#include "pipe/unique_handle.h"
 
 namespace tez::test {
 

@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "virtual_card.h"
+#include "simulated/virtual_card.h"
 
 namespace tez::test {
 

@@ -1,4 +1,4 @@
-#include "card_store.h"
+#include "core/card_store.h"
 
 #include <winscard.h>
 

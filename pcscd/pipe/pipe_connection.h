@@ -8,8 +8,8 @@
 #include <mutex>
 #include <span>
 
-#include "unique_handle.h"
-#include "virtual_card.h"
+#include "pipe/unique_handle.h"
+#include "simulated/virtual_card.h"
 
 namespace tez::test {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon_traffic.h"
+#include "core/traffic.h"
 
 namespace tez::sim {
 

@@ -1,36 +1,37 @@
-#include "pcsc_service.h"
+#include "simulated/simulated_service.h"
 
 #include <algorithm>
 #include <utility>
 
-#include "pcsc_service_state.h"
-#include "reader_icon.h"
+#include "core/reader_icon.h"
 #include "scard_missing.h"
+#include "simulated/simulated_service_state.h"
 
 namespace tez::test {
 
-PcscService::PcscService() : PcscService(HandleBases{}) {}
+SimulatedService::SimulatedService() : SimulatedService(HandleBases{}) {}
 
-PcscService::PcscService(HandleBases bases) : nextContext_(bases.context), nextCard_(bases.card) {}
+SimulatedService::SimulatedService(HandleBases bases)
+    : nextContext_(bases.context), nextCard_(bases.card) {}
 
-PcscService::~PcscService() = default;
+SimulatedService::~SimulatedService() = default;
 
-bool PcscService::knows(Context context) const {
+bool SimulatedService::knows(Context context) const {
     return contexts_.contains(context);
 }
 
-PcscService::ReaderPointer PcscService::findReader(const std::string& name) const {
+SimulatedService::ReaderPointer SimulatedService::findReader(const std::string& name) const {
     const auto found = std::find_if(readers_.begin(), readers_.end(),
                                     [&](const auto& reader) { return reader->name == name; });
     return found == readers_.end() ? nullptr : *found;
 }
 
-PcscService::ConnectionPointer PcscService::findConnection(Card card) const {
+SimulatedService::ConnectionPointer SimulatedService::findConnection(Card card) const {
     const auto found = connections_.find(card);
     return found == connections_.end() ? nullptr : found->second;
 }
 
-bool PcscService::addReader(const std::string& name) {
+bool SimulatedService::addReader(const std::string& name) {
     const Lock lock(mutex_);
     if (findReader(name) != nullptr) {
         return false;
@@ -43,7 +44,7 @@ bool PcscService::addReader(const std::string& name) {
     return true;
 }
 
-bool PcscService::removeReader(const std::string& name) {
+bool SimulatedService::removeReader(const std::string& name) {
     const Lock lock(mutex_);
     const ReaderPointer reader = findReader(name);
     if (reader == nullptr) {
@@ -56,7 +57,7 @@ bool PcscService::removeReader(const std::string& name) {
     return true;
 }
 
-bool PcscService::insertCard(const std::string& name, VirtualCard card) {
+bool SimulatedService::insertCard(const std::string& name, VirtualCard card) {
     const Lock lock(mutex_);
     const ReaderPointer reader = findReader(name);
     if (reader == nullptr || reader->card) {
@@ -70,7 +71,7 @@ bool PcscService::insertCard(const std::string& name, VirtualCard card) {
     return true;
 }
 
-bool PcscService::removeCard(const std::string& name) {
+bool SimulatedService::removeCard(const std::string& name) {
     const Lock lock(mutex_);
     const ReaderPointer reader = findReader(name);
     if (reader == nullptr || !reader->card) {
@@ -81,7 +82,7 @@ bool PcscService::removeCard(const std::string& name) {
     return true;
 }
 
-void PcscService::takeOut(Reader& reader) {
+void SimulatedService::takeOut(Reader& reader) {
     if (!reader.card) {
         return;
     }
@@ -90,19 +91,19 @@ void PcscService::takeOut(Reader& reader) {
     ++reader.events;
 }
 
-std::vector<std::string> PcscService::readers() const {
+std::vector<std::string> SimulatedService::readers() const {
     std::vector<std::string> names;
     listReaders(0, names);
     return names;
 }
 
-bool PcscService::hasCard(const std::string& name) const {
+bool SimulatedService::hasCard(const std::string& name) const {
     const Lock lock(mutex_);
     const ReaderPointer reader = findReader(name);
     return reader != nullptr && reader->card;
 }
 
-bool PcscService::holdCommands(const std::string& name) {
+bool SimulatedService::holdCommands(const std::string& name) {
     const Lock lock(mutex_);
     const ReaderPointer reader = findReader(name);
     if (reader != nullptr) {
@@ -111,7 +112,7 @@ bool PcscService::holdCommands(const std::string& name) {
     return reader != nullptr;
 }
 
-bool PcscService::releaseCommands(const std::string& name) {
+bool SimulatedService::releaseCommands(const std::string& name) {
     const Lock lock(mutex_);
     const ReaderPointer reader = findReader(name);
     if (reader == nullptr) {
@@ -122,36 +123,38 @@ bool PcscService::releaseCommands(const std::string& name) {
     return true;
 }
 
-bool PcscService::waitForCount(const std::size_t& counter, std::size_t count,
-                               std::chrono::milliseconds timeout) const {
+bool SimulatedService::waitForCount(const std::size_t& counter, std::size_t count,
+                                    std::chrono::milliseconds timeout) const {
     Lock lock(mutex_);
     return changed_.wait_for(lock, timeout, [&] { return counter >= count; });
 }
 
-bool PcscService::waitForHeldCommands(std::size_t count, std::chrono::milliseconds timeout) const {
+bool SimulatedService::waitForHeldCommands(std::size_t count,
+                                           std::chrono::milliseconds timeout) const {
     return waitForCount(heldCommands_, count, timeout);
 }
 
-bool PcscService::waitForStatusWaits(std::size_t count, std::chrono::milliseconds timeout) const {
+bool SimulatedService::waitForStatusWaits(std::size_t count,
+                                          std::chrono::milliseconds timeout) const {
     return waitForCount(statusWaits_, count, timeout);
 }
 
-bool PcscService::waitForTransactionWaits(std::size_t count,
-                                          std::chrono::milliseconds timeout) const {
+bool SimulatedService::waitForTransactionWaits(std::size_t count,
+                                               std::chrono::milliseconds timeout) const {
     return waitForCount(transactionWaits_, count, timeout);
 }
 
-std::size_t PcscService::contextCount() const {
+std::size_t SimulatedService::contextCount() const {
     const Lock lock(mutex_);
     return contexts_.size();
 }
 
-std::size_t PcscService::cardCount() const {
+std::size_t SimulatedService::cardCount() const {
     const Lock lock(mutex_);
     return connections_.size();
 }
 
-LONG PcscService::establishContext(DWORD scope, Context& context) {
+LONG SimulatedService::establishContext(DWORD scope, Context& context) {
     if (scope > SCARD_SCOPE_SYSTEM) {
         return SCARD_E_INVALID_VALUE;
     }
@@ -161,7 +164,7 @@ LONG PcscService::establishContext(DWORD scope, Context& context) {
     return SCARD_S_SUCCESS;
 }
 
-LONG PcscService::releaseContext(Context context) {
+LONG SimulatedService::releaseContext(Context context) {
     const Lock lock(mutex_);
     if (!knows(context)) {
         return SCARD_E_INVALID_HANDLE;
@@ -171,7 +174,7 @@ LONG PcscService::releaseContext(Context context) {
     return SCARD_S_SUCCESS;
 }
 
-void PcscService::releaseAll() {
+void SimulatedService::releaseAll() {
     const Lock lock(mutex_);
     while (!contexts_.empty()) {
         dropContext(contexts_.begin()->first);
@@ -179,7 +182,7 @@ void PcscService::releaseAll() {
     changed_.notify_all();
 }
 
-void PcscService::dropContext(Context context) {
+void SimulatedService::dropContext(Context context) {
     std::vector<Card> cards;
     for (const auto& [card, connection] : connections_) {
         if (connection->context == context) {
@@ -193,12 +196,12 @@ void PcscService::dropContext(Context context) {
     contexts_.erase(context);
 }
 
-LONG PcscService::isValidContext(Context context) const {
+LONG SimulatedService::isValidContext(Context context) const {
     const Lock lock(mutex_);
     return knows(context) ? SCARD_S_SUCCESS : SCARD_E_INVALID_HANDLE;
 }
 
-LONG PcscService::listReaders(Context context, std::vector<std::string>& names) const {
+LONG SimulatedService::listReaders(Context context, std::vector<std::string>& names) const {
     const Lock lock(mutex_);
     if (context != 0 && !knows(context)) {
         return SCARD_E_INVALID_HANDLE;
@@ -210,7 +213,7 @@ LONG PcscService::listReaders(Context context, std::vector<std::string>& names) 
     return SCARD_S_SUCCESS;
 }
 
-LONG PcscService::listReaderGroups(Context context, std::vector<std::string>& groups) const {
+LONG SimulatedService::listReaderGroups(Context context, std::vector<std::string>& groups) const {
     const Lock lock(mutex_);
     if (context != 0 && !knows(context)) {
         return SCARD_E_INVALID_HANDLE;
@@ -219,14 +222,15 @@ LONG PcscService::listReaderGroups(Context context, std::vector<std::string>& gr
     return SCARD_S_SUCCESS;
 }
 
-LONG PcscService::checkReader(Context context, const std::string& name) const {
+LONG SimulatedService::checkReader(Context context, const std::string& name) const {
     if (context != 0 && !knows(context)) {
         return SCARD_E_INVALID_HANDLE;
     }
     return findReader(name) == nullptr ? SCARD_E_UNKNOWN_READER : SCARD_S_SUCCESS;
 }
 
-LONG PcscService::getDeviceTypeId(Context context, const std::string& reader, DWORD& type) const {
+LONG SimulatedService::getDeviceTypeId(Context context, const std::string& reader,
+                                       DWORD& type) const {
     const Lock lock(mutex_);
     const LONG result = checkReader(context, reader);
     if (result == SCARD_S_SUCCESS) {
@@ -235,7 +239,8 @@ LONG PcscService::getDeviceTypeId(Context context, const std::string& reader, DW
     return result;
 }
 
-LONG PcscService::getReaderIcon(Context context, const std::string& reader, Bytes& icon) const {
+LONG SimulatedService::getReaderIcon(Context context, const std::string& reader,
+                                     Bytes& icon) const {
     const Lock lock(mutex_);
     const LONG result = checkReader(context, reader);
     if (result == SCARD_S_SUCCESS) {
@@ -244,7 +249,7 @@ LONG PcscService::getReaderIcon(Context context, const std::string& reader, Byte
     return result;
 }
 
-LONG PcscService::audit(Context context, DWORD event) const {
+LONG SimulatedService::audit(Context context, DWORD event) const {
     if (event != SCARD_AUDIT_CHV_FAILURE && event != SCARD_AUDIT_CHV_SUCCESS) {
         return SCARD_E_INVALID_PARAMETER;
     }

@@ -59,7 +59,7 @@ bool run(const Options& options) {
     if (!options.script.empty()) {
         script = openScript(options.script);
     }
-    tez::test::PcscService service;
+    tez::test::SimulatedService service;
     tez::test::DaemonSimulator daemon(service, {options.version, {.name = options.pipe}});
     observe(daemon);
     Console console(service, daemon);

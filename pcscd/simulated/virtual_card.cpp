@@ -1,10 +1,10 @@
-#include "virtual_card.h"
+#include "simulated/virtual_card.h"
 
 #include <algorithm>
 #include <stdexcept>
 #include <utility>
 
-#include "command_apdu.h"
+#include "simulated/command_apdu.h"
 
 namespace tez::test {
 namespace {

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "daemon_simulator.h"
-#include "pcsc_service.h"
+#include "simulated/simulated_service.h"
 
 namespace tez::sim {
 
@@ -15,7 +15,7 @@ void printLine(const std::string& line);
 class Console {
   public:
     /// Both are borrowed.
-    Console(test::PcscService& service, test::DaemonSimulator& daemon)
+    Console(test::SimulatedService& service, test::DaemonSimulator& daemon)
         : service_(service), daemon_(daemon) {}
 
     /// Runs the commands of a stream until it ends or one says "quit"; a command that fails prints
@@ -42,7 +42,7 @@ class Console {
     void stopServing();
     void setVersion(const std::string& text);
 
-    test::PcscService& service_;
+    test::SimulatedService& service_;
     test::DaemonSimulator& daemon_;
     bool quitting_ = false;
     bool anyFailed_ = false;

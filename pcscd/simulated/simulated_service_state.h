@@ -1,16 +1,16 @@
 #pragma once
 
-// What PcscService keeps; for its own sources only.
+// What SimulatedService keeps; for its own sources only.
 
 #include <map>
 #include <optional>
 #include <string>
 
-#include "pcsc_service.h"
+#include "simulated/simulated_service.h"
 
 namespace tez::test {
 
-struct PcscService::Reader {
+struct SimulatedService::Reader {
     std::string name;
     DWORD unit = 0;
     bool attached = true;
@@ -24,12 +24,12 @@ struct PcscService::Reader {
     std::map<DWORD, Bytes> attributes;
 };
 
-struct PcscService::ContextRecord {
+struct SimulatedService::ContextRecord {
     std::uint64_t cancels = 0;
     bool released = false;
 };
 
-struct PcscService::Connection {
+struct SimulatedService::Connection {
     Context context = 0;
     ReaderPointer reader;
     DWORD shareMode = 0;
@@ -45,7 +45,7 @@ struct PcscService::Connection {
 };
 
 /// Counts a call as blocked while it lives.
-class PcscService::Blocked {
+class SimulatedService::Blocked {
   public:
     Blocked(std::size_t& counter, std::condition_variable& changed) : counter_(counter) {
         ++counter_;

@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "pcsc_service.h"
-#include "pcsc_service_state.h"
+#include "simulated/simulated_service.h"
+#include "simulated/simulated_service_state.h"
 
 namespace tez::test {
 namespace {
@@ -25,14 +25,14 @@ LONG handOver(Bytes data, std::size_t capacity, Bytes& target) {
 
 }  // namespace
 
-LONG PcscService::readerResult(const Connection& connection) {
+LONG SimulatedService::readerResult(const Connection& connection) {
     if (!connection.open) {
         return SCARD_E_INVALID_HANDLE;
     }
     return connection.reader->attached ? SCARD_S_SUCCESS : SCARD_E_READER_UNAVAILABLE;
 }
 
-LONG PcscService::cardResult(const Connection& connection) {
+LONG SimulatedService::cardResult(const Connection& connection) {
     if (const LONG result = readerResult(connection); result != SCARD_S_SUCCESS) {
         return result;
     }
@@ -46,7 +46,7 @@ LONG PcscService::cardResult(const Connection& connection) {
                                                               : SCARD_W_RESET_CARD;
 }
 
-LONG PcscService::waitForTurn(Lock& lock, Card card, const Connection& connection) {
+LONG SimulatedService::waitForTurn(Lock& lock, Card card, const Connection& connection) {
     const Reader& reader = *connection.reader;
     const auto mine = [&] {
         return !connection.open || reader.transactionOwner == 0 || reader.transactionOwner == card;
@@ -58,8 +58,8 @@ LONG PcscService::waitForTurn(Lock& lock, Card card, const Connection& connectio
     return cardResult(connection);
 }
 
-LONG PcscService::checkSharing(const Reader& reader, const Connection* self,
-                               DWORD shareMode) const {
+LONG SimulatedService::checkSharing(const Reader& reader, const Connection* self,
+                                    DWORD shareMode) const {
     if (!isShareMode(shareMode)) {
         return SCARD_E_INVALID_VALUE;
     }
@@ -74,8 +74,8 @@ LONG PcscService::checkSharing(const Reader& reader, const Connection* self,
     return violated ? SCARD_E_SHARING_VIOLATION : SCARD_S_SUCCESS;
 }
 
-LONG PcscService::chooseProtocol(const Reader& reader, const Connection* self, DWORD shareMode,
-                                 DWORD preferred, DWORD& protocol) const {
+LONG SimulatedService::chooseProtocol(const Reader& reader, const Connection* self, DWORD shareMode,
+                                      DWORD preferred, DWORD& protocol) const {
     const bool direct = shareMode == SCARD_SHARE_DIRECT;
     if (direct && (preferred == 0 || !reader.card)) {
         protocol = SCARD_PROTOCOL_UNDEFINED;
@@ -100,8 +100,8 @@ LONG PcscService::chooseProtocol(const Reader& reader, const Connection* self, D
     return SCARD_S_SUCCESS;
 }
 
-LONG PcscService::connect(Context context, const std::string& name, DWORD shareMode,
-                          DWORD preferredProtocols, Card& card, DWORD& activeProtocol) {
+LONG SimulatedService::connect(Context context, const std::string& name, DWORD shareMode,
+                               DWORD preferredProtocols, Card& card, DWORD& activeProtocol) {
     const Lock lock(mutex_);
     if (!knows(context)) {
         return SCARD_E_INVALID_HANDLE;
@@ -130,8 +130,8 @@ LONG PcscService::connect(Context context, const std::string& name, DWORD shareM
     return SCARD_S_SUCCESS;
 }
 
-LONG PcscService::reconnect(Card card, DWORD shareMode, DWORD preferredProtocols,
-                            DWORD initialization, DWORD& activeProtocol) {
+LONG SimulatedService::reconnect(Card card, DWORD shareMode, DWORD preferredProtocols,
+                                 DWORD initialization, DWORD& activeProtocol) {
     Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {
@@ -163,7 +163,7 @@ LONG PcscService::reconnect(Card card, DWORD shareMode, DWORD preferredProtocols
     return SCARD_S_SUCCESS;
 }
 
-void PcscService::dispose(Connection& connection, DWORD disposition) {
+void SimulatedService::dispose(Connection& connection, DWORD disposition) {
     if (disposition == SCARD_LEAVE_CARD || !connection.holdsCard()) {
         return;
     }
@@ -171,7 +171,7 @@ void PcscService::dispose(Connection& connection, DWORD disposition) {
     connection.resetsSeen = ++connection.reader->resets;
 }
 
-void PcscService::closeConnection(Card card) {
+void SimulatedService::closeConnection(Card card) {
     Connection& connection = *connections_.at(card);
     connection.open = false;
     if (connection.reader->transactionOwner == card) {
@@ -180,7 +180,7 @@ void PcscService::closeConnection(Card card) {
     connections_.erase(card);
 }
 
-LONG PcscService::disconnect(Card card, DWORD disposition) {
+LONG SimulatedService::disconnect(Card card, DWORD disposition) {
     const Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {
@@ -195,7 +195,7 @@ LONG PcscService::disconnect(Card card, DWORD disposition) {
     return SCARD_S_SUCCESS;
 }
 
-LONG PcscService::beginTransaction(Card card) {
+LONG SimulatedService::beginTransaction(Card card) {
     Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {
@@ -210,7 +210,7 @@ LONG PcscService::beginTransaction(Card card) {
     return SCARD_S_SUCCESS;
 }
 
-LONG PcscService::endTransaction(Card card, DWORD disposition) {
+LONG SimulatedService::endTransaction(Card card, DWORD disposition) {
     const Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {
@@ -234,7 +234,7 @@ LONG PcscService::endTransaction(Card card, DWORD disposition) {
     return SCARD_S_SUCCESS;
 }
 
-LONG PcscService::status(Card card, CardStatus& status) const {
+LONG SimulatedService::status(Card card, CardStatus& status) const {
     const Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {
@@ -256,8 +256,8 @@ LONG PcscService::status(Card card, CardStatus& status) const {
     return SCARD_S_SUCCESS;
 }
 
-LONG PcscService::transmit(Card card, DWORD protocol, std::span<const std::uint8_t> command,
-                           std::size_t capacity, Bytes& response) {
+LONG SimulatedService::transmit(Card card, DWORD protocol, std::span<const std::uint8_t> command,
+                                std::size_t capacity, Bytes& response) {
     Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {
@@ -287,7 +287,7 @@ LONG PcscService::transmit(Card card, DWORD protocol, std::span<const std::uint8
     return result;
 }
 
-LONG PcscService::transmitCount(Card card, DWORD& count) const {
+LONG SimulatedService::transmitCount(Card card, DWORD& count) const {
     const Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {
@@ -297,8 +297,9 @@ LONG PcscService::transmitCount(Card card, DWORD& count) const {
     return SCARD_S_SUCCESS;
 }
 
-LONG PcscService::control(Card card, std::uint32_t function, std::span<const std::uint8_t> input,
-                          std::size_t capacity, Bytes& output) {
+LONG SimulatedService::control(Card card, std::uint32_t function,
+                               std::span<const std::uint8_t> input, std::size_t capacity,
+                               Bytes& output) {
     Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {

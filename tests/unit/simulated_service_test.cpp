@@ -1,4 +1,4 @@
-#include "pcsc_service.h"
+#include "simulated/simulated_service.h"
 
 #include <chrono>
 #include <future>
@@ -19,9 +19,9 @@ constexpr const char* kFull = "Full";
 constexpr const char* kEmpty = "Empty";
 const Bytes kChallenge{0x00, 0x84, 0x00, 0x00, 0x04};
 
-class PcscServiceTest : public testing::Test {
+class SimulatedServiceTest : public testing::Test {
   protected:
-    PcscServiceTest() {
+    SimulatedServiceTest() {
         service_.addReader(kFull);
         service_.addReader(kEmpty);
         service_.insertCard(kFull, makeDemoCard("Ada"));
@@ -32,12 +32,12 @@ class PcscServiceTest : public testing::Test {
         return service_.connect(context_, reader, share, protocols, card_, protocol_);
     }
 
-    PcscService::Card connected(DWORD share = SCARD_SHARE_SHARED) {
+    SimulatedService::Card connected(DWORD share = SCARD_SHARE_SHARED) {
         EXPECT_EQ(connect(kFull, share), SCARD_S_SUCCESS);
         return card_;
     }
 
-    LONG challenge(PcscService::Card card) {
+    LONG challenge(SimulatedService::Card card) {
         return service_.transmit(card, SCARD_PROTOCOL_T1, kChallenge, 256, response_);
     }
 
@@ -53,24 +53,24 @@ class PcscServiceTest : public testing::Test {
         return result;
     }
 
-    PcscService service_;
-    PcscService::Context context_ = 0;
-    PcscService::Card card_ = 0;
+    SimulatedService service_;
+    SimulatedService::Context context_ = 0;
+    SimulatedService::Card card_ = 0;
     DWORD protocol_ = 0;
     Bytes response_;
 };
 
-TEST_F(PcscServiceTest, HandlesCountUpFromTheirBases) {
-    PcscService service({0x7A000001, 0x7B000001});
-    PcscService::Context first = 0;
-    PcscService::Context second = 0;
+TEST_F(SimulatedServiceTest, HandlesCountUpFromTheirBases) {
+    SimulatedService service({0x7A000001, 0x7B000001});
+    SimulatedService::Context first = 0;
+    SimulatedService::Context second = 0;
     ASSERT_EQ(service.establishContext(SCARD_SCOPE_SYSTEM, first), SCARD_S_SUCCESS);
     ASSERT_EQ(service.establishContext(SCARD_SCOPE_SYSTEM, second), SCARD_S_SUCCESS);
     EXPECT_EQ(first, 0x7A000001U);
     EXPECT_EQ(second, 0x7A000002U);
 }
 
-TEST_F(PcscServiceTest, ReleasedContextIsInvalidAndItsCardsAreClosed) {
+TEST_F(SimulatedServiceTest, ReleasedContextIsInvalidAndItsCardsAreClosed) {
     const auto card = connected();
     EXPECT_EQ(service_.isValidContext(context_), SCARD_S_SUCCESS);
     EXPECT_EQ(service_.releaseContext(context_), SCARD_S_SUCCESS);
@@ -80,7 +80,7 @@ TEST_F(PcscServiceTest, ReleasedContextIsInvalidAndItsCardsAreClosed) {
     EXPECT_EQ(service_.cardCount(), 0U);
 }
 
-TEST_F(PcscServiceTest, ReadersAreListedInTheOrderOfTheirArrival) {
+TEST_F(SimulatedServiceTest, ReadersAreListedInTheOrderOfTheirArrival) {
     EXPECT_FALSE(service_.addReader(kFull)) << "a second one of that name";
     EXPECT_TRUE(service_.addReader("Another"));
     EXPECT_TRUE(service_.removeReader(kEmpty));
@@ -93,7 +93,7 @@ TEST_F(PcscServiceTest, ReadersAreListedInTheOrderOfTheirArrival) {
     EXPECT_THAT(names, ElementsAre("SCard$DefaultReaders"));
 }
 
-TEST_F(PcscServiceTest, ConnectRefusesWhatIsNotThere) {
+TEST_F(SimulatedServiceTest, ConnectRefusesWhatIsNotThere) {
     EXPECT_EQ(service_.connect(99, kFull, SCARD_SHARE_SHARED, kBothProtocols, card_, protocol_),
               SCARD_E_INVALID_HANDLE);
     EXPECT_EQ(connect("full", SCARD_SHARE_SHARED), SCARD_E_UNKNOWN_READER) << "case matters";
@@ -103,14 +103,14 @@ TEST_F(PcscServiceTest, ConnectRefusesWhatIsNotThere) {
     EXPECT_EQ(service_.cardCount(), 0U);
 }
 
-TEST_F(PcscServiceTest, ConnectNegotiatesAProtocolOfTheCard) {
+TEST_F(SimulatedServiceTest, ConnectNegotiatesAProtocolOfTheCard) {
     EXPECT_EQ(connect(kFull, SCARD_SHARE_SHARED, kBothProtocols), SCARD_S_SUCCESS);
     EXPECT_EQ(protocol_, DWORD{SCARD_PROTOCOL_T1});
     EXPECT_EQ(connect(kFull, SCARD_SHARE_SHARED, SCARD_PROTOCOL_T0), SCARD_E_PROTO_MISMATCH);
     EXPECT_EQ(connect(kFull, SCARD_SHARE_SHARED, 0), SCARD_E_PROTO_MISMATCH);
 }
 
-TEST_F(PcscServiceTest, RawIsTheLastChoiceAndThenTheOnlyOne) {
+TEST_F(SimulatedServiceTest, RawIsTheLastChoiceAndThenTheOnlyOne) {
     EXPECT_EQ(connect(kFull, SCARD_SHARE_SHARED, SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_RAW),
               SCARD_S_SUCCESS);
     EXPECT_EQ(protocol_, DWORD{SCARD_PROTOCOL_RAW});
@@ -118,7 +118,7 @@ TEST_F(PcscServiceTest, RawIsTheLastChoiceAndThenTheOnlyOne) {
         << "the card speaks one protocol at a time";
 }
 
-TEST_F(PcscServiceTest, DirectConnectionNeedsNeitherCardNorProtocol) {
+TEST_F(SimulatedServiceTest, DirectConnectionNeedsNeitherCardNorProtocol) {
     EXPECT_EQ(connect(kEmpty, SCARD_SHARE_DIRECT, 0), SCARD_S_SUCCESS);
     EXPECT_EQ(protocol_, DWORD{SCARD_PROTOCOL_UNDEFINED});
     CardStatus status;
@@ -127,7 +127,7 @@ TEST_F(PcscServiceTest, DirectConnectionNeedsNeitherCardNorProtocol) {
     EXPECT_EQ(challenge(card_), SCARD_E_NO_SMARTCARD);
 }
 
-TEST_F(PcscServiceTest, SharedConnectionsGoTogetherAndExclusiveOnesDoNot) {
+TEST_F(SimulatedServiceTest, SharedConnectionsGoTogetherAndExclusiveOnesDoNot) {
     const auto first = connected();
     const auto second = connected();
     EXPECT_NE(first, second);
@@ -139,14 +139,14 @@ TEST_F(PcscServiceTest, SharedConnectionsGoTogetherAndExclusiveOnesDoNot) {
     EXPECT_EQ(connect(kFull, SCARD_SHARE_SHARED), SCARD_E_SHARING_VIOLATION);
 }
 
-TEST_F(PcscServiceTest, ConnectionToACardThatIsGoneKeepsNobodyOut) {
+TEST_F(SimulatedServiceTest, ConnectionToACardThatIsGoneKeepsNobodyOut) {
     connected(SCARD_SHARE_EXCLUSIVE);
     service_.removeCard(kFull);
     service_.insertCard(kFull, makeDemoCard("Bob"));
     EXPECT_EQ(connect(kFull, SCARD_SHARE_EXCLUSIVE), SCARD_S_SUCCESS);
 }
 
-TEST_F(PcscServiceTest, StatusTellsReaderStateProtocolAndAtr) {
+TEST_F(SimulatedServiceTest, StatusTellsReaderStateProtocolAndAtr) {
     CardStatus status;
     ASSERT_EQ(service_.status(connected(), status), SCARD_S_SUCCESS);
     EXPECT_EQ(status.reader, kFull);
@@ -156,7 +156,7 @@ TEST_F(PcscServiceTest, StatusTellsReaderStateProtocolAndAtr) {
     EXPECT_EQ(service_.status(99, status), SCARD_E_INVALID_HANDLE);
 }
 
-TEST_F(PcscServiceTest, TransmitReachesTheCardAndIsCounted) {
+TEST_F(SimulatedServiceTest, TransmitReachesTheCardAndIsCounted) {
     const auto card = connected();
     EXPECT_EQ(challenge(card), SCARD_S_SUCCESS);
     EXPECT_EQ(response_.size(), 6U);
@@ -171,7 +171,7 @@ TEST_F(PcscServiceTest, TransmitReachesTheCardAndIsCounted) {
     EXPECT_EQ(count, 2U);
 }
 
-TEST_F(PcscServiceTest, RemovedCardStaysRemovedUntilReconnected) {
+TEST_F(SimulatedServiceTest, RemovedCardStaysRemovedUntilReconnected) {
     const auto card = connected();
     CardStatus status;
     ASSERT_TRUE(service_.removeCard(kFull));
@@ -190,14 +190,14 @@ TEST_F(PcscServiceTest, RemovedCardStaysRemovedUntilReconnected) {
     EXPECT_EQ(challenge(card), SCARD_S_SUCCESS);
 }
 
-TEST_F(PcscServiceTest, RemovalOfTheReaderEndsItsConnections) {
+TEST_F(SimulatedServiceTest, RemovalOfTheReaderEndsItsConnections) {
     const auto card = connected();
     ASSERT_TRUE(service_.removeReader(kFull));
     EXPECT_EQ(challenge(card), SCARD_E_READER_UNAVAILABLE);
     EXPECT_EQ(service_.disconnect(card, SCARD_RESET_CARD), SCARD_S_SUCCESS);
 }
 
-TEST_F(PcscServiceTest, CardPulledInTheMiddleOfACommandEndsIt) {
+TEST_F(SimulatedServiceTest, CardPulledInTheMiddleOfACommandEndsIt) {
     const auto card = connected();
     ASSERT_TRUE(service_.holdCommands(kFull));
     auto result = std::async(std::launch::async, [&] { return challenge(card); });
@@ -206,7 +206,7 @@ TEST_F(PcscServiceTest, CardPulledInTheMiddleOfACommandEndsIt) {
     EXPECT_EQ(result.get(), SCARD_W_REMOVED_CARD);
 }
 
-TEST_F(PcscServiceTest, HeldCommandIsAnsweredWhenReleased) {
+TEST_F(SimulatedServiceTest, HeldCommandIsAnsweredWhenReleased) {
     const auto card = connected();
     ASSERT_TRUE(service_.holdCommands(kFull));
     auto result = std::async(std::launch::async, [&] { return challenge(card); });
@@ -216,7 +216,7 @@ TEST_F(PcscServiceTest, HeldCommandIsAnsweredWhenReleased) {
     EXPECT_EQ(response_.size(), 6U);
 }
 
-TEST_F(PcscServiceTest, ResetIsToldToTheOtherConnectionsUntilTheyReconnect) {
+TEST_F(SimulatedServiceTest, ResetIsToldToTheOtherConnectionsUntilTheyReconnect) {
     const auto resetting = connected();
     const auto other = connected();
     EXPECT_EQ(service_.reconnect(resetting, SCARD_SHARE_SHARED, kBothProtocols, SCARD_RESET_CARD,
@@ -230,7 +230,7 @@ TEST_F(PcscServiceTest, ResetIsToldToTheOtherConnectionsUntilTheyReconnect) {
     EXPECT_EQ(challenge(other), SCARD_S_SUCCESS);
 }
 
-TEST_F(PcscServiceTest, ReconnectHonoursTheOtherConnections) {
+TEST_F(SimulatedServiceTest, ReconnectHonoursTheOtherConnections) {
     const auto card = connected();
     connected();
     EXPECT_EQ(service_.reconnect(card, SCARD_SHARE_EXCLUSIVE, kBothProtocols, SCARD_LEAVE_CARD,
@@ -243,7 +243,7 @@ TEST_F(PcscServiceTest, ReconnectHonoursTheOtherConnections) {
               SCARD_E_INVALID_VALUE);
 }
 
-TEST_F(PcscServiceTest, TransactionKeepsTheOthersWaiting) {
+TEST_F(SimulatedServiceTest, TransactionKeepsTheOthersWaiting) {
     const auto owner = connected();
     const auto other = connected();
     EXPECT_EQ(service_.endTransaction(owner, SCARD_LEAVE_CARD), SCARD_E_NOT_TRANSACTED);
@@ -260,7 +260,7 @@ TEST_F(PcscServiceTest, TransactionKeepsTheOthersWaiting) {
     EXPECT_EQ(service_.endTransaction(owner, SCARD_LEAVE_CARD), SCARD_E_NOT_TRANSACTED);
 }
 
-TEST_F(PcscServiceTest, TransmitWaitsForAnothersTransaction) {
+TEST_F(SimulatedServiceTest, TransmitWaitsForAnothersTransaction) {
     const auto owner = connected();
     const auto other = connected();
     ASSERT_EQ(service_.beginTransaction(owner), SCARD_S_SUCCESS);
@@ -270,7 +270,7 @@ TEST_F(PcscServiceTest, TransmitWaitsForAnothersTransaction) {
     EXPECT_EQ(result.get(), SCARD_S_SUCCESS) << "the disconnection ended the transaction";
 }
 
-TEST_F(PcscServiceTest, WaitForATurnEndsWithTheCardOrTheContext) {
+TEST_F(SimulatedServiceTest, WaitForATurnEndsWithTheCardOrTheContext) {
     connected();
     const auto other = connected();
     ASSERT_EQ(service_.beginTransaction(other - 1), SCARD_S_SUCCESS);
@@ -290,7 +290,7 @@ TEST_F(PcscServiceTest, WaitForATurnEndsWithTheCardOrTheContext) {
     EXPECT_EQ(second.get(), SCARD_E_INVALID_HANDLE);
 }
 
-TEST_F(PcscServiceTest, ControlEchoesAndNamesTheReader) {
+TEST_F(SimulatedServiceTest, ControlEchoesAndNamesTheReader) {
     const auto card = connected();
     const Bytes input{1, 2, 3};
     EXPECT_EQ(service_.control(card, kControlEcho, input, 3, response_), SCARD_S_SUCCESS);
@@ -304,7 +304,7 @@ TEST_F(PcscServiceTest, ControlEchoesAndNamesTheReader) {
     EXPECT_EQ(service_.control(card, 1, {}, 99, response_), SCARD_E_UNSUPPORTED_FEATURE);
 }
 
-TEST_F(PcscServiceTest, AttributesAreComputedOrStored) {
+TEST_F(SimulatedServiceTest, AttributesAreComputedOrStored) {
     const auto card = connected();
     EXPECT_EQ(service_.getAttribute(card, SCARD_ATTR_ATR_STRING, response_), SCARD_S_SUCCESS);
     EXPECT_EQ(response_, makeDemoCard("").atr());
@@ -325,7 +325,7 @@ TEST_F(PcscServiceTest, AttributesAreComputedOrStored) {
               SCARD_E_UNSUPPORTED_FEATURE);
 }
 
-TEST_F(PcscServiceTest, UnawareEntriesAreToldTheStateAtOnce) {
+TEST_F(SimulatedServiceTest, UnawareEntriesAreToldTheStateAtOnce) {
     std::vector<ReaderState> states{{kFull}, {kEmpty}, {"Nowhere"}};
     EXPECT_EQ(wait(states, 0), SCARD_S_SUCCESS);
     EXPECT_EQ(states[0].eventState, DWORD{SCARD_STATE_CHANGED | SCARD_STATE_PRESENT | 1 << 16});
@@ -336,7 +336,7 @@ TEST_F(PcscServiceTest, UnawareEntriesAreToldTheStateAtOnce) {
               DWORD{SCARD_STATE_CHANGED | SCARD_STATE_UNKNOWN | SCARD_STATE_IGNORE});
 }
 
-TEST_F(PcscServiceTest, NothingNewIsATimeoutThatStillTellsTheState) {
+TEST_F(SimulatedServiceTest, NothingNewIsATimeoutThatStillTellsTheState) {
     std::vector<ReaderState> states{{kFull, SCARD_STATE_PRESENT | 1 << 16},
                                     {"Nowhere", SCARD_STATE_UNKNOWN},
                                     {kEmpty, SCARD_STATE_IGNORE}};
@@ -348,7 +348,7 @@ TEST_F(PcscServiceTest, NothingNewIsATimeoutThatStillTellsTheState) {
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 50ms);
 }
 
-TEST_F(PcscServiceTest, UseOfTheCardIsAChange) {
+TEST_F(SimulatedServiceTest, UseOfTheCardIsAChange) {
     std::vector<ReaderState> states{{kFull, SCARD_STATE_PRESENT}};
     connected(SCARD_SHARE_EXCLUSIVE);
     EXPECT_EQ(wait(states, 0), SCARD_S_SUCCESS);
@@ -356,7 +356,7 @@ TEST_F(PcscServiceTest, UseOfTheCardIsAChange) {
                                           SCARD_STATE_INUSE | SCARD_STATE_EXCLUSIVE | 1 << 16});
 }
 
-TEST_F(PcscServiceTest, CounterTellsThatAnotherCardCameMeanwhile) {
+TEST_F(SimulatedServiceTest, CounterTellsThatAnotherCardCameMeanwhile) {
     std::vector<ReaderState> states{{kFull, SCARD_STATE_PRESENT | 1 << 16}};
     service_.removeCard(kFull);
     service_.insertCard(kFull, makeDemoCard("Bob"));
@@ -366,7 +366,7 @@ TEST_F(PcscServiceTest, CounterTellsThatAnotherCardCameMeanwhile) {
     EXPECT_EQ(wait(states, 0), SCARD_E_TIMEOUT) << "who gives no counter asks for none";
 }
 
-TEST_F(PcscServiceTest, InsertionEndsAWait) {
+TEST_F(SimulatedServiceTest, InsertionEndsAWait) {
     std::vector<ReaderState> states{{kEmpty, SCARD_STATE_EMPTY}};
     auto result = waitInBackground(states);
     service_.insertCard(kEmpty, makeDemoCard("Bob"));
@@ -374,7 +374,7 @@ TEST_F(PcscServiceTest, InsertionEndsAWait) {
     EXPECT_EQ(states[0].eventState, DWORD{SCARD_STATE_CHANGED | SCARD_STATE_PRESENT | 1 << 16});
 }
 
-TEST_F(PcscServiceTest, PseudoReaderCountsTheReaders) {
+TEST_F(SimulatedServiceTest, PseudoReaderCountsTheReaders) {
     std::vector<ReaderState> states{{kPnpReader, 1 << 16}};
     EXPECT_EQ(wait(states, 0), SCARD_S_SUCCESS);
     EXPECT_EQ(states[0].eventState, DWORD{SCARD_STATE_CHANGED | 2 << 16});
@@ -385,7 +385,7 @@ TEST_F(PcscServiceTest, PseudoReaderCountsTheReaders) {
     EXPECT_EQ(states[0].eventState, DWORD{SCARD_STATE_CHANGED | 3 << 16});
 }
 
-TEST_F(PcscServiceTest, CancelEndsTheWaitInProgress) {
+TEST_F(SimulatedServiceTest, CancelEndsTheWaitInProgress) {
     std::vector<ReaderState> states{{kEmpty, SCARD_STATE_EMPTY}};
     auto result = waitInBackground(states);
     EXPECT_EQ(service_.cancel(context_), SCARD_S_SUCCESS);
@@ -394,14 +394,14 @@ TEST_F(PcscServiceTest, CancelEndsTheWaitInProgress) {
     EXPECT_EQ(service_.cancel(context_ + 1), SCARD_E_INVALID_HANDLE);
 }
 
-TEST_F(PcscServiceTest, CancelForWhichNothingWaitsIsForgotten) {
+TEST_F(SimulatedServiceTest, CancelForWhichNothingWaitsIsForgotten) {
     ASSERT_EQ(service_.cancel(context_), SCARD_S_SUCCESS);
     std::vector<ReaderState> states{{kEmpty, SCARD_STATE_EMPTY}};
     EXPECT_EQ(wait(states, 20), SCARD_E_TIMEOUT);
 }
 
-TEST_F(PcscServiceTest, CancelOfOneContextLeavesTheOthersWaiting) {
-    PcscService::Context other = 0;
+TEST_F(SimulatedServiceTest, CancelOfOneContextLeavesTheOthersWaiting) {
+    SimulatedService::Context other = 0;
     ASSERT_EQ(service_.establishContext(SCARD_SCOPE_USER, other), SCARD_S_SUCCESS);
     std::vector<ReaderState> states{{kEmpty, SCARD_STATE_EMPTY}};
     auto result = waitInBackground(states);
@@ -410,7 +410,7 @@ TEST_F(PcscServiceTest, CancelOfOneContextLeavesTheOthersWaiting) {
     EXPECT_EQ(result.get(), SCARD_S_SUCCESS);
 }
 
-TEST_F(PcscServiceTest, ReleaseEndsTheWaitInProgress) {
+TEST_F(SimulatedServiceTest, ReleaseEndsTheWaitInProgress) {
     std::vector<ReaderState> states{{kEmpty, SCARD_STATE_EMPTY}};
     auto result = waitInBackground(states);
     EXPECT_EQ(service_.releaseContext(context_), SCARD_S_SUCCESS);

@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "pipe_connection.h"
+#include "pipe/pipe_connection.h"
 
 namespace tez::test {
 

@@ -1,4 +1,4 @@
-#include "pipe_connection.h"
+#include "pipe/pipe_connection.h"
 
 #include <iterator>
 #include <utility>

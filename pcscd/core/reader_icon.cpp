@@ -1,4 +1,4 @@
-#include "reader_icon.h"
+#include "core/reader_icon.h"
 
 namespace tez::test {
 

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "daemon_traffic.h"
+#include "core/traffic.h"
 
 namespace tez::sim {
 

@@ -2,8 +2,8 @@
 
 #include <optional>
 
-#include "daemon_traffic.h"
-#include "pcsc_service.h"
+#include "core/traffic.h"
+#include "simulated/simulated_service.h"
 
 namespace tez::test {
 
@@ -11,7 +11,7 @@ namespace tez::test {
 /// Holds no state of its own, so any number of threads may use it at once.
 class DaemonCommands {
   public:
-    explicit DaemonCommands(PcscService& service) : service_(service) {}
+    explicit DaemonCommands(SimulatedService& service) : service_(service) {}
 
     /// The answer to a request; a request that is incomplete, malformed (its size is not what the
     /// record and its data phase make, or a reader name has no end) or of an unknown command closes
@@ -19,7 +19,7 @@ class DaemonCommands {
     Reply answer(const Request& request) const;
 
   private:
-    PcscService& service_;
+    SimulatedService& service_;
 };
 
 }  // namespace tez::test

@@ -1,4 +1,4 @@
-#include "command_apdu.h"
+#include "simulated/command_apdu.h"
 
 namespace tez::test {
 namespace {

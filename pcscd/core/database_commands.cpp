@@ -1,4 +1,4 @@
-#include "daemon_database_commands.h"
+#include "core/database_commands.h"
 
 #include <algorithm>
 #include <array>
@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "answered_record.h"
+#include "core/answered_record.h"
 #include "record_codec.h"
 
 namespace tez::test {
@@ -38,11 +38,11 @@ std::optional<std::string> wholeText(std::span<const std::uint8_t> data) {
     return text && text->size() + 1 == data.size() ? text : std::nullopt;
 }
 
-LONG checkContextOrNone(const PcscService& service, PcscService::Context context) {
+LONG checkContextOrNone(const SimulatedService& service, SimulatedService::Context context) {
     return context == 0 ? SCARD_S_SUCCESS : service.isValidContext(context);
 }
 
-Reply listCards(PcscService& service, Bytes record, const Bytes& data) {
+Reply listCards(SimulatedService& service, Bytes record, const Bytes& data) {
     // A client that counts interfaces but gives none leaves zeros in their place; the record's own
     // count tells.
     const std::size_t count = u32At(record, 42);
@@ -66,7 +66,7 @@ Reply listCards(PcscService& service, Bytes record, const Bytes& data) {
     return answered(std::move(record), 50, SCARD_S_SUCCESS, std::move(list));
 }
 
-Reply getDeviceTypeId(PcscService& service, Bytes record, const Bytes& /*data*/) {
+Reply getDeviceTypeId(SimulatedService& service, Bytes record, const Bytes& /*data*/) {
     const std::optional<std::string> reader = textAt(record, 8, kReaderNameWidth);
     if (!reader) {
         return Reply::closePipe();
@@ -80,7 +80,7 @@ Reply getDeviceTypeId(PcscService& service, Bytes record, const Bytes& /*data*/)
     return answered(std::move(record), 140, result);
 }
 
-Reply getProviderName(PcscService& service, Bytes record, const Bytes& /*data*/) {
+Reply getProviderName(SimulatedService& service, Bytes record, const Bytes& /*data*/) {
     const std::optional<std::string> card = textAt(record, 8, kCardNameWidth);
     if (!card) {
         return Reply::closePipe();
@@ -97,7 +97,7 @@ Reply getProviderName(PcscService& service, Bytes record, const Bytes& /*data*/)
     return answered(std::move(record), 1040, result, terminated(name));
 }
 
-Reply setProviderName(PcscService& service, Bytes record, const Bytes& data) {
+Reply setProviderName(SimulatedService& service, Bytes record, const Bytes& data) {
     const std::optional<std::string> card = textAt(record, 8, kCardNameWidth);
     const std::optional<std::string> name = wholeText(data);
     if (!card || !name || u32At(record, 1036) != data.size()) {
@@ -110,7 +110,7 @@ Reply setProviderName(PcscService& service, Bytes record, const Bytes& data) {
     return answered(std::move(record), 1040, result);
 }
 
-Reply introduceCardType(PcscService& service, Bytes record, const Bytes& data) {
+Reply introduceCardType(SimulatedService& service, Bytes record, const Bytes& data) {
     const std::optional<std::string> card = textAt(record, 8, kCardNameWidth);
     const std::size_t count = data.empty() ? 0 : u32At(record, 1049);
     if (!card || data.size() != count * kGuidSize || u32At(record, 1121) > kAtrWidth) {
@@ -138,7 +138,7 @@ Reply introduceCardType(PcscService& service, Bytes record, const Bytes& data) {
     return answered(std::move(record), 1125, result);
 }
 
-Reply forgetCardType(PcscService& service, Bytes record, const Bytes& /*data*/) {
+Reply forgetCardType(SimulatedService& service, Bytes record, const Bytes& /*data*/) {
     const std::optional<std::string> card = textAt(record, 8, kCardNameWidth);
     if (!card) {
         return Reply::closePipe();
@@ -150,12 +150,12 @@ Reply forgetCardType(PcscService& service, Bytes record, const Bytes& /*data*/) 
     return answered(std::move(record), 1032, result);
 }
 
-Reply audit(PcscService& service, Bytes record, const Bytes& /*data*/) {
+Reply audit(SimulatedService& service, Bytes record, const Bytes& /*data*/) {
     const LONG result = service.audit(u64At(record, 0), u32At(record, 8));
     return answered(std::move(record), 12, result);
 }
 
-Reply readCache(PcscService& service, Bytes record, const Bytes& data) {
+Reply readCache(SimulatedService& service, Bytes record, const Bytes& data) {
     const std::optional<std::string> name = wholeText(data);
     if (!name) {
         return Reply::closePipe();
@@ -172,7 +172,7 @@ Reply readCache(PcscService& service, Bytes record, const Bytes& data) {
     return answered(std::move(record), 32, result, std::move(item));
 }
 
-Reply writeCache(PcscService& service, Bytes record, const Bytes& data) {
+Reply writeCache(SimulatedService& service, Bytes record, const Bytes& data) {
     const std::size_t length = u32At(record, 28);
     if (data.size() < length) {
         return Reply::closePipe();
@@ -189,7 +189,7 @@ Reply writeCache(PcscService& service, Bytes record, const Bytes& data) {
     return answered(std::move(record), 32, result);
 }
 
-Reply getReaderIcon(PcscService& service, Bytes record, const Bytes& data) {
+Reply getReaderIcon(SimulatedService& service, Bytes record, const Bytes& data) {
     const std::optional<std::string> reader = wholeText(data);
     if (!reader) {
         return Reply::closePipe();
@@ -210,7 +210,7 @@ struct Served {
     Command command;
     std::size_t recordSize;
     bool hasData;
-    Reply (*answer)(PcscService& service, Bytes record, const Bytes& data);
+    Reply (*answer)(SimulatedService& service, Bytes record, const Bytes& data);
 };
 
 constexpr Served kServed[] = {
@@ -228,7 +228,7 @@ constexpr Served kServed[] = {
 
 }  // namespace
 
-Reply answerDatabaseCommand(PcscService& service, const Request& request) {
+Reply answerDatabaseCommand(SimulatedService& service, const Request& request) {
     const auto* const served = std::ranges::find(kServed, request.command, &Served::command);
     const std::size_t size = request.body.size();
     if (served == std::end(kServed) || size < served->recordSize ||

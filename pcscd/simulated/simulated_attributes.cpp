@@ -1,9 +1,9 @@
 
 #include <optional>
 
-#include "pcsc_service.h"
-#include "pcsc_service_state.h"
 #include "record_codec.h"
+#include "simulated/simulated_service.h"
+#include "simulated/simulated_service_state.h"
 
 namespace tez::test {
 namespace {
@@ -63,7 +63,7 @@ std::optional<Bytes> computed(DWORD id, const ReaderFacts& reader) {
 
 }  // namespace
 
-LONG PcscService::getAttribute(Card card, DWORD id, Bytes& value) const {
+LONG SimulatedService::getAttribute(Card card, DWORD id, Bytes& value) const {
     const Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {
@@ -86,7 +86,7 @@ LONG PcscService::getAttribute(Card card, DWORD id, Bytes& value) const {
     return SCARD_S_SUCCESS;
 }
 
-LONG PcscService::setAttribute(Card card, DWORD id, std::span<const std::uint8_t> value) {
+LONG SimulatedService::setAttribute(Card card, DWORD id, std::span<const std::uint8_t> value) {
     const Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {

@@ -13,15 +13,16 @@
 #include <string>
 #include <vector>
 
-#include "card_store.h"
-#include "virtual_card.h"
+#include "core/card_store.h"
+#include "simulated/virtual_card.h"
 
 namespace tez::test {
 
 /// The pseudo-reader of getStatusChange that stands for the arrival and removal of readers.
 inline constexpr const char* kPnpReader = R"(\\?PnP?\Notification)";
 
-/// Function numbers (bits 2 to 13 of a platform control code) that PcscService::control serves.
+/// Function numbers (bits 2 to 13 of a platform control code) that SimulatedService::control
+/// serves.
 inline constexpr std::uint32_t kControlEcho = 2048;        ///< answers with its input
 inline constexpr std::uint32_t kControlReaderName = 2049;  ///< answers with the reader's name
 inline constexpr std::uint32_t kControlFeatures = 3400;    ///< answers with nothing: no features
@@ -51,7 +52,7 @@ struct CardStatus {
 /// operation may be called from any thread; those that block (getStatusChange; beginTransaction,
 /// reconnect, transmit and control while another connection holds a transaction; transmit while
 /// commands are held) let all others through, and all of them end when their context is released.
-class PcscService {
+class SimulatedService {
   public:
     using Context = std::uint64_t;
     using Card = std::uint64_t;
@@ -62,11 +63,11 @@ class PcscService {
         Card card = 0x6'0000'0001;
     };
 
-    PcscService();
-    explicit PcscService(HandleBases bases);
-    ~PcscService();
-    PcscService(const PcscService&) = delete;
-    PcscService& operator=(const PcscService&) = delete;
+    SimulatedService();
+    explicit SimulatedService(HandleBases bases);
+    ~SimulatedService();
+    SimulatedService(const SimulatedService&) = delete;
+    SimulatedService& operator=(const SimulatedService&) = delete;
 
     // The hardware. Those returning bool return false when there is no such reader (addReader: when
     // there is one already; insertCard: also when it holds a card; removeCard: also when it has

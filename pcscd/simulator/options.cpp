@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <charconv>
 
-#include "pipe_listener.h"
+#include "pipe/pipe_listener.h"
 
 namespace tez::sim {
 namespace {

@@ -44,7 +44,7 @@ std::vector<std::uint32_t> offeredProtocols(std::span<const std::uint8_t> atr);
 
 /// A small ISO 7816-4 card: SELECT (by AID or by file identifier), READ BINARY, VERIFY and GET
 /// CHALLENGE, with short and extended lengths. It answers whole APDUs whatever the protocol is;
-/// there is no GET RESPONSE. Not thread-safe: one caller at a time (PcscService sees to that).
+/// there is no GET RESPONSE. Not thread-safe: one caller at a time (SimulatedService sees to that).
 class VirtualCard {
   public:
     VirtualCard(Bytes atr, std::vector<CardApplication> applications);

@@ -1,4 +1,4 @@
-#include "pipe_listener.h"
+#include "pipe/pipe_listener.h"
 
 #include <algorithm>
 #include <system_error>

@@ -1,8 +1,8 @@
 #include <chrono>
 #include <optional>
 
-#include "pcsc_service.h"
-#include "pcsc_service_state.h"
+#include "simulated/simulated_service.h"
+#include "simulated/simulated_service_state.h"
 
 namespace tez::test {
 namespace {
@@ -13,7 +13,7 @@ constexpr DWORD kComparedBits = SCARD_STATE_UNKNOWN | SCARD_STATE_EMPTY | SCARD_
 
 }  // namespace
 
-bool PcscService::refresh(ReaderState& state) const {
+bool SimulatedService::refresh(ReaderState& state) const {
     const DWORD counter = state.currentState >> kCounterShift;
     state.atr.clear();
     if ((state.currentState & SCARD_STATE_IGNORE) != 0) {
@@ -54,7 +54,7 @@ bool PcscService::refresh(ReaderState& state) const {
     return changed;
 }
 
-bool PcscService::refreshAll(std::span<ReaderState> states) const {
+bool SimulatedService::refreshAll(std::span<ReaderState> states) const {
     bool changed = false;
     for (ReaderState& state : states) {
         changed = refresh(state) || changed;
@@ -62,7 +62,8 @@ bool PcscService::refreshAll(std::span<ReaderState> states) const {
     return changed;
 }
 
-LONG PcscService::getStatusChange(Context context, DWORD timeout, std::span<ReaderState> states) {
+LONG SimulatedService::getStatusChange(Context context, DWORD timeout,
+                                       std::span<ReaderState> states) {
     using Clock = std::chrono::steady_clock;
     Lock lock(mutex_);
     const auto found = contexts_.find(context);
@@ -98,7 +99,7 @@ LONG PcscService::getStatusChange(Context context, DWORD timeout, std::span<Read
     }
 }
 
-LONG PcscService::cancel(Context context) {
+LONG SimulatedService::cancel(Context context) {
     const Lock lock(mutex_);
     const auto found = contexts_.find(context);
     if (found == contexts_.end()) {

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "daemon_traffic.h"
-#include "pcsc_service.h"
+#include "core/traffic.h"
+#include "simulated/simulated_service.h"
 
 namespace tez::test {
 
@@ -11,6 +11,6 @@ namespace tez::test {
 ///
 /// Card types can be asked for and changed, and events audited, without a context (context 0); all
 /// else needs one.
-Reply answerDatabaseCommand(PcscService& service, const Request& request);
+Reply answerDatabaseCommand(SimulatedService& service, const Request& request);
 
 }  // namespace tez::test

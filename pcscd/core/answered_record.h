@@ -5,7 +5,7 @@
 #include <optional>
 #include <utility>
 
-#include "daemon_traffic.h"
+#include "core/traffic.h"
 #include "record_codec.h"
 
 namespace tez::test {

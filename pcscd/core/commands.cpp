@@ -1,11 +1,11 @@
-#include "daemon_commands.h"
+#include "core/commands.h"
 
 #include <algorithm>
 #include <optional>
 #include <string>
 
-#include "answered_record.h"
-#include "daemon_database_commands.h"
+#include "core/answered_record.h"
+#include "core/database_commands.h"
 #include "record_codec.h"
 
 namespace tez::test {
@@ -53,14 +53,14 @@ DWORD fromWire(std::uint32_t protocol) {
     return (protocol & kWireRaw) != 0 ? rest | SCARD_PROTOCOL_RAW : rest;
 }
 
-Reply establish(PcscService& service, Bytes record) {
-    PcscService::Context context = 0;
+Reply establish(SimulatedService& service, Bytes record) {
+    SimulatedService::Context context = 0;
     const LONG result = service.establishContext(u32At(record, 0), context);
     putU64(record, 4, context);
     return answered(std::move(record), 12, result);
 }
 
-Reply listReaders(PcscService& service, Bytes record) {
+Reply listReaders(SimulatedService& service, Bytes record) {
     std::vector<std::string> names;
     const LONG result = service.listReaders(u64At(record, 0), names);
     if (result != SCARD_S_SUCCESS) {
@@ -71,12 +71,12 @@ Reply listReaders(PcscService& service, Bytes record) {
     return answered(std::move(record), 12, result, std::move(list));
 }
 
-Reply connect(PcscService& service, Bytes record) {
+Reply connect(SimulatedService& service, Bytes record) {
     const std::optional<std::string> reader = textAt(record, 8, kReaderNameWidth);
     if (!reader) {
         return Reply::closePipe();
     }
-    PcscService::Card card = 0;
+    SimulatedService::Card card = 0;
     DWORD active = 0;
     const LONG result = service.connect(u64At(record, 0), *reader, u32At(record, 136),
                                         fromWire(u32At(record, 140)), card, active);
@@ -85,7 +85,7 @@ Reply connect(PcscService& service, Bytes record) {
     return answered(std::move(record), 156, result);
 }
 
-Reply reconnect(PcscService& service, Bytes record) {
+Reply reconnect(SimulatedService& service, Bytes record) {
     DWORD active = 0;
     const LONG result = service.reconnect(u64At(record, 0), u32At(record, 8),
                                           fromWire(u32At(record, 12)), u32At(record, 16), active);
@@ -93,7 +93,7 @@ Reply reconnect(PcscService& service, Bytes record) {
     return answered(std::move(record), 24, result);
 }
 
-Reply status(PcscService& service, Bytes record) {
+Reply status(SimulatedService& service, Bytes record) {
     CardStatus status;
     const LONG result = service.status(u64At(record, 0), status);
     if (result == SCARD_S_SUCCESS) {
@@ -109,7 +109,7 @@ Reply status(PcscService& service, Bytes record) {
     return answered(std::move(record), 284, result);
 }
 
-Reply transmit(PcscService& service, Bytes record, const Bytes& command) {
+Reply transmit(SimulatedService& service, Bytes record, const Bytes& command) {
     if (u32At(record, 12) != command.size()) {
         return Reply::closePipe();
     }
@@ -124,7 +124,7 @@ Reply transmit(PcscService& service, Bytes record, const Bytes& command) {
     return answered(std::move(record), 24, result, std::move(response));
 }
 
-Reply control(PcscService& service, Bytes record, const Bytes& input) {
+Reply control(SimulatedService& service, Bytes record, const Bytes& input) {
     if (u32At(record, 12) != input.size()) {
         return Reply::closePipe();
     }
@@ -138,7 +138,7 @@ Reply control(PcscService& service, Bytes record, const Bytes& input) {
     return answered(std::move(record), 24, result, std::move(output));
 }
 
-Reply getAttribute(PcscService& service, Bytes record, ProtocolVersion version) {
+Reply getAttribute(SimulatedService& service, Bytes record, ProtocolVersion version) {
     Bytes value;
     const LONG result = service.getAttribute(u64At(record, 0), u32At(record, 8), value);
     if (result != SCARD_S_SUCCESS) {
@@ -153,7 +153,8 @@ Reply getAttribute(PcscService& service, Bytes record, ProtocolVersion version) 
     return answered(std::move(record), 280, result);
 }
 
-Reply setAttribute(PcscService& service, Bytes record, const Bytes& data, ProtocolVersion version) {
+Reply setAttribute(SimulatedService& service, Bytes record, const Bytes& data,
+                   ProtocolVersion version) {
     const bool follows = version.isAtLeast(kLongAttributes);
     const std::uint32_t length = u32At(record, 276);
     if (data.size() != (follows ? length : 0) || (!follows && length > kAttributeWidth)) {
@@ -164,14 +165,15 @@ Reply setAttribute(PcscService& service, Bytes record, const Bytes& data, Protoc
     return answered(std::move(record), 280, result);
 }
 
-Reply transmitCount(PcscService& service, Bytes record) {
+Reply transmitCount(SimulatedService& service, Bytes record) {
     DWORD count = u32At(record, 8);
     const LONG result = service.transmitCount(u64At(record, 0), count);
     putU32(record, 8, static_cast<std::uint32_t>(count));
     return answered(std::move(record), 12, result);
 }
 
-Reply getStatusChange(PcscService& service, Bytes record, Bytes entries, ProtocolVersion version) {
+Reply getStatusChange(SimulatedService& service, Bytes record, Bytes entries,
+                      ProtocolVersion version) {
     const std::size_t count = u32At(record, 12);
     if (entries.size() != count * kReaderStateSize) {
         return Reply::closePipe();
