@@ -1,3 +1,4 @@
+#include <bit>
 #include <cstring>
 #include <string>
 
@@ -28,7 +29,7 @@ void logData(const FunctionLog& log, const void* data, DWORD length) {
 
 CacheRecord cacheRecord(std::uint64_t remoteContext, const UUID& identifier, DWORD freshness,
                         DWORD length) {
-    return {remoteContext, identifier, freshness, length, 0};
+    return {remoteContext, std::bit_cast<WireGuid>(identifier), freshness, length, 0};
 }
 
 struct ReadArguments {
@@ -64,7 +65,7 @@ LONG readRemotely(const RemoteCall& call, const ReadArguments& arguments, bool& 
                              hasArrived);
         }
         if (hasArrived) {
-            *arguments.identifier = record.cardIdentifier;
+            *arguments.identifier = std::bit_cast<UUID>(record.cardIdentifier);
         }
         return rv;
     });
@@ -118,7 +119,7 @@ LONG writeRemotely(const RemoteCall& call, const WriteArguments& arguments) {
                                          arguments.length);
         const LONG rv = exchange.call(CMD_WRITE_CACHE, record, tail);
         if (rv == SCARD_S_SUCCESS) {
-            *arguments.identifier = record.cardIdentifier;
+            *arguments.identifier = std::bit_cast<UUID>(record.cardIdentifier);
         }
         return rv;
     });

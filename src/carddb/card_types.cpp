@@ -1,3 +1,4 @@
+#include <bit>
 #include <cstring>
 #include <string>
 
@@ -56,7 +57,7 @@ LONG introduceRemotely(const RemoteCall& call, const CardType& type) {
     }
     if (type.primaryProvider != nullptr) {
         record.isPrimaryProviderPresent = 1;
-        record.guidPrimaryProvider = *type.primaryProvider;
+        record.guidPrimaryProvider = std::bit_cast<WireGuid>(*type.primaryProvider);
     }
     record.dwInterfaceCount = type.interfaceCount;
     const std::string_view guids(

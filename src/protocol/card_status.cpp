@@ -31,8 +31,9 @@ DWORD stateOf(std::uint32_t daemonBits) {
     static constexpr struct {
         std::uint32_t bit;
         DWORD state;
-    } kStates[] = {{0x40, SCARD_SPECIFIC},  {0x20, SCARD_NEGOTIABLE}, {0x10, SCARD_POWERED},
-                   {0x08, SCARD_SWALLOWED}, {0x04, SCARD_PRESENT},    {0x02, SCARD_ABSENT}};
+    } kStates[] = {{kWireSpecific, SCARD_SPECIFIC}, {kWireNegotiable, SCARD_NEGOTIABLE},
+                   {kWirePowered, SCARD_POWERED},   {kWireSwallowed, SCARD_SWALLOWED},
+                   {kWirePresent, SCARD_PRESENT},   {kWireAbsent, SCARD_ABSENT}};
     for (const auto& known : kStates) {
         if ((daemonBits & known.bit) != 0) {
             return known.state;

@@ -8,6 +8,16 @@ namespace tez {
 inline constexpr std::size_t kWireReaderNameSize = 128;  ///< the terminating NUL included
 inline constexpr std::size_t kWireAtrSize = 264;
 
+/// Bits of StatusRecord::dwState: a card's state is all that hold.
+enum WireCardState : std::uint32_t {
+    kWireAbsent = 0x02,
+    kWirePresent = 0x04,
+    kWireSwallowed = 0x08,  ///< in place, not powered
+    kWirePowered = 0x10,
+    kWireNegotiable = 0x20,  ///< powered, and no protocol chosen
+    kWireSpecific = 0x40,    ///< a protocol is chosen
+};
+
 #pragma pack(push, 1)
 
 /// CMD_SCARD_CONNECT
@@ -47,7 +57,7 @@ struct HandleRecord {
 /// CMD_STATUS
 struct StatusRecord {
     std::uint64_t hCard;
-    std::uint32_t dwState;     ///< out: the daemon's state bits
+    std::uint32_t dwState;     ///< out: WireCardState
     std::uint32_t dwProtocol;  ///< out
     std::uint8_t pbAtr[kWireAtrSize];
     std::uint32_t cbAtrLen;  ///< in: room; out: bytes valid

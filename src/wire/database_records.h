@@ -1,7 +1,6 @@
 #pragma once
 
-#include <windows.h>
-
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
@@ -12,7 +11,10 @@ namespace tez {
 inline constexpr std::size_t kWireCardNameSize = 1024;  ///< the terminating NUL included
 inline constexpr std::size_t kWireCardAtrSize = 33;
 
-static_assert(sizeof(GUID) == 16);
+/// A GUID's 16 bytes as the platform keeps them in memory.
+using WireGuid = std::array<std::uint8_t, 16>;
+
+static_assert(sizeof(WireGuid) == 16);
 
 #pragma pack(push, 1)
 
@@ -57,7 +59,7 @@ struct IntroduceCardTypeRecord {
     std::uint64_t hContext;
     char szCardName[kWireCardNameSize];
     std::uint8_t isPrimaryProviderPresent;
-    GUID guidPrimaryProvider;
+    WireGuid guidPrimaryProvider;
     std::uint32_t dwInterfaceCount;
     std::uint8_t isAtrPresent;
     std::uint8_t rgbAtr[kWireCardAtrSize];
@@ -78,7 +80,7 @@ struct ForgetCardTypeRecord {
 /// CMD_WRITE_CACHE, followed by the data and then the lookup name.
 struct CacheRecord {
     std::uint64_t hContext;
-    GUID cardIdentifier;
+    WireGuid cardIdentifier;
     std::uint32_t freshnessCounter;
     std::uint32_t cbData;
     std::uint32_t rv;  ///< out

@@ -7,8 +7,6 @@ namespace tez {
 
 namespace {
 
-constexpr std::uint32_t kWireRaw = 4;
-
 std::uint32_t moveBit(const FunctionLog& log, std::uint32_t value, std::uint32_t from,
                       std::uint32_t to) {
     const std::uint32_t converted = (value & from) == 0 ? value : (value & ~from) | to;

@@ -4,6 +4,8 @@
 
 namespace tez {
 
+inline constexpr std::uint32_t kWireRaw = 4;  ///< the daemon's bit for the raw protocol
+
 /// Turns the platform's protocol bits (T=0 is 1, T=1 is 2, raw is 0x10000) into the daemon's, where
 /// raw is 4. Every other bit passes unchanged.
 std::uint32_t convert_protocol_to_wire(std::uint32_t value) noexcept;
