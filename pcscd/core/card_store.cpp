@@ -1,12 +1,9 @@
 #include "core/card_store.h"
 
-#include <winscard.h>
-
 #include <algorithm>
 #include <bit>
-#include <cstring>
 
-namespace tez::test {
+namespace tez::pcscd {
 namespace {
 
 bool matches(const CardType& type, std::span<const std::uint8_t> atr) {
@@ -19,12 +16,6 @@ bool matches(const CardType& type, std::span<const std::uint8_t> atr) {
         }
     }
     return true;
-}
-
-bool hasInterface(const CardType& type, const GUID& wanted) {
-    return std::ranges::any_of(type.interfaces, [&](const GUID& offered) {
-        return std::memcmp(&offered, &wanted, sizeof(GUID)) == 0;
-    });
 }
 
 }  // namespace
@@ -48,21 +39,21 @@ std::size_t atrLength(const std::uint8_t* atr) {
     return length <= kLongestAtr ? length : 0;
 }
 
-CardType cardTypeOf(const VirtualCard& card) {
+CardType cardTypeOf(Bytes atr) {
     CardType type;
-    type.atr = card.atr();
+    type.atr = std::move(atr);
     type.atrMask.assign(type.atr.size(), 0xFF);
     return type;
 }
 
-LONG CardStore::introduce(const std::string& card, const CardType& type) {
+Result CardStore::introduce(const std::string& card, const CardType& type) {
     const std::lock_guard lock(mutex_);
-    return types_.try_emplace(card, type).second ? SCARD_S_SUCCESS : ERROR_ALREADY_EXISTS;
+    return types_.try_emplace(card, type).second ? result::kSuccess : result::kAlreadyExists;
 }
 
-LONG CardStore::forget(const std::string& card) {
+Result CardStore::forget(const std::string& card) {
     const std::lock_guard lock(mutex_);
-    return types_.erase(card) == 1 ? SCARD_S_SUCCESS : SCARD_E_UNKNOWN_CARD;
+    return types_.erase(card) == 1 ? result::kSuccess : result::kUnknownCard;
 }
 
 std::optional<CardType> CardStore::find(const std::string& card) const {
@@ -71,39 +62,40 @@ std::optional<CardType> CardStore::find(const std::string& card) const {
     return type == types_.end() ? std::nullopt : std::optional(type->second);
 }
 
-LONG CardStore::setProvider(const std::string& card, DWORD providerId,
-                            const std::string& provider) {
+Result CardStore::setProvider(const std::string& card, std::uint32_t providerId,
+                              const std::string& provider) {
     const std::lock_guard lock(mutex_);
     const auto type = types_.find(card);
     if (type == types_.end()) {
-        return SCARD_E_UNKNOWN_CARD;
+        return result::kUnknownCard;
     }
     type->second.providers[providerId] = provider;
-    return SCARD_S_SUCCESS;
+    return result::kSuccess;
 }
 
-LONG CardStore::provider(const std::string& card, DWORD providerId, std::string& provider) const {
+Result CardStore::provider(const std::string& card, std::uint32_t providerId,
+                           std::string& provider) const {
     const std::lock_guard lock(mutex_);
     const auto type = types_.find(card);
     if (type == types_.end()) {
-        return SCARD_E_UNKNOWN_CARD;
+        return result::kUnknownCard;
     }
     const auto found = type->second.providers.find(providerId);
     if (found == type->second.providers.end()) {
-        return ERROR_FILE_NOT_FOUND;
+        return result::kFileNotFound;
     }
     provider = found->second;
-    return SCARD_S_SUCCESS;
+    return result::kSuccess;
 }
 
 std::vector<std::string> CardStore::list(std::span<const std::uint8_t> atr,
-                                         std::span<const GUID> interfaces) const {
+                                         std::span<const Guid> interfaces) const {
     const std::lock_guard lock(mutex_);
     std::vector<std::string> cards;
     for (const auto& [name, type] : types_) {
         if ((atr.empty() || matches(type, atr)) &&
-            std::ranges::all_of(interfaces, [&known = type](const GUID& wanted) {
-                return hasInterface(known, wanted);
+            std::ranges::all_of(interfaces, [&known = type.interfaces](const Guid& wanted) {
+                return std::ranges::find(known, wanted) != known.end();
             })) {
             cards.push_back(name);
         }
@@ -111,27 +103,24 @@ std::vector<std::string> CardStore::list(std::span<const std::uint8_t> atr,
     return cards;
 }
 
-CardStore::CacheKey CardStore::cacheKey(const GUID& card, const std::string& name) {
-    return {std::bit_cast<std::array<std::uint8_t, sizeof(GUID)>>(card), name};
+void CardStore::writeCache(const Guid& card, const std::string& name, std::uint32_t freshness,
+                           Bytes data) {
+    const std::lock_guard lock(mutex_);
+    cache_[{card, name}] = {freshness, std::move(data)};
 }
 
-void CardStore::writeCache(const GUID& card, const std::string& name, DWORD freshness, Bytes data) {
+Result CardStore::readCache(const Guid& card, const std::string& name, std::uint32_t freshness,
+                            Bytes& data) const {
     const std::lock_guard lock(mutex_);
-    cache_[cacheKey(card, name)] = {freshness, std::move(data)};
-}
-
-LONG CardStore::readCache(const GUID& card, const std::string& name, DWORD freshness,
-                          Bytes& data) const {
-    const std::lock_guard lock(mutex_);
-    const auto item = cache_.find(cacheKey(card, name));
+    const auto item = cache_.find({card, name});
     if (item == cache_.end()) {
-        return SCARD_W_CACHE_ITEM_NOT_FOUND;
+        return result::kCacheItemNotFound;
     }
     if (item->second.freshness != freshness) {
-        return SCARD_W_CACHE_ITEM_STALE;
+        return result::kCacheItemStale;
     }
     data = item->second.data;
-    return SCARD_S_SUCCESS;
+    return result::kSuccess;
 }
 
-}  // namespace tez::test
+}  // namespace tez::pcscd

@@ -1,25 +1,19 @@
 #pragma once
 
-#include <optional>
-
+#include "core/card_service.h"
+#include "core/clients.h"
 #include "core/traffic.h"
-#include "simulated/simulated_service.h"
 
-namespace tez::test {
+namespace tez::pcscd {
 
-/// The daemon's ordinary behaviour: decodes a request record, asks the service, encodes the answer.
-/// Holds no state of its own, so any number of threads may use it at once.
-class DaemonCommands {
-  public:
-    explicit DaemonCommands(SimulatedService& service) : service_(service) {}
+/// The daemon's behaviour: decodes a request's record, asks the service, encodes the answer.
+/// `clients` learns of the contexts that the process gets and gives back. Any number of threads may
+/// do this at once.
+///
+/// A request that is incomplete, malformed (its size is not what the record and its data phase
+/// make, or a name has no end) or of an unknown command closes the pipe: nobody can tell what the
+/// client waits for.
+Reply answerRequest(CardService& service, Clients& clients, Clients::Process process,
+                    const Request& request);
 
-    /// The answer to a request; a request that is incomplete, malformed (its size is not what the
-    /// record and its data phase make, or a reader name has no end) or of an unknown command closes
-    /// the pipe.
-    Reply answer(const Request& request) const;
-
-  private:
-    SimulatedService& service_;
-};
-
-}  // namespace tez::test
+}  // namespace tez::pcscd

@@ -1,16 +1,16 @@
 #pragma once
 
-#include "core/traffic.h"
-#include "simulated/simulated_service.h"
+#include <span>
 
-namespace tez::test {
+#include "core/answers.h"
 
-/// The part of the daemon's ordinary behaviour that concerns card types, cached card data, reader
-/// icons, device types and audits. A request that is malformed, or of a command that is not among
-/// these, closes the pipe. The request must be complete.
+namespace tez::pcscd {
+
+/// The commands on card types, cached card data, reader icons, device types and audits, which are
+/// those of the Windows interface alone.
 ///
 /// Card types can be asked for and changed, and events audited, without a context (context 0); all
 /// else needs one.
-Reply answerDatabaseCommand(SimulatedService& service, const Request& request);
+std::span<const Served> databaseCommands();
 
-}  // namespace tez::test
+}  // namespace tez::pcscd

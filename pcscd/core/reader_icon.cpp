@@ -1,6 +1,6 @@
 #include "core/reader_icon.h"
 
-namespace tez::test {
+namespace tez::pcscd {
 
 std::span<const std::uint8_t> readerIcon() {
     // clang-format off
@@ -16,4 +16,4 @@ std::span<const std::uint8_t> readerIcon() {
     return kIcon;
 }
 
-}  // namespace tez::test
+}  // namespace tez::pcscd

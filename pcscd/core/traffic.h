@@ -4,38 +4,39 @@
 #include <utility>
 #include <vector>
 
-#include "simulated/virtual_card.h"
+#include "core/bytes.h"
+#include "wire/command_codes.h"
 
-namespace tez::test {
+namespace tez::pcscd {
 
-/// Commands of the daemon's protocol.
+/// Commands of the protocol.
 enum class Command : std::uint32_t {
-    kEstablishContext = 1,
-    kReleaseContext = 2,
-    kListReaders = 3,
-    kConnect = 4,
-    kReconnect = 5,
-    kDisconnect = 6,
-    kBeginTransaction = 7,
-    kEndTransaction = 8,
-    kTransmit = 9,
-    kControl = 10,
-    kStatus = 11,
-    kGetStatusChange = 12,
-    kCancel = 13,
-    kGetAttribute = 15,
-    kSetAttribute = 16,
-    kGetTransmitCount = 0x801,
-    kListCards = 0x802,
-    kGetDeviceTypeId = 0x803,
-    kGetCardTypeProviderName = 0x804,
-    kReadCache = 0x805,
-    kWriteCache = 0x806,
-    kGetReaderIcon = 0x807,
-    kAudit = 0x808,
-    kSetCardTypeProviderName = 0x809,
-    kIntroduceCardType = 0x80A,
-    kForgetCardType = 0x80B,
+    kEstablishContext = CMD_ESTABLISH_CONTEXT,
+    kReleaseContext = CMD_RELEASE_CONTEXT,
+    kListReaders = CMD_LIST_READERS,
+    kConnect = CMD_SCARD_CONNECT,
+    kReconnect = CMD_RECONNECT,
+    kDisconnect = CMD_DISCONNECT,
+    kBeginTransaction = CMD_BEGIN_TRANSACTION,
+    kEndTransaction = CMD_END_TRANSACTION,
+    kTransmit = CMD_TRANSMIT,
+    kControl = CMD_CONTROL,
+    kStatus = CMD_STATUS,
+    kGetStatusChange = CMD_GET_STATUS_CHANGE,
+    kCancel = CMD_CANCEL,
+    kGetAttribute = CMD_GET_ATTRIB,
+    kSetAttribute = CMD_SET_ATTRIB,
+    kGetTransmitCount = CMD_GET_TRANSMIT_COUNT,
+    kListCards = CMD_LIST_CARDS,
+    kGetDeviceTypeId = CMD_GET_DEVICE_TYPE_ID,
+    kGetCardTypeProviderName = CMD_GET_CARD_TYPE_PROVIDER_NAME,
+    kReadCache = CMD_READ_CACHE,
+    kWriteCache = CMD_WRITE_CACHE,
+    kGetReaderIcon = CMD_GET_READER_ICON,
+    kAudit = CMD_AUDIT,
+    kSetCardTypeProviderName = CMD_SET_CARD_TYPE_PROVIDER_NAME,
+    kIntroduceCardType = CMD_INTRODUCE_CARD_TYPE,
+    kForgetCardType = CMD_FORGET_CARD_TYPE,
 };
 
 struct ProtocolVersion {
@@ -47,7 +48,7 @@ struct ProtocolVersion {
     }
 };
 
-/// The opening of one connection. Connections are numbered from 1 in the order of their acceptance.
+/// The opening of one connection.
 struct Handshake {
     std::uint64_t connection = 0;
     Bytes token;              ///< up to and including its zero byte
@@ -65,8 +66,8 @@ struct Request {
     bool complete = true;     ///< false: the pipe broke before the announced body had arrived
 };
 
-/// What the daemon does about a request: writes the blocks, each with one WriteFile, then goes on
-/// reading or closes the pipe.
+/// What the daemon does about a request: writes the blocks, each as one piece, then goes on reading
+/// or closes the pipe.
 struct Reply {
     std::vector<Bytes> blocks;
     bool close = false;
@@ -74,8 +75,8 @@ struct Reply {
     static Reply of(std::vector<Bytes> blocks) { return {std::move(blocks), false}; }
     /// Closes the pipe, after writing the blocks if there are any; the client can still read them.
     static Reply closePipe(std::vector<Bytes> blocks = {}) { return {std::move(blocks), true}; }
-    /// Writes nothing. DaemonSimulator::send can answer later.
+    /// Writes nothing.
     static Reply silence() { return {}; }
 };
 
-}  // namespace tez::test
+}  // namespace tez::pcscd

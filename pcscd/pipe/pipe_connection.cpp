@@ -3,11 +3,16 @@
 #include <iterator>
 #include <utility>
 
-namespace tez::test {
+namespace tez::pcscd {
 namespace {
 
 UniqueHandle manualResetEvent() {
     return UniqueHandle(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+}
+
+std::uint32_t processAt(HANDLE pipe) {
+    ULONG process = 0;
+    return GetNamedPipeClientProcessId(pipe, &process) == FALSE ? 0 : process;
 }
 
 struct Moved {
@@ -45,6 +50,7 @@ Moved finish(HANDLE pipe, std::span<const HANDLE> interrupts, Start start) {
 
 PipeConnection::PipeConnection(std::uint64_t number, UniqueHandle pipe)
     : number_(number),
+      process_(processAt(pipe.get())),
       closing_(manualResetEvent()),
       pausing_(manualResetEvent()),
       pipe_(std::move(pipe)) {}
@@ -124,4 +130,4 @@ void PipeConnection::close() {
     pipe_.reset();
 }
 
-}  // namespace tez::test
+}  // namespace tez::pcscd

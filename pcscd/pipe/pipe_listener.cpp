@@ -4,13 +4,11 @@
 #include <system_error>
 #include <utility>
 
-namespace tez::test {
+namespace tez::pcscd {
 
-PipeListener::PipeListener(PipeOptions options, Serve serve, Notify opened, Notify closed)
+PipeListener::PipeListener(PipeOptions options, Serve serve)
     : options_(std::move(options)),
       serve_(std::move(serve)),
-      opened_(std::move(opened)),
-      closed_(std::move(closed)),
       stop_(CreateEventA(nullptr, TRUE, FALSE, nullptr)) {}
 
 PipeListener::~PipeListener() {
@@ -152,11 +150,9 @@ void PipeListener::accept(UniqueHandle instance) {
 }
 
 void PipeListener::run(const std::shared_ptr<PipeConnection>& connection) {
-    opened_(connection->number());
     serve_(*connection);
     connection->close();
     forget(connection->number());
-    closed_(connection->number());
 }
 
 void PipeListener::forget(std::uint64_t connection) {
@@ -223,4 +219,4 @@ std::uint64_t PipeListener::accepted() const {
     return accepted_;
 }
 
-}  // namespace tez::test
+}  // namespace tez::pcscd

@@ -15,7 +15,7 @@
 
 #include "pipe/pipe_connection.h"
 
-namespace tez::test {
+namespace tez::pcscd {
 
 struct PipeOptions {
     std::string name = R"(\\.\pipe\tez-pcscd-0)";
@@ -31,11 +31,8 @@ class PipeListener {
   public:
     /// Serves one client; the connection is closed when it returns.
     using Serve = std::function<void(PipeConnection&)>;
-    using Notify = std::function<void(std::uint64_t connection)>;
 
-    /// `opened` and `closed` are called on the connection's thread, before and after `serve`; in
-    /// `opened` the connection counts as open, in `closed` it does no more.
-    PipeListener(PipeOptions options, Serve serve, Notify opened, Notify closed);
+    PipeListener(PipeOptions options, Serve serve);
     ~PipeListener();
     PipeListener(const PipeListener&) = delete;
     PipeListener& operator=(const PipeListener&) = delete;
@@ -48,6 +45,8 @@ class PipeListener {
     /// Closes one connection, not waiting for its `serve` either. False when it is not open.
     bool close(std::uint64_t connection);
     void closeConnections();
+    /// Counts a connection that has closed its pipe as open no more, though `serve` goes on.
+    void forget(std::uint64_t connection);
     /// Waits for all threads, after close().
     void join();
     bool serving() const;
@@ -71,12 +70,9 @@ class PipeListener {
     bool waitForClient(HANDLE instance) const;
     void accept(UniqueHandle instance);
     void run(const std::shared_ptr<PipeConnection>& connection);
-    void forget(std::uint64_t connection);
 
     const PipeOptions options_;
     const Serve serve_;
-    const Notify opened_;
-    const Notify closed_;
     const UniqueHandle stop_;  // manual-reset event: the accepting thread is to end
     UniqueHandle claim_;       // while serving: keeps a second listener off the pipe's name
     std::thread acceptor_;
@@ -90,4 +86,4 @@ class PipeListener {
     std::vector<std::thread> workers_;
 };
 
-}  // namespace tez::test
+}  // namespace tez::pcscd

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-namespace tez::test {
+namespace tez::pcscd {
 
 /// Owns a kernel handle; INVALID_HANDLE_VALUE and null count as none.
 class UniqueHandle {
@@ -35,4 +35,4 @@ class UniqueHandle {
     HANDLE handle_ = nullptr;
 };
 
-}  // namespace tez::test
+}  // namespace tez::pcscd

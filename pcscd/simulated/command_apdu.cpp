@@ -1,6 +1,6 @@
 #include "simulated/command_apdu.h"
 
-namespace tez::test {
+namespace tez::pcscd {
 namespace {
 
 constexpr std::size_t kHeaderSize = 4;
@@ -61,4 +61,4 @@ std::optional<CommandApdu> CommandApdu::parse(std::span<const std::uint8_t> byte
     return apdu;
 }
 
-}  // namespace tez::test
+}  // namespace tez::pcscd

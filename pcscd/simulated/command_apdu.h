@@ -5,7 +5,7 @@
 #include <optional>
 #include <span>
 
-namespace tez::test {
+namespace tez::pcscd {
 
 /// A command APDU of ISO 7816-4 taken apart. `data` points into the bytes it was parsed from.
 struct CommandApdu {
@@ -21,4 +21,4 @@ struct CommandApdu {
     static std::optional<CommandApdu> parse(std::span<const std::uint8_t> bytes);
 };
 
-}  // namespace tez::test
+}  // namespace tez::pcscd

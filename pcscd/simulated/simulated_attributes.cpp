@@ -1,26 +1,13 @@
-
 #include <optional>
 
-#include "record_codec.h"
+#include "core/text.h"
 #include "simulated/simulated_service.h"
 #include "simulated/simulated_service_state.h"
 
-namespace tez::test {
+namespace tez::pcscd {
 namespace {
 
-Bytes terminatedWide(const std::string& utf8) {
-    const int size = static_cast<int>(utf8.size()) + 1;
-    std::wstring wide(static_cast<std::size_t>(size), L'\0');
-    const int used = MultiByteToWideChar(CP_UTF8, 0, utf8.c_str(), size, wide.data(), size);
-    Bytes bytes;
-    for (const wchar_t unit : wide.substr(0, static_cast<std::size_t>(used))) {
-        bytes.push_back(static_cast<std::uint8_t>(unit & 0xFF));
-        bytes.push_back(static_cast<std::uint8_t>(unit >> 8));
-    }
-    return bytes;
-}
-
-Bytes number(DWORD value) {
+Bytes number(std::uint32_t value) {
     Bytes bytes;
     for (int shift = 0; shift < 32; shift += 8) {
         bytes.push_back(static_cast<std::uint8_t>(value >> shift & 0xFF));
@@ -30,31 +17,31 @@ Bytes number(DWORD value) {
 
 struct ReaderFacts {
     const std::string& name;
-    DWORD unit;
-    DWORD protocol;
+    std::uint32_t unit;
+    std::uint32_t protocol;
     const VirtualCard* card;
 };
 
 /// What the reader itself knows; nullopt for attributes that it does not compute.
-std::optional<Bytes> computed(DWORD id, const ReaderFacts& reader) {
+std::optional<Bytes> computed(std::uint32_t id, const ReaderFacts& reader) {
     switch (id) {
-        case SCARD_ATTR_ATR_STRING:
+        case attribute::kAtrString:
             return reader.card != nullptr ? reader.card->atr() : Bytes{};
-        case SCARD_ATTR_VENDOR_NAME:
+        case attribute::kVendorName:
             return terminated("Virtual Readers");
-        case SCARD_ATTR_VENDOR_IFD_TYPE:
+        case attribute::kVendorIfdType:
             return terminated("Software reader");
-        case SCARD_ATTR_DEVICE_FRIENDLY_NAME_A:
-        case SCARD_ATTR_DEVICE_SYSTEM_NAME_A:
+        case attribute::kDeviceFriendlyNameA:
+        case attribute::kDeviceSystemNameA:
             return terminated(reader.name);
-        case SCARD_ATTR_DEVICE_FRIENDLY_NAME_W:
-        case SCARD_ATTR_DEVICE_SYSTEM_NAME_W:
+        case attribute::kDeviceFriendlyNameW:
+        case attribute::kDeviceSystemNameW:
             return terminatedWide(reader.name);
-        case SCARD_ATTR_DEVICE_UNIT:
+        case attribute::kDeviceUnit:
             return number(reader.unit);
-        case SCARD_ATTR_ICC_PRESENCE:
+        case attribute::kIccPresence:
             return Bytes{static_cast<std::uint8_t>(reader.card != nullptr ? 2 : 0)};
-        case SCARD_ATTR_CURRENT_PROTOCOL_TYPE:
+        case attribute::kCurrentProtocolType:
             return number(reader.protocol);
         default:
             return std::nullopt;
@@ -63,43 +50,44 @@ std::optional<Bytes> computed(DWORD id, const ReaderFacts& reader) {
 
 }  // namespace
 
-LONG SimulatedService::getAttribute(Card card, DWORD id, Bytes& value) const {
+Result SimulatedService::getAttribute(Card card, std::uint32_t id, Bytes& value) {
     const Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {
-        return SCARD_E_INVALID_HANDLE;
+        return result::kInvalidHandle;
     }
-    if (const LONG result = readerResult(*connection); result != SCARD_S_SUCCESS) {
+    if (const Result result = readerResult(*connection); result != result::kSuccess) {
         return result;
     }
     const Reader& reader = *connection->reader;
     const VirtualCard* inserted = reader.card ? &*reader.card : nullptr;
     if (auto own = computed(id, {reader.name, reader.unit, connection->protocol, inserted})) {
         value = std::move(*own);
-        return SCARD_S_SUCCESS;
+        return result::kSuccess;
     }
     const auto stored = reader.attributes.find(id);
     if (stored == reader.attributes.end()) {
-        return SCARD_E_UNSUPPORTED_FEATURE;
+        return result::kUnsupportedFeature;
     }
     value = stored->second;
-    return SCARD_S_SUCCESS;
+    return result::kSuccess;
 }
 
-LONG SimulatedService::setAttribute(Card card, DWORD id, std::span<const std::uint8_t> value) {
+Result SimulatedService::setAttribute(Card card, std::uint32_t id,
+                                      std::span<const std::uint8_t> value) {
     const Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {
-        return SCARD_E_INVALID_HANDLE;
+        return result::kInvalidHandle;
     }
-    if (const LONG result = readerResult(*connection); result != SCARD_S_SUCCESS) {
+    if (const Result result = readerResult(*connection); result != result::kSuccess) {
         return result;
     }
     if (computed(id, {connection->reader->name, 0, 0, nullptr})) {
-        return SCARD_E_UNSUPPORTED_FEATURE;
+        return result::kUnsupportedFeature;
     }
     connection->reader->attributes[id].assign(value.begin(), value.end());
-    return SCARD_S_SUCCESS;
+    return result::kSuccess;
 }
 
-}  // namespace tez::test
+}  // namespace tez::pcscd

@@ -4,49 +4,49 @@
 #include "simulated/simulated_service.h"
 #include "simulated/simulated_service_state.h"
 
-namespace tez::test {
+namespace tez::pcscd {
 namespace {
 
-bool isShareMode(DWORD value) {
-    return value >= SCARD_SHARE_EXCLUSIVE && value <= SCARD_SHARE_DIRECT;
+bool isShareMode(std::uint32_t value) {
+    return value >= share::kExclusive && value <= share::kDirect;
 }
 
-bool isDisposition(DWORD value) {
-    return value <= SCARD_EJECT_CARD;
+bool isDisposition(std::uint32_t value) {
+    return value <= disposition::kEject;
 }
 
-LONG handOver(Bytes data, std::size_t capacity, Bytes& target) {
+Result handOver(Bytes data, std::size_t capacity, Bytes& target) {
     if (data.size() > capacity) {
-        return SCARD_E_INSUFFICIENT_BUFFER;
+        return result::kInsufficientBuffer;
     }
     target = std::move(data);
-    return SCARD_S_SUCCESS;
+    return result::kSuccess;
 }
 
 }  // namespace
 
-LONG SimulatedService::readerResult(const Connection& connection) {
+Result SimulatedService::readerResult(const Connection& connection) {
     if (!connection.open) {
-        return SCARD_E_INVALID_HANDLE;
+        return result::kInvalidHandle;
     }
-    return connection.reader->attached ? SCARD_S_SUCCESS : SCARD_E_READER_UNAVAILABLE;
+    return connection.reader->attached ? result::kSuccess : result::kReaderUnavailable;
 }
 
-LONG SimulatedService::cardResult(const Connection& connection) {
-    if (const LONG result = readerResult(connection); result != SCARD_S_SUCCESS) {
+Result SimulatedService::cardResult(const Connection& connection) {
+    if (const Result result = readerResult(connection); result != result::kSuccess) {
         return result;
     }
     if (connection.cardSession == 0) {
-        return SCARD_E_NO_SMARTCARD;
+        return result::kNoSmartcard;
     }
     if (!connection.holdsCard()) {
-        return SCARD_W_REMOVED_CARD;
+        return result::kRemovedCard;
     }
-    return connection.resetsSeen == connection.reader->resets ? SCARD_S_SUCCESS
-                                                              : SCARD_W_RESET_CARD;
+    return connection.resetsSeen == connection.reader->resets ? result::kSuccess
+                                                              : result::kResetCard;
 }
 
-LONG SimulatedService::waitForTurn(Lock& lock, Card card, const Connection& connection) {
+Result SimulatedService::waitForTurn(Lock& lock, Card card, const Connection& connection) {
     const Reader& reader = *connection.reader;
     const auto mine = [&] {
         return !connection.open || reader.transactionOwner == 0 || reader.transactionOwner == card;
@@ -58,66 +58,69 @@ LONG SimulatedService::waitForTurn(Lock& lock, Card card, const Connection& conn
     return cardResult(connection);
 }
 
-LONG SimulatedService::checkSharing(const Reader& reader, const Connection* self,
-                                    DWORD shareMode) const {
+Result SimulatedService::checkSharing(const Reader& reader, const Connection* self,
+                                      std::uint32_t shareMode) const {
     if (!isShareMode(shareMode)) {
-        return SCARD_E_INVALID_VALUE;
+        return result::kInvalidValue;
     }
-    if (shareMode != SCARD_SHARE_DIRECT && !reader.card) {
-        return SCARD_E_NO_SMARTCARD;
+    if (shareMode != share::kDirect && !reader.card) {
+        return result::kNoSmartcard;
     }
     const bool violated = std::any_of(connections_.begin(), connections_.end(), [&](auto& entry) {
         const Connection& other = *entry.second;
         return &other != self && other.reader.get() == &reader && other.keepsReader() &&
-               (shareMode != SCARD_SHARE_SHARED || other.shareMode != SCARD_SHARE_SHARED);
+               (shareMode != share::kShared || other.shareMode != share::kShared);
     });
-    return violated ? SCARD_E_SHARING_VIOLATION : SCARD_S_SUCCESS;
+    return violated ? result::kSharingViolation : result::kSuccess;
 }
 
-LONG SimulatedService::chooseProtocol(const Reader& reader, const Connection* self, DWORD shareMode,
-                                      DWORD preferred, DWORD& protocol) const {
-    const bool direct = shareMode == SCARD_SHARE_DIRECT;
+Result SimulatedService::chooseProtocol(const Reader& reader, const Connection* self,
+                                        std::uint32_t shareMode, std::uint32_t preferred,
+                                        std::uint32_t& protocol) const {
+    const bool direct = shareMode == share::kDirect;
     if (direct && (preferred == 0 || !reader.card)) {
-        protocol = SCARD_PROTOCOL_UNDEFINED;
-        return SCARD_S_SUCCESS;
+        protocol = protocol::kUndefined;
+        return result::kSuccess;
     }
     std::vector<std::uint32_t> choices = offeredProtocols(reader.card->atr());
-    choices.push_back(SCARD_PROTOCOL_RAW);
+    choices.push_back(protocol::kRaw);
     // A card speaks one protocol at a time: the one that another connection uses is the only
     // choice.
     for (const auto& [card, other] : connections_) {
         if (other.get() != self && other->reader.get() == &reader && other->holdsCard() &&
-            other->protocol != SCARD_PROTOCOL_UNDEFINED) {
-            choices = {static_cast<std::uint32_t>(other->protocol)};
+            other->protocol != protocol::kUndefined) {
+            choices = {other->protocol};
         }
     }
-    const auto chosen = std::find_if(choices.begin(), choices.end(),
-                                     [&](DWORD choice) { return (choice & preferred) != 0; });
+    const auto chosen = std::find_if(choices.begin(), choices.end(), [&](std::uint32_t choice) {
+        return (choice & preferred) != 0;
+    });
     if (chosen == choices.end()) {
-        return SCARD_E_PROTO_MISMATCH;
+        return result::kProtocolMismatch;
     }
     protocol = *chosen;
-    return SCARD_S_SUCCESS;
+    return result::kSuccess;
 }
 
-LONG SimulatedService::connect(Context context, const std::string& name, DWORD shareMode,
-                               DWORD preferredProtocols, Card& card, DWORD& activeProtocol) {
+Result SimulatedService::connect(Context context, const std::string& name, std::uint32_t shareMode,
+                                 std::uint32_t preferredProtocols, Card& card,
+                                 std::uint32_t& activeProtocol) {
     const Lock lock(mutex_);
     if (!knows(context)) {
-        return SCARD_E_INVALID_HANDLE;
+        return result::kInvalidHandle;
     }
     const ReaderPointer reader = findReader(name);
     if (reader == nullptr) {
-        return SCARD_E_UNKNOWN_READER;
+        return result::kUnknownReader;
     }
-    LONG result = checkSharing(*reader, nullptr, shareMode);
-    if (result == SCARD_S_SUCCESS) {
+    Result result = checkSharing(*reader, nullptr, shareMode);
+    if (result == result::kSuccess) {
         result = chooseProtocol(*reader, nullptr, shareMode, preferredProtocols, activeProtocol);
     }
-    if (result != SCARD_S_SUCCESS) {
+    if (result != result::kSuccess) {
         return result;
     }
-    card = nextCard_++;
+    card = cardNumbers_.next();
     const auto connection = std::make_shared<Connection>();
     connection->context = context;
     connection->reader = reader;
@@ -127,31 +130,32 @@ LONG SimulatedService::connect(Context context, const std::string& name, DWORD s
     connection->resetsSeen = reader->resets;
     connections_.emplace(card, connection);
     changed_.notify_all();
-    return SCARD_S_SUCCESS;
+    return result::kSuccess;
 }
 
-LONG SimulatedService::reconnect(Card card, DWORD shareMode, DWORD preferredProtocols,
-                                 DWORD initialization, DWORD& activeProtocol) {
+Result SimulatedService::reconnect(Card card, std::uint32_t shareMode,
+                                   std::uint32_t preferredProtocols, std::uint32_t initialization,
+                                   std::uint32_t& activeProtocol) {
     Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {
-        return SCARD_E_INVALID_HANDLE;
+        return result::kInvalidHandle;
     }
     if (!isDisposition(initialization)) {
-        return SCARD_E_INVALID_VALUE;
+        return result::kInvalidValue;
     }
     waitForTurn(lock, card, *connection);
     // What the wait says of the card is no matter: to mend that is what reconnecting is for.
-    LONG result = readerResult(*connection);
+    Result result = readerResult(*connection);
     Reader& reader = *connection->reader;
-    if (result == SCARD_S_SUCCESS) {
+    if (result == result::kSuccess) {
         result = checkSharing(reader, connection.get(), shareMode);
     }
-    if (result == SCARD_S_SUCCESS) {
+    if (result == result::kSuccess) {
         result =
             chooseProtocol(reader, connection.get(), shareMode, preferredProtocols, activeProtocol);
     }
-    if (result != SCARD_S_SUCCESS) {
+    if (result != result::kSuccess) {
         return result;
     }
     connection->shareMode = shareMode;
@@ -160,11 +164,11 @@ LONG SimulatedService::reconnect(Card card, DWORD shareMode, DWORD preferredProt
     connection->resetsSeen = reader.resets;
     dispose(*connection, initialization);
     changed_.notify_all();
-    return SCARD_S_SUCCESS;
+    return result::kSuccess;
 }
 
-void SimulatedService::dispose(Connection& connection, DWORD disposition) {
-    if (disposition == SCARD_LEAVE_CARD || !connection.holdsCard()) {
+void SimulatedService::dispose(Connection& connection, std::uint32_t disposition) {
+    if (disposition == disposition::kLeave || !connection.holdsCard()) {
         return;
     }
     connection.reader->card->reset();
@@ -180,69 +184,69 @@ void SimulatedService::closeConnection(Card card) {
     connections_.erase(card);
 }
 
-LONG SimulatedService::disconnect(Card card, DWORD disposition) {
+Result SimulatedService::disconnect(Card card, std::uint32_t disposition) {
     const Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {
-        return SCARD_E_INVALID_HANDLE;
+        return result::kInvalidHandle;
     }
     if (!isDisposition(disposition)) {
-        return SCARD_E_INVALID_VALUE;
+        return result::kInvalidValue;
     }
     dispose(*connection, disposition);
     closeConnection(card);
     changed_.notify_all();
-    return SCARD_S_SUCCESS;
+    return result::kSuccess;
 }
 
-LONG SimulatedService::beginTransaction(Card card) {
+Result SimulatedService::beginTransaction(Card card) {
     Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {
-        return SCARD_E_INVALID_HANDLE;
+        return result::kInvalidHandle;
     }
-    if (const LONG result = waitForTurn(lock, card, *connection); result != SCARD_S_SUCCESS) {
+    if (const Result result = waitForTurn(lock, card, *connection); result != result::kSuccess) {
         return result;
     }
     Reader& reader = *connection->reader;
     reader.transactionDepth = reader.transactionOwner == card ? reader.transactionDepth + 1 : 1;
     reader.transactionOwner = card;
-    return SCARD_S_SUCCESS;
+    return result::kSuccess;
 }
 
-LONG SimulatedService::endTransaction(Card card, DWORD disposition) {
+Result SimulatedService::endTransaction(Card card, std::uint32_t disposition) {
     const Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {
-        return SCARD_E_INVALID_HANDLE;
+        return result::kInvalidHandle;
     }
     if (!isDisposition(disposition)) {
-        return SCARD_E_INVALID_VALUE;
+        return result::kInvalidValue;
     }
-    if (const LONG result = cardResult(*connection); result != SCARD_S_SUCCESS) {
+    if (const Result result = cardResult(*connection); result != result::kSuccess) {
         return result;
     }
     Reader& reader = *connection->reader;
     if (reader.transactionOwner != card) {
-        return SCARD_E_NOT_TRANSACTED;
+        return result::kNotTransacted;
     }
     dispose(*connection, disposition);
     if (--reader.transactionDepth == 0) {
         reader.transactionOwner = 0;
     }
     changed_.notify_all();
-    return SCARD_S_SUCCESS;
+    return result::kSuccess;
 }
 
-LONG SimulatedService::status(Card card, CardStatus& status) const {
+Result SimulatedService::status(Card card, CardStatus& status) {
     const Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {
-        return SCARD_E_INVALID_HANDLE;
+        return result::kInvalidHandle;
     }
-    const LONG result = cardResult(*connection);
+    const Result result = cardResult(*connection);
     // A connection made without a card can still be asked.
-    if (result != SCARD_S_SUCCESS && result != SCARD_E_NO_SMARTCARD) {
+    if (result != result::kSuccess && result != result::kNoSmartcard) {
         return result;
     }
     const Reader& reader = *connection->reader;
@@ -250,64 +254,65 @@ LONG SimulatedService::status(Card card, CardStatus& status) const {
     status.reader = reader.name;
     status.present = present;
     status.powered = present;
-    status.negotiable = present && connection->protocol == SCARD_PROTOCOL_UNDEFINED;
+    status.negotiable = present && connection->protocol == protocol::kUndefined;
     status.protocol = connection->protocol;
     status.atr = present ? reader.card->atr() : Bytes{};
-    return SCARD_S_SUCCESS;
+    return result::kSuccess;
 }
 
-LONG SimulatedService::transmit(Card card, DWORD protocol, std::span<const std::uint8_t> command,
-                                std::size_t capacity, Bytes& response) {
+Result SimulatedService::transmit(Card card, std::uint32_t protocol,
+                                  std::span<const std::uint8_t> command, std::size_t capacity,
+                                  Bytes& response) {
     Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {
-        return SCARD_E_INVALID_HANDLE;
+        return result::kInvalidHandle;
     }
-    LONG result = waitForTurn(lock, card, *connection);
-    if (result != SCARD_S_SUCCESS) {
+    Result result = waitForTurn(lock, card, *connection);
+    if (result != result::kSuccess) {
         return result;
     }
-    if (protocol != connection->protocol || protocol == SCARD_PROTOCOL_UNDEFINED) {
-        return SCARD_E_PROTO_MISMATCH;
+    if (protocol != connection->protocol || protocol == protocol::kUndefined) {
+        return result::kProtocolMismatch;
     }
     if (connection->reader->holding) {
         const Blocked blocked(heldCommands_, changed_);
         changed_.wait(lock, [&] {
             result = cardResult(*connection);
-            return !connection->reader->holding || result != SCARD_S_SUCCESS;
+            return !connection->reader->holding || result != result::kSuccess;
         });
-        if (result != SCARD_S_SUCCESS) {
+        if (result != result::kSuccess) {
             return result;
         }
     }
     result = handOver(connection->reader->card->transmit(command), capacity, response);
-    if (result == SCARD_S_SUCCESS) {
+    if (result == result::kSuccess) {
         ++connection->transmits;
     }
     return result;
 }
 
-LONG SimulatedService::transmitCount(Card card, DWORD& count) const {
+Result SimulatedService::transmitCount(Card card, std::uint32_t& count) const {
     const Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {
-        return SCARD_E_INVALID_HANDLE;
+        return result::kInvalidHandle;
     }
     count = connection->transmits;
-    return SCARD_S_SUCCESS;
+    return result::kSuccess;
 }
 
-LONG SimulatedService::control(Card card, std::uint32_t function,
-                               std::span<const std::uint8_t> input, std::size_t capacity,
-                               Bytes& output) {
+Result SimulatedService::control(Card card, std::uint32_t function,
+                                 std::span<const std::uint8_t> input, std::size_t capacity,
+                                 Bytes& output) {
     Lock lock(mutex_);
     const ConnectionPointer connection = findConnection(card);
     if (connection == nullptr) {
-        return SCARD_E_INVALID_HANDLE;
+        return result::kInvalidHandle;
     }
     // The reader answers controls, with a card in it or without.
     waitForTurn(lock, card, *connection);
-    if (const LONG result = readerResult(*connection); result != SCARD_S_SUCCESS) {
+    if (const Result result = readerResult(*connection); result != result::kSuccess) {
         return result;
     }
     const std::string& name = connection->reader->name;
@@ -319,8 +324,8 @@ LONG SimulatedService::control(Card card, std::uint32_t function,
         case kControlFeatures:
             return handOver({}, capacity, output);
         default:
-            return SCARD_E_UNSUPPORTED_FEATURE;
+            return result::kUnsupportedFeature;
     }
 }
 
-}  // namespace tez::test
+}  // namespace tez::pcscd

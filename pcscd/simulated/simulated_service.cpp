@@ -3,16 +3,14 @@
 #include <algorithm>
 #include <utility>
 
-#include "core/reader_icon.h"
-#include "scard_missing.h"
 #include "simulated/simulated_service_state.h"
 
-namespace tez::test {
+namespace tez::pcscd {
 
-SimulatedService::SimulatedService() : SimulatedService(HandleBases{}) {}
+SimulatedService::SimulatedService() = default;
 
 SimulatedService::SimulatedService(HandleBases bases)
-    : nextContext_(bases.context), nextCard_(bases.card) {}
+    : contextNumbers_(bases.context), cardNumbers_(bases.card) {}
 
 SimulatedService::~SimulatedService() = default;
 
@@ -154,24 +152,24 @@ std::size_t SimulatedService::cardCount() const {
     return connections_.size();
 }
 
-LONG SimulatedService::establishContext(DWORD scope, Context& context) {
-    if (scope > SCARD_SCOPE_SYSTEM) {
-        return SCARD_E_INVALID_VALUE;
+Result SimulatedService::establishContext(std::uint32_t scope, Context& context) {
+    if (scope > scope::kSystem) {
+        return result::kInvalidValue;
     }
     const Lock lock(mutex_);
-    context = nextContext_++;
-    contexts_.emplace(context, std::make_shared<ContextRecord>());
-    return SCARD_S_SUCCESS;
+    context = contextNumbers_.next();
+    contexts_.emplace(context, std::make_shared<WaitEnds>());
+    return result::kSuccess;
 }
 
-LONG SimulatedService::releaseContext(Context context) {
+Result SimulatedService::releaseContext(Context context) {
     const Lock lock(mutex_);
     if (!knows(context)) {
-        return SCARD_E_INVALID_HANDLE;
+        return result::kInvalidHandle;
     }
     dropContext(context);
     changed_.notify_all();
-    return SCARD_S_SUCCESS;
+    return result::kSuccess;
 }
 
 void SimulatedService::releaseAll() {
@@ -190,70 +188,37 @@ void SimulatedService::dropContext(Context context) {
         }
     }
     for (const Card card : cards) {
+        dispose(*connections_.at(card), disposition::kReset);
         closeConnection(card);
     }
     contexts_.at(context)->released = true;
     contexts_.erase(context);
 }
 
-LONG SimulatedService::isValidContext(Context context) const {
+Result SimulatedService::isValidContext(Context context) const {
     const Lock lock(mutex_);
-    return knows(context) ? SCARD_S_SUCCESS : SCARD_E_INVALID_HANDLE;
+    return knows(context) ? result::kSuccess : result::kInvalidHandle;
 }
 
-LONG SimulatedService::listReaders(Context context, std::vector<std::string>& names) const {
+Result SimulatedService::listReaders(Context context, std::vector<std::string>& names) const {
     const Lock lock(mutex_);
     if (context != 0 && !knows(context)) {
-        return SCARD_E_INVALID_HANDLE;
+        return result::kInvalidHandle;
     }
     names.clear();
     for (const ReaderPointer& reader : readers_) {
         names.push_back(reader->name);
     }
-    return SCARD_S_SUCCESS;
+    return result::kSuccess;
 }
 
-LONG SimulatedService::listReaderGroups(Context context, std::vector<std::string>& groups) const {
+Result SimulatedService::listReaderGroups(Context context, std::vector<std::string>& groups) const {
     const Lock lock(mutex_);
     if (context != 0 && !knows(context)) {
-        return SCARD_E_INVALID_HANDLE;
+        return result::kInvalidHandle;
     }
     groups = {"SCard$DefaultReaders"};
-    return SCARD_S_SUCCESS;
+    return result::kSuccess;
 }
 
-LONG SimulatedService::checkReader(Context context, const std::string& name) const {
-    if (context != 0 && !knows(context)) {
-        return SCARD_E_INVALID_HANDLE;
-    }
-    return findReader(name) == nullptr ? SCARD_E_UNKNOWN_READER : SCARD_S_SUCCESS;
-}
-
-LONG SimulatedService::getDeviceTypeId(Context context, const std::string& reader,
-                                       DWORD& type) const {
-    const Lock lock(mutex_);
-    const LONG result = checkReader(context, reader);
-    if (result == SCARD_S_SUCCESS) {
-        type = SCARD_READER_TYPE_USB;
-    }
-    return result;
-}
-
-LONG SimulatedService::getReaderIcon(Context context, const std::string& reader,
-                                     Bytes& icon) const {
-    const Lock lock(mutex_);
-    const LONG result = checkReader(context, reader);
-    if (result == SCARD_S_SUCCESS) {
-        icon.assign(readerIcon().begin(), readerIcon().end());
-    }
-    return result;
-}
-
-LONG SimulatedService::audit(Context context, DWORD event) const {
-    if (event != SCARD_AUDIT_CHV_FAILURE && event != SCARD_AUDIT_CHV_SUCCESS) {
-        return SCARD_E_INVALID_PARAMETER;
-    }
-    return context == 0 ? SCARD_S_SUCCESS : isValidContext(context);
-}
-
-}  // namespace tez::test
+}  // namespace tez::pcscd

@@ -8,40 +8,35 @@
 
 #include "simulated/simulated_service.h"
 
-namespace tez::test {
+namespace tez::pcscd {
 
 struct SimulatedService::Reader {
     std::string name;
-    DWORD unit = 0;
+    std::uint32_t unit = 0;
     bool attached = true;
     std::optional<VirtualCard> card;
     std::uint64_t cardSession = 0;  // counts insertions: tells one card's stay from the next one's
     std::uint64_t resets = 0;
-    DWORD events = 0;  // insertions and removals
+    std::uint32_t events = 0;  // insertions and removals
     bool holding = false;
     Card transactionOwner = 0;
     int transactionDepth = 0;
-    std::map<DWORD, Bytes> attributes;
-};
-
-struct SimulatedService::ContextRecord {
-    std::uint64_t cancels = 0;
-    bool released = false;
+    std::map<std::uint32_t, Bytes> attributes;
 };
 
 struct SimulatedService::Connection {
     Context context = 0;
     ReaderPointer reader;
-    DWORD shareMode = 0;
-    DWORD protocol = SCARD_PROTOCOL_UNDEFINED;
+    std::uint32_t shareMode = 0;
+    std::uint32_t protocol = protocol::kUndefined;
     std::uint64_t cardSession = 0;  // 0: made without a card
     std::uint64_t resetsSeen = 0;
-    DWORD transmits = 0;
+    std::uint32_t transmits = 0;
     bool open = true;
 
     bool holdsCard() const { return reader->card && cardSession == reader->cardSession; }
     // Connections to a card that is gone keep nobody out.
-    bool keepsReader() const { return shareMode == SCARD_SHARE_DIRECT || holdsCard(); }
+    bool keepsReader() const { return shareMode == share::kDirect || holdsCard(); }
 };
 
 /// Counts a call as blocked while it lives.
@@ -59,4 +54,4 @@ class SimulatedService::Blocked {
     std::size_t& counter_;
 };
 
-}  // namespace tez::test
+}  // namespace tez::pcscd

@@ -1,113 +1,67 @@
-#include <chrono>
-#include <optional>
-
+#include "core/status_change.h"
 #include "simulated/simulated_service.h"
 #include "simulated/simulated_service_state.h"
 
-namespace tez::test {
-namespace {
+namespace tez::pcscd {
 
-constexpr DWORD kCounterShift = 16;
-constexpr DWORD kComparedBits = SCARD_STATE_UNKNOWN | SCARD_STATE_EMPTY | SCARD_STATE_PRESENT |
-                                SCARD_STATE_EXCLUSIVE | SCARD_STATE_INUSE;
+/// The readers of the service, as waits see them.
+class SimulatedService::Observed final : public ObservedReaders {
+  public:
+    explicit Observed(const SimulatedService& service) : service_(service) {}
 
-}  // namespace
+    std::size_t count() const override { return service_.readers_.size(); }
 
-bool SimulatedService::refresh(ReaderState& state) const {
-    const DWORD counter = state.currentState >> kCounterShift;
-    state.atr.clear();
-    if ((state.currentState & SCARD_STATE_IGNORE) != 0) {
-        state.eventState = SCARD_STATE_IGNORE;
-        return false;
-    }
-    bool changed = false;
-    if (state.reader == kPnpReader) {
-        const auto count = static_cast<DWORD>(readers_.size());
-        state.eventState = count << kCounterShift;
-        changed = counter != count;
-    } else if (const ReaderPointer reader = findReader(state.reader); reader == nullptr) {
-        state.eventState = SCARD_STATE_UNKNOWN | SCARD_STATE_IGNORE;
-        changed = (state.currentState & SCARD_STATE_UNKNOWN) == 0;
-    } else {
-        DWORD bits = SCARD_STATE_EMPTY;
-        if (reader->card) {
-            bits = SCARD_STATE_PRESENT;
-            state.atr = reader->card->atr();
+    std::optional<ObservedReader> find(const std::string& name) const override {
+        const ReaderPointer reader = service_.findReader(name);
+        if (reader == nullptr) {
+            return std::nullopt;
         }
-        for (const auto& [card, connection] : connections_) {
+        ObservedReader observed{state::kEmpty, reader->events};
+        if (reader->card) {
+            observed.bits = state::kPresent;
+            observed.atr = reader->card->atr();
+        }
+        for (const auto& [card, connection] : service_.connections_) {
             if (connection->reader != reader || !connection->holdsCard()) {
                 continue;
             }
-            bits |= SCARD_STATE_INUSE;
-            if (connection->shareMode != SCARD_SHARE_SHARED) {
-                bits |= SCARD_STATE_EXCLUSIVE;
+            observed.bits |= state::kInUse;
+            if (connection->shareMode != share::kShared) {
+                observed.bits |= state::kExclusive;
             }
         }
-        const DWORD events = reader->events & 0xFFFF;
-        state.eventState = bits | events << kCounterShift;
-        changed =
-            (state.currentState & kComparedBits) != bits || (counter != 0 && counter != events);
+        return observed;
     }
-    if (changed) {
-        state.eventState |= SCARD_STATE_CHANGED;
-    }
-    return changed;
-}
 
-bool SimulatedService::refreshAll(std::span<ReaderState> states) const {
-    bool changed = false;
-    for (ReaderState& state : states) {
-        changed = refresh(state) || changed;
-    }
-    return changed;
-}
+  private:
+    const SimulatedService& service_;
+};
 
-LONG SimulatedService::getStatusChange(Context context, DWORD timeout,
-                                       std::span<ReaderState> states) {
-    using Clock = std::chrono::steady_clock;
+Result SimulatedService::getStatusChange(Context context, std::uint32_t timeout,
+                                         std::span<ReaderState> states) {
     Lock lock(mutex_);
     const auto found = contexts_.find(context);
     if (found == contexts_.end()) {
-        return SCARD_E_INVALID_HANDLE;
+        return result::kInvalidHandle;
     }
-    const std::shared_ptr<ContextRecord> record = found->second;
-    if (states.empty() || refreshAll(states)) {
-        return SCARD_S_SUCCESS;
+    const std::shared_ptr<WaitEnds> ends = found->second;
+    const Observed observed(*this);
+    if (states.empty() || refresh(states, observed)) {
+        return result::kSuccess;
     }
-
-    std::optional<Clock::time_point> deadline;
-    if (timeout != INFINITE) {
-        deadline = Clock::now() + std::chrono::milliseconds(timeout);
-    }
-    const std::uint64_t cancels = record->cancels;
     const Blocked blocked(statusWaits_, changed_);
-    for (;;) {
-        if (!deadline) {
-            changed_.wait(lock);
-        } else if (Clock::now() >= *deadline) {
-            return SCARD_E_TIMEOUT;
-        } else {
-            changed_.wait_until(lock, *deadline);
-        }
-        const bool changed = refreshAll(states);
-        if (record->released || record->cancels != cancels) {
-            return SCARD_E_CANCELLED;
-        }
-        if (changed) {
-            return SCARD_S_SUCCESS;
-        }
-    }
+    return awaitChange(lock, changed_, *ends, timeout, states, observed);
 }
 
-LONG SimulatedService::cancel(Context context) {
+Result SimulatedService::cancel(Context context) {
     const Lock lock(mutex_);
     const auto found = contexts_.find(context);
     if (found == contexts_.end()) {
-        return SCARD_E_INVALID_HANDLE;
+        return result::kInvalidHandle;
     }
     ++found->second->cancels;
     changed_.notify_all();
-    return SCARD_S_SUCCESS;
+    return result::kSuccess;
 }
 
-}  // namespace tez::test
+}  // namespace tez::pcscd

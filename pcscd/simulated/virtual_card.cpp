@@ -6,7 +6,7 @@
 
 #include "simulated/command_apdu.h"
 
-namespace tez::test {
+namespace tez::pcscd {
 namespace {
 
 constexpr int kPinTries = 3;
@@ -69,12 +69,12 @@ Bytes text(std::string_view characters) {
 }  // namespace
 
 Bytes makeAtr(std::uint32_t protocols, std::string_view historicalBytes) {
-    if (historicalBytes.size() > 15 || (protocols & ~(kProtocolT0 | kProtocolT1)) != 0 ||
+    if (historicalBytes.size() > 15 || (protocols & ~(protocol::kT0 | protocol::kT1)) != 0 ||
         protocols == 0) {
         throw std::invalid_argument("no such ATR");
     }
-    const bool t1 = (protocols & kProtocolT1) != 0;
-    const bool both = protocols == (kProtocolT0 | kProtocolT1);
+    const bool t1 = (protocols & protocol::kT1) != 0;
+    const bool both = protocols == (protocol::kT0 | protocol::kT1);
     Bytes atr;
     atr.reserve(33);  // the longest that an ATR can be
     atr.push_back(0x3B);
@@ -118,11 +118,11 @@ std::vector<std::uint32_t> offeredProtocols(std::span<const std::uint8_t> atr) {
         named = true;
         const unsigned protocol = atr[position] & 0x0FU;
         if (protocol <= 1) {
-            offer(protocol == 0 ? kProtocolT0 : kProtocolT1);
+            offer(protocol == 0 ? protocol::kT0 : protocol::kT1);
         }
     }
     if (!named) {
-        offer(kProtocolT0);
+        offer(protocol::kT0);
     }
     return offered;
 }
@@ -335,4 +335,4 @@ VirtualCard makeDemoCard(std::string_view holder, std::uint32_t protocols) {
     return {makeAtr(protocols, "DEMO CARD"), {std::move(application)}};
 }
 
-}  // namespace tez::test
+}  // namespace tez::pcscd

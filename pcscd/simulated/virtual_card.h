@@ -8,9 +8,10 @@
 #include <string_view>
 #include <vector>
 
-namespace tez::test {
+#include "core/bytes.h"
+#include "core/platform.h"
 
-using Bytes = std::vector<std::uint8_t>;
+namespace tez::pcscd {
 
 struct CommandApdu;
 
@@ -29,10 +30,6 @@ struct CardApplication {
     std::string pin;
     std::uint8_t pinReference = 1;
 };
-
-/// Protocols of an ATR, in the platform's mask.
-inline constexpr std::uint32_t kProtocolT0 = 1;
-inline constexpr std::uint32_t kProtocolT1 = 2;
 
 /// Builds a valid ATR that offers T=0, T=1 or both (T=0 first), with at most 15 historical bytes;
 /// TCK is appended exactly where ISO 7816-3 wants it (when anything but T=0 is offered).
@@ -90,6 +87,6 @@ inline constexpr std::uint16_t kDemoPrivateFile = 0x0103;  ///< readable after V
 inline constexpr std::string_view kDemoPin = "1234";       ///< reference 1, three tries
 
 /// A card ready for use, offering `protocols` (platform mask), with one application kDemoAid.
-VirtualCard makeDemoCard(std::string_view holder, std::uint32_t protocols = kProtocolT1);
+VirtualCard makeDemoCard(std::string_view holder, std::uint32_t protocols = protocol::kT1);
 
-}  // namespace tez::test
+}  // namespace tez::pcscd

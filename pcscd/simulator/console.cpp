@@ -118,7 +118,7 @@ void Console::listReaders() const {
 }
 
 void Console::insert(const std::string& reader) {
-    report(service_.insertCard(reader, test::makeDemoCard(kCardHolder)),
+    report(service_.insertCard(reader, pcscd::makeDemoCard(kCardHolder)),
            "card inserted into " + reader, "no reader, or not an empty one: " + reader);
 }
 
@@ -160,9 +160,9 @@ void Console::stopServing() {
 }
 
 void Console::setVersion(const std::string& text) {
-    const std::optional<test::ProtocolVersion> version = parseVersion(text);
+    const std::optional<pcscd::ProtocolVersion> version = parseVersion(text);
     if (version) {
-        daemon_.setVersion(version->major, version->minor);
+        daemon_.setVersion(*version);
     }
     report(version.has_value(), "protocol " + text, "not of the form MAJOR.MINOR: " + text);
 }

@@ -3,7 +3,7 @@
 #include <istream>
 #include <string>
 
-#include "daemon_simulator.h"
+#include "pipe/pipe_daemon.h"
 #include "simulated/simulated_service.h"
 
 namespace tez::sim {
@@ -15,7 +15,7 @@ void printLine(const std::string& line);
 class Console {
   public:
     /// Both are borrowed.
-    Console(test::SimulatedService& service, test::DaemonSimulator& daemon)
+    Console(pcscd::SimulatedService& service, pcscd::PipeDaemon& daemon)
         : service_(service), daemon_(daemon) {}
 
     /// Runs the commands of a stream until it ends or one says "quit"; a command that fails prints
@@ -42,8 +42,8 @@ class Console {
     void stopServing();
     void setVersion(const std::string& text);
 
-    test::SimulatedService& service_;
-    test::DaemonSimulator& daemon_;
+    pcscd::SimulatedService& service_;
+    pcscd::PipeDaemon& daemon_;
     bool quitting_ = false;
     bool anyFailed_ = false;
 };

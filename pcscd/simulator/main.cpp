@@ -22,26 +22,40 @@ constexpr int kWrongArguments = 2;
 
 constexpr const char* kCardHolder = "Remote User";
 constexpr const char* kCardType = "Remote Demo Card";
+constexpr std::uint32_t kProviderId = 2;  // the provider for the CryptoAPI
 constexpr const char* kProvider = "Remote Demo Provider";
 
-void observe(tez::test::DaemonSimulator& daemon) {
-    const auto connectionLine = [](const char* what) {
-        return [what](std::uint64_t connection) {
-            printLine("connection " + std::to_string(connection) + ": " + what);
-        };
-    };
-    daemon.setObserver({
-        connectionLine("opened"),
-        [](const tez::test::Handshake& handshake) { printLine(describe(handshake)); },
-        [](const tez::test::Request& request) { printLine(describe(request)); },
-        connectionLine("closed"),
-    });
-}
+/// Serves the pipe and tells what its clients do.
+class TellingDaemon final : public tez::pcscd::PipeDaemon {
+  public:
+    using PipeDaemon::PipeDaemon;
+    ~TellingDaemon() override { stop(); }
+    TellingDaemon(const TellingDaemon&) = delete;
+    TellingDaemon& operator=(const TellingDaemon&) = delete;
+
+  protected:
+    void opened(std::uint64_t connection) override {
+        printLine(describeConnection(connection) + "opened");
+    }
+    void closed(std::uint64_t connection) override {
+        PipeDaemon::closed(connection);
+        printLine(describeConnection(connection) + "closed");
+    }
+    tez::pcscd::Reply greet(const tez::pcscd::Handshake& handshake) override {
+        printLine(describe(handshake));
+        return PipeDaemon::greet(handshake);
+    }
+    tez::pcscd::Reply answer(const tez::pcscd::Request& request,
+                             tez::pcscd::Clients::Process process) override {
+        printLine(describe(request));
+        return PipeDaemon::answer(request, process);
+    }
+};
 
 /// The demo cards' type, as the card database of the remote user's machine knows it.
-void introduceCardType(tez::test::CardStore& cards) {
-    cards.introduce(kCardType, cardTypeOf(tez::test::makeDemoCard(kCardHolder)));
-    cards.setProvider(kCardType, SCARD_PROVIDER_CSP, kProvider);
+void introduceCardType(tez::pcscd::CardStore& cards) {
+    cards.introduce(kCardType, tez::pcscd::cardTypeOf(tez::pcscd::makeDemoCard(kCardHolder).atr()));
+    cards.setProvider(kCardType, kProviderId, kProvider);
 }
 
 /// Throws std::runtime_error when the file cannot be read.
@@ -59,9 +73,8 @@ bool run(const Options& options) {
     if (!options.script.empty()) {
         script = openScript(options.script);
     }
-    tez::test::SimulatedService service;
-    tez::test::DaemonSimulator daemon(service, {options.version, {.name = options.pipe}});
-    observe(daemon);
+    tez::pcscd::SimulatedService service;
+    TellingDaemon daemon(service, options.version, {.name = options.pipe});
     Console console(service, daemon);
     introduceCardType(service.cardStore());
     for (const std::string& reader : options.readers) {
@@ -69,7 +82,7 @@ bool run(const Options& options) {
     }
     for (const std::string& reader : options.cards) {
         service.addReader(reader);
-        service.insertCard(reader, tez::test::makeDemoCard(kCardHolder));
+        service.insertCard(reader, tez::pcscd::makeDemoCard(kCardHolder));
     }
     daemon.start();
     printLine("serving " + options.pipe + ", protocol " + describe(options.version));

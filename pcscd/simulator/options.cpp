@@ -30,9 +30,9 @@ void refuseRepetitions(const std::string& option, std::vector<std::string> names
 
 }  // namespace
 
-std::optional<test::ProtocolVersion> parseVersion(const std::string& text) {
+std::optional<pcscd::ProtocolVersion> parseVersion(const std::string& text) {
     const std::size_t dot = text.find('.');
-    test::ProtocolVersion version;
+    pcscd::ProtocolVersion version;
     if (dot == std::string::npos ||
         !parseNumber(std::string_view(text).substr(0, dot), version.major) ||
         !parseNumber(std::string_view(text).substr(dot + 1), version.minor)) {
@@ -48,7 +48,7 @@ bool isReaderName(const std::string& name) {
 
 Options parseOptions(std::vector<std::string> words) {
     Options options;
-    options.pipe = test::PipeOptions{}.name;
+    options.pipe = pcscd::PipeOptions{}.name;
     std::string version = "1.4";
     CLI::App app(
         "Simulates the PC/SC daemon of a remote user's machine: serves its named pipe with virtual "

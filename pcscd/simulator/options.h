@@ -11,7 +11,7 @@ namespace tez::sim {
 /// What the command line asks for.
 struct Options {
     std::string pipe;
-    test::ProtocolVersion version;
+    pcscd::ProtocolVersion version;
     std::vector<std::string> readers;
     std::vector<std::string> cards;  ///< names of readers that hold a card from the start
     std::string script;              ///< a file of commands, run before standard input is read
@@ -19,7 +19,7 @@ struct Options {
 };
 
 /// "1.4"; nullopt for anything else.
-std::optional<test::ProtocolVersion> parseVersion(const std::string& text);
+std::optional<pcscd::ProtocolVersion> parseVersion(const std::string& text);
 
 /// Whether the protocol can carry a reader of this name: it has 1 to 127 bytes.
 bool isReaderName(const std::string& name);

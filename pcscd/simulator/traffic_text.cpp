@@ -5,10 +5,12 @@
 #include <span>
 #include <utility>
 
+#include "wire/card_records.h"
+
 namespace tez::sim {
 namespace {
 
-using test::Command;
+using pcscd::Command;
 
 constexpr std::pair<Command, const char*> kNames[] = {
     {Command::kEstablishContext, "ESTABLISH_CONTEXT"},
@@ -40,7 +42,8 @@ constexpr std::pair<Command, const char*> kNames[] = {
 };
 
 // The record that stands before the data phase of transmit and control.
-constexpr std::size_t kTransferRecordSize = 28;
+constexpr std::size_t kTransferRecordSize = sizeof(TransmitRecord);
+static_assert(sizeof(ControlRecord) == kTransferRecordSize);
 
 std::string hex(std::span<const std::uint8_t> bytes) {
     constexpr const char* kDigits = "0123456789ABCDEF";
@@ -54,10 +57,6 @@ std::string hex(std::span<const std::uint8_t> bytes) {
     return text;
 }
 
-std::string start(std::uint64_t connection) {
-    return "connection " + std::to_string(connection) + ": ";
-}
-
 }  // namespace
 
 std::string commandName(Command command) {
@@ -69,17 +68,21 @@ std::string commandName(Command command) {
                : "command " + std::to_string(static_cast<std::uint32_t>(command));
 }
 
-std::string describe(test::ProtocolVersion version) {
+std::string describeConnection(std::uint64_t connection) {
+    return "connection " + std::to_string(connection) + ": ";
+}
+
+std::string describe(pcscd::ProtocolVersion version) {
     return std::to_string(version.major) + "." + std::to_string(version.minor);
 }
 
-std::string describe(const test::Handshake& handshake) {
-    return start(handshake.connection) + "handshake, token " + hex(handshake.token) + ", option " +
-           hex(handshake.option) + ", protocol " + describe(handshake.version);
+std::string describe(const pcscd::Handshake& handshake) {
+    return describeConnection(handshake.connection) + "handshake, token " + hex(handshake.token) +
+           ", option " + hex(handshake.option) + ", protocol " + describe(handshake.version);
 }
 
-std::string describe(const test::Request& request) {
-    std::string text = start(request.connection) + commandName(request.command) + " " +
+std::string describe(const pcscd::Request& request) {
+    std::string text = describeConnection(request.connection) + commandName(request.command) + " " +
                        std::to_string(request.body.size()) + " bytes";
     const bool transfers =
         request.command == Command::kTransmit || request.command == Command::kControl;

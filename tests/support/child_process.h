@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "pcscd_names.h"
 #include "pipe/unique_handle.h"
 
 namespace tez::test {

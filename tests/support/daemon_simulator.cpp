@@ -1,76 +1,23 @@
 #include "daemon_simulator.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
-#include "record_codec.h"
-
 namespace tez::test {
-namespace {
 
-constexpr std::size_t kRequestHeaderSize = 12;
-constexpr std::size_t kOptionSize = 4;
-constexpr std::size_t kVersionSize = 8;
-constexpr std::size_t kLongestToken = std::size_t{64} << 10;
-constexpr std::size_t kLongestBody = std::size_t{16} << 20;
+DaemonSimulator::DaemonSimulator(CardService& service) : DaemonSimulator(service, Options{}) {}
 
-template <typename Function, typename Argument>
-void notify(const Function& function, const Argument& argument) {
-    if (function) {
-        function(argument);
-    }
-}
-
-bool writeAll(PipeConnection& pipe, const std::vector<Bytes>& blocks) {
-    return std::all_of(blocks.begin(), blocks.end(), [&](const Bytes& block) {
-        // Writing nothing would still end a client's read on some systems.
-        return block.empty() || pipe.write(block);
-    });
-}
-
-}  // namespace
-
-DaemonSimulator::DaemonSimulator(SimulatedService& service) : DaemonSimulator(service, Options{}) {}
-
-DaemonSimulator::DaemonSimulator(SimulatedService& service, Options options)
-    : service_(service),
-      commands_(service),
-      listener_(
-          std::move(options.pipe), [this](PipeConnection& pipe) { serve(pipe); },
-          [this](std::uint64_t connection) {
-              notify(observer().connected, connection);
-              noteProgress();
-          },
-          [this](std::uint64_t connection) {
-              notify(observer().disconnected, connection);
-              noteProgress();
-          }),
-      version_(options.version) {}
+DaemonSimulator::DaemonSimulator(CardService& service, Options options)
+    : PipeDaemon(service, options.version, std::move(options.pipe)) {}
 
 DaemonSimulator::~DaemonSimulator() {
     stop();
 }
 
-void DaemonSimulator::start() {
-    listener_.start();
-}
-
 void DaemonSimulator::stop() {
-    listener_.close();
-    service_.releaseAll();
-    listener_.join();
-    // A request that was being served meanwhile may have made another one.
-    service_.releaseAll();
+    PipeDaemon::stop();
     noteProgress();
-}
-
-bool DaemonSimulator::serving() const {
-    return listener_.serving();
-}
-
-void DaemonSimulator::setVersion(std::uint32_t major, std::uint32_t minor) {
-    const std::scoped_lock lock(mutex_);
-    version_ = {major, minor};
 }
 
 void DaemonSimulator::setReplyVersion(bool reply) {
@@ -99,35 +46,36 @@ DaemonSimulator::Observer DaemonSimulator::observer() const {
 }
 
 void DaemonSimulator::pauseReading() {
-    listener_.pauseReading();
+    listener().pauseReading();
 }
 
 void DaemonSimulator::resumeReading() {
-    listener_.resumeReading();
+    listener().resumeReading();
 }
 
 bool DaemonSimulator::send(std::uint64_t connection, const std::vector<Bytes>& blocks) {
-    const std::shared_ptr<PipeConnection> pipe = listener_.find(connection);
-    return pipe != nullptr && writeAll(*pipe, blocks);
+    const std::shared_ptr<PipeConnection> pipe = listener().find(connection);
+    return pipe != nullptr &&
+           std::ranges::all_of(blocks, [&](const Bytes& block) { return pipe->write(block); });
 }
 
 bool DaemonSimulator::closeConnection(std::uint64_t connection) {
-    const bool closed = listener_.close(connection);
+    const bool closed = listener().close(connection);
     noteProgress();
     return closed;
 }
 
 void DaemonSimulator::closeAllConnections() {
-    listener_.closeConnections();
+    listener().closeConnections();
     noteProgress();
 }
 
 std::vector<std::uint64_t> DaemonSimulator::openConnections() const {
-    return listener_.open();
+    return listener().open();
 }
 
 std::uint64_t DaemonSimulator::acceptedConnections() const {
-    return listener_.accepted();
+    return listener().accepted();
 }
 
 std::vector<Handshake> DaemonSimulator::handshakes() const {
@@ -178,87 +126,49 @@ void DaemonSimulator::noteProgress() {
     progressed_.notify_all();
 }
 
-void DaemonSimulator::serve(PipeConnection& pipe) {
-    const std::optional<ProtocolVersion> version = shakeHands(pipe);
-    while (version && serveRequest(pipe, *version)) {
-    }
+void DaemonSimulator::opened(std::uint64_t /*connection*/) {
+    noteProgress();
 }
 
-/// The version that the client was told; nullopt when the pipe broke before.
-std::optional<ProtocolVersion> DaemonSimulator::shakeHands(PipeConnection& pipe) {
-    Handshake handshake{pipe.number(), {}, Bytes(kOptionSize), {}};
-    do {
-        std::uint8_t next = 0;
-        if (handshake.token.size() == kLongestToken || pipe.read({&next, 1}) != 1) {
-            return std::nullopt;
-        }
-        handshake.token.push_back(next);
-    } while (handshake.token.back() != 0);
-    if (pipe.read(handshake.option) != kOptionSize) {
-        return std::nullopt;
+void DaemonSimulator::closed(std::uint64_t connection) {
+    PipeDaemon::closed(connection);
+    if (const Observer watching = observer(); watching.disconnected) {
+        watching.disconnected(connection);
     }
+    noteProgress();
+}
 
+Reply DaemonSimulator::greet(const Handshake& handshake) {
     bool reply = false;
     {
         const std::scoped_lock lock(mutex_);
-        handshake.version = version_;
         handshakes_.push_back(handshake);
         reply = replyVersion_;
     }
-    notify(observer().handshake, handshake);
-    if (reply) {
-        Bytes record(kVersionSize);
-        putU32(record, 0, handshake.version.major);
-        putU32(record, 4, handshake.version.minor);
-        if (!pipe.write(record)) {
-            return std::nullopt;
-        }
+    if (const Observer watching = observer(); watching.handshake) {
+        watching.handshake(handshake);
     }
     noteProgress();
-    return handshake.version;
+    return reply ? PipeDaemon::greet(handshake) : Reply::silence();
 }
 
-/// False when the connection is to end.
-bool DaemonSimulator::serveRequest(PipeConnection& pipe, ProtocolVersion version) {
-    Request request{pipe.number(), version, Bytes(kRequestHeaderSize), {}, {}, true};
-    if (pipe.read(request.header) != kRequestHeaderSize) {
-        return false;
-    }
-    const std::size_t size = u32At(request.header, 0);
-    request.command = static_cast<Command>(u32At(request.header, 4));
-    if (size <= kLongestBody) {
-        request.body.resize(size);
-        request.body.resize(pipe.read(request.body));
-    }
-    request.complete = request.body.size() == size;
-    {
-        const std::scoped_lock lock(mutex_);
-        requests_.push_back(request);
-    }
-    notify(observer().request, request);
-    noteProgress();
-
-    const Reply reply = replyTo(request);
-    const bool goesOn = writeAll(pipe, reply.blocks) && !reply.close;
-    noteProgress();
-    return goesOn;
-}
-
-Reply DaemonSimulator::replyTo(const Request& request) {
+Reply DaemonSimulator::answer(const Request& request, Clients::Process process) {
     Handler handler;
     {
         const std::scoped_lock lock(mutex_);
+        requests_.push_back(request);
         const auto found = handlers_.find(request.command);
         if (found != handlers_.end()) {
             handler = found->second;
         }
     }
+    noteProgress();
     if (handler) {
         if (std::optional<Reply> reply = handler(request)) {
             return std::move(*reply);
         }
     }
-    return commands_.answer(request);
+    return PipeDaemon::answer(request, process);
 }
 
 }  // namespace tez::test

@@ -10,20 +10,17 @@
 #include <optional>
 #include <vector>
 
-#include "core/commands.h"
 #include "core/traffic.h"
-#include "pipe/pipe_listener.h"
+#include "pcscd_names.h"
+#include "pipe/pipe_daemon.h"
 #include "simulated/simulated_service.h"
 
 namespace tez::test {
 
-/// A PC/SC daemon on a named pipe: it speaks the daemon's protocol with any number of clients at
-/// once, serves them from a SimulatedService, remembers all that it received, and can be told to
-/// behave otherwise. Every member may be called from any thread; start and stop from one at a time.
-///
-/// Like the daemon that it stands for it keeps a client's contexts when the client's pipe closes:
-/// they go with RELEASE_CONTEXT or with stop().
-class DaemonSimulator {
+/// A PC/SC daemon on a named pipe that remembers all that it received, and can be told to behave
+/// otherwise than a daemon does. Every member may be called from any thread; start and stop from
+/// one at a time.
+class DaemonSimulator final : public PipeDaemon {
   public:
     struct Options {
         ProtocolVersion version;
@@ -32,38 +29,29 @@ class DaemonSimulator {
 
     /// Called from the simulator's threads as things happen; must not call start or stop.
     struct Observer {
-        std::function<void(std::uint64_t connection)> connected;
         std::function<void(const Handshake&)> handshake;
-        std::function<void(const Request&)> request;
         std::function<void(std::uint64_t connection)> disconnected;
     };
 
-    /// Decides what happens to a request; nullopt leaves it to the simulator. Runs on the
+    /// Decides what happens to a request; nullopt leaves it to the daemon. Runs on the
     /// connection's own thread, so blocking in it blocks that connection only, but stop() too.
     using Handler = std::function<std::optional<Reply>(const Request&)>;
     using Timeout = std::chrono::milliseconds;
 
     /// Does not serve yet. The service is borrowed and must outlive the simulator.
-    explicit DaemonSimulator(SimulatedService& service);
-    DaemonSimulator(SimulatedService& service, Options options);
+    explicit DaemonSimulator(CardService& service);
+    DaemonSimulator(CardService& service, Options options);
     /// Stops.
-    ~DaemonSimulator();
+    ~DaemonSimulator() override;
     DaemonSimulator(const DaemonSimulator&) = delete;
     DaemonSimulator& operator=(const DaemonSimulator&) = delete;
 
-    /// Serves the pipe: when it returns a client can connect. Throws std::system_error when the
-    /// pipe cannot be made, for instance because another program serves it. Nothing while serving.
-    void start();
-    /// Closes every pipe at once, ends all waits, releases every context of the service and joins
-    /// all threads. Records, handlers and settings stay. Nothing when not serving.
+    /// As PipeDaemon::stop. Records, handlers and settings stay.
     void stop();
-    bool serving() const;
 
-    /// For handshakes that come after the call.
-    void setVersion(std::uint32_t major, std::uint32_t minor);
     /// False: handshakes that come after the call get no answer (the connection stays open).
     void setReplyVersion(bool reply);
-    /// Replaces the behaviour for one command, whether the simulator knows it or not.
+    /// Replaces the behaviour for one command, whether the daemon knows it or not.
     void on(Command command, Handler handler);
     /// Takes such a replacement back.
     void restore(Command command);
@@ -98,22 +86,19 @@ class DaemonSimulator {
     /// over.
     bool waitUntil(const std::function<bool()>& predicate, Timeout timeout) const;
 
+  protected:
+    void opened(std::uint64_t connection) override;
+    void closed(std::uint64_t connection) override;
+    Reply greet(const Handshake& handshake) override;
+    Reply answer(const Request& request, Clients::Process process) override;
+
   private:
-    void serve(PipeConnection& pipe);
-    std::optional<ProtocolVersion> shakeHands(PipeConnection& pipe);
-    bool serveRequest(PipeConnection& pipe, ProtocolVersion version);
-    Reply replyTo(const Request& request);
     void noteProgress();
     Observer observer() const;
-
-    SimulatedService& service_;
-    DaemonCommands commands_;
-    PipeListener listener_;
 
     mutable std::mutex mutex_;  // guards what follows
     mutable std::condition_variable progressed_;
     std::uint64_t progress_ = 0;
-    ProtocolVersion version_;
     bool replyVersion_ = true;
     Observer observer_;
     std::map<Command, Handler> handlers_;

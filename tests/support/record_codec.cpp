@@ -55,22 +55,6 @@ Bytes bytesAt(std::span<const std::uint8_t> record, std::size_t offset, std::siz
     return {field.begin(), field.end()};
 }
 
-Bytes terminated(const std::string& text) {
-    Bytes bytes(text.begin(), text.end());
-    bytes.push_back(0);
-    return bytes;
-}
-
-Bytes multiString(const std::vector<std::string>& texts) {
-    Bytes bytes;
-    for (const std::string& text : texts) {
-        bytes.insert(bytes.end(), text.begin(), text.end());
-        bytes.push_back(0);
-    }
-    bytes.push_back(0);
-    return bytes;
-}
-
 void putU32(Bytes& record, std::size_t offset, std::uint32_t value) {
     putUnsigned(record, offset, 4, value);
 }

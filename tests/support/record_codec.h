@@ -5,9 +5,10 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <vector>
 
-#include "simulated/virtual_card.h"
+#include "core/bytes.h"
+#include "core/text.h"
+#include "pcscd_names.h"
 
 // Reads and writes the little-endian fields of the daemon's records at explicit offsets. A field
 // that does not lie within the record is a mistake of the caller: std::out_of_range.
@@ -19,11 +20,6 @@ std::uint64_t u64At(std::span<const std::uint8_t> record, std::size_t offset);
 std::optional<std::string> textAt(std::span<const std::uint8_t> record, std::size_t offset,
                                   std::size_t width);
 Bytes bytesAt(std::span<const std::uint8_t> record, std::size_t offset, std::size_t count);
-
-/// The text and its NUL.
-Bytes terminated(const std::string& text);
-/// A multi-string: every text with its NUL, and one more NUL.
-Bytes multiString(const std::vector<std::string>& texts);
 
 void putU32(Bytes& record, std::size_t offset, std::uint32_t value);
 void putU64(Bytes& record, std::size_t offset, std::uint64_t value);

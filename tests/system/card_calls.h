@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "pcscd_names.h"
 #include "core/traffic.h"
 #include "scard_missing.h"
 

@@ -26,7 +26,7 @@ inline std::string gateLine(const std::string& function) {
 class CardDatabaseTest : public RemoteCardTest {
   protected:
     CardDatabaseTest() {
-        const CardType type = cardTypeOf(makeDemoCard(kRemoteCardHolder));
+        const CardType type = cardTypeOf(makeDemoCard(kRemoteCardHolder).atr());
         remote.cardStore().introduce(kRemoteCardType, type);
         remote.cardStore().setProvider(kRemoteCardType, SCARD_PROVIDER_CSP, kRemoteProvider);
     }

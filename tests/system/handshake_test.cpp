@@ -85,7 +85,7 @@ void PrintTo(const Version& version, std::ostream* stream) {
 class VersionTest : public SystemTest, public testing::WithParamInterface<Version> {};
 
 TEST_P(VersionTest, IsAccepted) {
-    daemon.setVersion(GetParam().major, GetParam().minor);
+    daemon.setVersion({GetParam().major, GetParam().minor});
     const SCARDCONTEXT context = establishWithDaemon();
     EXPECT_THAT(log().messages("DaemonConnectionTEZ::handshake", 'I'),
                 Each(kGreeting + GetParam().text + ", cache unset"));
@@ -167,7 +167,7 @@ TEST_F(HandshakeTest, ReadsTheCacheSwitchForEachConnection) {
 
 TEST_F(HandshakeTest, AnotherVersionCountsFromTheNextConnectionOn) {
     const SCARDCONTEXT context = establishWithDaemon();
-    daemon.setVersion(1, 3);
+    daemon.setVersion({1, 3});
     listReaders(context);
     EXPECT_EQ(log().messages("DaemonConnectionTEZ::handshake").back(),
               kGreeting + std::string("1.3, cache unset"));

@@ -167,7 +167,7 @@ TEST_F(ListCardsTest, SendsZerosForInterfacesThatAreCountedButNotGiven) {
 TEST_F(ListCardsTest, FiltersByAtrOnBothSides) {
     establishRedirected();
     CardType other;
-    other.atr = makeAtr(kProtocolT0, "other");
+    other.atr = makeAtr(SCARD_PROTOCOL_T0, "other");
     other.atrMask.assign(other.atr.size(), 0xFF);
     remote.cardStore().introduce("Other Remote", other);
     hostCards().introduce("Other Host", other);

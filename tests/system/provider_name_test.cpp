@@ -32,7 +32,7 @@ RecordBytes providerRecord(std::uint64_t daemonContext, const std::string& card)
 class GetProviderNameTest : public CardDatabaseTest {
   protected:
     GetProviderNameTest() {
-        hostCards().introduce(kRemoteCardType, cardTypeOf(makeDemoCard(kRemoteCardHolder)));
+        hostCards().introduce(kRemoteCardType, cardTypeOf(makeDemoCard(kRemoteCardHolder).atr()));
         hostCards().setProvider(kRemoteCardType, SCARD_PROVIDER_CSP, kHostProvider);
     }
 

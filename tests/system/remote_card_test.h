@@ -10,8 +10,8 @@
 namespace tez::test {
 
 /// What the two sides issue first; none of it may ever reach the application.
-inline constexpr std::uint64_t kDaemonContext = 0x5'0000'0001;
-inline constexpr std::uint64_t kDaemonCard = 0x6'0000'0001;
+inline constexpr std::uint64_t kDaemonContext = kFirstDaemonContext;
+inline constexpr std::uint64_t kDaemonCard = kFirstDaemonCard;
 inline constexpr SCARDCONTEXT kHostContext = 0x7A000001;
 inline constexpr SCARDHANDLE kHostCard = 0x7B000001;
 
@@ -37,7 +37,7 @@ class RemoteCardTest : public SystemTest {
   protected:
     /// Establishes `context` with a daemon of the version.
     void establishContext(ProtocolVersion version = {}) {
-        daemon.setVersion(version.major, version.minor);
+        daemon.setVersion({version.major, version.minor});
         context = establishWithDaemon();
     }
 

@@ -136,14 +136,12 @@ TEST_F(StatusChangeAndDaemon, AWaitBegunBeforeTheMonitorWatchesSeesTheHostsChang
     // The first context finds the daemon; the monitor's own connection is still on its way when the
     // application waits already.
     const Gate gate;
-    daemon.setObserver({.connected = {},
-                        .handshake =
+    daemon.setObserver({.handshake =
                             [gate](const Handshake& handshake) {
                                 if (handshake.connection == 2) {
                                     gate.pass();
                                 }
                             },
-                        .request = {},
                         .disconnected = {}});
     startDaemon();
     const SCARDCONTEXT context = establish();

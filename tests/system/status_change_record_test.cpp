@@ -212,7 +212,7 @@ TEST_F(StatusChangeRecord, KeepsAnAtrLengthToWhatTheEntryHolds) {
 }
 
 TEST_F(StatusChangeRecord, OfAFailureHasNoReadersBeforeVersion11) {
-    daemon.setVersion(1, 0);
+    daemon.setVersion({1, 0});
     const SCARDCONTEXT context = establishAndList();
     std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, 0x99)};
     EXPECT_THAT(remoteResultFor(context, states), Gives(SCARD_E_TIMEOUT));
@@ -227,7 +227,7 @@ TEST_F(StatusChangeRecord, OfAFailureHasNoReadersBeforeVersion11) {
 }
 
 TEST_F(StatusChangeRecord, OfASuccessHasReadersBeforeVersion11Too) {
-    daemon.setVersion(1, 0);
+    daemon.setVersion({1, 0});
     const SCARDCONTEXT context = establishAndList();
     SCARD_READERSTATEA state = readerState(kRemoteReader, SCARD_STATE_UNAWARE);
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
@@ -235,7 +235,7 @@ TEST_F(StatusChangeRecord, OfASuccessHasReadersBeforeVersion11Too) {
 }
 
 TEST_F(StatusChangeRecord, OfAFailureHasReadersFromVersion11On) {
-    daemon.setVersion(1, 1);
+    daemon.setVersion({1, 1});
     const SCARDCONTEXT context = establishAndList();
     std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, 0x99)};
     EXPECT_THAT(remoteResultFor(context, states), Gives(SCARD_E_TIMEOUT));

@@ -84,7 +84,7 @@ class SkippedSleeps {
 /// Tests of status-change calls: both readers hold a card at first.
 class StatusChangeTest : public SystemTest {
   protected:
-    static constexpr std::uint64_t kFirstRemoteContext = 0x5'0000'0001;
+    static constexpr std::uint64_t kFirstRemoteContext = kFirstDaemonContext;
     static constexpr SCARDCONTEXT kFirstHostContext = 0x7A000001;
 
     /// establishWithDaemon and the readers listed, so that the daemon's context is there and the

@@ -38,6 +38,10 @@ std::vector<std::string> splitMultiString(const char* multiString);
 testing::Matcher<LONG> Gives(LONG code);
 
 inline constexpr const char* kRemoteReader = "Remote Reader 0";
+/// The first context and card of the remote user's machine. They lie above 32 bits, so that a
+/// truncated handle is unknown.
+inline constexpr std::uint64_t kFirstDaemonContext = 0x5'0000'0001;
+inline constexpr std::uint64_t kFirstDaemonCard = 0x6'0000'0001;
 inline constexpr const char* kRemoteCardHolder = "Remote User";
 
 /// A connection to a card, as SCardConnectA gave it.
@@ -104,7 +108,7 @@ class SystemTest : public testing::Test {
     std::size_t watchesBefore_ = 0;  // when the daemon was started last
 
   protected:
-    SimulatedService remote;
+    SimulatedService remote{{.context = kFirstDaemonContext, .card = kFirstDaemonCard}};
     DaemonSimulator daemon{remote};
     testing::NiceMock<MockSystemCalls> host;
 };

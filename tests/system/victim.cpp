@@ -16,6 +16,7 @@
 
 #include "guarded_buffer.h"
 #include "import_patch.h"
+#include "pcscd_names.h"
 #include "pipe/unique_handle.h"
 #include "scard_missing.h"
 

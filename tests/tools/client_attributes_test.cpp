@@ -1,4 +1,8 @@
 // The command-line client, with a daemon in this process: its readers can be given any attribute.
+#include <windows.h>
+
+#include <winscard.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -14,9 +18,9 @@ using testing::Optional;
 
 void storeAttribute(SimulatedService& service, const std::string& reader, DWORD id,
                     const std::string& value) {
-    SimulatedService::Context context = 0;
-    SimulatedService::Card card = 0;
-    DWORD protocol = 0;
+    Context context = 0;
+    Card card = 0;
+    std::uint32_t protocol = 0;
     ASSERT_EQ(service.establishContext(SCARD_SCOPE_USER, context), SCARD_S_SUCCESS);
     ASSERT_EQ(
         service.connect(context, reader, SCARD_SHARE_SHARED, SCARD_PROTOCOL_Tx, card, protocol),

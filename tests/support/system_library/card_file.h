@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "pcscd_names.h"
 #include "simulated/simulated_service.h"
 
 namespace tez::test {

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <string_view>
 
-#include "record_codec.h"
+#include "core/text.h"
 
 namespace tez::test {
 namespace {
@@ -34,7 +34,7 @@ bool namesOurGroup(LPCSTR groups) {
 
 HostService::HostService() : pcsc_(kHandleBases) {
     VirtualCard card = makeDemoCard(kHostCardHolder);
-    pcsc_.cardStore().introduce(kHostCardType, cardTypeOf(card));
+    pcsc_.cardStore().introduce(kHostCardType, cardTypeOf(card.atr()));
     pcsc_.addReader(kHostReader);
     pcsc_.insertCard(kHostReader, std::move(card));
 }
@@ -44,7 +44,7 @@ LONG HostService::SCardEstablishContext(DWORD scope, LPCVOID /*reserved1*/, LPCV
     if (context == nullptr) {
         return SCARD_E_INVALID_PARAMETER;
     }
-    SimulatedService::Context established = 0;
+    Context established = 0;
     const LONG result = pcsc_.establishContext(scope, established);
     *context = established;
     return result;
@@ -120,7 +120,10 @@ LONG HostService::SCardGetDeviceTypeIdA(SCARDCONTEXT context, LPCSTR reader, LPD
     if (deviceType == nullptr) {
         return SCARD_E_INVALID_PARAMETER;
     }
-    return pcsc_.getDeviceTypeId(context, orEmpty(reader), *deviceType);
+    std::uint32_t type = 0;
+    const LONG result = pcsc_.getDeviceTypeId(context, orEmpty(reader), type);
+    *deviceType = type;
+    return result;
 }
 
 LONG HostService::SCardGetReaderIconA(SCARDCONTEXT context, LPCSTR reader, LPBYTE icon,

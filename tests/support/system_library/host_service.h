@@ -1,5 +1,6 @@
 #pragma once
 
+#include "pcscd_names.h"
 #include "simulated/simulated_service.h"
 #include "system_library/started_event.h"
 #include "system_library/system_calls.h"

@@ -36,18 +36,20 @@ LONG HostService::SCardConnectA(SCARDCONTEXT context, LPCSTR reader, DWORD share
     if (reader == nullptr || card == nullptr || activeProtocol == nullptr) {
         return SCARD_E_INVALID_PARAMETER;
     }
-    SimulatedService::Card connected = 0;
+    Card connected = 0;
+    std::uint32_t active = SCARD_PROTOCOL_UNDEFINED;
     const LONG result =
-        pcsc_.connect(context, reader, shareMode, preferredProtocols, connected, *activeProtocol);
+        pcsc_.connect(context, reader, shareMode, preferredProtocols, connected, active);
     if (result == SCARD_S_SUCCESS) {
         *card = connected;
+        *activeProtocol = active;
     }
     return result;
 }
 
 LONG HostService::SCardReconnect(SCARDHANDLE card, DWORD shareMode, DWORD preferredProtocols,
                                  DWORD initialization, LPDWORD activeProtocol) {
-    DWORD active = SCARD_PROTOCOL_UNDEFINED;
+    std::uint32_t active = SCARD_PROTOCOL_UNDEFINED;
     const LONG result =
         pcsc_.reconnect(card, shareMode, preferredProtocols, initialization, active);
     if (result == SCARD_S_SUCCESS && activeProtocol != nullptr) {
@@ -142,7 +144,13 @@ LONG HostService::SCardSetAttrib(SCARDHANDLE card, DWORD attribute, LPCBYTE valu
 }
 
 LONG HostService::SCardGetTransmitCount(SCARDHANDLE card, LPDWORD count) {
-    return count == nullptr ? SCARD_E_INVALID_PARAMETER : pcsc_.transmitCount(card, *count);
+    if (count == nullptr) {
+        return SCARD_E_INVALID_PARAMETER;
+    }
+    std::uint32_t counted = *count;
+    const LONG result = pcsc_.transmitCount(card, counted);
+    *count = counted;
+    return result;
 }
 
 }  // namespace tez::test

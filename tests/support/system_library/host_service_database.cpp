@@ -1,8 +1,22 @@
 // The card database and the cache of card data.
-#include "record_codec.h"
+#include <algorithm>
+#include <bit>
+#include <iterator>
+
+#include "core/text.h"
 #include "system_library/host_service.h"
 
 namespace tez::test {
+namespace {
+
+std::vector<Guid> guids(LPCGUID first, DWORD count) {
+    std::vector<Guid> bytes;
+    std::transform(first, first + count, std::back_inserter(bytes),
+                   [](const GUID& guid) { return std::bit_cast<Guid>(guid); });
+    return bytes;
+}
+
+}  // namespace
 
 LONG HostService::SCardListCardsA(SCARDCONTEXT context, LPCBYTE atr, LPCGUID interfaces,
                                   DWORD interfaceCount, LPSTR cards, LPDWORD length) {
@@ -14,7 +28,7 @@ LONG HostService::SCardListCardsA(SCARDCONTEXT context, LPCBYTE atr, LPCGUID int
         return SCARD_E_INVALID_PARAMETER;
     }
     const std::vector<std::string> names = pcsc_.cardStore().list(
-        {atr, size}, {interfaces, interfaces == nullptr ? 0 : interfaceCount});
+        {atr, size}, guids(interfaces, interfaces == nullptr ? 0 : interfaceCount));
     return heap_.deliver(multiString(names), cards, length);
 }
 
@@ -35,9 +49,9 @@ LONG HostService::SCardIntroduceCardTypeA(SCARDCONTEXT context, LPCSTR card,
         type.atrMask.assign(atrMask, atrMask + atrLength);
     }
     if (primaryProvider != nullptr) {
-        type.primaryProvider = *primaryProvider;
+        type.primaryProvider = std::bit_cast<Guid>(*primaryProvider);
     }
-    type.interfaces.assign(interfaces, interfaces + interfaceCount);
+    type.interfaces = guids(interfaces, interfaceCount);
     return pcsc_.cardStore().introduce(card, type);
 }
 
@@ -81,7 +95,8 @@ LONG HostService::SCardReadCacheA(SCARDCONTEXT context, UUID* cardIdentifier, DW
         return result;
     }
     Bytes item;
-    const LONG result = pcsc_.cardStore().readCache(*cardIdentifier, lookupName, freshness, item);
+    const LONG result = pcsc_.cardStore().readCache(std::bit_cast<Guid>(*cardIdentifier),
+                                                    lookupName, freshness, item);
     return result == SCARD_S_SUCCESS ? heap_.deliver(item, data, length) : result;
 }
 
@@ -93,7 +108,7 @@ LONG HostService::SCardWriteCacheA(SCARDCONTEXT context, UUID* cardIdentifier, D
     if (const LONG result = pcsc_.isValidContext(context); result != SCARD_S_SUCCESS) {
         return result;
     }
-    pcsc_.cardStore().writeCache(*cardIdentifier, lookupName, freshness,
+    pcsc_.cardStore().writeCache(std::bit_cast<Guid>(*cardIdentifier), lookupName, freshness,
                                  Bytes(data, data + length));
     return SCARD_S_SUCCESS;
 }

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <mutex>
 
+#include "pcscd_names.h"
 #include "pipe/unique_handle.h"
 
 namespace tez::test {

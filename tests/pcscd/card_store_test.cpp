@@ -1,37 +1,37 @@
 // The card database and the data cache that both sides of the tests have.
 #include "core/card_store.h"
 
-#include <winscard.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-namespace tez::test {
+#include "simulated/virtual_card.h"
+
+namespace tez::pcscd {
 namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr GUID kInterface{1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
-constexpr GUID kOtherInterface{1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 12}};
+constexpr Guid kInterface{1, 2, 3, 4, 5, 6, 7, 8};
+constexpr Guid kOtherInterface{1, 2, 3, 4, 5, 6, 7, 9};
 
 class CardStoreTest : public testing::Test {
   protected:
     CardStore store_;
-    CardType type_ = cardTypeOf(makeDemoCard("Ada"));
+    CardType type_ = cardTypeOf(makeDemoCard("Ada").atr());
 };
 
 TEST_F(CardStoreTest, KnowsATypeFromItsIntroductionToItsEnd) {
-    EXPECT_EQ(store_.forget("Card"), SCARD_E_UNKNOWN_CARD);
+    EXPECT_EQ(store_.forget("Card"), result::kUnknownCard);
     type_.primaryProvider = kInterface;
-    EXPECT_EQ(store_.introduce("Card", type_), SCARD_S_SUCCESS);
-    EXPECT_EQ(store_.introduce("Card", {}), ERROR_ALREADY_EXISTS);
+    EXPECT_EQ(store_.introduce("Card", type_), result::kSuccess);
+    EXPECT_EQ(store_.introduce("Card", {}), result::kAlreadyExists);
     const std::optional<CardType> found = store_.find("Card");
     ASSERT_TRUE(found);
     EXPECT_EQ(found->atr, makeDemoCard("Ada").atr());
     EXPECT_EQ(found->atrMask, Bytes(found->atr.size(), 0xFF));
-    EXPECT_TRUE(found->primaryProvider && IsEqualGUID(*found->primaryProvider, kInterface));
-    EXPECT_EQ(store_.forget("Card"), SCARD_S_SUCCESS);
+    EXPECT_EQ(found->primaryProvider, kInterface);
+    EXPECT_EQ(store_.forget("Card"), result::kSuccess);
     EXPECT_FALSE(store_.find("Card"));
 }
 
@@ -52,39 +52,40 @@ TEST_F(CardStoreTest, ListsTheTypesThatHaveAllInterfaces) {
     store_.introduce("Without", type_);
     type_.interfaces = {kInterface, kOtherInterface};
     store_.introduce("With", type_);
-    const GUID both[] = {kOtherInterface, kInterface};
-    const GUID unknown[] = {kInterface, GUID{}};
+    constexpr Guid both[] = {kOtherInterface, kInterface};
+    constexpr Guid unknown[] = {kInterface, Guid{}};
     EXPECT_THAT(store_.list({}, both), ElementsAre("With"));
     EXPECT_THAT(store_.list({}, unknown), IsEmpty());
 }
 
 TEST_F(CardStoreTest, KnowsProvidersByTheirIdentifier) {
     std::string name;
-    EXPECT_EQ(store_.setProvider("Card", 2, "Two"), SCARD_E_UNKNOWN_CARD);
+    EXPECT_EQ(store_.setProvider("Card", 2, "Two"), result::kUnknownCard);
     store_.introduce("Card", type_);
-    EXPECT_EQ(store_.setProvider("Card", 2, "Two"), SCARD_S_SUCCESS);
-    EXPECT_EQ(store_.setProvider("Card", 2, "Second"), SCARD_S_SUCCESS);
-    EXPECT_EQ(store_.provider("Card", 2, name), SCARD_S_SUCCESS);
+    EXPECT_EQ(store_.setProvider("Card", 2, "Two"), result::kSuccess);
+    EXPECT_EQ(store_.setProvider("Card", 2, "Second"), result::kSuccess);
+    EXPECT_EQ(store_.provider("Card", 2, name), result::kSuccess);
     EXPECT_EQ(name, "Second");
-    EXPECT_EQ(store_.provider("Card", 3, name), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(store_.provider("Other", 2, name), SCARD_E_UNKNOWN_CARD);
+    EXPECT_EQ(store_.provider("Card", 3, name), result::kFileNotFound);
+    EXPECT_EQ(store_.provider("Other", 2, name), result::kUnknownCard);
 }
 
 TEST_F(CardStoreTest, CachesByCardNameAndFreshness) {
     Bytes data;
     store_.writeCache(kInterface, "name", 7, {1, 2});
-    EXPECT_EQ(store_.readCache(kInterface, "name", 7, data), SCARD_S_SUCCESS);
+    EXPECT_EQ(store_.readCache(kInterface, "name", 7, data), result::kSuccess);
     EXPECT_THAT(data, ElementsAre(1, 2));
-    EXPECT_EQ(store_.readCache(kInterface, "name", 8, data), SCARD_W_CACHE_ITEM_STALE);
-    EXPECT_EQ(store_.readCache(kInterface, "Name", 7, data), SCARD_W_CACHE_ITEM_NOT_FOUND);
-    EXPECT_EQ(store_.readCache(kOtherInterface, "name", 7, data), SCARD_W_CACHE_ITEM_NOT_FOUND);
+    EXPECT_EQ(store_.readCache(kInterface, "name", 8, data), result::kCacheItemStale);
+    EXPECT_EQ(store_.readCache(kInterface, "Name", 7, data), result::kCacheItemNotFound);
+    EXPECT_EQ(store_.readCache(kOtherInterface, "name", 7, data), result::kCacheItemNotFound);
     store_.writeCache(kInterface, "name", 8, {3});
-    EXPECT_EQ(store_.readCache(kInterface, "name", 8, data), SCARD_S_SUCCESS);
+    EXPECT_EQ(store_.readCache(kInterface, "name", 8, data), result::kSuccess);
     EXPECT_THAT(data, ElementsAre(3));
 }
 
 TEST(AtrLengthTest, ComesFromTheStructure) {
-    for (const std::uint32_t protocols : {kProtocolT0, kProtocolT1, kProtocolT0 | kProtocolT1}) {
+    for (const std::uint32_t protocols :
+         {protocol::kT0, protocol::kT1, protocol::kT0 | protocol::kT1}) {
         for (const char* historicalBytes : {"", "card", "fifteen letters"}) {
             Bytes atr = makeAtr(protocols, historicalBytes);
             const std::size_t size = atr.size();
@@ -100,4 +101,4 @@ TEST(AtrLengthTest, IsNoneWhenTheStructureLeadsTooFar) {
 }
 
 }  // namespace
-}  // namespace tez::test
+}  // namespace tez::pcscd

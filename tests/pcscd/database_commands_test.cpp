@@ -1,18 +1,21 @@
 // The daemon's answers about card types, cached data, icons, device types and audits.
-#include <winscard.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <initializer_list>
 
 #include "core/commands.h"
 #include "core/reader_icon.h"
+#include "core/text.h"
 #include "record_codec.h"
-#include "scard_missing.h"
+#include "simulated/simulated_service.h"
 
-namespace tez::test {
+namespace tez::pcscd {
 namespace {
 
+using test::putBytes;
+using test::putU32;
+using test::putU64;
+using test::u32At;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::Field;
@@ -22,6 +25,7 @@ using testing::SizeIs;
 constexpr const char* kDatabaseReader = "Reader";
 constexpr const char* kKnownCard = "Known Card";
 constexpr std::uint32_t kProviderId = 2;
+constexpr Clients::Process kProcess = 1;
 
 struct Filled {
     std::size_t offset;
@@ -53,11 +57,11 @@ class DaemonDatabaseTest : public testing::Test {
   protected:
     DaemonDatabaseTest() {
         service_.addReader(kDatabaseReader);
-        EXPECT_EQ(service_.establishContext(SCARD_SCOPE_USER, context_), SCARD_S_SUCCESS);
-        CardType type = cardTypeOf(makeDemoCard("Ada"));
-        type.interfaces = {GUID{1, 2, 3, {4}}};
+        EXPECT_EQ(service_.establishContext(scope::kUser, context_), result::kSuccess);
+        CardType type = cardTypeOf(makeDemoCard("Ada").atr());
+        type.interfaces = {Guid{1, 0, 0, 0, 2, 0, 3, 0, 4}};
         type.providers[kProviderId] = "A Provider";
-        EXPECT_EQ(service_.cardStore().introduce(kKnownCard, type), SCARD_S_SUCCESS);
+        EXPECT_EQ(service_.cardStore().introduce(kKnownCard, type), result::kSuccess);
     }
 
     /// The answer to a request whose context has been put into its record.
@@ -70,7 +74,7 @@ class DaemonDatabaseTest : public testing::Test {
         Request request;
         request.command = command;
         request.body = std::move(body);
-        Reply reply = DaemonCommands(service_).answer(request);
+        Reply reply = answerRequest(service_, clients_, kProcess, request);
         record_ = reply.blocks.empty() ? Bytes{} : reply.blocks[0];
         return reply;
     }
@@ -87,14 +91,16 @@ class DaemonDatabaseTest : public testing::Test {
     }
 
     /// The result in an answer without a data phase.
-    static LONG resultOf(const Reply& reply, std::size_t resultOffset) {
+    static Result resultOf(const Reply& reply, std::size_t resultOffset) {
         EXPECT_THAT(reply.blocks, SizeIs(1));
         EXPECT_FALSE(reply.close);
-        return reply.blocks.empty() ? -1 : static_cast<LONG>(u32At(reply.blocks[0], resultOffset));
+        return reply.blocks.empty() ? -1
+                                    : static_cast<Result>(u32At(reply.blocks[0], resultOffset));
     }
 
     SimulatedService service_;
-    SimulatedService::Context context_ = 0;
+    Context context_ = 0;
+    Clients clients_;
     Bytes record_;  // of the last answer
 };
 
@@ -115,10 +121,10 @@ TEST_F(DaemonDatabaseTest, ListsCardsByAtr) {
     EXPECT_EQ(dataOf(ask(Command::kListCards, bodyOf(54, {{8, {1}}, {9, Bytes(33, 0xFF)}})), 50),
               multiString({}))
         << "no ATR at all";
-    EXPECT_EQ(
-        dataOf(ask(Command::kListCards, bodyOf(54, {{8, {1}}, {9, makeAtr(kProtocolT0, "other")}})),
-               50),
-        multiString({}));
+    EXPECT_EQ(dataOf(ask(Command::kListCards,
+                         bodyOf(54, {{8, {1}}, {9, makeAtr(protocol::kT0, "other")}})),
+                     50),
+              multiString({}));
 }
 
 TEST_F(DaemonDatabaseTest, ListsCardsByInterface) {
@@ -136,7 +142,7 @@ TEST_F(DaemonDatabaseTest, ListsCardsByInterface) {
 TEST_F(DaemonDatabaseTest, RefusesAnUnknownContext) {
     const auto refused = [this](Command command, std::size_t resultOffset, Bytes body) {
         putU64(body, 0, 4711);
-        EXPECT_EQ(resultOf(askAsIs(command, body), resultOffset), SCARD_E_INVALID_HANDLE);
+        EXPECT_EQ(resultOf(askAsIs(command, body), resultOffset), result::kInvalidHandle);
     };
     const Bytes name = terminated("name");
     refused(Command::kListCards, 50, Bytes(54));
@@ -148,16 +154,16 @@ TEST_F(DaemonDatabaseTest, RefusesAnUnknownContext) {
     refused(Command::kAudit, 12, Bytes(16));
     refused(Command::kSetCardTypeProviderName, 1040, bodyOf(1044, {{1036, {5}}}, name));
     refused(Command::kIntroduceCardType, 1125,
-            bodyOf(1129, {{1053, {1}}, {1054, makeAtr(kProtocolT0, "")}}));
+            bodyOf(1129, {{1053, {1}}, {1054, makeAtr(protocol::kT0, "")}}));
     refused(Command::kForgetCardType, 1032, Bytes(1036));
 }
 
 TEST_F(DaemonDatabaseTest, TellsTheDeviceTypeOfAReader) {
     const Bytes reader = terminated(kDatabaseReader);
     EXPECT_EQ(resultOf(ask(Command::kGetDeviceTypeId, bodyOf(144, {{8, reader}})), 140),
-              SCARD_S_SUCCESS);
-    EXPECT_EQ(u32At(record_, 136), DWORD{SCARD_READER_TYPE_USB});
-    EXPECT_EQ(resultOf(ask(Command::kGetDeviceTypeId, Bytes(144)), 140), SCARD_E_UNKNOWN_READER);
+              result::kSuccess);
+    EXPECT_EQ(u32At(record_, 136), kReaderTypeUsb);
+    EXPECT_EQ(resultOf(ask(Command::kGetDeviceTypeId, Bytes(144)), 140), result::kUnknownReader);
     EXPECT_THAT(ask(Command::kGetDeviceTypeId, bodyOf(144, {{8, Bytes(128, 'R')}})),
                 kClosesThePipe);
     EXPECT_THAT(ask(Command::kGetDeviceTypeId, Bytes(145)), kClosesThePipe);
@@ -175,23 +181,23 @@ TEST_F(DaemonDatabaseTest, TellsAndTakesProviderNames) {
         return ask(Command::kSetCardTypeProviderName,
                    bodyOf(1044, {{8, card}, {1032, {kProviderId}}, {1036, {length}}}, name));
     };
-    EXPECT_EQ(resultOf(setting(4, terminated("New")), 1040), SCARD_S_SUCCESS);
+    EXPECT_EQ(resultOf(setting(4, terminated("New")), 1040), result::kSuccess);
     EXPECT_EQ(dataOf(ask(Command::kGetCardTypeProviderName, asking), 1040), terminated("New"));
-    EXPECT_EQ(resultOf(setting(1, terminated("")), 1040), SCARD_S_SUCCESS);
+    EXPECT_EQ(resultOf(setting(1, terminated("")), 1040), result::kSuccess);
     EXPECT_THAT(setting(3, terminated("New")), kClosesThePipe);
     EXPECT_THAT(setting(3, {'N', 'e', 'w'}), kClosesThePipe);
     EXPECT_THAT(setting(4, {'N', 0, 'w', 0}), kClosesThePipe);
     EXPECT_THAT(setting(0, {}), kClosesThePipe);
 
     EXPECT_EQ(resultOf(ask(Command::kGetCardTypeProviderName, Bytes(1044)), 1040),
-              SCARD_E_UNKNOWN_CARD);
+              result::kUnknownCard);
     EXPECT_EQ(resultOf(ask(Command::kGetCardTypeProviderName, bodyOf(1044, {{8, card}})), 1040),
-              ERROR_FILE_NOT_FOUND);
+              result::kFileNotFound);
 }
 
 TEST_F(DaemonDatabaseTest, IntroducesAndForgetsCardTypes) {
     const Bytes card = terminated("New Card");
-    const Bytes atr = makeAtr(kProtocolT1, "new");
+    const Bytes atr = makeAtr(protocol::kT1, "new");
     const Bytes guid = bodyOf(16, {{0, {9}}});
     const auto size = static_cast<std::uint8_t>(atr.size());
     const Bytes whole = bodyOf(1129,
@@ -205,29 +211,28 @@ TEST_F(DaemonDatabaseTest, IntroducesAndForgetsCardTypes) {
                                 {1088, Bytes(size, 0xF0)},
                                 {1121, {size}}},
                                guid);
-    EXPECT_EQ(resultOf(ask(Command::kIntroduceCardType, whole), 1125), SCARD_S_SUCCESS);
+    EXPECT_EQ(resultOf(ask(Command::kIntroduceCardType, whole), 1125), result::kSuccess);
     const std::optional<CardType> type = service_.cardStore().find("New Card");
     ASSERT_TRUE(type);
     EXPECT_EQ(type->atr, atr);
     EXPECT_EQ(type->atrMask, Bytes(size, 0xF0));
-    EXPECT_TRUE(type->primaryProvider && IsEqualGUID(*type->primaryProvider, GUID{7, 0, 0, {}}));
-    ASSERT_THAT(type->interfaces, SizeIs(1));
-    EXPECT_TRUE(IsEqualGUID(type->interfaces[0], GUID{9, 0, 0, {}}));
-    EXPECT_EQ(resultOf(ask(Command::kIntroduceCardType, whole), 1125), ERROR_ALREADY_EXISTS);
+    EXPECT_EQ(type->primaryProvider, Guid{7});
+    EXPECT_THAT(type->interfaces, ElementsAre(Guid{9}));
+    EXPECT_EQ(resultOf(ask(Command::kIntroduceCardType, whole), 1125), result::kAlreadyExists);
 
     const Bytes forgetting = bodyOf(1036, {{8, card}});
-    EXPECT_EQ(resultOf(ask(Command::kForgetCardType, forgetting), 1032), SCARD_S_SUCCESS);
-    EXPECT_EQ(resultOf(ask(Command::kForgetCardType, forgetting), 1032), SCARD_E_UNKNOWN_CARD);
+    EXPECT_EQ(resultOf(ask(Command::kForgetCardType, forgetting), 1032), result::kSuccess);
+    EXPECT_EQ(resultOf(ask(Command::kForgetCardType, forgetting), 1032), result::kUnknownCard);
     EXPECT_FALSE(service_.cardStore().find("New Card"));
 }
 
 TEST_F(DaemonDatabaseTest, IntroducesACardTypeOfWhichOnlyTheAtrIsTold) {
     const Bytes card = terminated("New Card");
-    const Bytes atr = makeAtr(kProtocolT1, "new");
+    const Bytes atr = makeAtr(protocol::kT1, "new");
     EXPECT_EQ(resultOf(ask(Command::kIntroduceCardType,
                            bodyOf(1129, {{8, card}, {1053, {1}}, {1054, atr}})),
                        1125),
-              SCARD_S_SUCCESS);
+              result::kSuccess);
     const std::optional<CardType> type = service_.cardStore().find("New Card");
     ASSERT_TRUE(type);
     EXPECT_EQ(type->atr, atr) << "as long as its structure says";
@@ -238,7 +243,7 @@ TEST_F(DaemonDatabaseTest, IntroducesACardTypeOfWhichOnlyTheAtrIsTold) {
 
 TEST_F(DaemonDatabaseTest, TakesNoCardTypeWithoutAnAtrOrOfAnImpossibleForm) {
     EXPECT_EQ(resultOf(ask(Command::kIntroduceCardType, Bytes(1129)), 1125),
-              SCARD_E_INVALID_PARAMETER);
+              result::kInvalidParameter);
     EXPECT_THAT(ask(Command::kIntroduceCardType, bodyOf(1129, {{1121, {34}}})), kClosesThePipe);
     EXPECT_THAT(ask(Command::kIntroduceCardType, bodyOf(1129, {{1049, {2}}}, Bytes(16))),
                 kClosesThePipe);
@@ -257,12 +262,12 @@ TEST_F(DaemonDatabaseTest, CachesDataBehindTheRecord) {
     const auto reading = [&](std::uint8_t freshness) {
         return ask(Command::kReadCache, bodyOf(36, {{8, {9}}, {24, {freshness}}}, name));
     };
-    EXPECT_EQ(resultOf(reading(5), 32), SCARD_W_CACHE_ITEM_NOT_FOUND);
-    EXPECT_EQ(resultOf(writing(3, joined(data, name)), 32), SCARD_S_SUCCESS);
+    EXPECT_EQ(resultOf(reading(5), 32), result::kCacheItemNotFound);
+    EXPECT_EQ(resultOf(writing(3, joined(data, name)), 32), result::kSuccess);
     EXPECT_EQ(dataOf(reading(5), 32), data);
     EXPECT_EQ(u32At(record_, 28), 3U);
-    EXPECT_EQ(resultOf(reading(6), 32), SCARD_W_CACHE_ITEM_STALE);
-    EXPECT_EQ(resultOf(writing(0, name), 32), SCARD_S_SUCCESS);
+    EXPECT_EQ(resultOf(reading(6), 32), result::kCacheItemStale);
+    EXPECT_EQ(resultOf(writing(0, name), 32), result::kSuccess);
     EXPECT_THAT(dataOf(reading(5), 32), IsEmpty());
     EXPECT_THAT(writing(9, joined(data, name)), kClosesThePipe) << "more than there is";
     EXPECT_THAT(writing(1, joined(data, name)), kClosesThePipe) << "a NUL within";
@@ -277,7 +282,7 @@ TEST_F(DaemonDatabaseTest, GivesEveryReaderAnIcon) {
     const Bytes icon = dataOf(asking(terminated(kDatabaseReader)), 12);
     EXPECT_EQ(icon, Bytes(readerIcon().begin(), readerIcon().end()));
     EXPECT_EQ(u32At(record_, 8), icon.size());
-    EXPECT_EQ(resultOf(asking({0}), 12), SCARD_E_UNKNOWN_READER);
+    EXPECT_EQ(resultOf(asking({0}), 12), result::kUnknownReader);
     EXPECT_THAT(asking({'R'}), kClosesThePipe);
     EXPECT_THAT(asking({}), kClosesThePipe);
 }
@@ -286,10 +291,10 @@ TEST_F(DaemonDatabaseTest, AuditsTheTwoEventsOfAContext) {
     const auto auditing = [&](std::uint8_t event) {
         return resultOf(ask(Command::kAudit, bodyOf(16, {{8, {event}}})), 12);
     };
-    EXPECT_EQ(auditing(SCARD_AUDIT_CHV_FAILURE), SCARD_S_SUCCESS);
-    EXPECT_EQ(auditing(SCARD_AUDIT_CHV_SUCCESS), SCARD_S_SUCCESS);
-    EXPECT_EQ(auditing(2), SCARD_E_INVALID_PARAMETER);
-    EXPECT_EQ(resultOf(askAsIs(Command::kAudit, Bytes(16)), 12), SCARD_S_SUCCESS)
+    EXPECT_EQ(auditing(kAuditFailure), result::kSuccess);
+    EXPECT_EQ(auditing(kAuditSuccess), result::kSuccess);
+    EXPECT_EQ(auditing(2), result::kInvalidParameter);
+    EXPECT_EQ(resultOf(askAsIs(Command::kAudit, Bytes(16)), 12), result::kSuccess)
         << "without a context";
 }
 
@@ -298,9 +303,9 @@ TEST_F(DaemonDatabaseTest, TakesCardTypeChangesWithoutAContext) {
     EXPECT_EQ(resultOf(askAsIs(Command::kSetCardTypeProviderName,
                                bodyOf(1044, {{8, card}, {1036, {2}}}, terminated("X"))),
                        1040),
-              SCARD_S_SUCCESS);
+              result::kSuccess);
     EXPECT_EQ(resultOf(askAsIs(Command::kForgetCardType, bodyOf(1036, {{8, card}})), 1032),
-              SCARD_S_SUCCESS);
+              result::kSuccess);
 }
 
 TEST_F(DaemonDatabaseTest, ClosesThePipeOnAnUnknownCommand) {
@@ -309,4 +314,4 @@ TEST_F(DaemonDatabaseTest, ClosesThePipeOnAnUnknownCommand) {
 }
 
 }  // namespace
-}  // namespace tez::test
+}  // namespace tez::pcscd

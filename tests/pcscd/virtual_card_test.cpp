@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace tez::test {
+namespace tez::pcscd {
 namespace {
 
 using testing::ElementsAre;
@@ -30,7 +30,7 @@ class VirtualCardTest : public testing::Test {
         application.pin = "0000";
         CardApplication other;
         other.aid = {0xF0, 0x11, 0x11, 0x11, 0x11};
-        return {makeAtr(kProtocolT1, "TEST"), {application, other}};
+        return {makeAtr(protocol::kT1, "TEST"), {application, other}};
     }
 
     /// The status word; the response data stay in data_.
@@ -67,31 +67,31 @@ class VirtualCardTest : public testing::Test {
 };
 
 TEST(AtrTest, T0AloneHasNoCheckByte) {
-    EXPECT_THAT(makeAtr(kProtocolT0, "AB"), ElementsAre(0x3B, 0x02, 'A', 'B'));
+    EXPECT_THAT(makeAtr(protocol::kT0, "AB"), ElementsAre(0x3B, 0x02, 'A', 'B'));
 }
 
 TEST(AtrTest, T1HasACheckByteThatMakesTheExclusiveOrZero) {
-    const Bytes atr = makeAtr(kProtocolT1, "AB");
+    const Bytes atr = makeAtr(protocol::kT1, "AB");
     EXPECT_THAT(atr, ElementsAre(0x3B, 0x82, 0x01, 'A', 'B', 0x82 ^ 0x01 ^ 'A' ^ 'B'));
 }
 
 TEST(AtrTest, OfferedProtocolsAreReadBackInOrder) {
-    EXPECT_THAT(offeredProtocols(makeAtr(kProtocolT0, "X")), ElementsAre(kProtocolT0));
-    EXPECT_THAT(offeredProtocols(makeAtr(kProtocolT1, "X")), ElementsAre(kProtocolT1));
-    EXPECT_THAT(offeredProtocols(makeAtr(kProtocolT0 | kProtocolT1, "X")),
-                ElementsAre(kProtocolT0, kProtocolT1));
+    EXPECT_THAT(offeredProtocols(makeAtr(protocol::kT0, "X")), ElementsAre(protocol::kT0));
+    EXPECT_THAT(offeredProtocols(makeAtr(protocol::kT1, "X")), ElementsAre(protocol::kT1));
+    EXPECT_THAT(offeredProtocols(makeAtr(protocol::kT0 | protocol::kT1, "X")),
+                ElementsAre(protocol::kT0, protocol::kT1));
 }
 
 TEST(AtrTest, InterfaceBytesBesideTheProtocolAreSkipped) {
     // TA1, TC1, TD1 (T=1, TB2 and TD2 follow), TB2, TD2 (T=15).
     const Bytes atr{0x3B, 0xD0, 0x11, 0x22, 0xA1, 0x45, 0x0F};
-    EXPECT_THAT(offeredProtocols(atr), ElementsAre(kProtocolT1));
+    EXPECT_THAT(offeredProtocols(atr), ElementsAre(protocol::kT1));
 }
 
 TEST(AtrTest, ImpossibleOnesAreRefused) {
     EXPECT_THROW(makeAtr(0, ""), std::invalid_argument);
     EXPECT_THROW(makeAtr(4, ""), std::invalid_argument);
-    EXPECT_THROW(makeAtr(kProtocolT0, "sixteen letters!"), std::invalid_argument);
+    EXPECT_THROW(makeAtr(protocol::kT0, "sixteen letters!"), std::invalid_argument);
 }
 
 TEST_F(VirtualCardTest, SelectByAidReturnsControlInformationOnlyWhenAskedTo) {
@@ -269,4 +269,4 @@ TEST_F(VirtualCardTest, DemoCardShowsItsHolder) {
 }
 
 }  // namespace
-}  // namespace tez::test
+}  // namespace tez::pcscd

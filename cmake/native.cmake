@@ -1,0 +1,9 @@
+# The programs of the machine that the cards are on.
+if(TEZ_CHECKED)
+    add_compile_options(-fsanitize=address -fno-sanitize-recover=all)
+    add_link_options(-fsanitize=address,undefined)
+endif()
+
+include(cmake/cli11.cmake)
+add_subdirectory(pcscd)
+add_subdirectory(tests)

@@ -1,0 +1,26 @@
+# The library, and the programs of the machine that it runs on.
+enable_language(RC)
+
+# The library and every program beside it depend on nothing but what Windows brings along.
+add_link_options(-static)
+if(TEZ_CHECKED)
+    # There is no runtime library that could tell more.
+    add_compile_options(-fsanitize-undefined-trap-on-error)
+endif()
+
+target_compile_definitions(tez_options INTERFACE _WIN32_WINNT=0x0602 WIN32_LEAN_AND_MEAN NOMINMAX)
+target_compile_options(tez_options INTERFACE -Wno-pedantic-ms-format)
+
+include(cmake/cli11.cmake)
+add_subdirectory(src)
+add_subdirectory(tests)
+add_subdirectory(tools)
+add_subdirectory(pcscd)
+
+# The native build's tests run with these: one run, one count.
+file(CONFIGURE OUTPUT native_tests.cmake CONTENT [[
+if(EXISTS "@TEZ_NATIVE_BUILD@/CTestTestfile.cmake")
+    subdirs("@TEZ_NATIVE_BUILD@")
+endif()
+]] @ONLY)
+set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${CMAKE_BINARY_DIR}/native_tests.cmake)

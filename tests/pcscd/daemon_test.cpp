@@ -1,0 +1,288 @@
+// The daemon's core on streams in memory: how it speaks, and how it treats its clients.
+#include "core/daemon.h"
+
+#include <chrono>
+#include <future>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <random>
+#include <vector>
+
+#include "daemon_client.h"
+#include "patience.h"
+#include "simulated/simulated_service.h"
+
+namespace tez::pcscd {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::Optional;
+using testing::SizeIs;
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* kDaemonReader = "Reader";
+constexpr Clients::Process kProgram = 100;
+constexpr Clients::Process kOtherProgram = 200;
+
+class DaemonTest : public testing::Test {
+  protected:
+    DaemonTest() {
+        service_.addReader(kDaemonReader);
+        service_.insertCard(kDaemonReader, makeDemoCard("Ada"));
+    }
+    ~DaemonTest() override { service_.releaseAll(); }
+    DaemonTest(const DaemonTest&) = delete;
+    DaemonTest& operator=(const DaemonTest&) = delete;
+
+    /// A connection that has shaken hands.
+    std::unique_ptr<DaemonClient> connected(Clients::Process process = kProgram) {
+        auto client = std::make_unique<DaemonClient>(daemon_, process);
+        EXPECT_TRUE(client->shakeHands());
+        return client;
+    }
+
+    /// A wait for a change of the reader, which is as it was told.
+    static void sendWait(DaemonClient& client, Context context) {
+        ReaderStateRecord entry{};
+        std::strncpy(entry.szReader, kDaemonReader, sizeof entry.szReader - 1);
+        entry.dwCurrentState = state::kPresent;
+        client.send(CMD_GET_STATUS_CHANGE, StatusChangeRecord{context, kInfinite, 1, 0},
+                    std::span(reinterpret_cast<const std::uint8_t*>(&entry), sizeof entry));
+    }
+
+    template <typename Condition>
+    static bool eventually(Condition condition) {
+        const auto deadline = Clock::now() + kPatience;
+        while (!condition()) {
+            if (Clock::now() > deadline) {
+                return false;
+            }
+            std::this_thread::sleep_for(1ms);
+        }
+        return true;
+    }
+
+    SimulatedService service_;
+    Daemon daemon_{service_};
+};
+
+TEST_F(DaemonTest, TellsItsVersionInOnePiece) {
+    DaemonClient client(daemon_, kProgram);
+    EXPECT_THAT(client.shakeHands(), Optional(ElementsAre(1, 0, 0, 0, 4, 0, 0, 0)));
+}
+
+TEST_F(DaemonTest, WaitsForTheWholeOfARequestHoweverItIsCut) {
+    const auto client = connected();
+    const EstablishRecord record{};
+    client->stream().send(Bytes{sizeof record, 0});
+    client->stream().send(Bytes{0, 0, CMD_ESTABLISH_CONTEXT, 0, 0, 0, 0, 0, 0, 0, 1});
+    for (std::size_t i = 1; i < sizeof record; ++i) {
+        client->stream().send(Bytes{0});
+    }
+    // A scope that is none: the answer has the request's own bytes.
+    const auto answer = client->receive<EstablishRecord>();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->dwScope, 1U);
+    EXPECT_EQ(answer->rv, 0U);
+}
+
+TEST_F(DaemonTest, WritesRecordAndDataInAPieceEach) {
+    const auto client = connected();
+    const ListReadersRecord request{client->establish(), 0, 0};
+    const auto record = client->call(CMD_LIST_READERS, request);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->cchReaders, 8U);
+    EXPECT_THAT(client->stream().takePiece(), Optional(SizeIs(8)));
+}
+
+TEST_F(DaemonTest, ClosesOnWhatItDoesNotUnderstand) {
+    for (const auto& [command, size] :
+         std::vector<std::pair<std::uint32_t, std::size_t>>{{14, 16},
+                                                            {17, 16},
+                                                            {0x80C, 16},
+                                                            {CMD_ESTABLISH_CONTEXT, 15},
+                                                            {CMD_ESTABLISH_CONTEXT, 17},
+                                                            {CMD_TRANSMIT, 29},
+                                                            {CMD_LIST_READERS, 0}}) {
+        const auto client = connected();
+        client->sendHeader(command, size);
+        client->stream().send(Bytes(size));
+        EXPECT_EQ(client->stream().takePiece(), std::nullopt) << command << ", " << size;
+        EXPECT_TRUE(client->stream().closed());
+    }
+}
+
+TEST_F(DaemonTest, TakesNoMemoryForWhatIsOnlyAnnounced) {
+    const auto client = connected();
+    client->sendHeader(CMD_TRANSMIT, std::size_t{16} << 20);
+    client->stream().send(Bytes(100));
+    client->stream().hangUp();
+    EXPECT_EQ(client->stream().takePiece(), std::nullopt);
+    const auto tooLong = connected();
+    tooLong->sendHeader(CMD_TRANSMIT, (std::size_t{16} << 20) + 1);
+    EXPECT_EQ(tooLong->stream().takePiece(), std::nullopt);
+}
+
+TEST_F(DaemonTest, ClosesOnAClientThatSendsAndSendsAndTakesNoAnswer) {
+    const auto client = connected();
+    sendWait(*client, client->establish());
+    ASSERT_TRUE(service_.waitForStatusWaits(1, kPatience));
+    for (int i = 0; i < 100 && !client->stream().closed(); ++i) {
+        client->send(CMD_RELEASE_CONTEXT, ReleaseRecord{1, 0});
+    }
+    EXPECT_TRUE(eventually([&] { return client->stream().closed(); }));
+}
+
+TEST_F(DaemonTest, OutlivesRandomBytes) {
+    std::mt19937 random(4711);
+    for (int round = 0; round < 200; ++round) {
+        const auto client = connected(kProgram + static_cast<Clients::Process>(round));
+        for (int i = 0; i < 4; ++i) {
+            Bytes body(random() % 400);
+            std::generate(body.begin(), body.end(),
+                          [&] { return static_cast<std::uint8_t>(random()); });
+            // An endless wait would be one more way to end the round.
+            const auto command = static_cast<std::uint32_t>(
+                random() % 2 == 0 ? random() % 18 : 0x800 + random() % 13);
+            client->sendHeader(command, random() % 8 == 0 ? random() : body.size());
+            client->stream().send(body);
+        }
+    }
+    EXPECT_NE(connected()->establish(), 0U);
+}
+
+TEST_F(DaemonTest, ContextsBelongToTheProgramAndNotToAConnection) {
+    auto first = connected();
+    const auto second = connected();
+    const Context context = first->establish();
+    first.reset();
+    EXPECT_EQ(second->connect(context, kDaemonReader).rv, 0U);
+}
+
+TEST_F(DaemonTest, GivesBackWhatAVanishedProgramHeldExclusively) {
+    auto vanishing = connected();
+    const auto other = connected(kOtherProgram);
+    const Context context = vanishing->establish();
+    ASSERT_EQ(vanishing->connect(context, kDaemonReader, share::kExclusive).rv, 0U);
+    const Context otherContext = other->establish();
+    EXPECT_EQ(other->connect(otherContext, kDaemonReader).rv,
+              static_cast<std::uint32_t>(result::kSharingViolation));
+    const auto end = Clock::now();
+    vanishing.reset();
+    EXPECT_EQ(service_.isValidContext(context), result::kInvalidHandle);
+    EXPECT_LT(Clock::now() - end, 1s);
+    EXPECT_EQ(other->connect(otherContext, kDaemonReader).rv, 0U);
+    EXPECT_EQ(service_.isValidContext(otherContext), result::kSuccess);
+}
+
+TEST_F(DaemonTest, EndsTheTransactionOfAVanishedProgram) {
+    auto vanishing = connected();
+    const auto other = connected(kOtherProgram);
+    const auto card = vanishing->connect(vanishing->establish(), kDaemonReader);
+    ASSERT_EQ(vanishing->call(CMD_BEGIN_TRANSACTION, HandleRecord{card.hCard, 1})->rv, 0U);
+    const auto otherCard = other->connect(other->establish(), kDaemonReader);
+    other->send(CMD_BEGIN_TRANSACTION, HandleRecord{otherCard.hCard, 0});
+    ASSERT_TRUE(service_.waitForTransactionWaits(1, kPatience));
+    vanishing.reset();
+    const auto begun = other->receive<HandleRecord>();
+    ASSERT_TRUE(begun);
+    EXPECT_EQ(begun->rv, static_cast<std::uint32_t>(result::kResetCard))
+        << "nobody has said that the card may be left as it is";
+}
+
+TEST_F(DaemonTest, NoticesTheEndOfAProgramThatWaits) {
+    auto waiting = connected();
+    const Context context = waiting->establish();
+    sendWait(*waiting, context);
+    ASSERT_TRUE(service_.waitForStatusWaits(1, kPatience));
+    const auto end = Clock::now();
+    waiting.reset();
+    EXPECT_LT(Clock::now() - end, 1s);
+    EXPECT_EQ(service_.contextCount(), 0U);
+}
+
+TEST_F(DaemonTest, WaitsForAProgramThatOnlyChangesItsConnection) {
+    auto first = std::make_unique<DaemonClient>(daemon_, kProgram);
+    ASSERT_TRUE(first->shakeHands());
+    const Context context = first->establish();
+    first->stream().hangUp();
+    const auto second = connected();
+    first.reset();
+    EXPECT_EQ(second->connect(context, kDaemonReader).rv, 0U);
+}
+
+TEST_F(DaemonTest, ReleasedContextsAreNotKeptInMind) {
+    auto client = connected();
+    const Context context = client->establish();
+    EXPECT_EQ(client->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1})->rv, 0U);
+    const auto end = Clock::now();
+    client.reset();
+    EXPECT_LT(Clock::now() - end, 400ms) << "there was nothing to wait for";
+}
+
+TEST_F(DaemonTest, ReleaseEndsTheWaitOfItsContext) {
+    const auto waiting = connected();
+    const auto other = connected();
+    const Context context = waiting->establish();
+    sendWait(*waiting, context);
+    ASSERT_TRUE(service_.waitForStatusWaits(1, kPatience));
+    EXPECT_EQ(other->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1})->rv, 0U);
+    const auto answer = waiting->receive<StatusChangeRecord>();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->rv, static_cast<std::uint32_t>(result::kCancelled));
+}
+
+TEST_F(DaemonTest, CancelEndsTheWaitsInProgressAndIsThenForgotten) {
+    const auto waiting = connected();
+    const auto other = connected();
+    const Context context = waiting->establish();
+    EXPECT_EQ(other->call(CMD_CANCEL, HandleRecord{context, 1})->rv, 0U);
+    sendWait(*waiting, context);
+    ASSERT_TRUE(service_.waitForStatusWaits(1, kPatience)) << "the cancel came before";
+    EXPECT_EQ(other->call(CMD_CANCEL, HandleRecord{context, 1})->rv, 0U);
+    const auto answer = waiting->receive<StatusChangeRecord>();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->rv, static_cast<std::uint32_t>(result::kCancelled));
+}
+
+TEST_F(DaemonTest, HandlesAreOfThisRunAlone) {
+    SimulatedService nextRun;
+    const auto client = connected();
+    std::vector<Context> seen;
+    for (int i = 0; i < 100; ++i) {
+        const Context context = client->establish();
+        EXPECT_GT(context, 0xFFFFFFFFU);
+        EXPECT_THAT(seen, testing::Not(testing::Contains(context)));
+        seen.push_back(context);
+        EXPECT_EQ(client->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1})->rv, 0U);
+        Context other = 0;
+        ASSERT_EQ(nextRun.establishContext(scope::kUser, other), result::kSuccess);
+        EXPECT_THAT(seen, testing::Not(testing::Contains(other)));
+    }
+}
+
+TEST_F(DaemonTest, ServesSixteenProgramsAtOnce) {
+    std::vector<std::future<int>> programs;
+    for (Clients::Process process = 1; process <= 16; ++process) {
+        programs.push_back(std::async(std::launch::async, [this, process] {
+            const auto client = connected(process);
+            const auto card = client->connect(client->establish(), kDaemonReader);
+            const Bytes command{0x00, 0x84, 0x00, 0x00, 0x08};
+            int answers = 0;
+            for (int i = 0; i < 50; ++i) {
+                const TransmitRecord request{card.hCard, card.dwActiveProtocol, 5, 0, 258, 0};
+                const auto record = client->call(CMD_TRANSMIT, request, command);
+                const auto data = client->stream().takePiece();
+                answers += record && record->rv == 0 && data && data->size() == 10 ? 1 : 0;
+            }
+            return answers;
+        }));
+    }
+    for (auto& program : programs) {
+        EXPECT_EQ(program.get(), 50);
+    }
+}
+
+}  // namespace
+}  // namespace tez::pcscd
