@@ -7,6 +7,7 @@
 #include "local/local_calls.h"
 #include "local/winscard_table.h"
 #include "log/call_frame.h"
+#include "state/waits.h"
 
 using namespace tez;
 
@@ -51,6 +52,7 @@ LONG WINAPI SCardReleaseContext(SCARDCONTEXT hContext) {
         if (!isContextKnown(hContext)) {
             return SCARD_E_INVALID_HANDLE;
         }
+        endWaitsOfReleased(hContext);
         LONG rv = SCARD_S_SUCCESS;
         const SCARDCONTEXT systemHandle = getLocalContext(hContext);
         if (systemHandle != 0 && state != ServiceState::RemoteOnly) {

@@ -34,11 +34,12 @@ using SlimGuard = std::lock_guard<SlimLock>;
 /// Wakes threads that wait for something that a SlimLock guards.
 class SlimCondition {
   public:
-    /// Gives the lock, which the caller holds, back for the time of the wait. Wakes on notifyAll,
+    /// Gives the lock, which the caller holds, back for the time of the wait. Wakes when notified,
     /// after timeout milliseconds (INFINITE: never), or for no reason.
     void wait(SlimLock& lock, DWORD timeout) noexcept {
         SleepConditionVariableSRW(&condition_, &lock.lock_, timeout, 0);
     }
+    void notifyOne() noexcept { WakeConditionVariable(&condition_); }
     void notifyAll() noexcept { WakeAllConditionVariable(&condition_); }
 
   private:

@@ -10,9 +10,9 @@
 #include "daemon/daemon_connection_tez.h"
 #include "daemon/service_state.h"
 #include "log/function_log.h"
-#include "state/pending_local_waits.h"
 #include "state/reader_names.h"
 #include "state/started_events.h"
+#include "state/waits.h"
 
 namespace tez {
 
@@ -26,19 +26,17 @@ std::atomic<bool> isStarted = false;
 std::atomic<bool> stopFlag = false;
 Thread pollThread;
 
-/// The daemon can be reached: its readers join those of the host. The first pass of the poll thread
-/// repeats what the check of the first call has done.
-void enterService() {
-    const bool isNews = getServiceState() != ServiceState::LocalFirst;
+/// The daemon can be reached: its readers join those of the host.
+/// @param isRepetition  whether this is the poll thread's first pass, which repeats what the check
+/// of
+///                      the first call has just done.
+void enterService(bool isRepetition) {
     setServiceState(ServiceState::LocalFirst);
     clearConnectionPool();
     establishMissingLocalContexts();
-    // Waits in progress return and are begun anew, with the daemon's readers included. Those that
-    // were begun in this state have them already: ending their local half would make them deaf to
-    // the host's readers for as long as the remote half goes on.
-    if (isNews) {
-        cancelPendingLocalWaits();
-    }
+    // Waits in progress return and are begun anew, with the daemon's readers included. Those begun
+    // since the check of the first call have them already, unless they have lost the daemon since.
+    cancelPendingLocalWaits(!isRepetition);
     forgetLocalReaderNames();
     setStartedEvents();
 }
@@ -55,13 +53,13 @@ void leaveService() {
 
 /// One check: connects, and when that succeeds, enters the service. With watch it then stays until
 /// the pipe breaks. The connection is closed at the end, to be opened afresh by the next check.
-void checkServiceAvailability(DaemonConnection& connection, bool watch) {
+void checkServiceAvailability(DaemonConnection& connection, bool watch, bool isRepetition) {
     static constexpr FunctionLog log("checkServiceAvailability");
     if (!connection.connect()) {
         return;
     }
     log.debug("%s pipe connection established", kServiceName);
-    enterService();
+    enterService(isRepetition);
     if (watch) {
         // The daemon sends nothing here unasked; a read is how the end of the pipe is seen.
         char byte = 0;
@@ -79,12 +77,14 @@ void pollServiceAvailability(bool loop) {
     // A connection of its own: its broken pipe is news for the monitor, not for a call.
     DaemonConnectionTEZ connection;
     if (!loop) {
-        checkServiceAvailability(connection, false);
+        checkServiceAvailability(connection, false, false);
         return;
     }
     log.debug("Started poll thread for protocol pipe");
+    bool isRepetition = getServiceState() == ServiceState::LocalFirst;
     while (!stopFlag) {
-        checkServiceAvailability(connection, true);
+        checkServiceAvailability(connection, true, isRepetition);
+        isRepetition = false;
         Sleep(kPollInterval);
     }
     log.debug("Stopped poll thread protocol pipe");

@@ -14,6 +14,7 @@ namespace {
 struct ContextRegistry {
     SlimLock lock;
     HandleTable<ContextEntry> table;
+    std::uint64_t breaks = 0;  ///< how often the daemon contexts have been lost
 };
 
 ContextRegistry& contexts() {
@@ -54,33 +55,44 @@ std::optional<ContextEntry> unregisterContext(SCARDCONTEXT context) noexcept {
 LONG getRemoteContextVolatile(SCARDCONTEXT context, std::uint64_t& remoteContext, bool remoteFlag) {
     static constexpr FunctionLog log("getRemoteContextVolatile");
     remoteContext = NO_REMOTE_CONTEXT;
-    ContextEntry copy;
-    {
-        const SlimGuard guard(contexts().lock);
-        const ContextEntry* const entry = contexts().table.find(context);
-        if (entry == nullptr) {
-            return SCARD_E_INVALID_HANDLE;
+    for (;;) {
+        ContextEntry copy;
+        std::uint64_t breaks = 0;
+        {
+            const SlimGuard guard(contexts().lock);
+            const ContextEntry* const entry = contexts().table.find(context);
+            if (entry == nullptr) {
+                return SCARD_E_INVALID_HANDLE;
+            }
+            copy = *entry;
+            breaks = contexts().breaks;
         }
-        copy = *entry;
-    }
-    std::uint64_t& slot = remoteFlag ? copy.remote : copy.remoteLocal;
-    if (slot == NO_REMOTE_CONTEXT) {
+        std::uint64_t& slot = remoteFlag ? copy.remote : copy.remoteLocal;
+        if (slot != NO_REMOTE_CONTEXT) {
+            remoteContext = slot;
+            return SCARD_S_SUCCESS;
+        }
         const LONG rv = establishRemoteContext(copy.scope, slot, remoteFlag);
         if (rv != SCARD_S_SUCCESS) {
             return rv;
         }
-        // The whole entry goes back as it was read, deliberately: what other threads changed in it
-        // during the exchange is overwritten, a context that was released meanwhile stands again,
-        // and of two daemon contexts made at once the later one stays.
         {
             const SlimGuard guard(contexts().lock);
+            if (breaks != contexts().breaks) {
+                // The daemon that made it has gone since: to the next one it would mean nothing, or
+                // another program's context.
+                continue;
+            }
+            // The whole entry goes back as it was read, deliberately: what other threads changed in
+            // it during the exchange is overwritten, a context that was released meanwhile stands
+            // again, and of two daemon contexts made at once the later one stays.
             contexts().table.put(context, copy);
         }
         log.debug("Local context %Ix mapped to %s context %ld", copy.systemHandle,
                   remoteFlag ? "remote" : "remote-local", static_cast<long>(slot));
+        remoteContext = slot;
+        return SCARD_S_SUCCESS;
     }
-    remoteContext = slot;
-    return SCARD_S_SUCCESS;
 }
 
 void setContextCancelled(SCARDCONTEXT context, bool cancelled) noexcept {
@@ -93,15 +105,16 @@ void setContextCancelled(SCARDCONTEXT context, bool cancelled) noexcept {
     }
 }
 
-bool isContextCancelled(SCARDCONTEXT context) noexcept {
+std::uint64_t getBoundRemoteContext(SCARDCONTEXT context) noexcept {
     const SlimGuard guard(contexts().lock);
     const ContextEntry* const entry = contexts().table.find(context);
-    return entry != nullptr && entry->cancelled;
+    return entry == nullptr ? NO_REMOTE_CONTEXT : entry->remote;
 }
 
 void invalidateRemoteContexts() noexcept {
     static constexpr FunctionLog log("invalidateRemoteContexts");
     const SlimGuard guard(contexts().lock);
+    ++contexts().breaks;
     contexts().table.forEach([](std::uint64_t context, ContextEntry& entry) {
         entry.remote = NO_REMOTE_CONTEXT;
         entry.remoteLocal = NO_REMOTE_CONTEXT;

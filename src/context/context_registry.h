@@ -35,19 +35,23 @@ SCARDCONTEXT getLocalContext(SCARDCONTEXT context) noexcept;
 /// Removes a handle and returns what stood behind it; nothing when it is unknown.
 std::optional<ContextEntry> unregisterContext(SCARDCONTEXT context) noexcept;
 
-/// The daemon context of a handle, which is made on first use with the scope of the handle.
+/// The daemon context of a handle, which is made on first use with the scope of the handle; anew
+/// when the daemon goes before it could be noted.
 /// @param remoteContext  out: the daemon's context, NO_REMOTE_CONTEXT on every failure.
 /// @param remoteFlag     true: the "remote" binding; false: the "remote-local" one.
 /// @return SCARD_E_INVALID_HANDLE when the handle is unknown, else as establishRemoteContext.
 LONG getRemoteContextVolatile(SCARDCONTEXT context, std::uint64_t& remoteContext, bool remoteFlag);
 
-/// Sets or clears the mark that ends waits in progress on the handle; an unknown one is ignored.
+/// The daemon context that a handle stands for in "remote" operations; NO_REMOTE_CONTEXT when it
+/// has none yet or is unknown.
+std::uint64_t getBoundRemoteContext(SCARDCONTEXT context) noexcept;
+
+/// Notes that the waits on the handle have been cancelled, or that one has begun; an unknown handle
+/// is ignored. What ends a wait is told to the wait itself.
 void setContextCancelled(SCARDCONTEXT context, bool cancelled) noexcept;
 
-/// The mark; false for an unknown handle.
-bool isContextCancelled(SCARDCONTEXT context) noexcept;
-
-/// Forgets every daemon context, because the daemon lost them with its pipe.
+/// Forgets every daemon context, because the daemon lost them with its pipe. One that a thread is
+/// just getting is not bound any more either.
 void invalidateRemoteContexts() noexcept;
 
 /// Gives a system context to every handle that lacks one, as far as the system library can.

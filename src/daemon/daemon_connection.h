@@ -44,6 +44,15 @@ class DaemonConnection {
     virtual bool checkDaemonAvailability() = 0;
     /// The state under which this kind of connection serves; in any other it is not reused.
     virtual ServiceState serviceKind() const = 0;
+
+    /// Starts a read of exactly size bytes, for a caller that waits for other things meanwhile.
+    /// Nothing else may be done with the connection until finishReceive or closeSocket, and until
+    /// one of them has returned the buffer may be written to.
+    /// @param ended  out on success: an event, the connection's own, that is set when the read is
+    ///               over.
+    virtual LONG startReceive(void* buffer, std::uint64_t size, HANDLE& ended) = 0;
+    /// Waits for the end of that read, without a limit, and returns what readMessage would have.
+    virtual LONG finishReceive() = 0;
 };
 
 }  // namespace tez

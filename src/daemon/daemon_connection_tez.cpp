@@ -69,6 +69,7 @@ bool DaemonConnectionTEZ::connect() {
 }
 
 void DaemonConnectionTEZ::closeSocket() {
+    giveUpStartedRead();
     pipeHandle_.close();
     if (cancelled_ != nullptr) {
         OverlappedTransfer::retire(std::move(cancelled_));
@@ -125,75 +126,115 @@ bool DaemonConnectionTEZ::handshake(const char* token, std::int32_t cacheOption)
     return true;
 }
 
-/// What a transfer is called in its log lines.
+/// What the two directions say in the log.
 struct DaemonConnectionTEZ::Direction {
     FunctionLog log;
-    const char* infinitive;
-    const char* progressive;
-    const char* participle;
+    void (*logRefused)(const FunctionLog& log, HANDLE pipe, DWORD error);
+    void (*logTimeout)(const FunctionLog& log);
+    void (*logPartial)(const FunctionLog& log, DWORD count, std::uint64_t n);
+
+    static const Direction writing;
+    static const Direction reading;
 };
 
+constexpr DaemonConnectionTEZ::Direction DaemonConnectionTEZ::Direction::writing = {
+    FunctionLog("DaemonConnectionTEZ::writen"),
+    [](const FunctionLog& log, HANDLE pipe, DWORD error) {
+        log.debug("Failed to write to pipe %llu: 0x%08X", printable(pipe),
+                  static_cast<unsigned>(error));
+    },
+    [](const FunctionLog& log) { log.debug("Timeout while writing to pipe"); },
+    [](const FunctionLog& log, DWORD count, std::uint64_t n) {
+        log.debug("Message written partially %lu < %lu", count, static_cast<unsigned long>(n));
+    }};
+
+constexpr DaemonConnectionTEZ::Direction DaemonConnectionTEZ::Direction::reading = {
+    FunctionLog("DaemonConnectionTEZ::readn"),
+    [](const FunctionLog& log, HANDLE pipe, DWORD error) {
+        log.debug("Failed to read from pipe %llu: 0x%08X", printable(pipe),
+                  static_cast<unsigned>(error));
+    },
+    [](const FunctionLog& log) { log.debug("Timeout while reading from pipe"); },
+    [](const FunctionLog& log, DWORD count, std::uint64_t n) {
+        log.debug("Message read partially %lu < %lu", count, static_cast<unsigned long>(n));
+    }};
+
 template <class Start>
-std::uint64_t DaemonConnectionTEZ::transfer(const Direction& direction, std::uint64_t n,
-                                            std::uint32_t timeout, Start start) {
-    const FunctionLog& log = direction.log;
-    std::unique_ptr<OverlappedTransfer> operation = OverlappedTransfer::create();
+auto DaemonConnectionTEZ::startTransfer(const Direction& direction, std::uint64_t n, Start start)
+    -> Transfer {
+    Transfer operation = OverlappedTransfer::create();
     if (operation == nullptr) {
-        log.debug("Could not create an overlapped operation: 0x%08X",
-                  static_cast<unsigned>(GetLastError()));
-        return kFailed;
+        direction.log.debug("Could not create an overlapped operation: 0x%08X",
+                            static_cast<unsigned>(GetLastError()));
+        return nullptr;
     }
     const HANDLE pipe = pipeHandle_.get();
     // Records never exceed what the kernel's 32-bit count can carry.
     if (start(pipe, static_cast<DWORD>(n), operation->overlapped()) == FALSE) {
         const DWORD error = GetLastError();
         if (error != ERROR_IO_PENDING) {
-            log.debug("Failed to %s pipe %llu: 0x%08X", direction.infinitive, printable(pipe),
-                      static_cast<unsigned>(error));
-            return kFailed;
+            direction.logRefused(direction.log, pipe, error);
+            return nullptr;
         }
-        if (WaitForSingleObject(operation->event(), timeout) != WAIT_OBJECT_0) {
-            log.debug("Timeout while %s pipe", direction.progressive);
-            CancelIoEx(pipe, operation->overlapped());
-            OverlappedTransfer::push(cancelled_, std::move(operation));
-            return kFailed;
-        }
+        operation->markPending();
+    }
+    return operation;
+}
+
+std::uint64_t DaemonConnectionTEZ::finishTransfer(const Direction& direction, Transfer operation,
+                                                  std::uint64_t n, std::uint32_t timeout) {
+    const HANDLE pipe = pipeHandle_.get();
+    if (operation->isPending() &&
+        WaitForSingleObject(operation->event(), timeout) != WAIT_OBJECT_0) {
+        direction.logTimeout(direction.log);
+        CancelIoEx(pipe, operation->overlapped());
+        OverlappedTransfer::push(cancelled_, std::move(operation));
+        return kFailed;
     }
     DWORD count = 0;
     if (GetOverlappedResult(pipe, operation->overlapped(), &count, FALSE) == FALSE) {
-        log.debug("Could not get the result of the overlapped operation: 0x%08X",
-                  static_cast<unsigned>(GetLastError()));
+        direction.log.debug("Could not get the result of the overlapped operation: 0x%08X",
+                            static_cast<unsigned>(GetLastError()));
         return kFailed;
     }
     if (count < n) {
-        log.debug("Message %s partially %lu < %lu", direction.participle, count,
-                  static_cast<unsigned long>(n));
+        direction.logPartial(direction.log, count, n);
     }
     return count;
 }
 
-std::uint64_t DaemonConnectionTEZ::writen(const void* buffer, std::uint64_t n) {
-    static constexpr Direction direction = {FunctionLog("DaemonConnectionTEZ::writen"), "write to",
-                                            "writing to", "written"};
-    return transfer(direction, n, kWriteTimeout,
-                    [buffer](HANDLE pipe, DWORD size, OVERLAPPED* overlapped) {
-                        return WriteFile(pipe, buffer, size, nullptr, overlapped);
-                    });
+auto DaemonConnectionTEZ::startRead(void* buffer, std::uint64_t n) -> Transfer {
+    return startTransfer(Direction::reading, n,
+                         [buffer](HANDLE pipe, DWORD size, OVERLAPPED* overlapped) {
+                             return ReadFile(pipe, buffer, size, nullptr, overlapped);
+                         });
 }
 
-std::uint64_t DaemonConnectionTEZ::readn(void* buffer, std::uint64_t n, std::uint32_t timeout) {
-    static constexpr Direction direction = {FunctionLog("DaemonConnectionTEZ::readn"), "read from",
-                                            "reading from", "read"};
-    if (n == 0) {
-        return 0;
-    }
+std::uint64_t DaemonConnectionTEZ::finishRead(Transfer operation, std::uint64_t n,
+                                              std::uint32_t timeout) {
     const std::uint64_t count =
-        transfer(direction, n, timeout, [buffer](HANDLE pipe, DWORD size, OVERLAPPED* overlapped) {
-            return ReadFile(pipe, buffer, size, nullptr, overlapped);
-        });
+        finishTransfer(Direction::reading, std::move(operation), n, timeout);
     // Unlike a short write, a short read is no count that a caller could use: what is missing of
     // the record may never come.
     return count == n ? count : kFailed;
+}
+
+std::uint64_t DaemonConnectionTEZ::writen(const void* buffer, std::uint64_t n) {
+    Transfer operation = startTransfer(
+        Direction::writing, n, [buffer](HANDLE pipe, DWORD size, OVERLAPPED* overlapped) {
+            return WriteFile(pipe, buffer, size, nullptr, overlapped);
+        });
+    return operation == nullptr
+               ? kFailed
+               : finishTransfer(Direction::writing, std::move(operation), n, kWriteTimeout);
+}
+
+std::uint64_t DaemonConnectionTEZ::readn(void* buffer, std::uint64_t n, std::uint32_t timeout) {
+    if (n == 0) {
+        return 0;
+    }
+    Transfer operation = startRead(buffer, n);
+    return operation == nullptr ? kFailed : finishRead(std::move(operation), n, timeout);
 }
 
 LONG DaemonConnectionTEZ::sendMessage(const void* data, std::uint64_t size) {
@@ -246,11 +287,43 @@ LONG DaemonConnectionTEZ::receiveMessage(void* buffer, std::uint64_t size, std::
     if (!pipeHandle_.isOpen()) {
         return SCARD_E_NO_SERVICE;
     }
-    if (readn(buffer, size, timeout) == size) {
+    return received(readn(buffer, size, timeout), size);
+}
+
+LONG DaemonConnectionTEZ::received(std::uint64_t count, std::uint64_t size) {
+    if (count == size) {
         return SCARD_S_SUCCESS;
     }
     closeSocket();
     return SCARD_E_NO_SERVICE;
+}
+
+LONG DaemonConnectionTEZ::startReceive(void* buffer, std::uint64_t size, HANDLE& ended) {
+    if (!pipeHandle_.isOpen()) {
+        return SCARD_E_NO_SERVICE;
+    }
+    startedRead_ = startRead(buffer, size);
+    if (startedRead_ == nullptr) {
+        return received(kFailed, size);
+    }
+    startedSize_ = size;
+    ended = startedRead_->event();
+    return SCARD_S_SUCCESS;
+}
+
+LONG DaemonConnectionTEZ::finishReceive() {
+    return received(finishRead(std::move(startedRead_), startedSize_, INFINITE), startedSize_);
+}
+
+/// The buffer is its owner's again once this has returned, so the cancelled read is waited for: the
+/// kernel ends it without asking the other end of the pipe.
+void DaemonConnectionTEZ::giveUpStartedRead() {
+    if (startedRead_ != nullptr) {
+        DWORD count = 0;
+        CancelIoEx(pipeHandle_.get(), startedRead_->overlapped());
+        GetOverlappedResult(pipeHandle_.get(), startedRead_->overlapped(), &count, TRUE);
+        startedRead_ = nullptr;
+    }
 }
 
 LONG DaemonConnectionTEZ::readMessage(void* buffer, std::uint64_t size) {

@@ -30,6 +30,8 @@ class DaemonConnectionTEZ : public DaemonConnection {
     bool isProtocolAtLeast(std::uint32_t major, std::uint32_t minor) const override;
     bool checkDaemonAvailability() override;
     ServiceState serviceKind() const override { return ServiceState::LocalFirst; }
+    LONG startReceive(void* buffer, std::uint64_t size, HANDLE& ended) override;
+    LONG finishReceive() override;
 
     /// What writen and readn return when nothing could be moved.
     static constexpr std::uint64_t kFailed = ~std::uint64_t{0};
@@ -52,9 +54,19 @@ class DaemonConnectionTEZ : public DaemonConnection {
 
   private:
     struct Direction;
+    using Transfer = std::unique_ptr<OverlappedTransfer>;
+
+    /// Starts one overlapped operation; null, with the reason logged, when it cannot be started.
     template <class Start>
-    std::uint64_t transfer(const Direction& direction, std::uint64_t n, std::uint32_t timeout,
-                           Start start);
+    Transfer startTransfer(const Direction& direction, std::uint64_t n, Start start);
+    Transfer startRead(void* buffer, std::uint64_t n);
+    /// Waits for it, and logs what is short of n. Returns the bytes moved or kFailed.
+    std::uint64_t finishTransfer(const Direction& direction, Transfer operation, std::uint64_t n,
+                                 std::uint32_t timeout);
+    std::uint64_t finishRead(Transfer operation, std::uint64_t n, std::uint32_t timeout);
+    /// What a read that moved this many of size bytes means; closes the connection on a failure.
+    LONG received(std::uint64_t count, std::uint64_t size);
+    void giveUpStartedRead();
     void makePathAndToken();
 
     std::uint32_t protocolMajor_ = 0;
@@ -63,7 +75,9 @@ class DaemonConnectionTEZ : public DaemonConnection {
     HeapPtr<char> authToken_;
     OwnedFile pipeHandle_;
     /// Cancelled transfers that the kernel may still write to; kept until the pipe is closed.
-    std::unique_ptr<OverlappedTransfer> cancelled_;
+    Transfer cancelled_;
+    Transfer startedRead_;  ///< of startReceive
+    std::uint64_t startedSize_ = 0;
 };
 
 }  // namespace tez

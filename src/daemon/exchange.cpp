@@ -17,7 +17,7 @@ Exchange::Exchange(const FunctionLog& log, const FailureLines& failureLines)
     : log_(log), failureLines_(failureLines), connection_(acquireConnection()) {}
 
 Exchange::~Exchange() {
-    if (announced_ != 0) {
+    if (announced_ != 0 || received_ != nullptr) {
         connection_->closeSocket();
     }
     releaseConnection(std::move(connection_));
@@ -62,6 +62,15 @@ LONG Exchange::sendHeader(CommandCode command, std::uint32_t recordSize, std::ui
 
 LONG Exchange::send(const void* data, std::uint32_t size, const char* failure) {
     return size == 0 ? SCARD_S_SUCCESS : warnUnless(connection_->sendMessage(data, size), failure);
+}
+
+LONG Exchange::startReceive(void* record, std::uint32_t size) {
+    return warnUnless(connection_->startReceive(record, size, received_), failureLines_.receive);
+}
+
+LONG Exchange::finishReceive() {
+    received_ = nullptr;
+    return warnUnless(connection_->finishReceive(), failureLines_.receive);
 }
 
 LONG Exchange::readAnnounced(void* buffer, std::uint32_t size, const char* failure) {

@@ -49,8 +49,9 @@ class Exchange {
     explicit Exchange(const FunctionLog& log, const FailureLines& failureLines = kFailureLines);
     Exchange(const Exchange&) = delete;
     Exchange& operator=(const Exchange&) = delete;
-    /// Gives the connection back. When the daemon has announced bytes that were not read, the pipe
-    /// is closed first: the next call on this connection must not take them for its answer.
+    /// Gives the connection back. When the daemon has announced bytes that were not read, or its
+    /// answer was not waited for, the pipe is closed first: the next call on this connection must
+    /// not take them for its answer.
     ~Exchange();
 
     /// Whether there is a connection; nothing else but isConnected may be called without one.
@@ -112,6 +113,19 @@ class Exchange {
         return warnUnless(connection_->readMessage(&record, sizeof(record)), failureLines_.receive);
     }
 
+    /// Starts to read the daemon's copy of the record, for a caller that waits for other things
+    /// too. The record has to outlive the exchange, whose end gives up a read that is not finished.
+    /// Returns the transport's code.
+    template <class Record>
+    LONG startReceive(Record& record) {
+        static_assert(std::is_trivially_copyable_v<Record>);
+        return startReceive(&record, sizeof(record));
+    }
+    /// An event that is set when the started read is over.
+    HANDLE received() const noexcept { return received_; }
+    /// Finishes that read, waiting for its end if need be; returns the transport's code.
+    LONG finishReceive();
+
     /// Reads the daemon's copy of the record; returns the transport's code or the daemon's.
     template <class Record>
     LONG readBack(Record& record) {
@@ -142,12 +156,15 @@ class Exchange {
     LONG sendWhole(CommandCode command, std::string_view record, std::string_view tail,
                    std::optional<bool> flag);
 
+    LONG startReceive(void* record, std::uint32_t size);
+
     LONG warnUnless(LONG rv, const char* failure) const;
 
     const FunctionLog& log_;
     const FailureLines& failureLines_;
     std::unique_ptr<DaemonConnection> connection_;
     std::uint64_t announced_ = 0;
+    HANDLE received_ = nullptr;  ///< of a read that is started and not finished
 };
 
 /// The whole of an exchange that has neither gates nor data phases.

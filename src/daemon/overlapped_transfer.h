@@ -21,6 +21,11 @@ class OverlappedTransfer {
     OVERLAPPED* overlapped() noexcept { return &overlapped_; }
     HANDLE event() const noexcept { return event_.get(); }
 
+    /// Notes that the operation goes on after it was started; one that was over at once needs no
+    /// waiting.
+    void markPending() noexcept { isPending_ = true; }
+    bool isPending() const noexcept { return isPending_; }
+
     /// Puts a transfer in front of a list, which owns it. Never fails.
     static void push(std::unique_ptr<OverlappedTransfer>& list,
                      std::unique_ptr<OverlappedTransfer> transfer) noexcept;
@@ -34,6 +39,7 @@ class OverlappedTransfer {
 
     OVERLAPPED overlapped_ = {};
     OwnedHandle event_;
+    bool isPending_ = false;
     std::unique_ptr<OverlappedTransfer> next_;
 };
 

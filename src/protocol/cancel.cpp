@@ -4,9 +4,8 @@
 #include "context/context_registry.h"
 #include "context/routing.h"
 #include "daemon/exchange.h"
-#include "local/local_calls.h"
 #include "log/call_frame.h"
-#include "protocol/wait_cancel.h"
+#include "state/waits.h"
 #include "wire/card_records.h"
 
 using namespace tez;
@@ -18,6 +17,7 @@ LONG cancelRemotely(const FunctionLog& log, SCARDCONTEXT context) {
         std::uint64_t remoteContext = NO_REMOTE_CONTEXT;
         LONG rv = getRemoteContextVolatile(context, remoteContext, true);
         if (rv == SCARD_S_SUCCESS) {
+            const CancelInProgress mark(WaitSide::Remote, remoteContext);
             HandleRecord record = {remoteContext, 0};
             rv = exchangeRecord(log, CMD_CANCEL, record);
         }
@@ -38,14 +38,16 @@ LONG WINAPI SCardCancel(SCARDCONTEXT hContext) {
         if (!isContextKnown(hContext)) {
             return SCARD_E_INVALID_HANDLE;
         }
+        // First, so that the waits in progress now are meant and no others, and so that a side that
+        // does not answer keeps no wait from ending on the other.
+        cancelWaits(hContext);
         setContextCancelled(hContext, true);
         // Both sides are cancelled, whatever became of the other; the first error is told.
         LONG rv = cancelRemotely(call.log(), hContext);
         if (state != ServiceState::RemoteOnly) {
-            const LONG localRv = withLocalContext(hContext, LocalSCardCancel);
+            const LONG localRv = withLocalContext(hContext, cancelSystemWait);
             rv = rv == SCARD_S_SUCCESS ? localRv : rv;
         }
-        keepCancelling(hContext);
         return rv;
     });
 }

@@ -82,6 +82,8 @@ LONG listLocalReaders(const ListArguments& arguments, bool isAllocated) {
     if (rv == SCARD_S_SUCCESS) {
         if (const auto list = receivedList(arguments, isAllocated)) {
             setLocalReaderNames(*list);
+        } else {
+            markLocalReaderNamesUntold();
         }
     }
     return rv;

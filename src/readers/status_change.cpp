@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <memory>
+#include <new>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -8,12 +10,12 @@
 #include "context/context_registry.h"
 #include "daemon/service_state.h"
 #include "log/call_frame.h"
-#include "readers/local_wait.h"
+#include "readers/local_half.h"
 #include "readers/reader_states.h"
-#include "readers/remote_wait.h"
-#include "state/pending_local_waits.h"
+#include "readers/remote_half.h"
+#include "readers/wait_owner.h"
 #include "state/reader_names.h"
-#include "state/status_waits.h"
+#include "state/waits.h"
 
 using namespace tez;
 
@@ -21,7 +23,7 @@ namespace {
 
 struct StatusChange {
     const FunctionLog& log;
-    std::uint64_t interruptions;  ///< countInterruptions(), read before the state
+    Wait& wait;  ///< in the registry since before the state was read
     ServiceState state;
     SCARDCONTEXT context;
     DWORD timeout;
@@ -63,11 +65,10 @@ void ensureReadersListed(const StatusChange& call) {
         "List readers was never called, let's call it to update the list of local and remote "
         "readers");
     DWORD length = 0;
-    const LONG rv = SCardListReadersA(call.context, nullptr, nullptr, &length);
-    if (rv == SCARD_S_SUCCESS && call.state != ServiceState::RemoteOnly &&
-        !areLocalReaderNamesKnown()) {
-        // When the daemon has no list to add to, the host is asked for a length as the caller is
-        // asking for one, and tells no names. Without them its readers would be on neither side.
+    SCardListReadersA(call.context, nullptr, nullptr, &length);
+    if (areLocalReaderNamesUntold()) {
+        // The daemon has no list to add to, so the host was asked for a length as the caller was
+        // asking for one, and has told no names. Without them its readers would be on neither side.
         LocalBuffer names;
         SCardListReadersA(call.context, nullptr, names.destination(), names.length());
     }
@@ -106,62 +107,84 @@ void classify(const StatusChange& call, ReaderIndexes& local, ReaderIndexes& rem
 /// The remote result stands for a call whose local half failed, and a local success, an empty half
 /// among them, makes the call succeed whatever the remote side said. Applications wait again on a
 /// success without a change, but give up on errors; the asymmetry is intended.
-LONG combine(const StatusChange& call, StatusWait& wait, LONG localRv, LONG remoteRv) {
+LONG combine(const StatusChange& call, LONG localRv, LONG remoteRv) {
     if (call.state == ServiceState::LocalOnly) {
         return localRv;
     }
+    const WaitOrders orders = call.wait.orders();
+    // Nothing is there any more that could be waited on again: no success of a side without readers
+    // in the call hides that.
+    if (orders.isReleased) {
+        return localRv == SCARD_S_SUCCESS ? remoteRv : localRv;
+    }
     // The monitor has ended both halves, the remote one by a cancel: none of the application's.
-    if (wait.isInterrupted() && !wait.isCancelled() && remoteRv == SCARD_E_CANCELLED) {
+    if (orders.isInterrupted && !orders.isCancelled && remoteRv == SCARD_E_CANCELLED) {
         return localRv;
     }
     return localRv == SCARD_S_SUCCESS ? SCARD_S_SUCCESS : remoteRv;
 }
 
-LONG waitOnBothSides(const StatusChange& call, StatusWait& wait) {
+/// The entries, the halves and their owner of one call. On the heap: should the calling thread be
+/// terminated, the worker and the kernel must not write to where its stack was.
+struct Halves {
+    explicit Halves(const StatusChange& call)
+        : systemContext(call.state == ServiceState::RemoteOnly ? 0 : getLocalContext(call.context)),
+          local(systemContext, call.timeout, call.wait),
+          remote(call.log, call.state, call.entries, remoteIndexes, localIndexes),
+          owner(call.log, call.context, call.timeout, call.wait, local, remote) {}
+
+    SCARDCONTEXT systemContext;
     ReaderIndexes localIndexes;
     ReaderIndexes remoteIndexes;
-    classify(call, localIndexes, remoteIndexes);
+    LocalHalf local;
+    RemoteHalf remote;
+    WaitOwner owner;
+};
 
-    DWORD timeout = call.timeout;
-    LONG localRv = SCARD_S_SUCCESS;
-    const bool isServedLocally = call.state != ServiceState::RemoteOnly;
-    const SCARDCONTEXT systemContext = isServedLocally ? getLocalContext(call.context) : 0;
-    LocalWait local(call.context, systemContext, timeout, wait, call.interruptions);
-    if (isServedLocally && systemContext == 0) {
-        localRv = SCARD_E_INVALID_HANDLE;
-    } else if (isServedLocally && !localIndexes.empty()) {
-        local.start(call.entries, localIndexes, remoteIndexes.size());
+/// Whether the halves run one behind the other on the calling thread, as neither keeps the other
+/// waiting. A thread is handed over to only where there is something to run beside.
+bool isSequential(const StatusChange& call, const RemoteHalf& remote) {
+    return call.state == ServiceState::LocalOnly || call.timeout == 0 ||
+           (remote.isEmpty() && getBoundRemoteContext(call.context) != NO_REMOTE_CONTEXT);
+}
+
+LONG waitOnBothSides(const StatusChange& call) {
+    const auto halves = std::make_unique<Halves>(call);
+    LocalHalf& local = halves->local;
+    RemoteHalf& remote = halves->remote;
+    classify(call, halves->localIndexes, halves->remoteIndexes);
+    if (halves->systemContext != 0) {
+        local.prepare(call.entries, halves->localIndexes, halves->remoteIndexes.size());
+    }
+    if (!isSequential(call, remote)) {
+        call.wait.openWake();
+        local.startOnWorker();
+    } else if (call.timeout == 0) {
+        local.runHere();
     }
 
-    const RemoteWait remote = {call.log,      call.state,          call.context, call.entries,
-                               remoteIndexes, localIndexes.size(), wait};
     const LONG remoteRv =
-        call.state == ServiceState::LocalOnly ? SCARD_E_NO_SERVICE : waitRemotely(remote, timeout);
-    wait.markRemoteDone();
+        call.state == ServiceState::LocalOnly ? SCARD_E_NO_SERVICE : halves->owner.runRemote();
     call.log.debug("intermediate rv: 0x%08lX", static_cast<unsigned long>(remoteRv));
     if (call.state == ServiceState::RemoteOnly) {
         return remoteRv;
     }
-    if (local.isStarted()) {
-        // With a finite timeout the call returns when both sides have; nothing is cancelled.
-        const bool hasRemoteChange =
-            remoteRv == SCARD_S_SUCCESS && !remoteIndexes.empty() && timeout == INFINITE;
-        localRv = local.finish(call.log, hasRemoteChange);
+    LONG localRv = halves->systemContext == 0 ? SCARD_E_INVALID_HANDLE : SCARD_S_SUCCESS;
+    if (!local.isEmpty()) {
+        localRv = halves->owner.finishLocal(remoteRv);
         call.log.debug("localRv: 0x%08lX", static_cast<unsigned long>(localRv));
         local.merge(call.entries);
     }
-    return combine(call, wait, localRv, remoteRv);
+    return combine(call, localRv, remoteRv);
 }
 
 LONG getStatusChange(const StatusChange& call) {
     if (!isContextKnown(call.context)) {
         return SCARD_E_INVALID_HANDLE;
     }
-    // Known before the mark is taken back: a cancel is either before this call, or for it.
-    const StatusWaitInProgress inProgress(call.context);
     setContextCancelled(call.context, false);
     const std::optional<LONG> ended = checkArguments(call);
-    return ended ? *ended : waitOnBothSides(call, *inProgress);
+    return ended ? *ended : waitOnBothSides(call);
 }
 
 void logNewStates(const StatusChange& call) {
@@ -179,9 +202,14 @@ void logNewStates(const StatusChange& call) {
 LONG WINAPI SCardGetStatusChangeA(SCARDCONTEXT hContext, DWORD dwTimeout,
                                   LPSCARD_READERSTATEA rgReaderStates, DWORD cReaders) {
     static constexpr CallFrame frame("SCardGetStatusChangeA", "GET_STATUS_CHANGE");
-    const StatusChange call = {frame.log(), countInterruptions(), getServiceState(), hContext,
-                               dwTimeout,   rgReaderStates,       cReaders};
+    const std::unique_ptr<Wait> wait(new (std::nothrow) Wait(hContext));
+    const ServiceState state = getServiceState();
     frame.in("%Ix, %lu, %p, %lu", hContext, dwTimeout, static_cast<void*>(rgReaderStates),
              cReaders);
+    if (wait == nullptr) {
+        return frame.run([] { return SCARD_E_NO_MEMORY; });
+    }
+    const StatusChange call = {frame.log(), *wait,          state,   hContext,
+                               dwTimeout,   rgReaderStates, cReaders};
     return frame.run([&call] { return getStatusChange(call); }, [&call] { logNewStates(call); });
 }

@@ -19,7 +19,7 @@ struct ReaderNames {
     NameList localReaderNames;
     NameList remoteReaderNames;
     std::atomic<bool> listReadersCalled = false;
-    bool isLocalKnown = false;
+    bool isLocalUntold = false;
     ReaderListing currentListing = 0;
 };
 
@@ -50,7 +50,7 @@ NameList copy(NameList ReaderNames::*list) {
 void setLocalReaderNames(std::string_view multiString) {
     NameList fresh = parse(multiString);
     const SlimGuard guard(names().readerListMutex);
-    names().isLocalKnown = true;
+    names().isLocalUntold = false;
     std::swap(names().localReaderNames, fresh);
 }
 
@@ -64,7 +64,7 @@ void forgetLocalReaderNames() noexcept {
     // As one: a listing that came between would be taken for one that is up to date.
     names().listReadersCalled.exchange(false);
     ++names().currentListing;
-    names().isLocalKnown = false;
+    names().isLocalUntold = false;
     std::swap(names().localReaderNames, old);
 }
 
@@ -72,9 +72,14 @@ void forgetRemoteReaderNames() noexcept {
     replace(&ReaderNames::remoteReaderNames, {});
 }
 
-bool areLocalReaderNamesKnown() noexcept {
+void markLocalReaderNamesUntold() noexcept {
     const SlimGuard guard(names().readerListMutex);
-    return names().isLocalKnown;
+    names().isLocalUntold = true;
+}
+
+bool areLocalReaderNamesUntold() noexcept {
+    const SlimGuard guard(names().readerListMutex);
+    return names().isLocalUntold;
 }
 
 ReaderListing currentReaderListing() noexcept {

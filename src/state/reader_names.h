@@ -22,8 +22,11 @@ void forgetLocalReaderNames() noexcept;
 /// The daemon has gone, and its readers with it.
 void forgetRemoteReaderNames() noexcept;
 
-/// Whether the host has told its names since they were forgotten last.
-bool areLocalReaderNamesKnown() noexcept;
+/// Notes that the host was asked for the length of its list only: it has readers that it has not
+/// named.
+void markLocalReaderNamesUntold() noexcept;
+/// Whether it is so, and neither its names have been told since nor forgotten.
+bool areLocalReaderNamesUntold() noexcept;
 
 /// Tells a listing that the daemon's coming has overtaken from one that is up to date: it is
 /// another one from each forgetting of the local names on.

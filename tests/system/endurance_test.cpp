@@ -59,7 +59,7 @@ class EnduranceTest : public RemoteCardTest {
         SCARD_READERSTATEA states[2] = {};
         states[0].szReader = kHostReader;
         states[1].szReader = kRemoteReader;
-        EXPECT_THAT(SCardGetStatusChangeA(context, 0, states, 2), Gives(SCARD_S_SUCCESS));
+        EXPECT_THAT(SCardGetStatusChangeA(context, 60000, states, 2), Gives(SCARD_S_SUCCESS));
     }
 
   private:

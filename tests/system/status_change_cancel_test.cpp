@@ -12,19 +12,6 @@ namespace {
 using testing::Contains;
 using testing::ElementsAre;
 
-/// Lets the library's time pass a hundred times as fast, and a repeated cancel come soon: on a busy
-/// machine there may be one in every round of a race.
-class FastClock {
-    ImportPatch<decltype(::GetTickCount64)> clock_{
-        libraryModule(), "KERNEL32.dll", "GetTickCount64", [] { return GetTickCount64() * 100; }};
-    ImportPatch<decltype(::SleepConditionVariableSRW)> sleep_{
-        libraryModule(), "KERNEL32.dll", "SleepConditionVariableSRW",
-        [](PCONDITION_VARIABLE condition, PSRWLOCK lock, DWORD timeout, ULONG flags) {
-            return SleepConditionVariableSRW(
-                condition, lock, timeout == INFINITE ? INFINITE : timeout / 100 + 1, flags);
-        }};
-};
-
 class StatusChangeCancel : public StatusChangeTest {
   protected:
     /// Lets the host's waits begin only behind a gate.
@@ -139,8 +126,7 @@ TEST_F(StatusChangeCancel, ByTheApplicationIsRepeatedWhenItComesTooEarlyForTheHo
     EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     gate.open();
     EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
-    ASSERT_EQ(hostCancels().size(), 2U);
-    EXPECT_GE(wait.duration(), 950U);
+    EXPECT_GE(hostCancels().size(), 2U);
 }
 
 TEST_F(StatusChangeCancel, ByTheApplicationIsRepeatedWhenItComesTooEarlyForTheDaemon) {
@@ -152,7 +138,7 @@ TEST_F(StatusChangeCancel, ByTheApplicationIsRepeatedWhenItComesTooEarlyForTheDa
     EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     gate.open();
     EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
-    EXPECT_EQ(remoteCancels(), 2U);
+    EXPECT_GE(remoteCancels(), 2U);
 }
 
 TEST_F(StatusChangeCancel, ByTheApplicationIsRepeatedForADaemonThatServesTheCallAlone) {
@@ -163,9 +149,8 @@ TEST_F(StatusChangeCancel, ByTheApplicationIsRepeatedForADaemonThatServesTheCall
     EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     gate.open();
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS)) << "the empty local half makes it one";
-    EXPECT_EQ(remoteCancels(), 2U);
-    EXPECT_GE(wait.duration(), 950U);
-    EXPECT_EQ(log().count("SCardCancel", "canceling remote SCardGetStatusChange again"), 1U);
+    EXPECT_GE(remoteCancels(), 2U);
+    EXPECT_GE(log().count(kLocalStatusChange, kCancelRemoteAgain), 1U);
 }
 
 TEST_F(StatusChangeCancel, ByTheApplicationIsRepeatedForAHostThatServesTheCallAlone) {
@@ -178,11 +163,11 @@ TEST_F(StatusChangeCancel, ByTheApplicationIsRepeatedForAHostThatServesTheCallAl
     EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     gate.open();
     EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
-    EXPECT_EQ(hostCancels().size(), 2U);
-    EXPECT_EQ(log().count("SCardCancel", "canceling local SCardGetStatusChange again"), 1U);
+    EXPECT_GE(hostCancels().size(), 2U);
+    EXPECT_GE(log().count("SCardCancel", kCancelLocalAgain), 1U);
 }
 
-TEST_F(StatusChangeCancel, ThatComesSeveralTimesIsRepeatedByOneThread) {
+TEST_F(StatusChangeCancel, ThatComesSeveralTimesIsRepeatedOnceEachTime) {
     const SCARDCONTEXT context = establishAndList();
     noteHostCancels();
     const Gate gate = holdHostWaits();
@@ -190,29 +175,27 @@ TEST_F(StatusChangeCancel, ThatComesSeveralTimesIsRepeatedByOneThread) {
     for (int i = 0; i < 3; ++i) {
         EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     }
-    ASSERT_TRUE(eventually([&] { return hostCancels().size() >= 5; }));
+    ASSERT_TRUE(eventually([&] { return hostCancels().size() >= 6; }));
     gate.open();
     EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
     const std::vector<ULONGLONG> cancels = hostCancels();
-    EXPECT_GE(cancels[3] - cancels[2], 900U);
-    EXPECT_GE(cancels[4] - cancels[3], 1900U);
+    EXPECT_GE(cancels[4] - cancels[3], 90U);
+    EXPECT_GE(cancels[5] - cancels[4], 190U);
 }
 
-TEST_F(StatusChangeCancel, IsRepeatedByTheNextOneWhenThereWasNoThreadForIt) {
-    const SCARDCONTEXT context = establishAndList();
+TEST_F(StatusChangeCancel, OfAWaitOnTheHostAloneIsRepeatedByTheNextOneWhenThereWasNoThreadForIt) {
+    const SCARDCONTEXT context = establish();
+    listReaders(context);
     noteHostCancels();
     const Gate gate = holdHostWaits();
-    const BackgroundWait wait = waitHeldByTheHost(context, gate);
+    const BackgroundWait wait(context, INFINITE, {unchangedHost()});
+    ASSERT_TRUE(gate.waitUntilReached());
     {
-        using Start =
-            std::uintptr_t(void*, unsigned, unsigned (*)(void*), void*, unsigned, unsigned*);
-        const ImportPatch<Start> noThread(libraryModule(), "msvcrt.dll", "_beginthreadex",
-                                          [](void*, unsigned, unsigned (*)(void*), void*, unsigned,
-                                             unsigned*) -> std::uintptr_t { return 0; });
+        const NoThreads noThreads;
         EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     }
     EXPECT_THAT(log().messages("SCardCancel", 'W'),
-                ElementsAre("Could not see to it that the wait ends"));
+                ElementsAre("Could not see to it that the waits end"));
     EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     gate.open();
     EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
@@ -225,12 +208,12 @@ TEST_F(StatusChangeCancel, ByTheApplicationReachesTheHostWithoutMemoryForTheDaem
     const BackgroundWait wait = waitOnBothSides(context);
     {
         HeapSpy heap;
-        heap.refuseNth(1);  // the connection: the wait has the one that there was
+        heap.refuseNth(2);  // the connection: the wait has the one that there was
         EXPECT_THAT(SCardCancel(context), Gives(SCARD_E_NO_MEMORY));
         EXPECT_TRUE(heap.stopRefusing());
     }
     EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
-    EXPECT_EQ(hostCancels().size(), 1U);
+    EXPECT_GE(hostCancels().size(), 1U);
 }
 
 TEST_F(StatusChangeCancel, ThatTheDaemonForgetsIsRepeatedUntilTheWaitHasEnded) {
@@ -244,11 +227,10 @@ TEST_F(StatusChangeCancel, ThatTheDaemonForgetsIsRepeatedUntilTheWaitHasEnded) {
     EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(cancels, 3);
-    EXPECT_GE(wait.duration(), 2900U);
     daemon.restore(Command::kCancel);
 }
 
-TEST_F(StatusChangeCancel, OfTheHostIsRepeatedAfterASecondWhenItCameTooEarly) {
+TEST_F(StatusChangeCancel, OfTheHostIsRepeatedSoonWhenItCameTooEarly) {
     const SCARDCONTEXT context = establishAndList();
     noteHostCancels();
     const Gate gate = holdHostWaits();
@@ -259,10 +241,9 @@ TEST_F(StatusChangeCancel, OfTheHostIsRepeatedAfterASecondWhenItCameTooEarly) {
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(wait.state(1).dwEventState, 0x00020012U);
     const std::vector<ULONGLONG> cancels = hostCancels();
-    ASSERT_EQ(cancels.size(), 2U);
-    EXPECT_GE(cancels[1] - cancels[0], 900U);
+    ASSERT_GE(cancels.size(), 2U);
     EXPECT_EQ(log().count(kStatusChange, kCancelLocal), 1U);
-    EXPECT_EQ(log().count(kStatusChange, "canceling local SCardGetStatusChange again"), 1U);
+    EXPECT_EQ(log().count(kStatusChange, kCancelLocalAgain), cancels.size() - 1);
 }
 
 TEST_F(StatusChangeCancel, OfTheHostIsRepeatedAtGrowingIntervals) {
@@ -271,19 +252,15 @@ TEST_F(StatusChangeCancel, OfTheHostIsRepeatedAtGrowingIntervals) {
     const Gate gate = holdHostWaits();
     const BackgroundWait wait = waitHeldByTheHost(context, gate);
     remote.removeCard(kRemoteReader);
-    ASSERT_TRUE(eventually([&] { return hostCancels().size() == 3; }));
+    ASSERT_TRUE(eventually([&] { return hostCancels().size() >= 3; }));
     gate.open();
     const std::vector<ULONGLONG> cancels = hostCancels();
-    EXPECT_GE(cancels[1] - cancels[0], 900U);
-    EXPECT_GE(cancels[2] - cancels[1], 1900U);
-    ASSERT_TRUE(eventually([&] {  // the library's next one is seconds away
-        host.pcsc().cancel(kFirstHostContext);
-        return wait.isOver();
-    }));
+    EXPECT_GE(cancels[1] - cancels[0], 9U);
+    EXPECT_GE(cancels[2] - cancels[1], 19U);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
 }
 
-TEST_F(StatusChangeCancel, OfTheDaemonIsRepeatedAfterASecondWhenItCameTooEarly) {
+TEST_F(StatusChangeCancel, OfTheDaemonIsRepeatedSoonWhenItCameTooEarly) {
     const SCARDCONTEXT context = establishAndList();
     const Gate gate = holdRemoteWaits();
     std::atomic<std::size_t> cancelled = 0;
@@ -299,10 +276,9 @@ TEST_F(StatusChangeCancel, OfTheDaemonIsRepeatedAfterASecondWhenItCameTooEarly) 
     gate.open();
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(wait.state(0).dwEventState, 0x00020012U);
-    EXPECT_EQ(cancelled, 2U);
-    EXPECT_GE(wait.duration(), 900U);
+    EXPECT_GE(cancelled, 2U);
     EXPECT_EQ(log().count(kLocalStatusChange, kCancelRemote), 1U);
-    EXPECT_EQ(log().count(kLocalStatusChange, "canceling remote SCardGetStatusChange again"), 1U);
+    EXPECT_GE(log().count(kLocalStatusChange, kCancelRemoteAgain), 1U);
     daemon.restore(Command::kCancel);
 }
 
@@ -322,9 +298,9 @@ TEST_F(StatusChangeCancel, OfTheDaemonThatIsForgottenIsRepeatedAtGrowingInterval
     host.pcsc().removeCard(kHostReader);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
     ASSERT_EQ(cancels.size(), 3U);
-    EXPECT_GE(cancels[1] - cancels[0], 900U);
-    EXPECT_GE(cancels[2] - cancels[1], 1900U);
-    EXPECT_EQ(log().count(kLocalStatusChange, "canceling remote SCardGetStatusChange again"), 2U);
+    EXPECT_GE(cancels[1] - cancels[0], 9U);
+    EXPECT_GE(cancels[2] - cancels[1], 19U);
+    EXPECT_EQ(log().count(kLocalStatusChange, kCancelRemoteAgain), 2U);
     daemon.restore(Command::kCancel);
 }
 
@@ -336,10 +312,18 @@ TEST_F(StatusChangeCancel, OfTheDaemonIsNotSentBeforeTheRequestItIsToCancel) {
         gate.pass();
         return std::nullopt;
     });
+    std::atomic<bool> hasHostAnswered = false;
+    ON_CALL(host, SCardGetStatusChangeA)
+        .WillByDefault([&](SCARDCONTEXT system, DWORD timeout, LPSCARD_READERSTATEA states,
+                           DWORD count) {
+            const LONG rv = host.service().SCardGetStatusChangeA(system, timeout, states, count);
+            hasHostAnswered = true;
+            return rv;
+        });
     const BackgroundWait wait(context, INFINITE,
                               {readerState(kHostReader, SCARD_STATE_UNAWARE), unchangedRemote()});
     ASSERT_TRUE(gate.waitUntilReached());
-    ASSERT_TRUE(eventually([&] { return log().count(kLocalStatusChange, kCancelRemote) == 1; }));
+    ASSERT_TRUE(eventually([&] { return hasHostAnswered.load(); }));
     EXPECT_EQ(remoteCancels(), 0U);
     gate.open();
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
@@ -355,7 +339,6 @@ TEST_F(StatusChangeCancel, OfTheDaemonIsNotSentBeforeTheRequestItIsToCancel) {
 }
 
 TEST_F(StatusChangeCancel, IsNotLostInHundredsOfRacesWithRemoteChanges) {
-    const FastClock clock;
     const SCARDCONTEXT context = establishAndList();
     DWORD state = SCARD_STATE_PRESENT;
     for (int round = 0; round < 200; ++round) {
@@ -369,12 +352,12 @@ TEST_F(StatusChangeCancel, IsNotLostInHundredsOfRacesWithRemoteChanges) {
             state = SCARD_STATE_PRESENT;
         }
         ASSERT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+        ASSERT_LT(wait.duration(), kSoon);
         ASSERT_EQ(wait.state(1).dwEventState & 0xFFFF, state | SCARD_STATE_CHANGED);
     }
 }
 
 TEST_F(StatusChangeCancel, IsNotLostInHundredsOfRacesWithHostChanges) {
-    const FastClock clock;
     const SCARDCONTEXT context = establishAndList();
     DWORD state = SCARD_STATE_PRESENT;
     for (int round = 0; round < 200; ++round) {
@@ -388,6 +371,7 @@ TEST_F(StatusChangeCancel, IsNotLostInHundredsOfRacesWithHostChanges) {
             state = SCARD_STATE_PRESENT;
         }
         ASSERT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+        ASSERT_LT(wait.duration(), kSoon);
         ASSERT_EQ(wait.state(0).dwEventState & 0xFFFF, state | SCARD_STATE_CHANGED);
     }
 }

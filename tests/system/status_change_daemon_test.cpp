@@ -227,11 +227,11 @@ TEST_F(StatusChangeAndDaemon, NotReadyLeavesWhatRemainsOfTheTimeoutForTheWait) {
     refuseContexts(3);  // the list's and two of the wait's
     const SCARDCONTEXT context = establishWithDaemon();
     listReaders(context);
-    const SkippedSleeps sleeps;
+    const SkippedPauses pauses;
     EXPECT_CALL(host, SCardGetStatusChangeA(_, 2500, _, 1)).WillOnce(Return(SCARD_E_TIMEOUT));
     SCARD_READERSTATEA state = readerState(kPnpReader, 7U << 16U);
     EXPECT_THAT(SCardGetStatusChangeA(context, 2500, &state, 1), Gives(SCARD_S_SUCCESS));
-    EXPECT_THAT(sleeps.durations(), ElementsAre(1000U, 1000U));
+    EXPECT_THAT(pauses.durations(), ElementsAre(1000U, 1000U));
     const std::vector<Request> requests = daemon.requests(Command::kGetStatusChange);
     ASSERT_EQ(requests.size(), 1U);
     EXPECT_EQ(u32At(requests[0].body, 8), 500U);
@@ -241,11 +241,11 @@ TEST_F(StatusChangeAndDaemon, NotReadyIsAskedAgainEverySecondWithoutATimeout) {
     refuseContexts(3);
     const SCARDCONTEXT context = establishWithDaemon();
     listReaders(context);
-    const SkippedSleeps sleeps;
+    const SkippedPauses pauses;
     SCARD_READERSTATEA state = readerState(kPnpReader, 7U << 16U);
     ON_CALL(host, SCardGetStatusChangeA).WillByDefault(Return(SCARD_E_TIMEOUT));
     EXPECT_THAT(SCardGetStatusChangeA(context, INFINITE, &state, 1), Gives(SCARD_S_SUCCESS));
-    EXPECT_THAT(sleeps.durations(), ElementsAre(1000U, 1000U));
+    EXPECT_THAT(pauses.durations(), ElementsAre(1000U, 1000U));
     EXPECT_THAT(contextWaits(), ElementsAre("Waiting for remote context: 1, timeout=4294967295",
                                             "Waiting for remote context: 1, timeout=4294967295"));
 }

@@ -118,14 +118,18 @@ bool Gate::waitUntilReached() const {
     return state_->changed.wait_for(lock, kPatience, [this] { return state_->isReached; });
 }
 
-SkippedSleeps::SkippedSleeps()
-    : sleep_(libraryModule(), "KERNEL32.dll", "Sleep", [this](DWORD milliseconds) {
-          if (GetCurrentThreadId() == thread_) {
-              durations_.push_back(milliseconds);
-          } else {
-              ::Sleep(milliseconds);
-          }
-      }) {}
+SkippedPauses::SkippedPauses()
+    : clock_(libraryModule(), "KERNEL32.dll", "GetTickCount64",
+             [this] { return ::GetTickCount64() + skipped_; }),
+      wait_(libraryModule(), "KERNEL32.dll", "WaitForMultipleObjects",
+            [this](DWORD count, const HANDLE* objects, BOOL all, DWORD timeout) -> DWORD {
+                if (GetCurrentThreadId() != thread_ || timeout == INFINITE) {
+                    return ::WaitForMultipleObjects(count, objects, all, timeout);
+                }
+                durations_.push_back(timeout);
+                skipped_ += timeout;
+                return WAIT_TIMEOUT;
+            }) {}
 
 SCARDCONTEXT StatusChangeTest::establishAndList() {
     const SCARDCONTEXT context = establishWithDaemon();

@@ -20,6 +20,12 @@ constexpr const char* kCancelLocal =
     "canceling local SCardGetStatusChange by invoking local SCardCancel";
 constexpr const char* kCancelRemote =
     "canceling remote SCardGetStatusChange by invoking remote SCardCancel";
+constexpr const char* kCancelLocalAgain = "canceling local SCardGetStatusChange again";
+constexpr const char* kCancelRemoteAgain = "canceling remote SCardGetStatusChange again";
+
+/// Milliseconds in which a wait is over whose end was not lost, however busy the machine: repeats
+/// that grow to this have missed several times.
+constexpr ULONGLONG kSoon = 900;
 
 /// An entry for SCardGetStatusChangeA. The name is not copied.
 SCARD_READERSTATEA readerState(const char* reader, DWORD current, DWORD event = 0);
@@ -66,11 +72,11 @@ class Gate {
     std::shared_ptr<State> state_;
 };
 
-/// Takes the Sleeps of the thread that made it out of the library, and tells how long they were to
-/// be. Other threads sleep.
-class SkippedSleeps {
+/// Lets the pauses of a wait for the daemon's context, of a second at most each, be over at once,
+/// and tells how long they were to be.
+class SkippedPauses {
   public:
-    SkippedSleeps();
+    SkippedPauses();
 
     /// In milliseconds.
     const std::vector<DWORD>& durations() const noexcept { return durations_; }
@@ -78,7 +84,18 @@ class SkippedSleeps {
   private:
     DWORD thread_ = GetCurrentThreadId();
     std::vector<DWORD> durations_;
-    ImportPatch<decltype(::Sleep)> sleep_;
+    ULONGLONG skipped_ = 0;
+    ImportPatch<decltype(::GetTickCount64)> clock_;
+    ImportPatch<decltype(::WaitForMultipleObjects)> wait_;
+};
+
+/// Lets the library have no threads.
+class NoThreads {
+    using Start = std::uintptr_t(void*, unsigned, unsigned (*)(void*), void*, unsigned, unsigned*);
+
+    ImportPatch<Start> start_{libraryModule(), "msvcrt.dll", "_beginthreadex",
+                              [](void*, unsigned, unsigned (*)(void*), void*, unsigned,
+                                 unsigned*) -> std::uintptr_t { return 0; }};
 };
 
 /// Tests of status-change calls: both readers hold a card at first.

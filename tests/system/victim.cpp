@@ -284,13 +284,14 @@ int endAfterATerminatedThread() {
     static std::atomic<DWORD> waiterId = 0;
     static std::atomic<bool> isWaiting = false;
     // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): kept for the threads that call
-    new ImportPatch<decltype(::WaitForSingleObject)>(
-        library.module(), "KERNEL32.dll", "WaitForSingleObject", [](HANDLE object, DWORD timeout) {
+    new ImportPatch<decltype(::WaitForMultipleObjects)>(
+        library.module(), "KERNEL32.dll", "WaitForMultipleObjects",
+        [](DWORD count, const HANDLE* objects, BOOL all, DWORD timeout) {
             if (GetCurrentThreadId() != waiterId) {
-                return WaitForSingleObject(object, timeout);
+                return WaitForMultipleObjects(count, objects, all, timeout);
             }
             isWaiting = timeout == INFINITE;
-            const DWORD result = WaitForSingleObject(object, timeout);
+            const DWORD result = WaitForMultipleObjects(count, objects, all, timeout);
             isWaiting = false;
             return result;
         });
@@ -306,6 +307,9 @@ int endAfterATerminatedThread() {
     waiter.detach();
     const SCARDCONTEXT other = library.establish();
     require(!library.listReaders(other).empty(), "no readers any more");
+    // Both meet what the thread has left behind: its wait is known still.
+    library.function<decltype(SCardCancel)>("SCardCancel")(context);
+    library.function<decltype(SCardReleaseContext)>("SCardReleaseContext")(context);
     return 7;
 }
 

@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "byte_string.h"
+#include "common/owned_handle.h"
 #include "daemon/connection_pool.h"
 #include "daemon/daemon_connection.h"
 
@@ -82,9 +83,19 @@ class FakeDaemonConnection : public DaemonConnection {
     }
     bool checkDaemonAvailability() override { return true; }
     ServiceState serviceKind() const override { return ServiceState::RemoteOnly; }
+    /// The answer is there at once.
+    LONG startReceive(void* buffer, std::uint64_t size, HANDLE& ended) override {
+        received_ = readMessage(buffer, size);
+        SetEvent(ended_.get());
+        ended = ended_.get();
+        return SCARD_S_SUCCESS;
+    }
+    LONG finishReceive() override { return received_; }
 
   private:
     FakeDaemonState& state_;
+    OwnedHandle ended_{CreateEventA(nullptr, TRUE, FALSE, nullptr)};
+    LONG received_ = SCARD_S_SUCCESS;
 };
 
 /// Puts the process into the state in which every call goes to the daemon, with one connection in

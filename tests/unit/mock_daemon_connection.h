@@ -29,6 +29,8 @@ class MockDaemonConnection : public DaemonConnection {
                 (const, override));
     MOCK_METHOD(bool, checkDaemonAvailability, (), (override));
     MOCK_METHOD(ServiceState, serviceKind, (), (const, override));
+    MOCK_METHOD(LONG, startReceive, (void* buffer, std::uint64_t size, HANDLE& ended), (override));
+    MOCK_METHOD(LONG, finishReceive, (), (override));
     /// Tells that the connection was destroyed.
     MOCK_METHOD(void, destroyed, ());
 
