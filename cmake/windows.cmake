@@ -3,6 +3,8 @@ enable_language(RC)
 
 # The library and every program beside it depend on nothing but what Windows brings along.
 add_link_options(-static)
+# Wine's debugger does not read the compiler's default, version 5.
+add_compile_options($<$<CONFIG:Debug,RelWithDebInfo>:-gdwarf-4>)
 if(TEZ_CHECKED)
     # There is no runtime library that could tell more.
     add_compile_options(-fsanitize-undefined-trap-on-error)
