@@ -13,11 +13,17 @@ endif()
 target_compile_definitions(tez_options INTERFACE _WIN32_WINNT=0x0602 WIN32_LEAN_AND_MEAN NOMINMAX)
 target_compile_options(tez_options INTERFACE -Wno-pedantic-ms-format)
 
-include(cmake/cli11.cmake)
 add_subdirectory(src)
-add_subdirectory(tests)
-add_subdirectory(tools)
-add_subdirectory(pcscd)
+if(TEZ_BUILD_TESTS OR TEZ_BUILD_TOOLS)
+    include(cmake/cli11.cmake)
+    add_subdirectory(pcscd)
+endif()
+if(TEZ_BUILD_TESTS)
+    add_subdirectory(tests)
+endif()
+if(TEZ_BUILD_TOOLS)
+    add_subdirectory(tools)
+endif()
 
 # The native build's tests run with these: one run, one count.
 file(CONFIGURE OUTPUT native_tests.cmake CONTENT [[
