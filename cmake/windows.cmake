@@ -11,7 +11,6 @@ if(TEZ_CHECKED)
 endif()
 
 target_compile_definitions(tez_options INTERFACE _WIN32_WINNT=0x0602 WIN32_LEAN_AND_MEAN NOMINMAX)
-target_compile_options(tez_options INTERFACE -Wno-pedantic-ms-format)
 
 add_subdirectory(src)
 if(TEZ_BUILD_TESTS OR TEZ_BUILD_TOOLS)

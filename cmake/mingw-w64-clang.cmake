@@ -1,0 +1,18 @@
+# The same target as mingw-w64.cmake with clang, on the same runtime and C++ library: shows that the
+# code needs no extension of one compiler.
+include(${CMAKE_CURRENT_LIST_DIR}/mingw-w64.cmake)
+
+set(CMAKE_C_COMPILER clang)
+set(CMAKE_CXX_COMPILER clang++)
+set(CMAKE_C_COMPILER_TARGET x86_64-w64-mingw32)
+set(CMAKE_CXX_COMPILER_TARGET x86_64-w64-mingw32)
+
+# clang does not look for this target's library where Debian has it, in a folder for each thread model.
+file(GLOB runtime /usr/lib/gcc/x86_64-w64-mingw32/*-posix)
+set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES ${runtime}/include/c++ ${runtime}/include/c++/x86_64-w64-mingw32)
+# Thread-local variables as that library has them.
+set(CMAKE_CXX_FLAGS_INIT -femulated-tls)
+# GNU ld complains of each object that the two compilers lay out differently.
+foreach(kind EXE SHARED MODULE)
+    set(CMAKE_${kind}_LINKER_FLAGS_INIT "-fuse-ld=lld -pthread -L${runtime}")
+endforeach()
