@@ -53,10 +53,10 @@ bool DaemonConnectionTEZ::connect() {
         log.warning("Unable to get auth token");
         return false;
     }
-    static constexpr const char* kCacheSwitch = "TEZ_PCSC_ENABLE_CACHE";
-    const std::optional<bool> cache = readSwitch(log, kCacheSwitch);
+    static constinit Switch cacheSwitch("TEZ_PCSC_ENABLE_CACHE");
+    const std::optional<bool> cache = cacheSwitch.read(log);
     if (!cache) {
-        log.debug("%s is not set", kCacheSwitch);
+        log.debug("%s is not set", cacheSwitch.name());
     }
     if (!connectSocket(socketPath_.get())) {
         return false;

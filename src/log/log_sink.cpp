@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string_view>
 
 #include "common/heap.h"
@@ -34,6 +35,9 @@ class LogSink {
     bool writes(LogLevel level) const { return static_cast<std::int32_t>(level) <= level_; }
     std::FILE* stream() const { return stream_; }
 
+    /// Tells, in the log, of each setting that was not understood, and of what is used instead.
+    void tellMistakes() const;
+
   private:
     static std::int32_t configuredLevel();
     static HeapPtr<char> configuredPath();
@@ -44,7 +48,13 @@ class LogSink {
     std::FILE* stream_;
 };
 
-std::int32_t LogSink::configuredLevel() {
+constexpr const char* kLevelName = "TEZ_PCSC_LOG_LEVEL";
+constexpr std::size_t kLevelRoom = 32;
+constexpr const char* kDirectoryName = "TEZ_PCSC_LOG_DIR";
+constexpr std::size_t kDirectoryRoom = 256;
+
+/// Nothing for a word that names no level.
+std::optional<LogLevel> levelNamed(const char* word) {
     static constexpr struct {
         const char* word;
         LogLevel level;
@@ -52,15 +62,18 @@ std::int32_t LogSink::configuredLevel() {
                    {"warning", LogLevel::Warning},
                    {"info", LogLevel::Info},
                    {"debug", LogLevel::Debug}};
-    char value[32];
-    if (readEnvironment("TEZ_PCSC_LOG_LEVEL", value)) {
-        for (const auto& known : kLevels) {
-            if (_stricmp(value, known.word) == 0) {
-                return static_cast<std::int32_t>(known.level);
-            }
+    for (const auto& known : kLevels) {
+        if (_stricmp(word, known.word) == 0) {
+            return known.level;
         }
     }
-    return static_cast<std::int32_t>(LogLevel::Warning);
+    return std::nullopt;
+}
+
+std::int32_t LogSink::configuredLevel() {
+    char value[kLevelRoom];
+    const auto level = readEnvironment(kLevelName, value) ? levelNamed(value) : std::nullopt;
+    return static_cast<std::int32_t>(level.value_or(LogLevel::Warning));
 }
 
 /// The host program's file name, "unknown" when it has none.
@@ -72,8 +85,8 @@ const char* baseName(char (&path)[1024]) {
 }
 
 HeapPtr<char> LogSink::configuredPath() {
-    char directory[256];
-    if (!readEnvironment("TEZ_PCSC_LOG_DIR", directory)) {
+    char directory[kDirectoryRoom];
+    if (!readEnvironment(kDirectoryName, directory)) {
         return nullptr;
     }
     constexpr std::size_t kFileNameRoom = 64;
@@ -98,6 +111,24 @@ std::FILE* LogSink::open(const char* path) {
     return file;
 }
 
+void LogSink::tellMistakes() const {
+    char level[kLevelRoom];
+    if (isTooLong(kLevelName, sizeof(level))) {
+        kSettingsLog.warning("%s is no level but a text of more than 31 characters: using warning",
+                             kLevelName);
+    } else if (readEnvironment(kLevelName, level) && !levelNamed(level)) {
+        kSettingsLog.warning("%s is not error, warning, info or debug but '%s': using warning",
+                             kLevelName, level);
+    }
+    if (isTooLong(kDirectoryName, kDirectoryRoom)) {
+        kSettingsLog.warning("%s has more than 255 characters: using standard error",
+                             kDirectoryName);
+    } else if (path_ != nullptr && stream_ == stderr) {
+        kSettingsLog.warning("%s: cannot write to '%s': using standard error", kDirectoryName,
+                             path_.get());
+    }
+}
+
 /// The sink, made on first use; null while memory is exhausted, so that a later message tries
 /// again. Two first messages at once may both make one: the first to be stored stays.
 const LogSink* sink() noexcept {
@@ -109,6 +140,7 @@ const LogSink* sink() noexcept {
     std::unique_ptr<const LogSink> fresh(new (std::nothrow) LogSink);
     if (fresh != nullptr && stored.compare_exchange_strong(known, fresh.get())) {
         known = fresh.release();
+        known->tellMistakes();
     }
     return known;
 }

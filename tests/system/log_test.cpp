@@ -220,7 +220,11 @@ TEST_F(LogTest, AFileThatCannotBeOpenedIsNotTriedAgain) {
     std::filesystem::create_directories(absent);
     logTwoLines();
     EXPECT_THAT(stdio.opens(), SizeIs(1));
-    EXPECT_THAT(parseLog(stdio.standardError()), SizeIs(4));
+    const std::vector<LogEntry> entries = parseLog(stdio.standardError());
+    EXPECT_THAT(entries, SizeIs(5));
+    EXPECT_THAT(entries.at(0), LogLine('W', "settings",
+                                       AllOf(StartsWith("TEZ_PCSC_LOG_DIR: cannot write to '"),
+                                             EndsWith("': using standard error"))));
 }
 
 TEST_F(LogTest, ALineHasLevelTimeProcessThreadComponentAndFunction) {

@@ -1,5 +1,7 @@
 #include <windows.h>
 
+#include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sstream>
@@ -86,6 +88,94 @@ TEST(LogLevelSetting, AWordWithABlankIsUnknown) {
 }
 TEST(LogLevelSetting, UnsetIsTwo) {
     EXPECT_EQ(levelFor(""), 2);
+}
+
+/// What the log tells of its own settings, on standard error.
+class LogSettingMistake : public testing::Test {
+  protected:
+    std::string warnings() const {
+        logWarning("first");
+        logWarning("second");
+        std::string found;
+        std::istringstream lines(stderr_.text());
+        for (std::string line; std::getline(lines, line);) {
+            const std::size_t message = line.find("(settings): ");
+            if (message != std::string::npos) {
+                EXPECT_EQ(line[0], 'W');
+                found += line.substr(message + std::strlen("(settings): ")) + '\n';
+            }
+        }
+        return found;
+    }
+
+    LogSettingMistake() {
+        setEnvironment("TEZ_PCSC_LOG_DIR", "");
+        setEnvironment("TEZ_PCSC_LOG_LEVEL", "");
+    }
+
+  private:
+    CapturedStderr stderr_;
+};
+
+TEST_F(LogSettingMistake, IsNoneWithoutSettings) {
+    EXPECT_EQ(warnings(), "");
+}
+
+TEST_F(LogSettingMistake, IsNoneWithALevelAndAFolder) {
+    setEnvironment("TEZ_PCSC_LOG_LEVEL", "Debug");
+    setEnvironment("TEZ_PCSC_LOG_DIR", makeLogDirectory("tez-log"));
+    EXPECT_EQ(warnings(), "");
+}
+
+TEST_F(LogSettingMistake, IsAnUnknownLevel) {
+    setEnvironment("TEZ_PCSC_LOG_LEVEL", "debug ");
+    EXPECT_EQ(warnings(),
+              "TEZ_PCSC_LOG_LEVEL is not error, warning, info or debug but 'debug ': "
+              "using warning\n");
+}
+
+TEST_F(LogSettingMistake, IsALevelOf32Characters) {
+    setEnvironment("TEZ_PCSC_LOG_LEVEL", std::string(32, 'd'));
+    EXPECT_EQ(warnings(),
+              "TEZ_PCSC_LOG_LEVEL is no level but a text of more than 31 characters: "
+              "using warning\n");
+}
+
+TEST_F(LogSettingMistake, IsAFolderThatIsNotThere) {
+    setEnvironment("TEZ_PCSC_LOG_DIR", "C:\\no such folder");
+    EXPECT_EQ(warnings(), "TEZ_PCSC_LOG_DIR: cannot write to '" +
+                              logPathIn("C:\\no such folder", "unit_tests.exe") +
+                              "': using standard error\n");
+}
+
+TEST_F(LogSettingMistake, IsAFolderInQuotes) {
+    const std::string quoted = '"' + makeLogDirectory("tez-log") + '"';
+    setEnvironment("TEZ_PCSC_LOG_DIR", quoted);
+    EXPECT_EQ(warnings(), "TEZ_PCSC_LOG_DIR: cannot write to '" +
+                              logPathIn(quoted, "unit_tests.exe") + "': using standard error\n");
+}
+
+TEST_F(LogSettingMistake, IsAFolderOf256Characters) {
+    setEnvironment("TEZ_PCSC_LOG_DIR", std::string(256, 'd'));
+    EXPECT_EQ(warnings(), "TEZ_PCSC_LOG_DIR has more than 255 characters: using standard error\n");
+}
+
+TEST_F(LogSettingMistake, IsToldOfEachSetting) {
+    setEnvironment("TEZ_PCSC_LOG_LEVEL", "verbose");
+    setEnvironment("TEZ_PCSC_LOG_DIR", "C:\\no such folder");
+    const std::string told = warnings();
+    EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 2) << told;
+}
+
+TEST(LogSettingMistakes, AreToldInTheFileWhenThereIsOne) {
+    const std::string directory = makeLogDirectory("tez-log");
+    setEnvironment("TEZ_PCSC_LOG_DIR", directory);
+    setEnvironment("TEZ_PCSC_LOG_LEVEL", "4");
+    logWarning("kept");
+    EXPECT_NE(contentsOf(logPathIn(directory, "unit_tests.exe"))
+                  .find("TEZ (settings): TEZ_PCSC_LOG_LEVEL is not error, warning, info or debug "
+                        "but '4': using warning\n"),
+              std::string::npos);
 }
 
 TEST(LogLevelSetting, IsReadOnce) {

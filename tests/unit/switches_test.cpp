@@ -18,14 +18,23 @@ namespace {
 constexpr FunctionLog kSwitchLog("aFunction");
 constexpr const char* kRedirection = "TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION";
 
+constinit Switch theSwitch("TEZ_TEST_SWITCH");
+
 std::optional<bool> switchFor(const std::string& value) {
     setEnvironment("TEZ_TEST_SWITCH", value);
-    return readSwitch(kSwitchLog, "TEZ_TEST_SWITCH");
+    return theSwitch.read(kSwitchLog);
+}
+
+/// What the log tells of a value that is probably a mistake.
+std::string warning(const std::string& value, const std::string& consequence) {
+    return "W (settings): TEZ_TEST_SWITCH is neither 0 or false nor 1 or true but '" + value +
+           "': " + consequence;
 }
 
 struct SwitchValue {
     const char* text;
     bool expected;
+    bool isUnderstood = true;
 };
 
 void PrintTo(const SwitchValue& value, std::ostream* stream) {
@@ -39,19 +48,24 @@ class SwitchRule : public testing::TestWithParam<SwitchValue> {};
 TEST_P(SwitchRule, DecidesByTheText) {
     const CapturedLog log;
     EXPECT_EQ(switchFor(GetParam().text), std::optional(GetParam().expected));
-    EXPECT_THAT(log.messages(),
-                ElementsAre(std::string("D (aFunction): TEZ_TEST_SWITCH = ") + GetParam().text));
+    std::vector<std::string> expected{std::string("D (aFunction): TEZ_TEST_SWITCH = ") +
+                                      GetParam().text};
+    if (!GetParam().isUnderstood) {
+        expected.push_back(warning(GetParam().text, "it counts as 1"));
+    }
+    EXPECT_EQ(log.messages(), expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(Values, SwitchRule,
-                         testing::Values(SwitchValue{"FALSE", false}, SwitchValue{"false", false},
-                                         SwitchValue{"FaLsE", false}, SwitchValue{"0", false},
-                                         SwitchValue{"0 ", true}, SwitchValue{" 0", true},
-                                         SwitchValue{"00", true}, SwitchValue{"1", true},
-                                         SwitchValue{"no", true}, SwitchValue{"off", true},
-                                         SwitchValue{"TRUE", true}, SwitchValue{"FALSE ", true},
-                                         SwitchValue{"FALS", true}),
-                         [](const auto& test) { return "Value" + std::to_string(test.index); });
+INSTANTIATE_TEST_SUITE_P(
+    Values, SwitchRule,
+    testing::Values(SwitchValue{"FALSE", false}, SwitchValue{"false", false},
+                    SwitchValue{"FaLsE", false}, SwitchValue{"0", false},
+                    SwitchValue{"0 ", true, false}, SwitchValue{" 0", true, false},
+                    SwitchValue{"00", true, false}, SwitchValue{"1", true},
+                    SwitchValue{"no", true, false}, SwitchValue{"off", true, false},
+                    SwitchValue{"TRUE", true}, SwitchValue{"true", true},
+                    SwitchValue{"FALSE ", true, false}, SwitchValue{"FALS", true, false}),
+    [](const auto& test) { return "Value" + std::to_string(test.index); });
 
 TEST(Switch, IsNotSetWhenAbsent) {
     const CapturedLog log;
@@ -67,7 +81,17 @@ TEST(Switch, TakesAValueOf127Characters) {
 TEST(Switch, IsNotSetByAValueOf128Characters) {
     const CapturedLog log;
     EXPECT_EQ(switchFor(std::string(128, 'n')), std::nullopt);
-    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_THAT(log.messages(),
+                ElementsAre(warning("a text of more than 127 characters", "it counts as not set")));
+}
+
+TEST(Switch, IsWarnedOfOnce) {
+    const CapturedLog log;
+    switchFor("no");
+    switchFor("off");
+    EXPECT_THAT(log.messages(),
+                ElementsAre("D (aFunction): TEZ_TEST_SWITCH = no", warning("no", "it counts as 1"),
+                            "D (aFunction): TEZ_TEST_SWITCH = off"));
 }
 
 TEST(Switch, IsReadAfreshAtEveryCall) {
@@ -78,12 +102,12 @@ TEST(Switch, IsReadAfreshAtEveryCall) {
 
 TEST(AllCallsRedirection, IsReadOnceAndToldOnce) {
     const CapturedLog log;
-    setEnvironment(kRedirection, "yes");
+    setEnvironment(kRedirection, "true");
     EXPECT_TRUE(isAllCallsRedirectionEnabled());
     setEnvironment(kRedirection, "0");
     EXPECT_TRUE(isAllCallsRedirectionEnabled());
     EXPECT_THAT(log.messages(), ElementsAre("D (isAllCallsRedirectionEnabled): "
-                                            "TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION = yes"));
+                                            "TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION = true"));
 }
 
 TEST(AllCallsRedirection, IsOffWhenTheSwitchSaysSo) {
