@@ -212,14 +212,12 @@ TEST_F(SharedWaits, ADaemonThatComesBackInterruptsThemEvenWhenItsLossWasNotSeen)
 
 TEST_F(SharedWaits, OneThatHasLostTheDaemonIsInterruptedByTheMonitorsFirstPassToo) {
     const Gate gate;
-    daemon.setObserver({.connected = {},
-                        .handshake =
+    daemon.setObserver({.handshake =
                             [gate](const Handshake& handshake) {
                                 if (handshake.connection == 2) {
                                     gate.pass();
                                 }
                             },
-                        .request = {},
                         .disconnected = {}});
     startDaemon();
     const SCARDCONTEXT context = establish();
