@@ -35,6 +35,7 @@ inline constexpr Result kNotTransacted = code(0x80100016);
 inline constexpr Result kReaderUnavailable = code(0x80100017);
 inline constexpr Result kNoService = code(0x8010001D);
 inline constexpr Result kUnsupportedFeature = code(0x80100022);
+inline constexpr Result kCommunicationLost = code(0x8010002F);
 inline constexpr Result kResetCard = code(0x80100068);
 inline constexpr Result kRemovedCard = code(0x80100069);
 inline constexpr Result kCacheItemNotFound = code(0x80100070);

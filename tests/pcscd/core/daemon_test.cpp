@@ -1,6 +1,7 @@
 // The daemon's core on streams in memory: how it speaks, and how it treats its clients.
 #include "core/daemon.h"
 
+#include <algorithm>
 #include <chrono>
 #include <future>
 #include <gmock/gmock.h>
@@ -135,17 +136,17 @@ TEST_F(DaemonTest, ClosesOnAClientThatSendsAndSendsAndTakesNoAnswer) {
 }
 
 TEST_F(DaemonTest, OutlivesRandomBytes) {
-    std::mt19937 random(4711);
-    for (int round = 0; round < 200; ++round) {
-        const auto client = connected(kProgram + static_cast<Clients::Process>(round));
+    std::mt19937 random(4711);  // the same bytes in every run
+    const auto below = [&](std::uint32_t limit) {
+        return std::uniform_int_distribution<std::uint32_t>(0, limit - 1)(random);
+    };
+    for (Clients::Process round = 0; round < 200; ++round) {
+        const auto client = connected(kProgram + round);
         for (int i = 0; i < 4; ++i) {
-            Bytes body(random() % 400);
-            std::generate(body.begin(), body.end(),
-                          [&] { return static_cast<std::uint8_t>(random()); });
-            // An endless wait would be one more way to end the round.
-            const auto command = static_cast<std::uint32_t>(
-                random() % 2 == 0 ? random() % 18 : 0x800 + random() % 13);
-            client->sendHeader(command, random() % 8 == 0 ? random() : body.size());
+            Bytes body(below(400));
+            std::ranges::generate(body, [&] { return static_cast<std::uint8_t>(below(256)); });
+            const std::uint32_t command = below(2) == 0 ? below(18) : 0x800 + below(13);
+            client->sendHeader(command, below(8) == 0 ? below(0xFFFFFFFF) : body.size());
             client->stream().send(body);
         }
     }

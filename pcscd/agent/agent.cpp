@@ -1,0 +1,102 @@
+#include "agent/agent.h"
+
+#include <utility>
+
+#include "agent/log.h"
+#include "link/hello.h"
+
+namespace tez::agent {
+
+Agent::~Agent() {
+    {
+        const std::scoped_lock lock(mutex_);
+        for (Connection& connection : connections_) {
+            connection.stream.close();
+        }
+    }
+    // Ends the waits of all clients, so that nobody lingers.
+    daemon_.releaseAll();
+    for (Connection& connection : connections_) {
+        connection.thread.join();
+    }
+}
+
+void Agent::removeEnded() {
+    std::list<Connection> ended;
+    {
+        const std::scoped_lock lock(mutex_);
+        for (auto each = connections_.begin(); each != connections_.end();) {
+            const auto next = std::next(each);
+            if (each->ended) {
+                ended.splice(ended.end(), connections_, each);
+            }
+            each = next;
+        }
+    }
+    for (Connection& connection : ended) {
+        connection.thread.join();
+    }
+}
+
+void Agent::run(const Listener& listener, int stop) {
+    while (FileDescriptor socket = listener.accept(stop)) {
+        removeEnded();
+        const std::scoped_lock lock(mutex_);
+        Connection& connection = connections_.emplace_back(std::move(socket));
+        connection.thread = std::thread([this, &connection, number = ++accepted_] {
+            serve(connection.stream, number);
+            connection.stream.close();
+            const std::scoped_lock ending(mutex_);
+            connection.ended = true;
+        });
+    }
+}
+
+void Agent::serve(RelayStream& stream, std::uint64_t number) {
+    const std::string name = "connection " + std::to_string(number) + ": ";
+    std::array<std::uint8_t, link::kRelayHelloSize> hello{};
+    stream.limitSilence(link::kHelloLimit);
+    if (stream.read(hello) != hello.size()) {
+        logLine(name + "closed, it showed no token");
+        return;
+    }
+    const link::RelayHello shown = link::decodeRelayHello(hello, token_);
+    if (shown.greeting != link::Greeting::accepted) {
+        logLine(name + (shown.greeting == link::Greeting::wrongToken
+                            ? "closed, it showed a wrong token"
+                            : "closed, it is no relay of this version"));
+        return;
+    }
+    if (!stream.writeRaw(link::encodeAgentHello(token_))) {
+        return;
+    }
+    if (shown.processId == link::kControlProcess) {
+        logLine(name + "a relay is there");
+        serveControl(stream);
+        logLine(name + "the relay is gone");
+        return;
+    }
+    logDetail(name + "process " + std::to_string(shown.processId));
+    stream.limitSilence(std::nullopt);
+    daemon_.serve(stream, number, shown.processId);
+    logDetail(name + "ended");
+}
+
+void Agent::serveControl(RelayStream& stream) {
+    {
+        const std::scoped_lock lock(mutex_);
+        ++relays_;
+    }
+    stream.limitSilence(link::kSilenceLimit);
+    std::uint8_t beat = 0;
+    while (stream.read({&beat, 1}) == 1 && stream.write({&beat, 1})) {
+    }
+    const std::scoped_lock lock(mutex_);
+    if (--relays_ == 0) {
+        for (Connection& connection : connections_) {
+            connection.stream.close();
+        }
+    }
+}
+
+}  // namespace tez::agent

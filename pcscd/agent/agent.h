@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "agent/listener.h"
+#include "agent/relay_stream.h"
+#include "core/daemon.h"
+#include "link/token.h"
+
+namespace tez::agent {
+
+/// Serves relays that show their half of the token: each of their connections is a client of the
+/// daemon, but for the one that carries the heartbeat. When that one ends, or is silent, the tunnel
+/// is gone and all others end, too.
+class Agent {
+  public:
+    /// Both are borrowed.
+    Agent(pcscd::Daemon& daemon, const link::Token& token) : daemon_(daemon), token_(token) {}
+    /// Ends all connections.
+    ~Agent();
+    Agent(const Agent&) = delete;
+    Agent& operator=(const Agent&) = delete;
+
+    /// Serves until `stop`, a descriptor, becomes readable.
+    void run(const Listener& listener, int stop);
+
+  private:
+    struct Connection {
+        explicit Connection(FileDescriptor socket) : stream(std::move(socket)) {}
+        RelayStream stream;
+        std::thread thread;
+        bool ended = false;
+    };
+
+    void serve(RelayStream& stream, std::uint64_t number);
+    void serveControl(RelayStream& stream);
+    void removeEnded();
+
+    pcscd::Daemon& daemon_;
+    const link::Token token_;
+    std::mutex mutex_;  // guards what follows
+    std::list<Connection> connections_;
+    std::uint64_t accepted_ = 0;
+    int relays_ = 0;  // control connections
+};
+
+}  // namespace tez::agent

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <winscard.h>
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "agent/feature_codes.h"
+#include "agent/service_context.h"
+#include "core/card_service.h"
+
+namespace tez::agent {
+
+/// One connection to a card, with a context of the service of its own, so that no call on another
+/// card waits for this one's. Thread-safe; all results are those of the Windows interface.
+///
+/// While another program holds the card in a transaction, calls wait for its end; close() ends
+/// these waits.
+class CardConnection {
+  public:
+    CardConnection(std::string serviceName, std::string servedName, pcscd::Context owner)
+        : serviceName_(std::move(serviceName)), name_(std::move(servedName)), owner_(owner) {}
+    CardConnection(const CardConnection&) = delete;
+    CardConnection& operator=(const CardConnection&) = delete;
+    /// Closes.
+    ~CardConnection();
+
+    const std::string& reader() const { return name_; }
+    pcscd::Context owner() const { return owner_; }
+
+    /// To be called once, before all others.
+    pcscd::Result open(std::uint32_t shareMode, std::uint32_t protocols, std::uint32_t& active);
+    /// Ends the connection. Without a disposition the service resets the card. Waits for a command
+    /// that the card is busy with.
+    void close(std::optional<std::uint32_t> disposition);
+
+    pcscd::Result reconnect(std::uint32_t shareMode, std::uint32_t protocols,
+                            std::uint32_t initialization, std::uint32_t& active);
+    pcscd::Result beginTransaction();
+    pcscd::Result endTransaction(std::uint32_t disposition);
+    /// result::kSharingViolation while another program's transaction goes on.
+    pcscd::Result status(pcscd::CardStatus& status);
+    pcscd::Result transmit(std::uint32_t protocol, std::span<const std::uint8_t> command,
+                           std::size_t capacity, pcscd::Bytes& response);
+    pcscd::Result control(std::uint32_t function, std::span<const std::uint8_t> input,
+                          std::size_t capacity, pcscd::Bytes& output);
+    pcscd::Result getAttribute(std::uint32_t id, pcscd::Bytes& value);
+    pcscd::Result setAttribute(std::uint32_t id, std::span<const std::uint8_t> value);
+    std::uint32_t transmits() const { return transmits_; }
+    std::uint32_t protocol() const { return protocol_; }
+
+  private:
+    template <typename Call>
+    pcscd::Result inTurn(Call call);
+
+    const std::string serviceName_;
+    const std::string name_;
+    const pcscd::Context owner_;
+    std::atomic<bool> closing_ = false;
+    std::atomic<std::uint32_t> transmits_ = 0;
+    std::atomic<std::uint32_t> protocol_ = 0;
+
+    std::mutex mutex_;  // guards what follows, and is held during a call of the service
+    std::optional<ServiceContext> context_;
+    SCARDHANDLE card_ = 0;
+    FeatureCodes features_;
+};
+
+}  // namespace tez::agent

@@ -1,0 +1,319 @@
+// The agent program between relays of the test's making and a PC/SC service with virtual readers.
+#include <algorithm>
+#include <chrono>
+#include <future>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <random>
+#include <sys/stat.h>
+
+#include "agent/token_file.h"
+#include "card_machine.h"
+#include "core/text.h"
+#include "link/hello.h"
+#include "link_client.h"
+#include "simulated/virtual_card.h"
+#include "wire/attribute_records.h"
+
+namespace tez::agent {
+namespace {
+
+using namespace std::chrono_literals;
+using pcscd::Bytes;
+using pcscd::multiString;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Pair;
+using testing::SizeIs;
+namespace result = pcscd::result;
+namespace state = pcscd::state;
+
+constexpr std::uint32_t kProgram = 100;
+constexpr std::uint32_t kOtherProgram = 200;
+const Bytes kChallenge{0x00, 0x84, 0x00, 0x00, 0x08};
+
+std::uint32_t code(pcscd::Result value) {
+    return static_cast<std::uint32_t>(value);
+}
+
+class AgentTest : public testing::Test {
+  protected:
+    /// A connection of a program of the relay's machine, ready for requests.
+    std::unique_ptr<LinkClient> connected(std::uint32_t process = kProgram) {
+        auto client = std::make_unique<LinkClient>(machine_.socket());
+        EXPECT_TRUE(client->sayHello(readTokenFile(machine_.token()), process));
+        EXPECT_TRUE(client->shakeHands());
+        return client;
+    }
+
+    CardMachine machine_;
+};
+
+TEST_F(AgentTest, ServesTheReadersAndCardsOfTheService) {
+    machine_.startAgent();
+    const auto client = connected();
+    const auto context = client->establish();
+    EXPECT_EQ(client->listReaders(context), multiString({kFirstReader, kSecondReader}));
+    const ConnectRecord card = client->connect(context, kFirstReader);
+    ASSERT_EQ(card.rv, 0U);
+    EXPECT_EQ(card.dwActiveProtocol, pcscd::protocol::kT1);
+    EXPECT_THAT(client->transmit(card, kChallenge), SizeIs(10));
+    const auto status = client->call(CMD_STATUS, StatusRecord{card.hCard, 0, 0, {}, 33, 1});
+    EXPECT_EQ(status.rv, 0U);
+    EXPECT_EQ(status.dwState,
+              unsigned{kWirePresent | kWirePowered | kWireNegotiable} & status.dwState);
+    EXPECT_NE(status.dwState & (kWireSpecific | kWireNegotiable), 0U);
+    EXPECT_EQ(Bytes(status.pbAtr, status.pbAtr + status.cbAtrLen), pcscd::makeDemoCard("").atr());
+    EXPECT_EQ(client->connect(context, kSecondReader).rv, code(result::kNoSmartcard));
+    EXPECT_EQ(client->connect(context, "No Such Reader").rv, code(result::kUnknownReader));
+    EXPECT_EQ(client->call(CMD_DISCONNECT, DisconnectRecord{card.hCard, 0, 1}).rv, 0U);
+    EXPECT_EQ(machine_.stopAgent(), 0);
+}
+
+TEST_F(AgentTest, TellsOfTheReaderWhatTheServiceTellsUnderTheServedName) {
+    machine_.startAgent({"--name-prefix", "Home: ", "--reader", "Virtual*", "--deny", "*01"});
+    const auto client = connected();
+    const auto context = client->establish();
+    const std::string name = std::string("Home: ") + kFirstReader;
+    EXPECT_EQ(client->listReaders(context), multiString({name}));
+    const ConnectRecord card = client->connect(context, name.c_str());
+    ASSERT_EQ(card.rv, 0U);
+    const auto attribute = [&](std::uint32_t id) {
+        const auto answer = client->call(CMD_GET_ATTRIB, AttribRecord{card.hCard, id, {}, 0, 1});
+        return answer.rv == 0 ? client->receiveFrame().value_or(Bytes{}) : Bytes{};
+    };
+    EXPECT_EQ(attribute(pcscd::attribute::kDeviceFriendlyNameA), pcscd::terminated(name));
+    EXPECT_EQ(attribute(pcscd::attribute::kDeviceSystemNameW), pcscd::terminatedWide(name));
+    EXPECT_EQ(attribute(pcscd::attribute::kAtrString), pcscd::makeDemoCard("").atr());
+    const auto control = client->call(CMD_CONTROL, ControlRecord{card.hCard, 3400, 0, 100, 0, 0});
+    EXPECT_EQ(control.rv, code(result::kUnsupportedFeature)) << "the service has another code";
+    EXPECT_EQ(client->call(CMD_SET_ATTRIB, AttribRecord{card.hCard, 0x7A007, {}, 0, 1}).rv,
+              code(result::kUnsupportedFeature));
+}
+
+TEST_F(AgentTest, FollowsCardsThatComeAndGo) {
+    machine_.startAgent();
+    const auto client = connected();
+    const auto context = client->establish();
+    const ConnectRecord card = client->connect(context, kFirstReader);
+    client->sendWait(context, kFirstReader, state::kPresent | state::kInUse);
+    machine_.removeCard();
+    EXPECT_THAT(client->receiveWait(), Pair(result::kSuccess, testing::Truly([](std::uint32_t now) {
+                                                return (now & state::kEmpty) != 0 &&
+                                                       (now & state::kChanged) != 0;
+                                            })));
+    const TransmitRecord request{card.hCard, card.dwActiveProtocol, 5, 0, 258, 0};
+    EXPECT_EQ(client->call(CMD_TRANSMIT, request, kChallenge).rv, code(result::kRemovedCard));
+    client->sendWait(context, kFirstReader, state::kEmpty);
+    machine_.insertCard();
+    EXPECT_THAT(client->receiveWait(), Pair(result::kSuccess, testing::Truly([](std::uint32_t now) {
+                                                return (now & state::kPresent) != 0;
+                                            })));
+    EXPECT_EQ(client->connect(context, kFirstReader).rv, 0U);
+}
+
+TEST_F(AgentTest, CancelsTheWaitsOfOneContextAndNoOthers) {
+    machine_.startAgent();
+    const auto first = connected();
+    const auto second = connected();
+    const auto third = connected();
+    const auto context = first->establish();
+    const auto other = first->establish();
+    EXPECT_EQ(third->call(CMD_CANCEL, HandleRecord{context, 1}).rv, 0U) << "nothing waits yet";
+    first->sendWait(context, kSecondReader, state::kEmpty, 100);
+    EXPECT_THAT(first->receiveWait(), Pair(result::kTimeout, testing::_));
+    first->sendWait(context, kSecondReader, state::kEmpty);
+    second->sendWait(other, kSecondReader, state::kEmpty);
+    // A cancel that comes before its wait is lost, as it should be: it is repeated.
+    auto cancelled = std::async(std::launch::async, [&] { return first->receiveWait(); });
+    while (cancelled.wait_for(10ms) != std::future_status::ready) {
+        ASSERT_EQ(third->call(CMD_CANCEL, HandleRecord{context, 1}).rv, 0U);
+    }
+    EXPECT_THAT(cancelled.get(), Pair(result::kCancelled, testing::_));
+    EXPECT_EQ(third->call(CMD_RELEASE_CONTEXT, ReleaseRecord{other, 1}).rv, 0U);
+    EXPECT_THAT(second->receiveWait(), Pair(result::kCancelled, testing::_));
+}
+
+TEST_F(AgentTest, KeepsOthersOutOfATransaction) {
+    machine_.startAgent();
+    const auto owner = connected();
+    const auto other = connected(kOtherProgram);
+    const ConnectRecord owned = owner->connect(owner->establish(), kFirstReader);
+    const ConnectRecord shared = other->connect(other->establish(), kFirstReader);
+    ASSERT_EQ(owner->call(CMD_BEGIN_TRANSACTION, HandleRecord{owned.hCard, 1}).rv, 0U);
+    auto response =
+        std::async(std::launch::async, [&] { return other->transmit(shared, kChallenge); });
+    EXPECT_EQ(response.wait_for(300ms), std::future_status::timeout);
+    EXPECT_THAT(owner->transmit(owned, kChallenge), SizeIs(10));
+    EXPECT_EQ(owner->call(CMD_END_TRANSACTION, DisconnectRecord{owned.hCard, 0, 1}).rv, 0U);
+    EXPECT_THAT(response.get(), SizeIs(10));
+    EXPECT_EQ(owner->call(CMD_END_TRANSACTION, DisconnectRecord{owned.hCard, 0, 0}).rv,
+              code(result::kNotTransacted));
+}
+
+TEST_F(AgentTest, GivesBackWhatAVanishedProgramHeld) {
+    machine_.startAgent();
+    const auto other = connected(kOtherProgram);
+    const auto otherContext = other->establish();
+    for (const bool inTransaction : {false, true}) {
+        auto vanishing = connected();
+        const auto context = vanishing->establish();
+        const ConnectRecord held =
+            vanishing->connect(context, kFirstReader, pcscd::share::kExclusive);
+        ASSERT_EQ(held.rv, 0U);
+        if (inTransaction) {
+            ASSERT_EQ(vanishing->call(CMD_BEGIN_TRANSACTION, HandleRecord{held.hCard, 1}).rv, 0U);
+        }
+        vanishing->sendWait(context, kSecondReader, state::kEmpty);
+        EXPECT_EQ(other->connect(otherContext, kFirstReader).rv, code(result::kSharingViolation));
+        const auto end = std::chrono::steady_clock::now();
+        vanishing.reset();
+        ConnectRecord card;
+        ASSERT_TRUE(eventually([&] {
+            card = other->connect(otherContext, kFirstReader);
+            return card.rv == 0;
+        }));
+        EXPECT_LT(std::chrono::steady_clock::now() - end, 1s);
+        EXPECT_EQ(other->call(CMD_DISCONNECT, DisconnectRecord{card.hCard, 0, 1}).rv, 0U);
+    }
+}
+
+TEST_F(AgentTest, KnowsNoHandleOfItsEarlierRun) {
+    machine_.startAgent();
+    auto client = connected();
+    const auto context = client->establish();
+    const ConnectRecord card = client->connect(context, kFirstReader);
+    machine_.stopAgent();
+    machine_.startAgent();
+    client = connected();
+    const auto newContext = client->establish();
+    EXPECT_EQ(client->connect(newContext, kFirstReader).rv, 0U);
+    EXPECT_EQ(client->connect(context, kFirstReader).rv, code(result::kInvalidHandle));
+    const TransmitRecord request{card.hCard, card.dwActiveProtocol, 5, 0, 258, 0};
+    EXPECT_EQ(client->call(CMD_TRANSMIT, request, kChallenge).rv, code(result::kInvalidHandle));
+}
+
+TEST_F(AgentTest, OutlivesTheServiceAndGoesOnWithTheNext) {
+    machine_.startAgent();
+    const auto client = connected();
+    const auto context = client->establish();
+    const ConnectRecord card = client->connect(context, kFirstReader);
+    client->sendWait(context, kFirstReader, state::kPresent | state::kInUse);
+    machine_.stopService();
+    EXPECT_THAT(client->receiveWait(), Pair(result::kSuccess, testing::Truly([](std::uint32_t now) {
+                                                return (now & state::kUnknown) != 0;
+                                            })));
+    EXPECT_EQ(client->listReaders(context), multiString({}));
+    const TransmitRecord request{card.hCard, card.dwActiveProtocol, 5, 0, 258, 0};
+    EXPECT_EQ(client->call(CMD_TRANSMIT, request, kChallenge).rv, code(result::kReaderUnavailable));
+    client->sendWait(context, kFirstReader, state::kUnknown);
+    machine_.startService();
+    EXPECT_THAT(client->receiveWait(), Pair(result::kSuccess, testing::_));
+    machine_.insertCard();
+    ConnectRecord again;
+    EXPECT_TRUE(eventually([&] {
+        again = client->connect(context, kFirstReader);
+        return again.rv == 0;
+    }));
+    EXPECT_THAT(client->transmit(again, kChallenge), SizeIs(10));
+    EXPECT_EQ(client->call(CMD_TRANSMIT, request, kChallenge).rv, code(result::kReaderUnavailable))
+        << "not the next card";
+}
+
+TEST_F(AgentTest, ClosesOnARelayWithAWrongTokenOrNone) {
+    machine_.startAgent();
+    link::Token token = readTokenFile(machine_.token());
+    std::swap(token.relay, token.agent);
+    const LinkClient wrong(machine_.socket());
+    wrong.send(link::encodeRelayHello(token, kProgram));
+    EXPECT_TRUE(wrong.isClosed());
+    const LinkClient stranger(machine_.socket());
+    stranger.send(Bytes(100, 'x'));
+    EXPECT_TRUE(stranger.isClosed());
+    const LinkClient silent(machine_.socket());
+    EXPECT_TRUE(silent.isClosed());
+    EXPECT_THAT(machine_.agentLog(), HasSubstr("wrong token"));
+    EXPECT_THAT(machine_.agentLog(), HasSubstr("no token"));
+    EXPECT_NE(connected()->establish(), 0U);
+}
+
+TEST_F(AgentTest, RefusesATokenThatOthersCanRead) {
+    machine_.startAgent();
+    machine_.stopAgent();
+    const auto exitCode = [this](const std::vector<std::string>& options) {
+        return Child(programFolder() / "pcsc-agent", options, machine_.folder() / "agent.log")
+            .wait();
+    };
+    const std::string listen = "unix:" + machine_.socket().string();
+    struct stat facts {};
+    ASSERT_EQ(stat(machine_.token().c_str(), &facts), 0);
+    EXPECT_EQ(facts.st_mode & 0777U, 0600U);
+    EXPECT_EQ(exitCode({"--make-token", machine_.token().string()}), 1) << "there is one";
+    ASSERT_EQ(chmod(machine_.token().c_str(), 0640), 0);
+    EXPECT_EQ(exitCode({"--token", machine_.token().string(), "--listen", listen}), 1);
+    EXPECT_THAT(machine_.agentLog(), HasSubstr("can be read or changed by others"));
+    EXPECT_EQ(exitCode({"--token", "/nowhere/token", "--listen", listen}), 1);
+    EXPECT_EQ(exitCode({"--listen", "0.0.0.0:7777"}), 2);
+    EXPECT_EQ(exitCode({"--listen", "somewhere"}), 2);
+    EXPECT_EQ(exitCode({"--version"}), 0);
+}
+
+TEST_F(AgentTest, LetsNobodyElseConnect) {
+    machine_.startAgent();
+    struct stat facts {};
+    ASSERT_EQ(stat(machine_.socket().c_str(), &facts), 0);
+    EXPECT_EQ(facts.st_mode & 0777U, 0600U);
+}
+
+TEST_F(AgentTest, EchoesTheHeartbeatAndEndsAllWithIt) {
+    machine_.startAgent();
+    auto control = std::make_unique<LinkClient>(machine_.socket());
+    ASSERT_TRUE(control->sayHello(readTokenFile(machine_.token()), link::kControlProcess));
+    control->send(Bytes{7});
+    EXPECT_EQ(control->receiveFrame(), Bytes{7});
+    const auto client = connected();
+    EXPECT_NE(client->establish(), 0U);
+    control.reset();
+    EXPECT_TRUE(client->isClosed());
+}
+
+TEST_F(AgentTest, OutlivesAHostileLibrary) {
+    machine_.startAgent();
+    std::mt19937 random(4711);
+    for (int round = 0; round < 50; ++round) {
+        const auto client = connected(1000 + static_cast<std::uint32_t>(round));
+        Bytes body(random() % 400);
+        std::generate(body.begin(), body.end(),
+                      [&] { return static_cast<std::uint8_t>(random()); });
+        const auto command =
+            static_cast<std::uint32_t>(random() % 2 == 0 ? random() % 18 : 0x800 + random() % 13);
+        client->sendHeader(command, round % 4 == 0 ? 0xFFFFFFFF : body.size() + random() % 2);
+        client->send(body);
+    }
+    const auto client = connected();
+    const ConnectRecord card = client->connect(client->establish(), kFirstReader);
+    EXPECT_THAT(client->transmit(card, kChallenge), SizeIs(10));
+}
+
+TEST_F(AgentTest, ServesSixteenProgramsAtOnce) {
+    machine_.startAgent();
+    std::vector<std::future<int>> programs;
+    for (std::uint32_t process = 1; process <= 16; ++process) {
+        programs.push_back(std::async(std::launch::async, [this, process] {
+            const auto client = connected(process);
+            const ConnectRecord card = client->connect(client->establish(), kFirstReader);
+            int answers = 0;
+            for (int i = 0; i < 20; ++i) {
+                answers += client->transmit(card, kChallenge).size() == 10 ? 1 : 0;
+            }
+            return answers;
+        }));
+    }
+    for (auto& program : programs) {
+        EXPECT_EQ(program.get(), 20);
+    }
+}
+
+}  // namespace
+}  // namespace tez::agent

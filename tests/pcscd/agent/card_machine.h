@@ -1,0 +1,57 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "child.h"
+
+namespace tez::agent {
+
+inline constexpr const char* kFirstReader = "Virtual PCD 00 00";
+inline constexpr const char* kSecondReader = "Virtual PCD 00 01";
+inline constexpr std::chrono::seconds kMachinePatience{20};
+
+/// Waits until the condition holds. False when it does not in time.
+bool eventually(const std::function<bool()>& condition);
+
+/// The machine that the cards are on: a PC/SC service with two virtual readers, cards for them, and
+/// the agent program, all as processes of their own with their files in a fresh folder.
+class CardMachine {
+  public:
+    /// Starts the service, with a card in the first reader, and waits until it is seen.
+    CardMachine();
+    ~CardMachine();
+    CardMachine(const CardMachine&) = delete;
+    CardMachine& operator=(const CardMachine&) = delete;
+
+    void startService();
+    void stopService();
+    void insertCard(std::vector<std::string> options = {});
+    void removeCard();
+
+    /// Starts the agent and waits until it listens on socket().
+    void startAgent(std::vector<std::string> options = {});
+    /// @return its exit code.
+    int stopAgent();
+
+    std::filesystem::path socket() const { return folder_ / "agent.sock"; }
+    std::filesystem::path token() const { return folder_ / "token"; }
+    std::filesystem::path folder() const { return folder_; }
+    /// What the agent has written so far.
+    std::string agentLog() const;
+
+  private:
+    std::filesystem::path folder_;
+    std::optional<Child> service_;
+    std::optional<Child> card_;
+    std::optional<Child> agent_;
+};
+
+/// The folder of the built programs, where this one is too.
+std::filesystem::path programFolder();
+
+}  // namespace tez::agent
