@@ -50,7 +50,7 @@ std::uint32_t parseAtrLength(const std::uint8_t* atr) noexcept {
         return count;
     }
     if (start + count > kLongestAtr) {
-        return 0;  // too long whatever its TCK, which is not read
+        return count + 1;  // too long whatever its TCK, which is not read
     }
     std::uint8_t sum = 0;
     for (std::uint32_t i = 0; i + 1 < count; ++i) {

@@ -1,5 +1,7 @@
 // SCardIntroduceCardTypeA, SCardForgetCardTypeA and SCardAudit. Once calls are redirected these go
 // to the daemon, and only without a context: those that the library knows are refused.
+#include <numeric>
+
 #include "card_database_test.h"
 #include "failing_writes.h"
 #include "guarded_buffer.h"
@@ -91,6 +93,26 @@ TEST_F(IntroduceCardTypeTest, RefusesAnAtrLengthOf34BeforeAnythingElse) {
     EXPECT_THAT(daemon.requests(), IsEmpty());
     EXPECT_THAT(log().messages("SCardIntroduceCardTypeA", 'W'),
                 ElementsAre("Malformed ATR in request (length: 34)"));
+}
+
+TEST_F(IntroduceCardTypeTest, RefusesAnAtrWhoseStructureIsTooLongWhetherItHasACheckByteOrNot) {
+    establishRedirected();
+    // 20 bytes of interfaces behind TS and 15 historical ones; T=1 adds a check byte.
+    for (const std::uint8_t next : Bytes{0xF0, 0xF1}) {
+        atr = {0x3B, 0xFF, 1, 2, 3, next, 4, 5, 6, next, 7, 8, 9, next, 1, 2, 3, 0x70, 4, 5, 6};
+        atr.resize(36);
+        if (next == 0xF1) {
+            atr.push_back(std::accumulate(atr.begin() + 1, atr.end(), std::uint8_t{0},
+                                          [](std::uint8_t sum, std::uint8_t byte) {
+                                              return static_cast<std::uint8_t>(sum ^ byte);
+                                          }));
+        }
+        EXPECT_THAT(introduce(0, 0), Gives(SCARD_E_INVALID_PARAMETER)) << atr.size() << " bytes";
+    }
+    EXPECT_THAT(daemon.requests(), IsEmpty());
+    EXPECT_THAT(log().messages("SCardIntroduceCardTypeA", 'W'),
+                ElementsAre("Malformed ATR in request (length: 36)",
+                            "Malformed ATR in request (length: 37)"));
 }
 
 TEST_F(IntroduceCardTypeTest, SendsAllThatItIsGiven) {
