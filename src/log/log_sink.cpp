@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -76,12 +77,18 @@ std::int32_t LogSink::configuredLevel() {
     return static_cast<std::int32_t>(level.value_or(LogLevel::Warning));
 }
 
-/// The host program's file name, "unknown" when it has none.
+/// The host program's file name, "unknown" when it has none. The system has a '?' for each
+/// character that the ANSI code page cannot spell; as no file can be named so, it becomes a '_'.
 const char* baseName(char (&path)[1024]) {
     const DWORD length = GetModuleFileNameA(nullptr, path, sizeof(path));
     path[length < sizeof(path) ? length : sizeof(path) - 1] = '\0';
-    const char* const separator = std::strrchr(path, '\\');
-    return separator == nullptr || separator[1] == '\0' ? "unknown" : separator + 1;
+    char* const separator = std::strrchr(path, '\\');
+    if (separator == nullptr || separator[1] == '\0') {
+        return "unknown";
+    }
+    char* const name = separator + 1;
+    std::replace(name, name + std::strlen(name), '?', '_');
+    return name;
 }
 
 HeapPtr<char> LogSink::configuredPath() {

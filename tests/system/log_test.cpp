@@ -164,6 +164,10 @@ TEST_F(LogFileNameTest, HasDirectoryProgramAndProcess) {
     EXPECT_EQ(pathFor(R"(C:\logs)", R"(C:\app\host.exe)"), R"(C:\logs/tez-pcsc.host.exe.42.log)");
 }
 
+TEST_F(LogFileNameTest, HasAnUnderlineForWhatTheAnsiCodePageCannotSpell) {
+    EXPECT_EQ(pathFor(R"(C:\logs)", R"(C:\??\h?st?.exe)"), R"(C:\logs/tez-pcsc.h_st_.exe.42.log)");
+}
+
 TEST_F(LogFileNameTest, HasNoProgramWhenThePathHasNoBackslash) {
     EXPECT_EQ(pathFor(R"(C:\logs)", "host.exe"), R"(C:\logs/tez-pcsc.unknown.42.log)");
 }
