@@ -101,10 +101,7 @@ std::vector<SweptCall> sweptWideCalls() {
                  const LONG rv =
                      SCardConnectW(handles.context, L"Remote Reader 0", SCARD_SHARE_SHARED,
                                    SCARD_PROTOCOL_Tx, &card, &protocol);
-                 if (rv == SCARD_S_SUCCESS) {
-                     SCardDisconnect(card, SCARD_LEAVE_CARD);
-                 }
-                 return rv;
+                 return rv == SCARD_S_SUCCESS ? SCardDisconnect(card, SCARD_LEAVE_CARD) : rv;
              },
          .connects = true},
         {"ListReadersW",

@@ -61,8 +61,8 @@ class MemoryTest : public RemoteCardTest, public testing::WithParamInterface<Swe
 
     std::optional<HeapSpy> heap_;
     SweptHandles handles_{};
-    /// Exchanges that were given up. What they made at the daemon is then known to nobody here, and
-    /// goes with the pipe there.
+    /// Calls that gave an exchange up. Whether the daemon has done, or is yet to do, what it was
+    /// asked for is then known to nobody here.
     std::size_t brokenOff_ = 0;
 };
 

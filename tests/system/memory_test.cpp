@@ -11,10 +11,7 @@ LONG connectAndDisconnect(const SweptHandles& handles, const char* reader) {
     DWORD protocol = 0;
     const LONG rv = SCardConnectA(handles.context, reader, SCARD_SHARE_SHARED, SCARD_PROTOCOL_Tx,
                                   &card, &protocol);
-    if (rv == SCARD_S_SUCCESS) {
-        SCardDisconnect(card, SCARD_LEAVE_CARD);
-    }
-    return rv;
+    return rv == SCARD_S_SUCCESS ? SCardDisconnect(card, SCARD_LEAVE_CARD) : rv;
 }
 
 LONG statusOf(const SweptHandles& handles, SCARDHANDLE card) {
