@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sstream>
@@ -38,12 +39,14 @@ std::string contentsOf(const std::string& path) {
     return contents.str();
 }
 
-/// A fresh directory for log files, without a separator at its end.
+/// An empty directory for log files, without a separator at its end. An earlier process with this
+/// one's id may have left some there.
 std::string makeLogDirectory(const std::string& name) {
     char temporary[MAX_PATH];
     GetTempPathA(sizeof(temporary), temporary);
     std::string path = temporary + name + "." + std::to_string(GetCurrentProcessId());
-    CreateDirectoryA(path.c_str(), nullptr);
+    std::filesystem::remove_all(path);
+    std::filesystem::create_directory(path);
     return path;
 }
 
@@ -262,7 +265,6 @@ TEST(LogFile, GivesWayToStandardErrorWhenItCannotBeOpened) {
 
 TEST(LogFile, IsNotTriedAgainAfterAFailure) {
     const std::string directory = makeLogDirectory("tez-log") + "\\later";
-    RemoveDirectoryA(directory.c_str());  // an earlier process with this id may have left it
     setEnvironment("TEZ_PCSC_LOG_DIR", directory);
     const CapturedStderr output;
     logWarning("first");
