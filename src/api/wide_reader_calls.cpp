@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "api/wide_results.h"
+#include "common/copy_out.h"
 #include "common/heap.h"
 #include "common/scard_api.h"
 #include "log/function_log.h"
@@ -66,10 +67,7 @@ LONG WINAPI SCardStatusW(SCARDHANDLE hCard, LPWSTR szReaderName, LPDWORD pcchRea
         return narrow;
     });
     if (rv != SCARD_S_SUCCESS && isAtrHandedOut) {
-        // A caller that is told of a failure, here of its name buffer, frees nothing.
-        LPBYTE& allocated = *reinterpret_cast<LPBYTE*>(pbAtr);
-        heapFree(allocated);
-        allocated = nullptr;
+        takeBack(pbAtr);  // the wide name does not fit or cannot be made
     }
     return rv;
 }

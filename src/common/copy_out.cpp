@@ -2,8 +2,6 @@
 
 #include <cstring>
 
-#include "common/heap.h"
-
 namespace tez {
 
 LONG copyOutBuffer(const void* source, DWORD count, void* destination, DWORD* length,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/heap.h"
 #include "common/scard_api.h"
 
 namespace tez {
@@ -27,6 +28,15 @@ const Unit* handedOut(const Unit* destination, bool isAllocated) noexcept {
     return isAllocated && destination != nullptr
                ? *reinterpret_cast<const Unit* const*>(destination)
                : destination;
+}
+
+/// Takes a block back that a call has handed out, before it fails after all: a caller who is told
+/// of a failure frees nothing. The place of the pointer becomes null.
+template <class Unit>
+void takeBack(Unit* destination) noexcept {
+    Unit*& block = *reinterpret_cast<Unit**>(destination);
+    heapFree(block);
+    block = nullptr;
 }
 
 }  // namespace tez

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "common/copy_out.h"
 #include "common/heap.h"
 #include "local/winscard_table.h"
 
@@ -41,7 +42,7 @@ class Output {
         }
         *length_ = systemLength_;
         void* const block = heapAllocate(systemLength_);
-        storeBlock(block);
+        *reinterpret_cast<void**>(destination_) = block;
         if (block == nullptr) {
             return SCARD_F_INTERNAL_ERROR;
         }
@@ -54,16 +55,11 @@ class Output {
     /// Takes a moved result away from the caller again.
     void withdraw() {
         if (isAllocated_) {
-            heapFree(*reinterpret_cast<Unit**>(destination_));
-            storeBlock(nullptr);
+            takeBack(destination_);
         }
     }
 
   private:
-    void storeBlock(void* block) {
-        *reinterpret_cast<Unit**>(destination_) = static_cast<Unit*>(block);
-    }
-
     SCARDCONTEXT context_;
     Unit* destination_;
     LPDWORD length_;

@@ -67,10 +67,7 @@ LONG copyNameAndAtr(const StatusArguments& arguments, const char* name,
     if (rv == SCARD_S_SUCCESS) {
         rv = copyOutOrRefuse(record.pbAtr, record.cbAtrLen, arguments.atr, arguments.atrLength);
         if (rv != SCARD_S_SUCCESS && isNameAllocated) {
-            // A caller that is told of a failure frees nothing.
-            LPSTR& allocated = *reinterpret_cast<LPSTR*>(arguments.readerName);
-            heapFree(allocated);
-            allocated = nullptr;
+            takeBack(arguments.readerName);
         }
     }
     return rv;
