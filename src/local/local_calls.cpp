@@ -24,7 +24,7 @@ class Output {
                        *length == SCARD_AUTOALLOCATE) {}
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
-    /// Gives the system's buffer back, on every path.
+    /// Gives the system's buffer back, unless the call that stored it has failed.
     ~Output() {
         if (systemBuffer_ != nullptr) {
             winscardTable().SCardFreeMemory(context_, systemBuffer_);
@@ -33,6 +33,9 @@ class Output {
 
     Unit* buffer() { return isAllocated_ ? reinterpret_cast<Unit*>(&systemBuffer_) : destination_; }
     LPDWORD length() { return isAllocated_ ? &systemLength_ : length_; }
+
+    /// After a failed system call: a pointer that it has stored is no buffer to give back.
+    void forget() { systemBuffer_ = nullptr; }
 
     /// After a successful system call: moves its buffer to this library's heap. The failure is
     /// reported as an internal error, not as exhausted memory, as callers of local calls know it.
@@ -76,7 +79,11 @@ LONG callWithOutput(SCARDCONTEXT context, Unit* destination, LPDWORD length, Cal
     }
     Output<Unit> output(context, destination, length);
     const LONG rv = call(output.buffer(), output.length());
-    return rv == SCARD_S_SUCCESS ? output.rehome() : rv;
+    if (rv != SCARD_S_SUCCESS) {
+        output.forget();
+        return rv;
+    }
+    return output.rehome();
 }
 
 }  // namespace
@@ -140,14 +147,18 @@ LONG LocalSCardStatusA(SCARDCONTEXT context, SCARDHANDLE card, LPSTR names, LPDW
     Output<BYTE> atrOutput(context, atr, atrLength);
     LONG rv = winscardTable().SCardStatusA(card, nameOutput.buffer(), nameOutput.length(), state,
                                            protocol, atrOutput.buffer(), atrOutput.length());
-    if (rv == SCARD_S_SUCCESS) {
-        rv = nameOutput.rehome();
-        if (rv == SCARD_S_SUCCESS) {
-            rv = atrOutput.rehome();
-            if (rv != SCARD_S_SUCCESS) {
-                nameOutput.withdraw();
-            }
-        }
+    if (rv != SCARD_S_SUCCESS) {
+        nameOutput.forget();
+        atrOutput.forget();
+        return rv;
+    }
+    rv = nameOutput.rehome();
+    if (rv != SCARD_S_SUCCESS) {
+        return rv;
+    }
+    rv = atrOutput.rehome();
+    if (rv != SCARD_S_SUCCESS) {
+        nameOutput.withdraw();
     }
     return rv;
 }

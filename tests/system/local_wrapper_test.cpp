@@ -2,6 +2,7 @@
 // the library's own heap, and each of them is given back at once.
 #include <cstring>
 #include <functional>
+#include <tuple>
 
 #include "guarded_buffer.h"
 #include "heap_spy.h"
@@ -22,6 +23,9 @@ Unit* addressOf(void** block) {
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the platform's way to say it
     return reinterpret_cast<Unit*>(block);
 }
+
+/// What a failing call may leave in the place of a result: the address of something.
+constexpr int kStray = 0;
 
 /// A call with one result that can be auto-allocated, on arguments that the host is content with.
 struct AllocatingCall {
@@ -159,6 +163,28 @@ TEST_P(AllocatingCallTest, WithoutMemoryIsAnInternalErrorAndGivesTheHostsBufferB
     EXPECT_EQ(block, nullptr);
     EXPECT_EQ(length, size());
     expectHostsBuffersGivenBack();
+}
+
+TEST_P(AllocatingCallTest, LeavesAPointerAloneThatAFailedCallOfTheHostHasStored) {
+    // The destination is the last argument but one of each of the host's calls.
+    const auto storeAndFail = [](auto... arguments) -> LONG {
+        const auto all = std::make_tuple(arguments...);
+        const void* const stray = &kStray;
+        std::memcpy(std::get<sizeof...(arguments) - 2>(all), &stray, sizeof stray);
+        return SCARD_E_SERVICE_STOPPED;
+    };
+    ON_CALL(host, SCardListReadersA).WillByDefault(storeAndFail);
+    ON_CALL(host, SCardListCardsA).WillByDefault(storeAndFail);
+    ON_CALL(host, SCardGetCardTypeProviderNameA).WillByDefault(storeAndFail);
+    ON_CALL(host, SCardGetReaderIconA).WillByDefault(storeAndFail);
+    ON_CALL(host, SCardReadCacheA).WillByDefault(storeAndFail);
+    ON_CALL(host, SCardGetAttrib).WillByDefault(storeAndFail);
+    EXPECT_CALL(host, SCardFreeMemory).Times(0);
+    void* block = nullptr;
+    auto length = SCARD_AUTOALLOCATE;
+    EXPECT_THAT(call(static_cast<void*>(&block), length), Gives(SCARD_E_SERVICE_STOPPED));
+    EXPECT_EQ(block, nullptr);
+    EXPECT_EQ(length, DWORD{SCARD_AUTOALLOCATE});
 }
 
 INSTANTIATE_TEST_SUITE_P(LocalWrapperTest, AllocatingCallTest, testing::ValuesIn(kAllocatingCalls),
@@ -305,10 +331,18 @@ TEST_F(LocalStatusTest, WithoutMemoryForTheAtrTakesTheNameAway) {
 }
 
 TEST_F(LocalStatusTest, AHostsFailureLeavesEverythingAsItWas) {
-    EXPECT_CALL(host, SCardStatusA).WillOnce(Return(SCARD_W_REMOVED_CARD));
+    EXPECT_CALL(host, SCardStatusA)
+        .WillOnce([](SCARDHANDLE, LPSTR name, LPDWORD, LPDWORD, LPDWORD, LPBYTE atr, LPDWORD) {
+            const void* const stray = &kStray;
+            std::memcpy(name, &stray, sizeof stray);
+            std::memcpy(atr, &stray, sizeof stray);
+            return SCARD_W_REMOVED_CARD;
+        });
+    EXPECT_CALL(host, SCardFreeMemory).Times(0);
     EXPECT_THAT(status(addressOf<char>(&nameBlock), addressOf<BYTE>(&atrBlock)),
                 Gives(SCARD_W_REMOVED_CARD));
     EXPECT_EQ(nameBlock, nullptr);
+    EXPECT_EQ(atrBlock, nullptr);
     EXPECT_EQ(nameLength, DWORD{SCARD_AUTOALLOCATE});
     EXPECT_EQ(atrLength, DWORD{SCARD_AUTOALLOCATE});
 }
