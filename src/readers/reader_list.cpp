@@ -1,4 +1,5 @@
 #include <cstring>
+#include <new>
 #include <optional>
 #include <string>
 
@@ -80,10 +81,17 @@ LONG listLocalReaders(const ListArguments& arguments, bool isAllocated) {
                                       arguments.length);
     });
     if (rv == SCARD_S_SUCCESS) {
-        if (const auto list = receivedList(arguments, isAllocated)) {
-            setLocalReaderNames(*list);
-        } else {
-            markLocalReaderNamesUntold();
+        try {
+            if (const auto list = receivedList(arguments, isAllocated)) {
+                setLocalReaderNames(*list);
+            } else {
+                markLocalReaderNamesUntold();
+            }
+        } catch (const std::bad_alloc&) {
+            if (isAllocated) {
+                takeBack(arguments.readers);
+            }
+            throw;
         }
     }
     return rv;

@@ -1,6 +1,7 @@
 // SCardListReadersA: the readers of both sides as one list.
 #include "failing_writes.h"
 #include "guarded_buffer.h"
+#include "heap_spy.h"
 #include "log_text.h"
 #include "remote_card_test.h"
 
@@ -205,6 +206,32 @@ TEST_F(ReaderListTest, OfTheHostAloneIsAllocatedFromTheLibrarysHeap) {
     EXPECT_EQ(host.heap().outstanding(), 0U);
     EXPECT_THAT(logged(), Contains("    Host Reader 0"));
     EXPECT_THAT(SCardFreeMemory(context, readers), Gives(SCARD_S_SUCCESS));
+}
+
+TEST_F(ReaderListTest, OfTheHostAloneIsFreedAgainWhenItCannotBeNoted) {
+    context = establish();
+    HeapSpy heap;
+    const auto refuseOneAllocationAfterTheOther = [&] {
+        bool wasRefused = true;
+        for (std::size_t n = 1; wasRefused; ++n) {
+            char* readers = nullptr;
+            length = SCARD_AUTOALLOCATE;
+            heap.refuseNth(n);
+            const LONG rv =
+                SCardListReadersA(context, nullptr, reinterpret_cast<LPSTR>(&readers), &length);
+            wasRefused = heap.stopRefusing();
+            if (rv == SCARD_S_SUCCESS) {
+                SCardFreeMemory(context, readers);
+            } else {
+                EXPECT_EQ(readers, nullptr) << "allocation " << n;
+            }
+        }
+    };
+    refuseOneAllocationAfterTheOther();
+    // What is made once, such as the place for a thread's first exception, has been made.
+    const std::size_t kept = heap.outstanding();
+    refuseOneAllocationAfterTheOther();
+    EXPECT_EQ(heap.outstanding(), kept);
 }
 
 TEST_F(ReaderListTest, OfTheHostAloneIsNotNotedByASizeQuery) {
