@@ -6,7 +6,7 @@
 /// Everything is made on first use, so attaching a process or a thread does nothing. At detach the
 /// poll thread is stopped and the started events are closed; contexts, connections, the log file
 /// and the system library are left to the platform, for the process is ending (or, on FreeLibrary,
-/// nothing was ever used: the first thread keeps the library loaded).
+/// there is nothing: whatever is made to stay keeps the library loaded).
 BOOL WINAPI DllMain(HINSTANCE /*module*/, DWORD reason, LPVOID /*reserved*/) {
     if (reason == DLL_PROCESS_DETACH) {
         tez::stopPollThread();

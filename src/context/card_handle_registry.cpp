@@ -24,10 +24,7 @@ struct CardHandleRegistry {
     HandleTable<std::unique_ptr<CardHandleEntry>> table;
 };
 
-CardHandleRegistry& cards() {
-    static NeverDestroyed<CardHandleRegistry> instance;
-    return *instance;
-}
+constinit NeverDestroyed<CardHandleRegistry> cards;
 
 HeapPtr<char> copyName(const char* name) {
     HeapPtr<char> copy(heapDuplicate(name));
@@ -40,8 +37,8 @@ HeapPtr<char> copyName(const char* name) {
 /// What read(entry) returns for a known card, and a default value for an unknown one.
 template <class Read>
 auto readEntry(SCARDHANDLE card, Read read) {
-    const SlimGuard guard(cards().lock);
-    const auto* const entry = cards().table.find(card);
+    const SlimGuard guard(cards->lock);
+    const auto* const entry = cards->table.find(card);
     return entry == nullptr ? decltype(read(**entry)){} : read(**entry);
 }
 
@@ -54,8 +51,8 @@ SCARDHANDLE registerCardHandle(std::uint64_t target, SCARDCONTEXT context, const
     entry->context = context;
     entry->isLocal = isLocal;
     entry->readerName = copyName(readerName);
-    const SlimGuard guard(cards().lock);
-    return cards().table.add(std::move(entry));
+    const SlimGuard guard(cards->lock);
+    return cards->table.add(std::move(entry));
 }
 
 std::uint64_t getCardTarget(SCARDHANDLE card) noexcept {
@@ -77,8 +74,8 @@ bool isLocalCard(SCARDHANDLE card) noexcept {
 
 void unregisterCardHandle(SCARDHANDLE card) noexcept {
     std::unique_ptr<CardHandleEntry> entry;
-    const SlimGuard guard(cards().lock);
-    cards().table.take(card, entry);
+    const SlimGuard guard(cards->lock);
+    cards->table.take(card, entry);
 }
 
 }  // namespace tez

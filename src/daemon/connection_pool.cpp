@@ -51,15 +51,12 @@ class ConnectionPool {
     std::array<std::unique_ptr<DaemonConnection>, 8> slots_;
 };
 
-ConnectionPool& pool() {
-    static NeverDestroyed<ConnectionPool> instance;
-    return *instance;
-}
+constinit NeverDestroyed<ConnectionPool> pool;
 
 }  // namespace
 
 std::unique_ptr<DaemonConnection> acquireConnection() {
-    std::unique_ptr<DaemonConnection> connection = pool().take();
+    std::unique_ptr<DaemonConnection> connection = pool->take();
     if (connection == nullptr && getServiceState() == ServiceState::LocalFirst) {
         connection = std::make_unique<DaemonConnectionTEZ>();
     }
@@ -74,7 +71,7 @@ void releaseConnection(std::unique_ptr<DaemonConnection> connection) noexcept {
         return;
     }
     if (connection->serviceKind() == getServiceState()) {
-        connection = pool().put(std::move(connection));
+        connection = pool->put(std::move(connection));
     }
     if (connection != nullptr) {
         connection->closeSocket();
@@ -82,7 +79,7 @@ void releaseConnection(std::unique_ptr<DaemonConnection> connection) noexcept {
 }
 
 void clearConnectionPool() noexcept {
-    pool().clear();
+    pool->clear();
 }
 
 }  // namespace tez

@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "common/heap.h"
+#include "common/module_reference.h"
 #include "log/crt_format.h"
 #include "log/environment.h"
 #include "log/timestamp.h"
@@ -144,6 +145,7 @@ const LogSink* sink() noexcept {
     if (known != nullptr) {
         return known;
     }
+    pinOwnModule();
     std::unique_ptr<const LogSink> fresh(new (std::nothrow) LogSink);
     if (fresh != nullptr && stored.compare_exchange_strong(known, fresh.get())) {
         known = fresh.release();

@@ -23,15 +23,12 @@ struct ReaderNames {
     ReaderListing currentListing = 0;
 };
 
-ReaderNames& names() {
-    static NeverDestroyed<ReaderNames> instance;
-    return *instance;
-}
+constinit NeverDestroyed<ReaderNames> names;
 
 /// Swaps a new list in; the old one is freed after the lock has been given back.
 void replace(NameList ReaderNames::*list, NameList fresh) noexcept {
-    const SlimGuard guard(names().readerListMutex);
-    std::swap(names().*list, fresh);
+    const SlimGuard guard(names->readerListMutex);
+    std::swap((*names).*list, fresh);
 }
 
 NameList parse(std::string_view multiString) {
@@ -41,17 +38,17 @@ NameList parse(std::string_view multiString) {
 }
 
 NameList copy(NameList ReaderNames::*list) {
-    const SlimGuard guard(names().readerListMutex);
-    return names().*list;
+    const SlimGuard guard(names->readerListMutex);
+    return (*names).*list;
 }
 
 }  // namespace
 
 void setLocalReaderNames(std::string_view multiString) {
     NameList fresh = parse(multiString);
-    const SlimGuard guard(names().readerListMutex);
-    names().isLocalUntold = false;
-    std::swap(names().localReaderNames, fresh);
+    const SlimGuard guard(names->readerListMutex);
+    names->isLocalUntold = false;
+    std::swap(names->localReaderNames, fresh);
 }
 
 void setRemoteReaderNames(std::string_view multiString) {
@@ -60,12 +57,12 @@ void setRemoteReaderNames(std::string_view multiString) {
 
 void forgetLocalReaderNames() noexcept {
     NameList old;
-    const SlimGuard guard(names().readerListMutex);
+    const SlimGuard guard(names->readerListMutex);
     // As one: a listing that came between would be taken for one that is up to date.
-    names().listReadersCalled.exchange(false);
-    ++names().currentListing;
-    names().isLocalUntold = false;
-    std::swap(names().localReaderNames, old);
+    names->listReadersCalled.exchange(false);
+    ++names->currentListing;
+    names->isLocalUntold = false;
+    std::swap(names->localReaderNames, old);
 }
 
 void forgetRemoteReaderNames() noexcept {
@@ -73,29 +70,29 @@ void forgetRemoteReaderNames() noexcept {
 }
 
 void markLocalReaderNamesUntold() noexcept {
-    const SlimGuard guard(names().readerListMutex);
-    names().isLocalUntold = true;
+    const SlimGuard guard(names->readerListMutex);
+    names->isLocalUntold = true;
 }
 
 bool areLocalReaderNamesUntold() noexcept {
-    const SlimGuard guard(names().readerListMutex);
-    return names().isLocalUntold;
+    const SlimGuard guard(names->readerListMutex);
+    return names->isLocalUntold;
 }
 
 ReaderListing currentReaderListing() noexcept {
-    const SlimGuard guard(names().readerListMutex);
-    return names().currentListing;
+    const SlimGuard guard(names->readerListMutex);
+    return names->currentListing;
 }
 
 void markListReadersCalled(ReaderListing listing) noexcept {
-    const SlimGuard guard(names().readerListMutex);
-    if (listing == names().currentListing) {
-        names().listReadersCalled.exchange(true);
+    const SlimGuard guard(names->readerListMutex);
+    if (listing == names->currentListing) {
+        names->listReadersCalled.exchange(true);
     }
 }
 
 bool wasListReadersCalled() noexcept {
-    return names().listReadersCalled;
+    return names->listReadersCalled;
 }
 
 std::vector<ReaderSide> findReaderSides(const std::vector<std::string_view>& readers) {
@@ -104,13 +101,13 @@ std::vector<ReaderSide> findReaderSides(const std::vector<std::string_view>& rea
     const auto isIn = [](const NameList& list, std::string_view name) {
         return std::find(list.begin(), list.end(), name) != list.end();
     };
-    const SlimGuard guard(names().readerListMutex);
+    const SlimGuard guard(names->readerListMutex);
     for (const std::string_view name : readers) {
-        if (isIn(names().localReaderNames, name)) {
+        if (isIn(names->localReaderNames, name)) {
             sides.push_back(ReaderSide::Local);
         } else {
-            sides.push_back(isIn(names().remoteReaderNames, name) ? ReaderSide::Remote
-                                                                  : ReaderSide::Neither);
+            sides.push_back(isIn(names->remoteReaderNames, name) ? ReaderSide::Remote
+                                                                 : ReaderSide::Neither);
         }
     }
     return sides;

@@ -33,14 +33,7 @@ struct StartedEvents {
     std::map<HANDLE, ProtocolHandle> startedEventRecords;
 };
 
-/// Set once the tables exist; process detach must not be the one to make them.
-std::atomic<bool> isInUse = false;
-
-StartedEvents& startedEvents() {
-    static NeverDestroyed<StartedEvents> instance;
-    isInUse = true;
-    return *instance;
-}
+constinit NeverDestroyed<StartedEvents> startedEvents;
 
 /// Lets the record's event follow the system's, with a lag of one interval at most. While the
 /// daemon serves the event is never reset.
@@ -99,7 +92,7 @@ bool openRecord(const FunctionLog& log, ServiceState state, HANDLE systemEvent,
 }  // namespace
 
 HANDLE accessStartedEvent(const FunctionLog& log) {
-    StartedEvents& all = startedEvents();
+    StartedEvents& all = *startedEvents;
     const DWORD thread = GetCurrentThreadId();
     const SlimGuard guard(all.startedEventMutex);
     // Read under the lock: the monitor stores a new state before it comes here to switch the events
@@ -140,7 +133,7 @@ HANDLE accessStartedEvent(const FunctionLog& log) {
 }
 
 void releaseStartedEvent(const FunctionLog& log) {
-    StartedEvents& all = startedEvents();
+    StartedEvents& all = *startedEvents;
     const DWORD thread = GetCurrentThreadId();
     const SlimGuard guard(all.startedEventMutex);
     const auto known = all.startedEventByThread.find(thread);
@@ -160,16 +153,16 @@ void releaseStartedEvent(const FunctionLog& log) {
 }
 
 void setStartedEvents() {
-    const SlimGuard guard(startedEvents().startedEventMutex);
-    for (auto& [systemEvent, record] : startedEvents().startedEventRecords) {
+    const SlimGuard guard(startedEvents->startedEventMutex);
+    for (auto& [systemEvent, record] : startedEvents->startedEventRecords) {
         stopWorker(record);
         SetEvent(record.event.get());
     }
 }
 
 void mirrorStartedEvents() {
-    const SlimGuard guard(startedEvents().startedEventMutex);
-    for (auto& [key, record] : startedEvents().startedEventRecords) {
+    const SlimGuard guard(startedEvents->startedEventMutex);
+    for (auto& [key, record] : startedEvents->startedEventRecords) {
         if (record.worker.joinable()) {
             continue;  // made since the daemon went, so it follows the host's already
         }
@@ -183,10 +176,10 @@ void mirrorStartedEvents() {
 }
 
 void closeStartedEvents() {
-    if (!isInUse) {
+    if (!startedEvents.isMade()) {
         return;
     }
-    StartedEvents& all = startedEvents();
+    StartedEvents& all = *startedEvents;
     const std::unique_lock<SlimLock> guard(all.startedEventMutex, std::try_to_lock);
     if (!guard.owns_lock()) {
         return;

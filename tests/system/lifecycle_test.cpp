@@ -121,6 +121,16 @@ TEST_F(LifecycleTest, StaysLoadedAfterCallsAndServesTheNextUse) {
     expectReadyAndEnd("unload-used");
 }
 
+TEST_F(LifecycleTest, LosesNothingWhenItIsLoadedForEachCall) {
+    setEnvironment("TEZ_PCSC_LOG_DIR", "");
+    setEnvironment("TEZ_PCSC_LOG_LEVEL", "error");  // nothing goes to standard error
+    expectReadyAndEnd("load-for-each-call");
+}
+
+TEST_F(LifecycleTest, LosesNothingWhenItIsLoadedForEachCallAndLogsToAFile) {
+    expectReadyAndEnd("load-for-each-call");
+}
+
 TEST_F(LifecycleTest, ServesSeveralApplicationsInTheSameWay) {
     daemon.start();
     ChildProcess first("victim.exe", "list-and-wait");

@@ -4,7 +4,9 @@
 #include <windows.h>
 #include <winscard.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <iostream>
@@ -327,14 +329,38 @@ int endByExitProcessFromAnotherThread() {
     }
 }
 
-int unloadUnused() {
-    const std::size_t before = threadCount();
-    {
-        const Library library;
-        require(threadCount() == before, "a thread was started");
-        require(FreeLibrary(library.module()) != FALSE, "FreeLibrary");
+/// How many of something of which a process has a limited number it can have yet: takes them all
+/// and gives them back.
+template <class Thing>
+std::size_t countFree(Thing take(), void giveBack(Thing), Thing none) {
+    std::vector<Thing> taken;
+    for (Thing thing = take(); thing != none; thing = take()) {
+        taken.push_back(thing);
     }
-    require(GetModuleHandleA("winscard.dll") == nullptr, "still loaded");
+    std::for_each(taken.begin(), taken.end(), giveBack);
+    return taken.size();
+}
+
+std::size_t freeTlsIndexes() {
+    return countFree<DWORD>([] { return TlsAlloc(); }, [](DWORD index) { TlsFree(index); },
+                            TLS_OUT_OF_INDEXES);
+}
+
+std::size_t freeFiles() {
+    return countFree<std::FILE*>([] { return std::fopen("NUL", "r"); },
+                                 [](std::FILE* file) { std::fclose(file); }, nullptr);
+}
+
+int unloadUnused() {
+    const std::size_t threads = threadCount();
+    const std::size_t tlsIndexes = freeTlsIndexes();
+    for (int i = 0; i < 20; ++i) {
+        const Library library;
+        require(threadCount() == threads, "a thread was started");
+        require(FreeLibrary(library.module()) != FALSE, "FreeLibrary");
+        require(GetModuleHandleA("winscard.dll") == nullptr, "still loaded");
+    }
+    require(freeTlsIndexes() == tlsIndexes, "TLS indexes are lost");
     // And once more, to be used this time.
     const Library again;
     again.listReaders(again.establish());
@@ -352,6 +378,24 @@ int unloadUsed() {
     const Library again;
     require(again.module() == library.module(), "another instance");
     again.listReaders(again.establish());
+    return 7;
+}
+
+/// An application that loads the library for each call leaves nothing of itself behind each time
+/// but, once, the file of the log.
+int loadForEachCall() {
+    const std::size_t tlsIndexes = freeTlsIndexes();
+    const std::size_t files = freeFiles();
+    for (int i = 0; i < 10000; ++i) {
+        const Library library;
+        auto* const isValidContext =
+            library.function<decltype(SCardIsValidContext)>("SCardIsValidContext");
+        require(isValidContext(7) == SCARD_E_INVALID_HANDLE, "SCardIsValidContext");
+        require(FreeLibrary(library.module()) != FALSE, "FreeLibrary");
+    }
+    require(freeTlsIndexes() == tlsIndexes, "TLS indexes are lost");
+    require(freeFiles() + 1 >= files, "files are lost");
+    meetTheTest();
     return 7;
 }
 
@@ -386,6 +430,7 @@ int main(int argc, char** argv) {
         {"exit-process", endByExitProcessFromAnotherThread},
         {"unload-unused", unloadUnused},
         {"unload-used", unloadUsed},
+        {"load-for-each-call", loadForEachCall},
         {"list-and-wait", listAndWait},
         {"read-behind", readBehindABuffer},
     };

@@ -1,31 +1,79 @@
 #include "common/never_destroyed.h"
 
 #include <gtest/gtest.h>
-#include <string>
+#include <stdexcept>
+#include <thread>
+#include <type_traits>
+#include <vector>
 
 using namespace tez;
 
 namespace {
 
+std::atomic<int> made = 0;
+std::atomic<int> destroyed = 0;
+
+/// One that takes its time to be made.
 struct Witness {
-    Witness(int& count, std::string given) : destroyed(count), text(std::move(given)) {}
+    Witness() : number(++made) { Sleep(20); }
     Witness(const Witness&) = delete;
     Witness& operator=(const Witness&) = delete;
     ~Witness() { ++destroyed; }
-    int& destroyed;
-    std::string text;
+    int number;
 };
+
+static_assert(std::is_trivially_destructible_v<NeverDestroyed<Witness>>);
+
+constinit NeverDestroyed<Witness> witness;
+
+bool isToThrow = true;
+
+struct ThrowsAtFirst {
+    ThrowsAtFirst() {
+        if (isToThrow) {
+            throw std::runtime_error("not yet");
+        }
+    }
+};
+
+constinit NeverDestroyed<ThrowsAtFirst> throwsAtFirst;
 
 }  // namespace
 
-TEST(NeverDestroyed, ConstructsItsObjectFromTheArgumentsAndLeavesItBe) {
-    int destroyed = 0;
-    Witness* object = nullptr;
+TEST(NeverDestroyed, IsMadeByItsFirstUse) {
+    EXPECT_EQ(made, 0);
+    EXPECT_FALSE(witness.isMade());
+    EXPECT_EQ((*witness).number, 1);
+    EXPECT_TRUE(witness.isMade());
+    EXPECT_EQ(witness->number, 1);
+    EXPECT_EQ(made, 1);
+}
+
+TEST(NeverDestroyed, IsMadeOnceByManyThreadsAtOnce) {
+    std::vector<std::thread> threads;
+    std::atomic<int> sum = 0;
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([&sum] { sum += witness->number; });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(sum, 8);
+    EXPECT_EQ(made, 1);
+}
+
+TEST(NeverDestroyed, LeavesItsObjectBe) {
     {
-        NeverDestroyed<Witness> holder(destroyed, "short");
-        object = &*holder;
-        EXPECT_EQ(object->text, "short");
-        EXPECT_EQ(&*holder, object);
+        NeverDestroyed<Witness> holder;
+        EXPECT_EQ(holder->number, 1);
     }
     EXPECT_EQ(destroyed, 0);
+}
+
+TEST(NeverDestroyed, IsMadeByALaterUseWhenTheFirstThrows) {
+    EXPECT_THROW(*throwsAtFirst, std::runtime_error);
+    EXPECT_FALSE(throwsAtFirst.isMade());
+    isToThrow = false;
+    *throwsAtFirst;
+    EXPECT_TRUE(throwsAtFirst.isMade());
 }
