@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <memory>
@@ -33,9 +34,11 @@ class HandleTable {
     /// Stores a value under the next handle that is not in use and returns that handle, which is
     /// never 0. Throws std::bad_alloc when memory is exhausted; nothing is stored then.
     std::uint64_t add(Value value) {
+        // Above every handle that there ever was none can be in use: no chain is searched before
+        // the counter begins anew.
         do {
             ++counter_;
-        } while (counter_ == 0 || find(counter_) != nullptr);
+        } while (counter_ == 0 || (counter_ <= highest_ && find(counter_) != nullptr));
         insert(counter_, std::move(value));
         return counter_;
     }
@@ -110,6 +113,7 @@ class HandleTable {
         node->next->previous = node;
         bucket.next = node;
         ++count_;
+        highest_ = std::max(highest_, handle);
     }
 
     void remove(Node* node) noexcept {
@@ -122,6 +126,7 @@ class HandleTable {
     std::array<Link, 128> buckets_;
     std::size_t count_ = 0;
     std::uint64_t counter_;
+    std::uint64_t highest_ = 0;  // handle ever stored
 };
 
 }  // namespace tez

@@ -71,7 +71,7 @@ LONG getAttributeRemotely(const FunctionLog& log, const RemoteCard& card, DWORD 
         return SCARD_E_INVALID_HANDLE;
     }
     AttribRecord record = {};
-    record.hCard = card.target;
+    record.hCard = card.target();
     record.dwAttrId = attributeId;
     DWORD wanted = *length;
     const bool isFixed = isFixedForm(exchange, card.state);
@@ -103,7 +103,7 @@ LONG setAttributeRemotely(const FunctionLog& log, const RemoteCard& card, DWORD 
         return SCARD_E_NO_SERVICE;
     }
     AttribRecord record = {};
-    record.hCard = card.target;
+    record.hCard = card.target();
     record.dwAttrId = attributeId;
     record.cbAttrLen = length;
     const bool isFixed = isFixedForm(exchange, card.state);
@@ -134,7 +134,7 @@ LONG getTransmitCountRemotely(const FunctionLog& log, const RemoteCard& card, LP
     if (!exchange.isCompatible(card.state)) {
         return SCARD_F_INTERNAL_ERROR;
     }
-    TransmitCountRecord record = {card.target, *count, 0};
+    TransmitCountRecord record = {card.target(), *count, 0};
     const LONG rv = exchange.call(CMD_GET_TRANSMIT_COUNT, record);
     if (rv == SCARD_S_SUCCESS) {
         *count = record.dwTransmitCount;

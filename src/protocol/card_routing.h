@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "common/scard_api.h"
 #include "context/card_handle_registry.h"
@@ -11,12 +12,14 @@ namespace tez {
 
 /// A card that the daemon serves, as a call on it sees it.
 struct RemoteCard {
-    std::uint64_t target;  ///< the daemon's card handle
-    SCARDCONTEXT context;  ///< the application's context that it was connected under
-    ServiceState state;    ///< as read at the start of the call
+    const CardHandleEntry& entry;
+    ServiceState state;  ///< as read at the start of the call
 
-    /// Whether the application still holds that context.
-    bool hasContext() const noexcept { return isContextKnown(context); }
+    /// The daemon's card handle.
+    std::uint64_t target() const noexcept { return entry.target; }
+
+    /// Whether the application still holds the context that the card was connected under.
+    bool hasContext() const noexcept { return isContextKnown(entry.context); }
 };
 
 /// Sends a call on a card handle to the side that serves the card; there is no fallback, for a card
@@ -28,21 +31,17 @@ struct RemoteCard {
 template <class Local, class Remote>
 LONG routeCardCall(SCARDHANDLE card, Local local, Remote remote) {
     const ServiceState state = getServiceState();
-    const bool isLocal = isLocalCard(card);
-    const std::uint64_t target = getCardTarget(card);
-    // The last of the three: a handle that is known now was known before, as none is issued twice,
-    // so that a disconnect on another thread cannot leave a call without its card.
-    const SCARDCONTEXT context = getCardContext(card);
-    if (context == 0) {
+    const std::shared_ptr<const CardHandleEntry> entry = findCardHandle(card);
+    if (entry == nullptr) {
         return SCARD_E_INVALID_HANDLE;
     }
-    if (isLocal && state != ServiceState::RemoteOnly) {
-        return local(target, context);
+    if (entry->isLocal && state != ServiceState::RemoteOnly) {
+        return local(entry->target, entry->context);
     }
-    if (isLocal || state == ServiceState::LocalOnly) {
+    if (entry->isLocal || state == ServiceState::LocalOnly) {
         return SCARD_E_INVALID_HANDLE;
     }
-    return remote(RemoteCard{target, context, state});
+    return remote(RemoteCard{*entry, state});
 }
 
 }  // namespace tez

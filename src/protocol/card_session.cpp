@@ -31,7 +31,7 @@ LONG reconnectRemotely(const FunctionLog& log, const RemoteCard& card, DWORD sha
         return SCARD_E_NO_SERVICE;
     }
     const SessionProtocols protocols(exchange, card.state);
-    ReconnectRecord record = {card.target,    shareMode, protocols.toWire(preferredProtocols),
+    ReconnectRecord record = {card.target(),  shareMode, protocols.toWire(preferredProtocols),
                               initialization, 0,         0};
     const LONG rv = exchange.call(CMD_RECONNECT, record);
     if (rv == SCARD_S_SUCCESS) {
@@ -76,7 +76,7 @@ LONG WINAPI SCardDisconnect(SCARDHANDLE hCard, DWORD dwDisposition) {
             },
             [&](const RemoteCard& card) {
                 const LONG rv = exchangeForCard(call.log(), card, CMD_DISCONNECT,
-                                                DisconnectRecord{card.target, dwDisposition, 0});
+                                                DisconnectRecord{card.target(), dwDisposition, 0});
                 if (rv == SCARD_S_SUCCESS) {
                     unregisterCardHandle(hCard);
                 }
@@ -96,7 +96,7 @@ LONG WINAPI SCardBeginTransaction(SCARDHANDLE hCard) {
             },
             [&](const RemoteCard& card) {
                 return exchangeForCard(call.log(), card, CMD_BEGIN_TRANSACTION,
-                                       HandleRecord{card.target, 0});
+                                       HandleRecord{card.target(), 0});
             });
     });
 }
@@ -112,7 +112,7 @@ LONG WINAPI SCardEndTransaction(SCARDHANDLE hCard, DWORD dwDisposition) {
             },
             [&](const RemoteCard& card) {
                 return exchangeForCard(call.log(), card, CMD_END_TRANSACTION,
-                                       DisconnectRecord{card.target, dwDisposition, 0});
+                                       DisconnectRecord{card.target(), dwDisposition, 0});
             });
     });
 }

@@ -3,7 +3,6 @@
 #include "common/copy_out.h"
 #include "common/heap.h"
 #include "common/scard_api.h"
-#include "context/card_handle_registry.h"
 #include "context/routing.h"
 #include "daemon/exchange.h"
 #include "local/local_calls.h"
@@ -17,7 +16,6 @@ using namespace tez;
 namespace {
 
 struct StatusArguments {
-    SCARDHANDLE card;
     LPSTR readerName;
     LPDWORD readerLength;
     LPDWORD state;
@@ -81,7 +79,7 @@ LONG statusRemotely(const FunctionLog& log, const RemoteCard& card,
     if (arguments.protocol != nullptr) {
         *arguments.protocol = 0;
     }
-    const HeapPtr<char> name = getCardReaderName(arguments.card);
+    const char* const name = card.entry.readerName.get();
     if (name == nullptr) {
         return SCARD_E_INVALID_HANDLE;
     }
@@ -90,7 +88,7 @@ LONG statusRemotely(const FunctionLog& log, const RemoteCard& card,
         return SCARD_E_NO_SERVICE;
     }
     StatusRecord record = {};
-    record.hCard = card.target;
+    record.hCard = card.target();
     record.cbAtrLen = sizeof(record.pbAtr);
     // A daemon that leaves the result untouched has not looked at the card.
     record.rv = static_cast<std::uint32_t>(SCARD_E_NO_SERVICE);
@@ -110,7 +108,7 @@ LONG statusRemotely(const FunctionLog& log, const RemoteCard& card,
     if (arguments.protocol != nullptr) {
         *arguments.protocol = SessionProtocols(exchange, card.state).fromWire(record.dwProtocol);
     }
-    return copyNameAndAtr(arguments, name.get(), record);
+    return copyNameAndAtr(arguments, name, record);
 }
 
 }  // namespace
@@ -122,8 +120,8 @@ LONG WINAPI SCardStatusA(SCARDHANDLE hCard, LPSTR szReaderName, LPDWORD pcchRead
             static_cast<long>(hCard), static_cast<void*>(szReaderName),
             static_cast<void*>(pcchReaderLen), valueOf(pcchReaderLen), static_cast<void*>(pbAtr),
             static_cast<void*>(pcbAtrLen), valueOf(pcbAtrLen));
-    const StatusArguments arguments = {hCard,       szReaderName, pcchReaderLen, pdwState,
-                                       pdwProtocol, pbAtr,        pcbAtrLen};
+    const StatusArguments arguments = {szReaderName, pcchReaderLen, pdwState,
+                                       pdwProtocol,  pbAtr,         pcbAtrLen};
     return call.run(
         [&] {
             return routeCardCall(

@@ -51,7 +51,7 @@ LONG controlRemotely(const FunctionLog& log, const RemoteCard& card,
         return rv;
     }
     ControlRecord record = {};
-    record.hCard = card.target;
+    record.hCard = card.target();
     record.dwControlCode = functionNumberOf(log, arguments.controlCode);
     record.cbInBufferSize = arguments.inLength;
     record.cbOutBufferSize = arguments.outLength;

@@ -121,7 +121,7 @@ LONG transmitRemotely(const FunctionLog& log, const RemoteCard& card,
         return rv;
     }
     TransmitRecord record = {};
-    record.hCard = card.target;
+    record.hCard = card.target();
     record.ioSendPciProtocol = convert_protocol_to_wire(arguments.sendPci->dwProtocol);
     record.cbSendLength = arguments.sendLength;
     record.ioRecvPciProtocol = arguments.receivePci == nullptr

@@ -1,4 +1,7 @@
 // The numbers that the application gets for its connections.
+#include <functional>
+#include <map>
+
 #include "remote_card_test.h"
 
 namespace tez::test {
@@ -111,6 +114,87 @@ TEST_F(CardHandleTest, AreFoundAmongManyMore) {
     EXPECT_THAT(daemon.requests(),
                 ElementsAre(IsRequest(Command::kDisconnect, disconnectRecord(kDaemonCard + 74, 0)),
                             IsRequest(Command::kDisconnect, disconnectRecord(kDaemonCard, 0))));
+}
+
+/// Counts how often the library takes each of its locks on the test's thread.
+class LockSpy {
+  public:
+    LockSpy()
+        : acquire_(libraryModule(), "KERNEL32.dll", "AcquireSRWLockExclusive",
+                   [this, thread = GetCurrentThreadId()](PSRWLOCK lock) {
+                       if (GetCurrentThreadId() == thread) {
+                           ++counts_[lock];
+                       }
+                       ::AcquireSRWLockExclusive(lock);
+                   }) {}
+
+    /// How often a call takes each lock.
+    std::map<PSRWLOCK, int> locksOf(const std::function<void()>& call) {
+        counts_.clear();
+        call();
+        return std::move(counts_);
+    }
+
+  private:
+    std::map<PSRWLOCK, int> counts_;
+    ImportPatch<decltype(::AcquireSRWLockExclusive)> acquire_;
+};
+
+using CardHandleLookUpTest = CardHandleTest;
+
+TEST_F(CardHandleLookUpTest, HappensOnceInACall) {
+    establishContext();
+    const ConnectedCard atDaemon = connect(context, kRemoteReader);
+    const ConnectedCard onHost = connect(context, kHostReader);
+    LockSpy spy;
+    // The lock of the cards is the one that a call on an unknown card takes, but not one on an
+    // unknown context.
+    std::map<PSRWLOCK, int> cardLock = spy.locksOf([] { SCardBeginTransaction(kHostCard); });
+    for (const auto& [lock, count] : spy.locksOf([] { SCardIsValidContext(kHostContext); })) {
+        cardLock.erase(lock);
+    }
+    ASSERT_THAT(cardLock, SizeIs(1));
+    const auto lookUps = [&](const std::function<void()>& call) {
+        return spy.locksOf(call)[cardLock.begin()->first];
+    };
+    for (const ConnectedCard& connected : {onHost, atDaemon}) {
+        const SCARDHANDLE handle = connected.handle;
+        EXPECT_EQ(lookUps([handle] { SCardBeginTransaction(handle); }), 1);
+        EXPECT_EQ(lookUps([handle] { SCardEndTransaction(handle, SCARD_LEAVE_CARD); }), 1);
+        EXPECT_EQ(lookUps([&connected] { transmit(connected, getChallenge()); }), 1);
+        EXPECT_EQ(lookUps([handle] {
+                      DWORD returned = 0;
+                      SCardControl(handle, SCARD_CTL_CODE(kControlFeatures), nullptr, 0, nullptr, 0,
+                                   &returned);
+                  }),
+                  1);
+        EXPECT_EQ(lookUps([handle] {
+                      DWORD length = 0;
+                      SCardGetAttrib(handle, SCARD_ATTR_ATR_STRING, nullptr, &length);
+                  }),
+                  1);
+        EXPECT_EQ(lookUps([handle] {
+                      const BYTE value = 1;
+                      SCardSetAttrib(handle, SCARD_ATTR_SUPRESS_T1_IFS_REQUEST, &value, 1);
+                  }),
+                  1);
+        EXPECT_EQ(lookUps([handle] {
+                      DWORD count = 0;
+                      SCardGetTransmitCount(handle, &count);
+                  }),
+                  1);
+        EXPECT_EQ(lookUps([handle] {
+                      SCardStatusA(handle, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+                  }),
+                  1);
+        EXPECT_EQ(lookUps([handle] {
+                      DWORD protocol = 0;
+                      SCardReconnect(handle, SCARD_SHARE_SHARED, SCARD_PROTOCOL_Tx,
+                                     SCARD_LEAVE_CARD, &protocol);
+                  }),
+                  1);
+    }
+    EXPECT_EQ(lookUps([&onHost] { SCardDisconnect(onHost.handle, SCARD_LEAVE_CARD); }), 1);
 }
 
 }  // namespace

@@ -61,10 +61,12 @@ TEST_F(RemoteOnlyCard, IsConnectedAtTheDaemon) {
     EXPECT_EQ(takeRequest(), (SentRequest{4, 160, connectRecord(3, 0, 0), std::nullopt}));
     EXPECT_EQ(activeProtocol(), static_cast<DWORD>(SCARD_PROTOCOL_T1));
     EXPECT_EQ(card(), 1U);
-    EXPECT_EQ(getCardTarget(card()), kDaemonCard);
-    EXPECT_EQ(getCardContext(card()), context);
-    EXPECT_STREQ(getCardReaderName(card()).get(), "Reader A");
-    EXPECT_FALSE(isLocalCard(card()));
+    const auto entry = findCardHandle(card());
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(entry->target, kDaemonCard);
+    EXPECT_EQ(entry->context, context);
+    EXPECT_STREQ(entry->readerName.get(), "Reader A");
+    EXPECT_FALSE(entry->isLocal);
 }
 
 TEST_F(RemoteOnlyCard, HasItsProtocolsConvertedFromVersionOneOn) {
@@ -91,7 +93,7 @@ TEST_F(RemoteOnlyCard, IsNotConnectedWhenTheDaemonRefuses) {
     EXPECT_EQ(connect(context, "Reader A"), SCARD_E_UNKNOWN_READER);
     EXPECT_EQ(card(), 0U);
     EXPECT_EQ(activeProtocol(), 77U);
-    EXPECT_EQ(getCardContext(1), 0U);
+    EXPECT_EQ(findCardHandle(1), nullptr);
 }
 
 TEST_F(RemoteOnlyCard, IsNotConnectedWithoutItsArguments) {
@@ -139,7 +141,7 @@ TEST_F(RemoteOnlyCard, IsForgottenWhenTheDaemonHasDisconnectedIt) {
     const Bytes record = ByteString().u64(kDaemonCard).u32(SCARD_RESET_CARD).u32(0).bytes();
     daemon().answers = {ByteString().u64(kDaemonCard).u32(1).u32(0x80100069).bytes(), record};
     EXPECT_EQ(SCardDisconnect(handle, SCARD_RESET_CARD), SCARD_W_REMOVED_CARD);
-    EXPECT_EQ(getCardTarget(handle), kDaemonCard);
+    EXPECT_NE(findCardHandle(handle), nullptr);
     EXPECT_EQ(SCardDisconnect(handle, SCARD_RESET_CARD), SCARD_S_SUCCESS);
     EXPECT_EQ(takeRequest(), (SentRequest{6, 16, record, std::nullopt}));
     EXPECT_EQ(SCardDisconnect(handle, SCARD_RESET_CARD), SCARD_E_INVALID_HANDLE);
@@ -170,7 +172,7 @@ TEST_F(RemoteOnlyCard, IsInvalidWhenTheHostServesIt) {
 
 TEST_F(RemoteOnlyCard, IsInvalidOnceItsContextIsReleased) {
     const SCARDHANDLE handle = remoteCard();
-    unregisterContext(getCardContext(handle));
+    unregisterContext(findCardHandle(handle)->context);
     EXPECT_EQ(SCardBeginTransaction(handle), SCARD_E_INVALID_HANDLE);
     EXPECT_THAT(daemon().requests, IsEmpty());
 }
