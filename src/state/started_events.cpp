@@ -5,6 +5,7 @@
 #include <memory>
 #include <new>
 #include <unordered_map>
+#include <utility>
 
 #include "common/never_destroyed.h"
 #include "common/slim_lock.h"
@@ -18,9 +19,11 @@ namespace {
 
 constexpr DWORD kMirrorInterval = 200;  // milliseconds
 
-/// One system started event in use, and the event that stands for it at the applications.
+/// An event that applications hold, and the host's that it stands for while the daemon is away.
 struct ProtocolHandle {
     OwnedHandle event;
+    /// Held until the record's end. Null until it is needed, when the daemon served at first.
+    HANDLE systemEvent = nullptr;
     LONG refCount = 0;
     Thread worker;
     std::atomic<bool> stop = false;
@@ -28,8 +31,9 @@ struct ProtocolHandle {
 
 struct StartedEvents {
     SlimLock startedEventMutex;
-    /// The system event that each thread's access resolved to; null while the daemon served.
+    /// The key of the record that each thread's accesses and releases are for.
     std::unordered_map<DWORD, HANDLE> startedEventByThread;
+    /// By the system event that the first access resolved to; null while the daemon served.
     std::map<HANDLE, ProtocolHandle> startedEventRecords;
 };
 
@@ -37,9 +41,9 @@ constinit NeverDestroyed<StartedEvents> startedEvents;
 
 /// Lets the record's event follow the system's, with a lag of one interval at most. While the
 /// daemon serves the event is never reset.
-void startedEventMirror(HANDLE systemEvent, ProtocolHandle& record) noexcept {
+void startedEventMirror(ProtocolHandle& record) noexcept {
     while (!record.stop) {
-        if (WaitForSingleObject(systemEvent, 0) == WAIT_OBJECT_0) {
+        if (WaitForSingleObject(record.systemEvent, 0) == WAIT_OBJECT_0) {
             SetEvent(record.event.get());
         } else if (getServiceState() == ServiceState::LocalOnly) {
             ResetEvent(record.event.get());
@@ -48,9 +52,9 @@ void startedEventMirror(HANDLE systemEvent, ProtocolHandle& record) noexcept {
     }
 }
 
-bool startWorker(HANDLE systemEvent, ProtocolHandle& record) {
+bool startWorker(ProtocolHandle& record) {
     record.stop = false;
-    return record.worker.start([systemEvent, &record] { startedEventMirror(systemEvent, record); });
+    return record.worker.start([&record] { startedEventMirror(record); });
 }
 
 void stopWorker(ProtocolHandle& record) {
@@ -78,15 +82,31 @@ bool openRecord(const FunctionLog& log, ServiceState state, HANDLE systemEvent,
         log.warning("Failed to create an event (%lu)", GetLastError());
         return false;
     }
-    if (state != ServiceState::LocalOnly) {
-        SetEvent(record.event.get());
-        return true;
-    }
-    if (!startWorker(systemEvent, record)) {
+    record.systemEvent = systemEvent;
+    if (state == ServiceState::LocalOnly && !startWorker(record)) {
         log.warning("Failed to start the worker of an event (%lu)", GetLastError());
         return false;
     }
     return true;
+}
+
+/// The key of the record that a thread's access is for. The thread stays with its record, whoever
+/// serves by now, so that its releases meet what it has accessed; only when other threads have
+/// released the last of that record it gets the one of this access.
+/// @param unused  out: the system event of an access that no record stands for; or null.
+HANDLE findKey(const FunctionLog& log, DWORD thread, HANDLE systemEvent, HANDLE& unused) {
+    const auto [entry, isNew] =
+        startedEvents->startedEventByThread.try_emplace(thread, systemEvent);
+    HANDLE& key = entry->second;
+    if (key != systemEvent) {
+        log.warning("Unexpected call to access started event");
+    }
+    if (!isNew && !startedEvents->startedEventRecords.contains(key)) {
+        unused = std::exchange(key, systemEvent);
+    } else if (key != systemEvent) {
+        unused = systemEvent;
+    }
+    return key;
 }
 
 }  // namespace
@@ -106,6 +126,7 @@ HANDLE accessStartedEvent(const FunctionLog& log) {
             return nullptr;
         }
     }
+    HANDLE unused = nullptr;
     const auto undo = [&] {
         const auto record = all.startedEventRecords.find(systemEvent);
         if (record != all.startedEventRecords.end() && record->second.refCount == 0) {
@@ -113,14 +134,15 @@ HANDLE accessStartedEvent(const FunctionLog& log) {
         }
         all.startedEventByThread.erase(thread);
         releaseSystemEvent(systemEvent);
+        releaseSystemEvent(unused);
     };
     try {
-        const auto [known, isNew] = all.startedEventByThread.try_emplace(thread, systemEvent);
-        if (!isNew && known->second != systemEvent) {
-            log.warning("Unexpected call to access started event");
-        }
-        ProtocolHandle& record = all.startedEventRecords[systemEvent];
+        ProtocolHandle& record = all.startedEventRecords[findKey(log, thread, systemEvent, unused)];
         if (record.refCount != 0 || openRecord(log, state, systemEvent, record)) {
+            releaseSystemEvent(unused);
+            if (state != ServiceState::LocalOnly) {
+                SetEvent(record.event.get());
+            }
             ++record.refCount;
             return record.event.get();
         }
@@ -141,20 +163,26 @@ void releaseStartedEvent(const FunctionLog& log) {
         log.warning("Unmatched call to SCardReleaseStartedEvent");
         return;
     }
-    const HANDLE systemEvent = known->second;
-    ProtocolHandle& record = all.startedEventRecords[systemEvent];
-    if (--record.refCount < 1) {
+    // Entries of other threads stay when the record goes: each goes with a last release on its own
+    // thread.
+    HANDLE systemEvent = known->second;
+    const auto found = all.startedEventRecords.find(known->second);
+    if (found != all.startedEventRecords.end()) {
+        ProtocolHandle& record = found->second;
+        if (--record.refCount > 0) {
+            return;
+        }
         stopWorker(record);
-        all.startedEventRecords.erase(systemEvent);
-        // Entries of other threads stay: each goes with a last release on its own thread.
-        all.startedEventByThread.erase(known);
-        releaseSystemEvent(systemEvent);
+        systemEvent = record.systemEvent;
+        all.startedEventRecords.erase(found);
     }
+    all.startedEventByThread.erase(known);
+    releaseSystemEvent(systemEvent);
 }
 
 void setStartedEvents() {
     const SlimGuard guard(startedEvents->startedEventMutex);
-    for (auto& [systemEvent, record] : startedEvents->startedEventRecords) {
+    for (auto& [key, record] : startedEvents->startedEventRecords) {
         stopWorker(record);
         SetEvent(record.event.get());
     }
@@ -166,10 +194,10 @@ void mirrorStartedEvents() {
         if (record.worker.joinable()) {
             continue;  // made since the daemon went, so it follows the host's already
         }
-        // A system event asked for here is not the record's to give back: it was accessed by none
-        // of the application's threads.
-        const HANDLE systemEvent = key != nullptr ? key : accessSystemEvent();
-        if (systemEvent == nullptr || !startWorker(systemEvent, record)) {
+        if (record.systemEvent == nullptr) {
+            record.systemEvent = accessSystemEvent();
+        }
+        if (record.systemEvent == nullptr || !startWorker(record)) {
             ResetEvent(record.event.get());
         }
     }
@@ -184,10 +212,10 @@ void closeStartedEvents() {
     if (!guard.owns_lock()) {
         return;
     }
-    for (auto& [systemEvent, record] : all.startedEventRecords) {
+    for (auto& [key, record] : all.startedEventRecords) {
         stopWorker(record);
         record.event.reset();
-        releaseSystemEvent(systemEvent);
+        releaseSystemEvent(record.systemEvent);
     }
 }
 

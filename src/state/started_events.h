@@ -7,8 +7,8 @@ namespace tez {
 
 // The started events that applications hold, process-wide: an event is set while a smart-card
 // service can be used, be it the daemon's or the host's. Accesses that resolved to the same system
-// event share one record and one event. Any thread may call; each operation holds
-// startedEventMutex, which the mirror workers never take.
+// event share one record and one event; a thread goes on with the record of its first access. Any
+// thread may call; each operation holds startedEventMutex, which the mirror workers never take.
 
 /// Gives the calling thread an event, for as long as it has releases outstanding.
 /// @param log  of the exported call.
@@ -16,7 +16,7 @@ namespace tez {
 ///         exhausted; nothing is recorded then. The event is the library's to close.
 HANDLE accessStartedEvent(const FunctionLog& log);
 
-/// Takes back what the calling thread accessed last; a thread without an access only gets a warning
+/// Takes back what the calling thread has accessed; a thread without an access only gets a warning
 /// into the log. The last release of an event closes it.
 void releaseStartedEvent(const FunctionLog& log);
 

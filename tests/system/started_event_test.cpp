@@ -224,18 +224,103 @@ TEST_F(StartedEventTest, CanBeReleasedAgainByAThreadWhoseEntryOutlivedTheRecord)
     EXPECT_EQ(log().count(kRelease, "Unmatched call to SCardReleaseStartedEvent"), 1U);
 }
 
-TEST_F(StartedEventTest, AccessedUnderAnotherServiceWarns) {
-    const HANDLE hostsMirror = SCardAccessStartedEvent();
+TEST_F(StartedEventTest, AccessedUnderAnotherServiceWarnsAndIsTheSame) {
+    const HANDLE event = SCardAccessStartedEvent();
     startDaemon();
     waitForWatch();
-    const HANDLE daemons = SCardAccessStartedEvent();
-    EXPECT_NE(daemons, hostsMirror);
-    EXPECT_TRUE(isSet(daemons));
+    EXPECT_EQ(SCardAccessStartedEvent(), event);
+    EXPECT_TRUE(isSet(event));
     EXPECT_THAT(log().entries(),
                 Contains(LogLine('W', kAccess, "Unexpected call to access started event")));
     SCardReleaseStartedEvent();
-    EXPECT_FALSE(isOpen(hostsMirror));
-    EXPECT_TRUE(isOpen(daemons));
+    EXPECT_TRUE(isOpen(event));
+    EXPECT_EQ(systemUsers(), 1U);
+    SCardReleaseStartedEvent();
+    EXPECT_FALSE(isOpen(event));
+    EXPECT_EQ(systemUsers(), 0U);
+    EXPECT_THAT(log().messages(kRelease, 'W'), IsEmpty());
+}
+
+TEST_F(StartedEventTest, OfTheDaemonAccessedWhileItIsAwayIsReleasedWithTheHosts) {
+    establishWithDaemon();
+    const HANDLE event = SCardAccessStartedEvent();
+    stopDaemon();
+    EXPECT_EQ(SCardAccessStartedEvent(), event);
+    EXPECT_EQ(systemUsers(), 1U) << "of the record, and not of the access";
+    SCardReleaseStartedEvent();
+    EXPECT_TRUE(isOpen(event));
+    SCardReleaseStartedEvent();
+    EXPECT_FALSE(isOpen(event));
+    EXPECT_EQ(systemUsers(), 0U);
+    EXPECT_THAT(log().messages(kRelease, 'W'), IsEmpty());
+}
+
+TEST_F(StartedEventTest, StaysOpenForAThreadWhileAnotherReleasesWhatItHasAccessed) {
+    HANDLE event = nullptr;
+    Latch isAccessed(1);
+    Latch isToRelease(1);
+    std::thread other([&] {
+        event = SCardAccessStartedEvent();
+        isAccessed.countDown();
+        isToRelease.wait();
+        EXPECT_TRUE(isOpen(event));
+        SCardReleaseStartedEvent();
+        EXPECT_FALSE(isOpen(event));
+    });
+    isAccessed.wait();
+    EXPECT_EQ(SCardAccessStartedEvent(), event);
+    startDaemon();
+    waitForWatch();
+    EXPECT_EQ(SCardAccessStartedEvent(), event);
+    SCardReleaseStartedEvent();
+    SCardReleaseStartedEvent();
+    isToRelease.countDown();
+    other.join();
+}
+
+TEST_F(StartedEventTest, IsOfTheServiceOfTheDayAgainOnceNobodyHoldsTheFormerOne) {
+    Latch isAccessed(1);
+    Latch isToRelease(1);
+    std::thread other([&] {
+        SCardAccessStartedEvent();
+        isAccessed.countDown();
+        isToRelease.wait();
+        SCardReleaseStartedEvent();
+    });
+    isAccessed.wait();
+    SCardAccessStartedEvent();
+    SCardReleaseStartedEvent();
+    isToRelease.countDown();
+    other.join();
+    // The host's event is gone, though this thread was not the last to release it.
+    startDaemon();
+    waitForWatch();
+    const HANDLE event = SCardAccessStartedEvent();
+    EXPECT_TRUE(isSet(event));
+    EXPECT_EQ(systemUsers(), 0U);
+    stopDaemon();
+    EXPECT_EQ(systemUsers(), 1U);
+    EXPECT_TRUE(staysSet(event)) << "the host's service runs";
+    SCardReleaseStartedEvent();
+    EXPECT_FALSE(isOpen(event));
+    EXPECT_EQ(systemUsers(), 0U);
+}
+
+TEST_F(StartedEventTest, AsksForTheHostsOnceHoweverOftenTheDaemonGoes) {
+    establishWithDaemon();
+    EXPECT_CALL(host, SCardAccessStartedEvent).Times(1);
+    EXPECT_CALL(host, SCardReleaseStartedEvent).Times(0);
+    const HANDLE event = SCardAccessStartedEvent();
+    for (int i = 0; i < 4; ++i) {
+        stopDaemon();
+        startDaemon();
+        waitForWatch();
+    }
+    EXPECT_EQ(systemUsers(), 1U);
+    testing::Mock::VerifyAndClearExpectations(&host);
+    SCardReleaseStartedEvent();
+    EXPECT_FALSE(isOpen(event));
+    EXPECT_EQ(systemUsers(), 0U);
 }
 
 TEST_F(StartedEventTest, IsSetWhenTheDaemonComes) {
