@@ -13,6 +13,14 @@ std::string toUtf8(const std::wstring& text) {
     return utf8;
 }
 
+std::wstring toWide(const std::string& utf8) {
+    const auto length = static_cast<int>(utf8.size());
+    const int size = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), length, nullptr, 0);
+    std::wstring wide(static_cast<std::size_t>(size), L'\0');
+    MultiByteToWideChar(CP_UTF8, 0, utf8.data(), length, wide.data(), size);
+    return wide;
+}
+
 std::filesystem::path toPath(const std::string& utf8) {
     // What a narrow string is taken for depends on the host.
     return std::u8string(utf8.begin(), utf8.end());

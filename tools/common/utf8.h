@@ -7,6 +7,8 @@
 namespace tez::tools {
 
 std::string toUtf8(const std::wstring& text);
+/// What is not UTF-8 becomes U+FFFD.
+std::wstring toWide(const std::string& utf8);
 
 /// A path as a person gives it; throws std::system_error when it is not UTF-8.
 std::filesystem::path toPath(const std::string& utf8);
