@@ -4,6 +4,6 @@ if(TEZ_CHECKED)
     add_link_options(-fsanitize=address,undefined)
 endif()
 
-include(cmake/cli11.cmake)
+include(cmake/header_packages.cmake)
 add_subdirectory(pcscd)
 add_subdirectory(tests)

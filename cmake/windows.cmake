@@ -22,7 +22,7 @@ target_compile_definitions(tez_options INTERFACE _WIN32_WINNT=0x0602 WIN32_LEAN_
 
 add_subdirectory(src)
 if(TEZ_BUILD_TESTS OR TEZ_BUILD_TOOLS)
-    include(cmake/cli11.cmake)
+    include(cmake/header_packages.cmake)
     add_subdirectory(pcscd)
 endif()
 if(TEZ_BUILD_TESTS)

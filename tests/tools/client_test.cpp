@@ -1,102 +1,54 @@
 // The command-line client, with the simulator program on the remote side and the stand-in's own
 // reader on the host's. What a command prints is looked at as a person sees it.
-#include <filesystem>
-#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "simulator_process.h"
+#include "client_fixture.h"
 
 namespace tez::test {
 namespace {
 
 using testing::AllOf;
+using testing::AnyOf;
 using testing::HasSubstr;
+using testing::MatchesRegex;
 using testing::Not;
 using testing::Optional;
 using testing::StartsWith;
 
-constexpr const char* kDemoAtrText = "3B 89 01 44 45 4D 4F 20 43 41 52 44 BF";
 constexpr const char* kItem = "00112233-4455-6677-8899-AABBCCDDEEFF \"an item\"";
 
-class ClientTest : public testing::Test {
-  public:
-    ClientTest(const ClientTest&) = delete;
-    ClientTest& operator=(const ClientTest&) = delete;
-
-  protected:
-    ClientTest() {
-        std::ofstream(cardFile()).close();
-        SetEnvironmentVariableA("TEZ_STAND_IN_CARD_FILE", cardFile().string().c_str());
-    }
-    ~ClientTest() override { std::filesystem::remove(cardFile()); }
-
-    /// While there is this file, the host's reader holds a card.
-    static std::filesystem::path cardFile() {
-        return std::filesystem::temp_directory_path() /
-               ("host-card-" + std::to_string(GetCurrentProcessId()));
-    }
-
-    /// What a command prints that succeeds.
-    static std::string output(const std::string& command) { return outputOf(command, 0); }
-
-    static std::string outputOf(const std::string& command, DWORD exitCode) {
-        ChildProcess client("pcsc-client.exe", command);
-        std::string text = client.readRest();
-        EXPECT_THAT(client.waitForEnd(kToolPatience), Optional(exitCode)) << command;
-        return text;
-    }
-
-    /// What commands print that share one process, whose exit code tells whether one has failed.
-    static std::string shellOutput(const std::vector<std::string>& commands, DWORD exitCode) {
-        ChildProcess client("pcsc-client.exe", "shell");
-        for (const std::string& command : commands) {
-            client.writeLine(command);
-        }
-        client.writeLine("quit");
-        std::string text = client.readRest();
-        EXPECT_THAT(client.waitForEnd(kToolPatience), Optional(exitCode)) << text;
-        return text;
-    }
-
-    /// How many calls of the library its logs in a folder tell of.
-    static std::size_t countCalls(const std::filesystem::path& folder) {
-        std::size_t count = 0;
-        for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-            std::ifstream log(entry.path());
-            for (std::string line; std::getline(log, line);) {
-                if (line.find(" IN-PARAMS") != std::string::npos) {
-                    ++count;
-                }
-            }
-        }
-        return count;
-    }
-
-    /// Reads up to a line that has the text; throws when the output ends before it.
-    static std::string lineWith(ChildProcess& client, const std::string& text) {
-        while (const std::optional<std::string> line = client.readLine()) {
-            if (line->find(text) != std::string::npos) {
-                return *line;
-            }
-        }
-        throw std::runtime_error("the client does not print: " + text);
-    }
-
-    /// A watch that waits without a limit, on the remote side at least.
-    void waitUntilItWaits(ChildProcess& watch) const {
-        lineWith(watch, "watching");
-        // One request for the first states, one for the wait.
-        simulator.waitFor("GET_STATUS_CHANGE", 2);
-    }
-
-    SimulatorProcess simulator;
-};
-
 TEST_F(ClientTest, ListsTheReadersOfBothSides) {
-    EXPECT_THAT(output("readers --groups"),
-                AllOf(HasSubstr("[0] Remote Reader 0"), HasSubstr("[1] Remote Reader 1"),
-                      HasSubstr("[2] Host Reader 0"), HasSubstr("group SCard$DefaultReaders")));
+    EXPECT_THAT(output("readers --groups"), AllOf(HasSubstr("[0] Remote Reader 0  (remote)"),
+                                                  HasSubstr("[1] Remote Reader 1  (remote)"),
+                                                  HasSubstr("[2] Host Reader 0  (host)"),
+                                                  HasSubstr("group SCard$DefaultReaders")));
+}
+
+TEST_F(ClientTest, TellsOfAReaderThatBothSidesHave) {
+    simulator.tell("add Host Reader 0");
+    simulator.waitFor("reader added: Host Reader 0");
+    EXPECT_THAT(output("readers"), AllOf(HasSubstr("[2] Host Reader 0  (both)"),
+                                         HasSubstr("[3] Host Reader 0  (both)")));
+}
+
+TEST_F(ClientTest, TellsThatThereIsNoReaderOfANumber) {
+    EXPECT_THAT(shellOutput({"status 7", "apdu 99999999999999999999 00A40400"}, 1),
+                AllOf(HasSubstr("error: there is no reader 7, they are 0 to 2"),
+                      HasSubstr("error: there is no reader 99999999999999999999")));
+}
+
+TEST_F(ClientTest, SuggestsACommandForAMistypedOne) {
+    EXPECT_THAT(shellOutput({"reders", "stat", "xyzzy", "help atributes"}, 1),
+                AllOf(HasSubstr("unknown command: reders; did you mean readers?"),
+                      HasSubstr("unknown command: stat; did you mean status?"),
+                      HasSubstr("unknown command: xyzzy\r\n"),
+                      HasSubstr("error: unknown command: atributes; did you mean attributes?")));
+    EXPECT_EQ(outputOf("reders", 2), "");
+}
+
+TEST_F(ClientTest, TellsItsVersion) {
+    EXPECT_THAT(output("--version"), MatchesRegex("pcsc-client \\d+\\.\\d+\\.\\d+\r\n"));
 }
 
 TEST_F(ClientTest, TellsTheStateOfEachCard) {
@@ -142,119 +94,21 @@ TEST_F(ClientTest, PrintsTheAttributesThatAnOldDaemonSends) {
                 AllOf(HasSubstr(kDemoAtrText), HasSubstr("value     Virtual Readers")));
 }
 
+TEST_F(ClientTest, ReadsThePinFromStandardInput) {
+    const std::string text = shellOutput({"verify 0", "1234", "verify 0 --json", "5678"}, 1);
+    EXPECT_THAT(text,
+                AllOf(HasSubstr("command   00 20 00 01 04 ** ** ** **"),
+                      HasSubstr("{\"exchanges\":[{\"command\":\"00 20 00 01 04 ** ** ** **\"")));
+    EXPECT_THAT(text, Not(AnyOf(HasSubstr("1234"), HasSubstr("5678"))));
+    EXPECT_EQ(outputOf("verify 0 1234", 2), "");
+}
+
 TEST_F(ClientTest, RefusesAPinThatNoCommandHolds) {
-    EXPECT_EQ(outputOf("verify 0 " + std::string(256, '1'), 2), "");
-    EXPECT_THAT(outputOf("verify 0 " + std::string(255, '1'), 1),
-                HasSubstr("command   00 20 00 01 FF ** "));
-}
-
-TEST_F(ClientTest, GoesOnInTheShellAfterAnyError) {
-    // Bytes that are not UTF-8 name no file.
-    EXPECT_THAT(shellOutput({"icon 0 --file \"\xFF.ico\"", "readers"}, 1),
-                AllOf(HasSubstr("error: "), HasSubstr("[0] Remote Reader 0")));
-}
-
-TEST_F(ClientTest, EndsAWatchWithACardOnTheRemoteSide) {
-    ChildProcess watch("pcsc-client.exe", "watch --once");
-    waitUntilItWaits(watch);
-    simulator.tell("insert Remote Reader 1");
-    EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 1: card present, ATR " +
-                                                      std::string(kDemoAtrText))));
-    EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
-}
-
-TEST_F(ClientTest, EndsAWatchWithACardOnTheHostsSide) {
-    std::filesystem::remove(cardFile());
-    ChildProcess watch("pcsc-client.exe", "watch --once");
-    waitUntilItWaits(watch);
-    std::ofstream(cardFile()).close();
-    EXPECT_THAT(watch.readLine(), Optional(StartsWith("Host Reader 0: card present")));
-    EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
-}
-
-TEST_F(ClientTest, FollowsReadersAndSidesThatComeAndGo) {
-    ChildProcess watch("pcsc-client.exe", "watch --changes 4");
-    waitUntilItWaits(watch);
-    simulator.tell("add Remote Reader 2");
-    EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 2: new reader, no card")));
-    simulator.tell("remove-reader Remote Reader 2");
-    EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 2: reader removed")));
-    simulator.tell("stop-serving");
-    simulator.waitFor("stopped serving");
-    simulator.tell("remove Remote Reader 0");
-    simulator.tell("serve");
-    EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 0: no card")));
-    simulator.tell("insert Remote Reader 1");
-    EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 1: card present")));
-    EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
-}
-
-TEST_F(ClientTest, EndsAWatchWhenItsTimeIsOver) {
-    EXPECT_THAT(output("watch --timeout 0"), HasSubstr("watching"));
-    EXPECT_THAT(outputOf("watch --once --timeout 1", 1), HasSubstr("watching"));
-}
-
-TEST_F(ClientTest, ToldOfAChangeDoesNotWaitForTheEndOfItsTime) {
-    ChildProcess watch("pcsc-client.exe", "watch --once --timeout 1000");
-    lineWith(watch, "watching");
-    simulator.tell("insert Remote Reader 1");
-    EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 1: card present")));
-    EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
-}
-
-TEST_F(ClientTest, ShowsANamedReaderWhenItComes) {
-    ChildProcess watch("pcsc-client.exe", "watch \"Remote Reader 2\" --once");
-    EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 2: no such reader")));
-    lineWith(watch, "watching");
-    simulator.tell("add Remote Reader 2");
-    EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 2: new reader, no card")));
-    EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
-}
-
-TEST_F(ClientTest, FollowsANamedReaderThatGoesAndComes) {
-    ChildProcess watch("pcsc-client.exe", "watch \"Remote Reader 1\" --changes 3");
-    waitUntilItWaits(watch);
-    simulator.tell("remove Remote Reader 0");
-    simulator.tell("remove-reader Remote Reader 1");
-    EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 1: reader removed")));
-    simulator.tell("add Remote Reader 1");
-    EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 1: new reader, no card")));
-    simulator.tell("insert Remote Reader 1");
-    EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 1: card present")));
-    EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
-}
-
-TEST_F(ClientTest, WatchesANamedReaderWhileTheDaemonGoesAndComes) {
-    ChildProcess watch("pcsc-client.exe", "watch \"Remote Reader 0\" --changes 2");
-    waitUntilItWaits(watch);
-    simulator.tell("stop-serving");
-    EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 0: reader removed")));
-    simulator.tell("serve");
-    EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 0: new reader, card")));
-    EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
-}
-
-TEST_F(ClientTest, RestsWhileANamedReaderIsMissing) {
-    const std::filesystem::path folder = cardFile().replace_extension(".log");
-    std::filesystem::create_directory(folder);
-    SetEnvironmentVariableA("TEZ_PCSC_LOG_LEVEL", "debug");
-    SetEnvironmentVariableA("TEZ_PCSC_LOG_DIR", folder.string().c_str());
-    output("watch \"No Such Reader\" --timeout 1");
-    const std::size_t calls = countCalls(folder);
-    std::filesystem::remove_all(folder);
-    EXPECT_GT(calls, 0U);
-    // It looks four times in that second, with a few calls each time.
-    EXPECT_LT(calls, 60U);
-}
-
-TEST_F(ClientTest, TellsHowManyReadersCanBeWatched) {
-    for (int reader = 2; reader < 16; ++reader) {
-        simulator.tell("add Remote Reader " + std::to_string(reader));
-    }
-    simulator.waitFor("reader added: Remote Reader 15");
-    EXPECT_THAT(shellOutput({"watch --timeout 0", "watch 0 15 16 --timeout 0"}, 1),
-                AllOf(HasSubstr("error: a wait takes 16 entries at most, not 18"),
-                      HasSubstr("Host Reader 0: card present")));
+    const std::string longest(255, '1');
+    EXPECT_THAT(shellOutput({"verify 0", longest + "1", "verify 0", longest, "verify 0", ""}, 1),
+                AllOf(HasSubstr("error: the PIN is longer than the 255 bytes"),
+                      HasSubstr("command   00 20 00 01 FF ** "),
+                      HasSubstr("error: no PIN was given on standard input")));
 }
 
 TEST_F(ClientTest, WaitsForTheStartedEvent) {

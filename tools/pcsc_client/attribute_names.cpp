@@ -136,6 +136,15 @@ std::string describeAttribute(DWORD id) {
     return (known == nullptr ? "" : std::string(known->name) + " ") + "0x" + formatDigits(id, 8);
 }
 
+Json attributeToJson(DWORD id) {
+    Json json = Json::object();
+    if (const AttributeName* const known = find(id)) {
+        json["name"] = known->name;
+    }
+    json["id"] = "0x" + formatDigits(id, 8);
+    return json;
+}
+
 std::optional<std::string> readableValue(DWORD id, ByteView value) {
     const AttributeName* const known = find(id);
     switch (known == nullptr ? kBytes : known->kind) {

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "bytes.h"
+#include "json.h"
 
 namespace tez::client {
 
@@ -29,6 +30,9 @@ std::optional<DWORD> parseAttribute(std::string_view text);
 
 /// "ATR_STRING 0x00090303"; one without a name is its number alone.
 std::string describeAttribute(DWORD id);
+
+/// {"name": "ATR_STRING", "id": "0x00090303"}; one without a name has its number alone.
+Json attributeToJson(DWORD id);
 
 /// The value for people to read; nothing when the attribute is not known to be more than bytes.
 std::optional<std::string> readableValue(DWORD id, ByteView value);

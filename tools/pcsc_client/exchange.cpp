@@ -4,7 +4,6 @@
 
 #include "failure.h"
 #include "hex.h"
-#include "output.h"
 
 namespace tez::client {
 namespace {
@@ -29,27 +28,32 @@ unsigned lengthIn(StatusWord status) {
 
 }  // namespace
 
-ResponseApdu sendBytes(const Card& card, ByteView command, Show show) {
-    printField("command", shownCommand(command, show));
+ResponseApdu sendBytes(Report& report, const Card& card, ByteView command, Show show) {
+    const std::string shown = shownCommand(command, show);
+    report.field("command", shown);
     const Bytes answer = card.transmit(command);
-    printField("answer", formatHex(answer));
+    report.field("answer", formatHex(answer));
     ResponseApdu response = parseResponse(answer);
-    printField("status", describeStatusWord(response.status));
+    report.field("status", describeStatusWord(response.status));
+    report.data()["exchanges"].push_back({{"command", shown},
+                                          {"answer", formatHex(answer)},
+                                          {"status", formatDigits(response.status, 4)},
+                                          {"text", statusWordText(response.status)}});
     return response;
 }
 
-ResponseApdu sendCommand(const Card& card, const CommandApdu& command, Show show) {
-    ResponseApdu response = sendBytes(card, command.encode(card.protocol()), show);
+ResponseApdu sendCommand(Report& report, const Card& card, const CommandApdu& command, Show show) {
+    ResponseApdu response = sendBytes(report, card, command.encode(card.protocol()), show);
     if (response.status >> 8U == 0x6C) {
         CommandApdu repeated = command;
         repeated.expected = lengthIn(response.status);
-        response = sendBytes(card, repeated.encode(card.protocol()), show);
+        response = sendBytes(report, card, repeated.encode(card.protocol()), show);
     }
     // A card that promises more but gives nothing ends this, too.
     for (bool gotMore = true; gotMore && response.status >> 8U == 0x61;) {
         const CommandApdu getResponse = {
             .cla = command.cla, .ins = 0xC0, .data = {}, .expected = lengthIn(response.status)};
-        const ResponseApdu more = sendBytes(card, getResponse.encode(card.protocol()));
+        const ResponseApdu more = sendBytes(report, card, getResponse.encode(card.protocol()));
         gotMore = !more.data.empty();
         response.data.insert(response.data.end(), more.data.begin(), more.data.end());
         response.status = more.status;
@@ -57,8 +61,9 @@ ResponseApdu sendCommand(const Card& card, const CommandApdu& command, Show show
     return response;
 }
 
-ResponseApdu sendSuccessfully(const Card& card, const CommandApdu& command, Show show) {
-    ResponseApdu response = sendCommand(card, command, show);
+ResponseApdu sendSuccessfully(Report& report, const Card& card, const CommandApdu& command,
+                              Show show) {
+    ResponseApdu response = sendCommand(report, card, command, show);
     if (!isNormal(response.status)) {
         throw Failure();
     }

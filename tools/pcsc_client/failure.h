@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "json.h"
 #include "result_names.h"
 
 namespace tez::client {
@@ -14,17 +15,23 @@ namespace tez::client {
 class Failure : public std::runtime_error {
   public:
     explicit Failure(const std::string& text = "") : std::runtime_error(text) {}
+
+    virtual Json toJson() const { return {{"text", what()}}; }
 };
 
 /// A PC/SC call failed.
 class ScardFailure : public Failure {
   public:
     ScardFailure(const std::string& call, LONG result)
-        : Failure(call + ": " + describeResult(result)), result_(result) {}
+        : Failure(call + ": " + describeResult(result)), call_(call), result_(result) {}
 
     LONG result() const { return result_; }
+    Json toJson() const override {
+        return {{"text", what()}, {"call", call_}, {"result", resultToJson(result_)}};
+    }
 
   private:
+    std::string call_;
     LONG result_;
 };
 

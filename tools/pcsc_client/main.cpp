@@ -1,6 +1,7 @@
 #include <iostream>
 
 #include "commands/commands.h"
+#include "console_streams.h"
 #include "failure.h"
 #include "run_command.h"
 #include "utf8.h"
@@ -23,16 +24,19 @@ Outcome closeSession(Session& session, Outcome outcome) {
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
-    tez::tools::useUtf8Console();
-    Session session;
+    tez::tools::useConsoleStreams();
+    Client client;
     CLI::App app(
         "A PC/SC command-line client.\n"
         "Exit code: 0 when everything succeeded, 1 when something failed, 2 for a usage error.");
     app.name("pcsc-client");
+    app.set_version_flag("--version", "pcsc-client " TEZ_VERSION, "print the version");
     for (const AddCommand add : kCommands) {
-        add(app, session);
+        add(app, client);
     }
-    addShell(app, session);
-    const Outcome outcome = runCommand(app, tez::tools::utf8Arguments(argc, argv), std::cerr);
-    return static_cast<int>(closeSession(session, outcome));
+    addShell(app, client);
+    addHelp(app);
+    const Outcome outcome =
+        runCommand(app, tez::tools::utf8Arguments(argc, argv), client.report, std::cerr);
+    return static_cast<int>(closeSession(client.session, outcome));
 }

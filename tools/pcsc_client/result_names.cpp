@@ -94,17 +94,54 @@ const ResultName kResultNames[] = {
 
 #undef NAMED
 
+template <class Predicate>
+const ResultName* findName(Predicate predicate) {
+    const auto* const known =
+        std::find_if(std::begin(kResultNames), std::end(kResultNames), predicate);
+    return known == std::end(kResultNames) ? nullptr : known;
+}
+
+const ResultName* nameOf(LONG result) {
+    return findName([result](const ResultName& entry) { return entry.result == result; });
+}
+
+std::string codeOf(LONG result) {
+    return "0x" + formatDigits(static_cast<std::uint32_t>(result), 8);
+}
+
+/// In the system's words.
+std::string systemText(LONG result) {
+    return std::system_category().message(static_cast<int>(result));
+}
+
 }  // namespace
 
 std::string describeResult(LONG result) {
-    const std::string number = "0x" + formatDigits(static_cast<std::uint32_t>(result), 8);
-    const auto* const known =
-        std::find_if(std::begin(kResultNames), std::end(kResultNames),
-                     [result](const ResultName& entry) { return entry.result == result; });
-    if (known == std::end(kResultNames)) {
-        return number + ", " + std::system_category().message(static_cast<int>(result));
+    const ResultName* const known = nameOf(result);
+    if (known == nullptr) {
+        return codeOf(result) + ", " + systemText(result);
     }
-    return std::string(known->name) + " " + number + ", " + known->text;
+    return std::string(known->name) + " " + codeOf(result) + ", " + known->text;
+}
+
+Json resultToJson(LONG result) {
+    Json json = {{"code", codeOf(result)}};
+    const ResultName* const known = nameOf(result);
+    if (known != nullptr) {
+        json["name"] = known->name;
+    }
+    json["text"] = known == nullptr ? systemText(result) : known->text;
+    return json;
+}
+
+std::optional<LONG> parseResultName(std::string_view name) {
+    const ResultName* const known =
+        findName([name](const ResultName& entry) { return entry.name == name; });
+    return known == nullptr ? std::nullopt : std::optional(known->result);
+}
+
+bool hasResultName(LONG result) {
+    return nameOf(result) != nullptr;
 }
 
 }  // namespace tez::client

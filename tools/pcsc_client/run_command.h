@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "report.h"
+
 namespace tez::client {
 
 /// The values are the program's exit codes.
@@ -15,7 +17,12 @@ enum class Outcome : int {
 };
 
 /// Lets the app parse the words, which runs the command that they name. What went wrong is told on
-/// `errors`; help that was asked for goes to standard output and counts as done.
-Outcome runCommand(CLI::App& app, std::vector<std::string> words, std::ostream& errors);
+/// `errors`, or in the report where that is JSON; help that was asked for goes to standard output
+/// and counts as done.
+Outcome runCommand(CLI::App& app, std::vector<std::string> words, Report& report,
+                   std::ostream& errors);
+
+/// The command "help [COMMAND ...]" of an app.
+void addHelp(CLI::App& app);
 
 }  // namespace tez::client

@@ -52,8 +52,15 @@ std::string Session::resolveReader(const std::string& nameOrIndex) {
     const char* const end = nameOrIndex.data() + nameOrIndex.size();
     std::size_t index = 0;
     const auto [stop, error] = std::from_chars(nameOrIndex.data(), end, index);
-    const bool isIndex = error == std::errc() && stop == end && index < names.size();
-    return isIndex ? names[index] : nameOrIndex;
+    if (error == std::errc::invalid_argument || stop != end) {
+        return nameOrIndex;
+    }
+    if (error != std::errc() || index >= names.size()) {
+        throw Failure("there is no reader " + nameOrIndex + ", " +
+                      (names.empty() ? "there are none"
+                                     : "they are 0 to " + std::to_string(names.size() - 1)));
+    }
+    return names[index];
 }
 
 void Session::useCard(const std::string& nameOrIndex, const std::function<void(const Card&)>& use,
@@ -69,9 +76,8 @@ void Session::useCard(const std::string& nameOrIndex, const std::function<void(c
 }
 
 const Card& Session::keepCardOpen(const std::string& nameOrIndex) {
-    if (keptCard_ != nullptr) {
-        disconnectKeptCard();
-    }
+    // The one kept before goes without a word: its handle may be dead, as its daemon or its reader
+    // may have gone.
     keptCard_ = std::make_unique<Card>(context(), resolveReader(nameOrIndex));
     return *keptCard_;
 }

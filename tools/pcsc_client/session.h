@@ -28,8 +28,8 @@ class Session {
     std::vector<std::string> readers();
     std::vector<std::string> readerGroups();
 
-    /// A reader given by its name, or by its index in the present list. Anything else comes back
-    /// as it is, for PC/SC to judge.
+    /// A reader given by its name, or by its index in the present list. Throws Failure for a number
+    /// that is neither; any other text comes back as it is, for PC/SC to judge.
     std::string resolveReader(const std::string& nameOrIndex);
 
     /// Calls `use` with a connection to the reader's card: with the one kept open if it is that
@@ -37,7 +37,8 @@ class Session {
     void useCard(const std::string& nameOrIndex, const std::function<void(const Card&)>& use,
                  Access access = Access::kShared);
 
-    /// Opens a card and keeps it open, in place of the one kept before.
+    /// Opens a card and keeps it open, in place of the one kept before, which stays when that
+    /// fails.
     const Card& keepCardOpen(const std::string& nameOrIndex);
     /// Throws Failure when no card is kept open.
     void disconnectKeptCard();

@@ -92,7 +92,9 @@ std::string classText(StatusWord word) {
     }
 }
 
-std::string textOf(StatusWord word) {
+}  // namespace
+
+std::string statusWordText(StatusWord word) {
     const auto* const known =
         std::find_if(std::begin(kTexts), std::end(kTexts),
                      [word](const StatusWordText& entry) { return entry.word == word; });
@@ -103,14 +105,12 @@ std::string textOf(StatusWord word) {
     return text.empty() ? classText(word) : text;
 }
 
-}  // namespace
-
 bool isNormal(StatusWord word) {
     return word == kSuccess || word >> 8U == 0x61;
 }
 
 std::string describeStatusWord(StatusWord word) {
-    return formatDigits(word, 4) + " " + textOf(word);
+    return formatDigits(word, 4) + " " + statusWordText(word);
 }
 
 }  // namespace tez::client

@@ -18,4 +18,7 @@ bool isNormal(StatusWord word);
 /// The status word in the standard's meaning: "6A82 file or application not found".
 std::string describeStatusWord(StatusWord word);
 
+/// The meaning alone.
+std::string statusWordText(StatusWord word);
+
 }  // namespace tez::client

@@ -15,18 +15,20 @@ struct ApduOptions {
 
 }  // namespace
 
-void addApdu(CLI::App& app, Session& session) {
+void addApdu(CLI::App& app, Client& client) {
     CLI::App* const command = app.add_subcommand("apdu", "Send command APDUs as they are");
     const auto options = std::make_shared<ApduOptions>();
     addReaderOption(*command, options->reader);
     command->add_option("HEX", options->commands, "the commands, one argument for each")
         ->required()
         ->check(isHex(4, kLongestApdu));
-    command->callback([&session, options] {
+    client.report.addJsonOption(*command);
+    command->callback([&client, options] {
         bool succeeded = true;
-        session.useCard(options->reader, [&](const Card& card) {
+        client.session.useCard(options->reader, [&](const Card& card) {
             for (const std::string& hex : options->commands) {
-                succeeded = isNormal(sendBytes(card, *parseHex(hex)).status) && succeeded;
+                succeeded =
+                    isNormal(sendBytes(client.report, card, *parseHex(hex)).status) && succeeded;
             }
         });
         if (!succeeded) {

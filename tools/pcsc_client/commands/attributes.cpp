@@ -4,7 +4,6 @@
 #include "commands/commands.h"
 #include "failure.h"
 #include "hex.h"
-#include "output.h"
 
 namespace tez::client {
 namespace {
@@ -16,36 +15,40 @@ struct AttributesOptions {
     bool direct = false;
 };
 
-void printAttribute(DWORD id, ByteView value) {
-    printLine(describeAttribute(id));
-    printField("bytes", formatHex(value));
+void tellAttribute(Report& report, DWORD id, ByteView value) {
+    report.line(describeAttribute(id));
+    report.field("bytes", formatHex(value));
+    Json json = attributeToJson(id);
+    json["bytes"] = formatHex(value);
     if (const auto readable = readableValue(id, value)) {
-        printField("value", *readable);
+        report.field("value", *readable);
+        json["value"] = *readable;
     }
+    report.data()["attributes"].push_back(std::move(json));
 }
 
-void printNamed(const Card& card, const std::vector<std::string>& names) {
+void tellNamed(Report& report, const Card& card, const std::vector<std::string>& names) {
     for (const std::string& name : names) {
         const DWORD id = *parseAttribute(name);
         const auto value = card.attribute(id);
         if (!value) {
             throw Failure("the reader has no attribute " + describeAttribute(id));
         }
-        printAttribute(id, *value);
+        tellAttribute(report, id, *value);
     }
 }
 
-void printAll(const Card& card) {
+void tellAll(Report& report, const Card& card) {
     for (const AttributeName& each : attributeNames()) {
         if (const auto value = card.attribute(each.id)) {
-            printAttribute(each.id, *value);
+            tellAttribute(report, each.id, *value);
         }
     }
 }
 
 }  // namespace
 
-void addAttributes(CLI::App& app, Session& session) {
+void addAttributes(CLI::App& app, Client& client) {
     CLI::App* const command =
         app.add_subcommand("attributes", "Print the attributes that a reader and its card have");
     const auto options = std::make_shared<AttributesOptions>();
@@ -63,10 +66,12 @@ void addAttributes(CLI::App& app, Session& session) {
     CLI::Option* const list =
         command->add_flag("--list", options->list, "print the names that there are instead");
     list->excludes(reader);
-    command->callback([&session, options] {
+    client.report.addJsonOption(*command);
+    command->callback([&client, options] {
         if (options->list) {
             for (const AttributeName& each : attributeNames()) {
-                printLine(describeAttribute(each.id));
+                client.report.line(describeAttribute(each.id));
+                client.report.data()["attributes"].push_back(attributeToJson(each.id));
             }
             return;
         }
@@ -74,9 +79,11 @@ void addAttributes(CLI::App& app, Session& session) {
             throw CLI::RequiredError("READER");
         }
         const auto use = [&](const Card& card) {
-            options->names.empty() ? printAll(card) : printNamed(card, options->names);
+            options->names.empty() ? tellAll(client.report, card)
+                                   : tellNamed(client.report, card, options->names);
         };
-        session.useCard(options->reader, use, options->direct ? Access::kDirect : Access::kShared);
+        client.session.useCard(options->reader, use,
+                               options->direct ? Access::kDirect : Access::kShared);
     });
 }
 

@@ -5,7 +5,6 @@
 #include "commands/commands.h"
 #include "failure.h"
 #include "hex_option.h"
-#include "output.h"
 
 namespace tez::client {
 namespace {
@@ -29,27 +28,31 @@ UUID identifierOf(const CacheOptions& options) {
     return identifier;
 }
 
-void putItem(SCARDCONTEXT context, CacheOptions options) {
+void putItem(Client& client, CacheOptions options) {
     UUID card = identifierOf(options);
     Bytes data = *parseHex(options.data);
     check("SCardWriteCache",
-          SCardWriteCacheA(context, &card, options.freshness, options.name.data(), data.data(),
-                           static_cast<DWORD>(data.size())));
-    printLine("put into the cache: " + std::to_string(data.size()) + " bytes");
+          SCardWriteCacheA(client.session.context(), &card, options.freshness, options.name.data(),
+                           data.data(), static_cast<DWORD>(data.size())));
+    client.report.line("put into the cache: " + std::to_string(data.size()) + " bytes");
+    client.report.data()["bytes"] = data.size();
 }
 
-void getItem(SCARDCONTEXT context, CacheOptions options) {
+void getItem(Client& client, CacheOptions options) {
     UUID card = identifierOf(options);
+    const SCARDCONTEXT context = client.session.context();
     AllocatedBuffer data(context);
     check("SCardReadCache", SCardReadCacheA(context, &card, options.freshness, options.name.data(),
                                             data.byteDestination(), data.length()));
-    printField("data", formatHex(data.bytes()));
-    printField("text", printable(data.bytes()));
+    client.report.field("data", formatHex(data.bytes()));
+    client.report.field("text", printable(data.bytes()));
+    client.report.data()["data"] = formatHex(data.bytes());
+    client.report.data()["text"] = printable(data.bytes());
 }
 
 /// What `get` and `put` have in common: CARD, NAME and --freshness.
-CLI::App* addItemCommand(CLI::App& cache, const std::string& name, const std::string& purpose,
-                         CacheOptions& options) {
+CLI::App* addItemCommand(CLI::App& cache, Client& client, const std::string& name,
+                         const std::string& purpose, CacheOptions& options) {
     CLI::App* const command = cache.add_subcommand(name, purpose);
     const auto isIdentifier = [](const std::string& text) -> std::string {
         UUID identifier = {};
@@ -64,21 +67,22 @@ CLI::App* addItemCommand(CLI::App& cache, const std::string& name, const std::st
     command->add_option("NAME", options.name, "name of the item")->required();
     command->add_option("--freshness", options.freshness,
                         "counter of the card's changes; 0 when not given");
+    client.report.addJsonOption(*command);
     return command;
 }
 
 }  // namespace
 
-void addCache(CLI::App& app, Session& session) {
+void addCache(CLI::App& app, Client& client) {
     CLI::App* const cache = app.add_subcommand("cache", "Use the cache of card data");
     cache->require_subcommand(1);
     const auto options = std::make_shared<CacheOptions>();
-    addItemCommand(*cache, "get", "Print an item", *options)->callback([&session, options] {
-        getItem(session.context(), *options);
+    addItemCommand(*cache, client, "get", "Print an item", *options)->callback([&client, options] {
+        getItem(client, *options);
     });
-    CLI::App* const put = addItemCommand(*cache, "put", "Store an item", *options);
+    CLI::App* const put = addItemCommand(*cache, client, "put", "Store an item", *options);
     put->add_option("HEX", options->data, "its bytes")->required()->check(isHex(1, kLongestApdu));
-    put->callback([&session, options] { putItem(session.context(), *options); });
+    put->callback([&client, options] { putItem(client, *options); });
 }
 
 }  // namespace tez::client

@@ -4,7 +4,6 @@
 #include "commands/commands.h"
 #include "failure.h"
 #include "hex.h"
-#include "output.h"
 
 namespace tez::client {
 namespace {
@@ -15,8 +14,8 @@ struct IntroduceOptions {
     std::string mask;
 };
 
-void introduce(Session& session, const IntroduceOptions& options) {
-    const Bytes atr = options.atr.resolve(session);
+void introduce(Client& client, const IntroduceOptions& options) {
+    const Bytes atr = options.atr.resolve(client.session);
     const Bytes mask = *parseHex(options.mask);
     if (atr.empty()) {
         throw Failure("a card type needs an ATR");
@@ -24,17 +23,19 @@ void introduce(Session& session, const IntroduceOptions& options) {
     if (!mask.empty() && mask.size() != atr.size()) {
         throw Failure("the mask is not as long as the ATR");
     }
-    printField("ATR", formatHex(atr));
+    client.report.field("ATR", formatHex(atr));
+    client.report.data()["atr"] = formatHex(atr);
     check("SCardIntroduceCardType",
-          SCardIntroduceCardTypeA(session.context(), options.card.c_str(), nullptr, nullptr, 0,
-                                  atr.data(), mask.empty() ? nullptr : mask.data(),
+          SCardIntroduceCardTypeA(client.session.context(), options.card.c_str(), nullptr, nullptr,
+                                  0, atr.data(), mask.empty() ? nullptr : mask.data(),
                                   static_cast<DWORD>(atr.size())));
-    printLine("introduced: " + options.card);
+    client.report.line("introduced: " + options.card);
+    client.report.data()["introduced"] = options.card;
 }
 
 }  // namespace
 
-void addIntroduce(CLI::App& app, Session& session) {
+void addIntroduce(CLI::App& app, Client& client) {
     CLI::App* const command =
         app.add_subcommand("introduce", "Add a card type to the card database");
     const auto options = std::make_shared<IntroduceOptions>();
@@ -43,17 +44,20 @@ void addIntroduce(CLI::App& app, Session& session) {
     command
         ->add_option("--mask", options->mask, "the bits of the ATR that count; all when not given")
         ->check(isHex(2, kLongestValidAtr));
-    command->callback([&session, options] { introduce(session, *options); });
+    client.report.addJsonOption(*command);
+    command->callback([&client, options] { introduce(client, *options); });
 }
 
-void addForget(CLI::App& app, Session& session) {
+void addForget(CLI::App& app, Client& client) {
     CLI::App* const command =
         app.add_subcommand("forget", "Take a card type out of the card database");
     const auto card = std::make_shared<std::string>();
     addCardTypeOption(*command, *card);
-    command->callback([&session, card] {
-        check("SCardForgetCardType", SCardForgetCardTypeA(session.context(), card->c_str()));
-        printLine("forgotten: " + *card);
+    client.report.addJsonOption(*command);
+    command->callback([&client, card] {
+        check("SCardForgetCardType", SCardForgetCardTypeA(client.session.context(), card->c_str()));
+        client.report.line("forgotten: " + *card);
+        client.report.data()["forgotten"] = *card;
     });
 }
 

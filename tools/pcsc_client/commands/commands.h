@@ -2,34 +2,34 @@
 
 #include <CLI/CLI.hpp>
 
-#include "session.h"
+#include "client.h"
 
 namespace tez::client {
 
 // Each adds one subcommand. When a line that names it is parsed the command runs, prints what it
-// did, and throws Failure (or ScardFailure) when it did not do all of it. The session must outlive
+// did, and throws Failure (or ScardFailure) when it did not do all of it. The client must outlive
 // the app.
-void addReaders(CLI::App& app, Session& session);
-void addStatus(CLI::App& app, Session& session);
-void addApdu(CLI::App& app, Session& session);
-void addSelect(CLI::App& app, Session& session);
-void addRead(CLI::App& app, Session& session);
-void addVerify(CLI::App& app, Session& session);
-void addControl(CLI::App& app, Session& session);
-void addAttributes(CLI::App& app, Session& session);
-void addWatch(CLI::App& app, Session& session);
-void addStarted(CLI::App& app, Session& session);
-void addCards(CLI::App& app, Session& session);
-void addIntroduce(CLI::App& app, Session& session);
-void addForget(CLI::App& app, Session& session);
-void addProvider(CLI::App& app, Session& session);
-void addCache(CLI::App& app, Session& session);
-void addIcon(CLI::App& app, Session& session);
-void addConnect(CLI::App& app, Session& session);
-void addDisconnect(CLI::App& app, Session& session);
-void addShell(CLI::App& app, Session& session);
+void addReaders(CLI::App& app, Client& client);
+void addStatus(CLI::App& app, Client& client);
+void addApdu(CLI::App& app, Client& client);
+void addSelect(CLI::App& app, Client& client);
+void addRead(CLI::App& app, Client& client);
+void addVerify(CLI::App& app, Client& client);
+void addControl(CLI::App& app, Client& client);
+void addAttributes(CLI::App& app, Client& client);
+void addWatch(CLI::App& app, Client& client);
+void addStarted(CLI::App& app, Client& client);
+void addCards(CLI::App& app, Client& client);
+void addIntroduce(CLI::App& app, Client& client);
+void addForget(CLI::App& app, Client& client);
+void addProvider(CLI::App& app, Client& client);
+void addCache(CLI::App& app, Client& client);
+void addIcon(CLI::App& app, Client& client);
+void addConnect(CLI::App& app, Client& client);
+void addDisconnect(CLI::App& app, Client& client);
+void addShell(CLI::App& app, Client& client);
 
-using AddCommand = void (*)(CLI::App&, Session&);
+using AddCommand = void (*)(CLI::App&, Client&);
 
 /// What can be said on the command line and in the shell.
 inline constexpr AddCommand kCommands[] = {addReaders, addStatus,   addApdu,    addSelect,

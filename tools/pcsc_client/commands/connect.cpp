@@ -2,27 +2,29 @@
 
 #include "card_words.h"
 #include "commands/commands.h"
-#include "output.h"
 
 namespace tez::client {
 
-void addConnect(CLI::App& app, Session& session) {
+void addConnect(CLI::App& app, Client& client) {
     CLI::App* const command =
         app.add_subcommand("connect", "Connect to a card and keep it open for the next lines");
     const auto reader = std::make_shared<std::string>();
     addReaderOption(*command, *reader);
-    command->callback([&session, reader] {
-        const Card& card = session.keepCardOpen(*reader);
-        printLine("connected to " + card.reader() + ", protocol " +
-                  describeProtocol(card.protocol()));
+    client.report.addJsonOption(*command);
+    command->callback([&client, reader] {
+        const Card& card = client.session.keepCardOpen(*reader);
+        const std::string protocol = describeProtocol(card.protocol());
+        client.report.line("connected to " + card.reader() + ", protocol " + protocol);
+        client.report.data()["reader"] = card.reader();
+        client.report.data()["protocol"] = protocol;
     });
 }
 
-void addDisconnect(CLI::App& app, Session& session) {
+void addDisconnect(CLI::App& app, Client& client) {
     CLI::App* const command = app.add_subcommand("disconnect", "Disconnect from that card");
-    command->callback([&session] {
-        session.disconnectKeptCard();
-        printLine("disconnected");
+    command->callback([&client] {
+        client.session.disconnectKeptCard();
+        client.report.line("disconnected");
     });
 }
 

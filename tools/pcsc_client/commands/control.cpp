@@ -2,7 +2,6 @@
 
 #include "commands/commands.h"
 #include "hex_option.h"
-#include "output.h"
 
 namespace tez::client {
 namespace {
@@ -16,24 +15,30 @@ struct ControlOptions {
 
 }  // namespace
 
-void addControl(CLI::App& app, Session& session) {
+void addControl(CLI::App& app, Client& client) {
     CLI::App* const command = app.add_subcommand("control", "Send the reader a control code");
     const auto options = std::make_shared<ControlOptions>();
     addReaderOption(*command, options->reader);
     command->add_option("CODE", options->code, "control code, such as 0x00312000")->required();
     command->add_option("HEX", options->input, "input bytes")->check(isHex(0, kLongestApdu));
     command->add_flag("--direct", options->direct, "talk to the reader, card or not");
-    command->callback([&session, options] {
+    client.report.addJsonOption(*command);
+    command->callback([&client, options] {
         const Access access = options->direct ? Access::kDirect : Access::kShared;
         const auto run = [&](const Card& card) {
             const Bytes input = *parseHex(options->input);
-            printField("code", "0x" + formatDigits(options->code, 8));
-            printField("input", formatHex(input));
+            const std::string code = "0x" + formatDigits(options->code, 8);
+            client.report.field("code", code);
+            client.report.field("input", formatHex(input));
             const Bytes output = card.control(options->code, input);
-            printField("output", formatHex(output));
-            printField("text", printable(output));
+            client.report.field("output", formatHex(output));
+            client.report.field("text", printable(output));
+            client.report.data() = {{"code", code},
+                                    {"input", formatHex(input)},
+                                    {"output", formatHex(output)},
+                                    {"text", printable(output)}};
         };
-        session.useCard(options->reader, run, access);
+        client.session.useCard(options->reader, run, access);
     });
 }
 

@@ -4,7 +4,6 @@
 #include "allocated_buffer.h"
 #include "commands/commands.h"
 #include "failure.h"
-#include "output.h"
 #include "utf8.h"
 
 // The toolchain's <winscard.h> lacks it.
@@ -31,19 +30,22 @@ void writeFile(const std::string& utf8Path, ByteView bytes) {
 
 }  // namespace
 
-void addIcon(CLI::App& app, Session& session) {
+void addIcon(CLI::App& app, Client& client) {
     CLI::App* const command = app.add_subcommand("icon", "Write a reader's icon to a file");
     const auto options = std::make_shared<IconOptions>();
     addReaderOption(*command, options->reader);
     command->add_option("--file", options->file, "the file to write")->required();
-    command->callback([&session, options] {
-        const std::string reader = session.resolveReader(options->reader);
-        AllocatedBuffer icon(session.context());
-        check("SCardGetReaderIcon", SCardGetReaderIconA(session.context(), reader.c_str(),
+    client.report.addJsonOption(*command);
+    command->callback([&client, options] {
+        const std::string reader = client.session.resolveReader(options->reader);
+        AllocatedBuffer icon(client.session.context());
+        check("SCardGetReaderIcon", SCardGetReaderIconA(client.session.context(), reader.c_str(),
                                                         icon.byteDestination(), icon.length()));
         writeFile(options->file, icon.bytes());
-        printLine("icon of " + std::to_string(icon.bytes().size()) + " bytes written to " +
-                  options->file);
+        client.report.line("icon of " + std::to_string(icon.bytes().size()) + " bytes written to " +
+                           options->file);
+        client.report.data()["bytes"] = icon.bytes().size();
+        client.report.data()["file"] = options->file;
     });
 }
 

@@ -4,7 +4,6 @@
 #include "allocated_buffer.h"
 #include "commands/commands.h"
 #include "failure.h"
-#include "output.h"
 
 namespace tez::client {
 namespace {
@@ -22,7 +21,8 @@ struct ProviderOptions {
     std::string newName;
 };
 
-void runProvider(SCARDCONTEXT context, const ProviderOptions& options) {
+void runProvider(Client& client, const ProviderOptions& options) {
+    const SCARDCONTEXT context = client.session.context();
     if (options.isSet) {
         check("SCardSetCardTypeProviderName",
               SCardSetCardTypeProviderNameA(context, options.card.c_str(), options.kind,
@@ -32,12 +32,13 @@ void runProvider(SCARDCONTEXT context, const ProviderOptions& options) {
     check("SCardGetCardTypeProviderName",
           SCardGetCardTypeProviderNameA(context, options.card.c_str(), options.kind,
                                         name.textDestination(), name.length()));
-    printField("provider", name.text());
+    client.report.field("provider", name.text());
+    client.report.data()["provider"] = name.text();
 }
 
 }  // namespace
 
-void addProvider(CLI::App& app, Session& session) {
+void addProvider(CLI::App& app, Client& client) {
     CLI::App* const command =
         app.add_subcommand("provider", "Tell, or set, the name of a card type's provider");
     const auto options = std::make_shared<ProviderOptions>();
@@ -48,9 +49,10 @@ void addProvider(CLI::App& app, Session& session) {
         ->transform(CLI::Transformer(kKinds));
     const CLI::Option* const set =
         command->add_option("--set", options->newName, "the name to set first");
-    command->callback([&session, options, set] {
+    client.report.addJsonOption(*command);
+    command->callback([&client, options, set] {
         options->isSet = set->count() > 0;
-        runProvider(session.context(), *options);
+        runProvider(client, *options);
     });
 }
 

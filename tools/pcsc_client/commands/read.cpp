@@ -5,7 +5,6 @@
 #include "exchange.h"
 #include "failure.h"
 #include "hex_option.h"
-#include "output.h"
 
 namespace tez::client {
 namespace {
@@ -21,14 +20,14 @@ struct ReadOptions {
 };
 
 /// Reads the current file up to its end, or `length` bytes when that is not 0.
-Bytes readFile(const Card& card, unsigned length) {
+Bytes readFile(Report& report, const Card& card, unsigned length) {
     const unsigned wanted = length == 0 ? kAddressableSize : length;
     Bytes content;
     bool atEnd = false;
     while (!atEnd && content.size() < wanted) {
         const auto offset = static_cast<unsigned>(content.size());
         const unsigned part = std::min(kLongestRead, wanted - offset);
-        const ResponseApdu response = sendCommand(card, readBinary(offset, part));
+        const ResponseApdu response = sendCommand(report, card, readBinary(offset, part));
         const bool behindEnd = response.status == kWrongOffset && offset > 0;
         atEnd = behindEnd || response.status == kEndOfFile || response.data.size() < part;
         if (!isNormal(response.status) && response.status != kEndOfFile && !behindEnd) {
@@ -39,18 +38,19 @@ Bytes readFile(const Card& card, unsigned length) {
     return content;
 }
 
-void runRead(const Card& card, const ReadOptions& options) {
+void runRead(Report& report, const Card& card, const ReadOptions& options) {
     if (!options.aid.empty()) {
-        sendSuccessfully(card, selectApplication(*parseHex(options.aid)));
+        sendSuccessfully(report, card, selectApplication(*parseHex(options.aid)));
     }
     if (!options.file.empty()) {
         const Bytes id = *parseHex(options.file);
-        sendSuccessfully(card, selectFile(static_cast<std::uint16_t>(id[0] << 8U | id[1])));
+        sendSuccessfully(report, card, selectFile(static_cast<std::uint16_t>(id[0] << 8U | id[1])));
     }
-    const Bytes content = readFile(card, options.length);
+    const Bytes content = readFile(report, card, options.length);
     for (const std::string& line : dumpLines(content)) {
-        printLine("    " + line);
+        report.line("    " + line);
     }
+    report.data()["content"] = formatHex(content);
     if (options.length != 0 && content.size() < options.length) {
         throw Failure("the file ends after " + std::to_string(content.size()) + " bytes");
     }
@@ -58,7 +58,7 @@ void runRead(const Card& card, const ReadOptions& options) {
 
 }  // namespace
 
-void addRead(CLI::App& app, Session& session) {
+void addRead(CLI::App& app, Client& client) {
     CLI::App* const command = app.add_subcommand("read", "Read a transparent file of the card");
     const auto options = std::make_shared<ReadOptions>();
     addReaderOption(*command, options->reader);
@@ -67,8 +67,10 @@ void addRead(CLI::App& app, Session& session) {
         ->check(isHex(2, 2));
     command->add_option("--length", options->length, "bytes to read; the whole file when not given")
         ->check(CLI::Range(1U, kAddressableSize));
-    command->callback([&session, options] {
-        session.useCard(options->reader, [&](const Card& card) { runRead(card, *options); });
+    client.report.addJsonOption(*command);
+    command->callback([&client, options] {
+        client.session.useCard(options->reader,
+                               [&](const Card& card) { runRead(client.report, card, *options); });
     });
 }
 

@@ -14,7 +14,7 @@ struct SelectOptions {
 
 }  // namespace
 
-void addSelect(CLI::App& app, Session& session) {
+void addSelect(CLI::App& app, Client& client) {
     CLI::App* const command =
         app.add_subcommand("select", "Select an application of the card by its identifier");
     const auto options = std::make_shared<SelectOptions>();
@@ -22,9 +22,10 @@ void addSelect(CLI::App& app, Session& session) {
     command->add_option("AID", options->aid, "application identifier")
         ->required()
         ->check(isHex(1, 16));
-    command->callback([&session, options] {
-        session.useCard(options->reader, [&](const Card& card) {
-            sendSuccessfully(card, selectApplication(*parseHex(options->aid)));
+    client.report.addJsonOption(*command);
+    command->callback([&client, options] {
+        client.session.useCard(options->reader, [&](const Card& card) {
+            sendSuccessfully(client.report, card, selectApplication(*parseHex(options->aid)));
         });
     });
 }

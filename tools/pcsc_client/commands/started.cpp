@@ -4,7 +4,6 @@
 #include "commands/commands.h"
 #include "deadline.h"
 #include "failure.h"
-#include "output.h"
 #include "result_names.h"
 
 namespace tez::client {
@@ -33,17 +32,21 @@ class StartedEvent {
 
 }  // namespace
 
-void addStarted(CLI::App& app, Session& /*session*/) {
+void addStarted(CLI::App& app, Client& client) {
     CLI::App* const command = app.add_subcommand(
         "started", "Wait for the event that says that a smart-card service runs");
     const auto timeout = std::make_shared<std::optional<unsigned>>();
     addTimeoutOption(*command, *timeout, "fail when it is not set after so many seconds");
-    command->callback([timeout] {
+    client.report.addJsonOption(*command);
+    command->callback([&client, timeout] {
         const Deadline deadline(*timeout);
         const StartedEvent event;
-        printField("at once", event.wait(0) ? "set" : "not set");
+        const bool isSetAtOnce = event.wait(0);
+        client.report.field("at once", isSetAtOnce ? "set" : "not set");
         const bool isSet = event.wait(deadline.remaining());
-        printField("then", isSet ? "set: a smart-card service runs" : "not set");
+        client.report.field("then", isSet ? "set: a smart-card service runs" : "not set");
+        client.report.data()["atOnce"] = isSetAtOnce;
+        client.report.data()["then"] = isSet;
         if (!isSet) {
             throw Failure("no smart-card service has started in time");
         }

@@ -4,7 +4,7 @@
 #include "commands/commands.h"
 #include "failure.h"
 #include "hex.h"
-#include "output.h"
+#include "reader_sides.h"
 
 namespace tez::client {
 namespace {
@@ -14,41 +14,51 @@ bool saysNoCard(LONG result) {
 }
 
 /// @return whether the reader could be looked at; one without a card can.
-bool printStatus(Session& session, const std::string& reader) {
-    printLine(reader);
+bool tellStatus(Client& client, const std::string& reader, const ReaderSides& sides) {
+    const Report& report = client.report;
+    const char* const side = sideName(sides.of(reader));
+    report.line(reader);
+    report.field("side", side);
+    Json json = {{"name", reader}, {"side", side}};
+    bool couldLook = true;
     try {
-        session.useCard(reader, [](const Card& card) {
+        client.session.useCard(reader, [&](const Card& card) {
             const CardStatus status = card.status();
-            printField("state", describeCardState(status.state));
-            printField("protocol", describeProtocol(status.protocol));
-            printField("ATR", formatHex(status.atr));
+            json["state"] = describeCardState(status.state);
+            json["protocol"] = describeProtocol(status.protocol);
+            json["atr"] = formatHex(status.atr);
+            report.field("state", describeCardState(status.state));
+            report.field("protocol", describeProtocol(status.protocol));
+            report.field("ATR", formatHex(status.atr));
         });
     } catch (const ScardFailure& failure) {
-        if (!saysNoCard(failure.result())) {
-            printField("error", failure.what());
-            return false;
-        }
-        printField("no card", failure.what());
+        couldLook = saysNoCard(failure.result());
+        report.field(couldLook ? "no card" : "error", failure.what());
+        json[couldLook ? "noCard" : "error"] = failure.toJson();
     }
-    return true;
+    client.report.data()["readers"].push_back(std::move(json));
+    return couldLook;
 }
 
 }  // namespace
 
-void addStatus(CLI::App& app, Session& session) {
+void addStatus(CLI::App& app, Client& client) {
     CLI::App* const command =
         app.add_subcommand("status", "Tell the state of each reader's card, or of one");
     const auto reader = std::make_shared<std::string>();
     command->add_option("READER", *reader, "name of the reader, or its index in the list");
-    command->callback([&session, reader] {
-        const auto readers =
-            reader->empty() ? session.readers() : std::vector{session.resolveReader(*reader)};
+    client.report.addJsonOption(*command);
+    command->callback([&client, reader] {
+        const auto readers = reader->empty() ? client.session.readers()
+                                             : std::vector{client.session.resolveReader(*reader)};
+        const ReaderSides sides = ReaderSides::ask();
+        client.report.data()["readers"] = Json::array();
         bool complete = true;
         for (const std::string& name : readers) {
-            complete = printStatus(session, name) && complete;
+            complete = tellStatus(client, name, sides) && complete;
         }
         if (readers.empty()) {
-            printLine("no readers");
+            client.report.line("no readers");
         }
         if (!complete) {
             throw Failure();

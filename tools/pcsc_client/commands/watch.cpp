@@ -9,7 +9,6 @@
 #include "deadline.h"
 #include "failure.h"
 #include "hex.h"
-#include "output.h"
 
 namespace tez::client {
 namespace {
@@ -24,6 +23,7 @@ struct WatchOptions {
     std::vector<std::string> readers;
     unsigned changes = 0;
     bool once = false;
+    bool waitsForReaders = false;
     std::optional<unsigned> timeout;
 
     /// 0: no limit.
@@ -39,22 +39,26 @@ struct WatchedReader {
 /// The readers under watch, all of those that there are or some that the user has named.
 class Watch {
   public:
-    Watch(Session& session, const std::vector<std::string>& namesOrIndexes)
-        : session_(session), watchesAll_(namesOrIndexes.empty()) {
+    Watch(Client& client, const std::vector<std::string>& namesOrIndexes)
+        : session_(client.session), report_(client.report), watchesAll_(namesOrIndexes.empty()) {
         for (const std::string& reader : namesOrIndexes) {
-            names_.insert(session.resolveReader(reader));
+            names_.insert(session_.resolveReader(reader));
         }
     }
 
-    /// Prints the states that the readers have now, from which the watch goes on.
-    void begin() {
+    /// Tells the states that the readers have now, from which the watch goes on. A named reader
+    /// that is not there is a failure unless it is waited for.
+    void begin(bool waitsForReaders) {
         addWanted(session_.readers(), false);
         if (watchesAll_) {
             readers_.push_back({kReaderList});
         }
         for (const std::string& name : names_) {
             if (!isWatched(name)) {
-                printLine(name + ": no such reader");
+                if (!waitsForReaders) {
+                    throw Failure("there is no reader " + name + "; --wait waits for it");
+                }
+                tell(name, "missing", name + ": no such reader");
             }
         }
         wait(0);
@@ -65,7 +69,7 @@ class Watch {
     /// waited on together with all of them. So the list has to be looked at from time to time.
     bool lacksReaders() const { return !watchesAll_ && readers_.size() < names_.size(); }
 
-    /// Waits until something changes, at most `timeout` milliseconds, and prints what did.
+    /// Waits until something changes, at most `timeout` milliseconds, and tells what did.
     /// @return how many changes that were.
     unsigned wait(DWORD timeout) {
         if (readers_.empty()) {
@@ -104,6 +108,15 @@ class Watch {
     }
 
   private:
+    /// One line about a reader, or one object with more about it.
+    void tell(const std::string& reader, const char* event, const std::string& line,
+              const Json& more = Json::object()) const {
+        report_.line(line);
+        Json json = {{"event", event}, {"reader", reader}};
+        json.update(more);
+        report_.event(json);
+    }
+
     bool isWanted(const std::string& name) const { return watchesAll_ || names_.contains(name); }
 
     bool isWatched(const std::string& name) const {
@@ -119,9 +132,9 @@ class Watch {
         }
     }
 
-    /// Takes a reader's state as known from now on, and prints it unless it is about which readers
+    /// Takes a reader's state as known from now on, and tells it unless it is about which readers
     /// there are: followList tells that.
-    static bool take(WatchedReader& reader, const SCARD_READERSTATEA& state) {
+    bool take(WatchedReader& reader, const SCARD_READERSTATEA& state) const {
         if ((state.dwEventState & SCARD_STATE_UNKNOWN) != 0) {
             // Its state says to ignore it, which must not outlive a reader that is back already.
             reader.state = SCARD_STATE_UNAWARE;
@@ -131,13 +144,14 @@ class Watch {
         if (reader.name == kReaderList) {
             return false;
         }
-        std::string line = reader.name + (reader.isNew ? ": new reader, " : ": ") +
-                           describeReaderState(state.dwEventState);
-        if (state.cbAtr > 0) {
-            line += ", ATR " + formatHex({state.rgbAtr, state.cbAtr});
-        }
+        const std::string words = describeReaderState(state.dwEventState);
+        const std::string atr = formatHex({state.rgbAtr, state.cbAtr});
+        tell(
+            reader.name, reader.isNew ? "new" : "state",
+            reader.name + (reader.isNew ? ": new reader, " : ": ") + words +
+                (atr.empty() ? "" : ", ATR " + atr),
+            {{"state", words}, {"bits", "0x" + formatDigits(state.dwEventState, 8)}, {"atr", atr}});
         reader.isNew = false;
-        printLine(line);
         return true;
     }
 
@@ -152,7 +166,7 @@ class Watch {
         };
         for (const WatchedReader& reader : readers_) {
             if (isGone(reader)) {
-                printLine(reader.name + ": reader removed");
+                tell(reader.name, "removed", reader.name + ": reader removed");
             }
         }
         const auto goneCount = static_cast<unsigned>(std::erase_if(readers_, isGone));
@@ -161,20 +175,22 @@ class Watch {
     }
 
     Session& session_;
+    const Report& report_;
     bool watchesAll_;
     std::set<std::string> names_;         ///< those that the user wants; empty for all
     std::vector<WatchedReader> readers_;  ///< those of them that there are
 };
 
-void runWatch(Session& session, const WatchOptions& options) {
+void runWatch(Client& client, const WatchOptions& options) {
     // A wait with a limit tells a change of one side's readers only when its time is over; a watch
     // with a limit is made of short ones. So is one that looks for a reader.
     constexpr DWORD kLongestStep = 250;
     const Deadline deadline(options.timeout);
     const unsigned wanted = options.wantedChanges();
-    Watch watch(session, options.readers);
-    watch.begin();
-    printLine("watching");
+    Watch watch(client, options.readers);
+    watch.begin(options.waitsForReaders);
+    client.report.line("watching");
+    client.report.event({{"event", "watching"}});
     unsigned changes = 0;
     const auto isDone = [&] { return wanted != 0 && changes >= wanted; };
     while (!isDone() && !deadline.isOver()) {
@@ -188,7 +204,7 @@ void runWatch(Session& session, const WatchOptions& options) {
 
 }  // namespace
 
-void addWatch(CLI::App& app, Session& session) {
+void addWatch(CLI::App& app, Client& client) {
     CLI::App* const command = app.add_subcommand(
         "watch", "Print the readers' states, then a line for each change until told to stop");
     const auto options = std::make_shared<WatchOptions>();
@@ -197,8 +213,11 @@ void addWatch(CLI::App& app, Session& session) {
     CLI::Option* const changes = command->add_option(
         "--changes", options->changes, "end after so many changes; fail when there are fewer");
     command->add_flag("--once", options->once, "end after the first change")->excludes(changes);
+    command->add_flag("--wait", options->waitsForReaders,
+                      "wait for named readers that are not there, instead of failing");
+    client.report.addJsonOption(*command);
     addTimeoutOption(*command, options->timeout, "end the watch after so many seconds");
-    command->callback([&session, options] { runWatch(session, *options); });
+    command->callback([&client, options] { runWatch(client, *options); });
 }
 
 }  // namespace tez::client

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "simulator_process.h"
+
+namespace tez::test {
+
+inline constexpr const char* kDemoAtrText = "3B 89 01 44 45 4D 4F 20 43 41 52 44 BF";
+
+class ClientTest : public testing::Test {
+  public:
+    ClientTest(const ClientTest&) = delete;
+    ClientTest& operator=(const ClientTest&) = delete;
+
+  protected:
+    ClientTest() {
+        std::ofstream(cardFile()).close();
+        SetEnvironmentVariableA("TEZ_STAND_IN_CARD_FILE", cardFile().string().c_str());
+    }
+    ~ClientTest() override { std::filesystem::remove(cardFile()); }
+
+    /// While there is this file, the host's reader holds a card.
+    static std::filesystem::path cardFile() {
+        return std::filesystem::temp_directory_path() /
+               ("host-card-" + std::to_string(GetCurrentProcessId()));
+    }
+
+    /// What a command prints that succeeds.
+    static std::string output(const std::string& command) { return outputOf(command, 0); }
+
+    static std::string outputOf(const std::string& command, DWORD exitCode) {
+        ChildProcess client("pcsc-client.exe", command);
+        std::string text = client.readRest();
+        EXPECT_THAT(client.waitForEnd(kToolPatience), testing::Optional(exitCode)) << command;
+        return text;
+    }
+
+    /// What commands print that share one process, whose exit code tells whether one has failed.
+    static std::string shellOutput(const std::vector<std::string>& commands, DWORD exitCode) {
+        ChildProcess client("pcsc-client.exe", "shell");
+        for (const std::string& command : commands) {
+            client.writeLine(command);
+        }
+        client.writeLine("quit");
+        std::string text = client.readRest();
+        EXPECT_THAT(client.waitForEnd(kToolPatience), testing::Optional(exitCode)) << text;
+        return text;
+    }
+
+    /// Reads up to a line that has the text; throws when the output ends before it.
+    static std::string lineWith(ChildProcess& client, const std::string& text) {
+        while (const std::optional<std::string> line = client.readLine()) {
+            if (line->find(text) != std::string::npos) {
+                return *line;
+            }
+        }
+        throw std::runtime_error("the client does not print: " + text);
+    }
+
+    /// A watch that waits without a limit, on the remote side at least.
+    void waitUntilItWaits(ChildProcess& watch) const {
+        lineWith(watch, "watching");
+        // One request for the first states, one for the wait.
+        simulator.waitFor("GET_STATUS_CHANGE", 2);
+    }
+
+    SimulatorProcess simulator;
+};
+
+}  // namespace tez::test

@@ -1,0 +1,64 @@
+#!/usr/bin/env bash
+# Shows the client a console, as a person has it: console_test.sh PROGRAM. Names that are not ASCII
+# come out as they were typed, and a PIN does not come out at all. A terminal of its own makes Wine give
+# the program a console; what is drawn there is looked at without the sequences that move the cursor.
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+program=$1
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+readonly attempts=300 # looks, 0.1 seconds apart, until something must have been drawn
+
+fail() {
+    echo "console_test: $*" >&2
+    drawn >&2
+    exit 1
+}
+
+drawn() { sed -E 's/\x1b\[[0-9;?]*[A-Za-z]/ /g' "$work/screen" | tr -d '\r'; }
+
+# open_console WORD ...: runs the client with these words.
+open_console() {
+    rm -f "$work/keys"
+    mkfifo "$work/keys"
+    : >"$work/screen"
+    TERM=xterm script --quiet --flush --return \
+        --command "'$root/scripts/in-wine' '$program' $*" "$work/screen" <"$work/keys" >/dev/null &
+    console=$!
+    exec {keys}>"$work/keys"
+}
+
+close_console() {
+    exec {keys}>&-
+    wait "$console" || true
+}
+
+await() {
+    local attempt
+    for ((attempt = 0; attempt < attempts; ++attempt)); do
+        [[ $(drawn) != *"$1"* ]] || return 0
+        sleep 0.1
+    done
+    fail "this is not drawn: $1"
+}
+
+# The key Return is a carriage return.
+type_line() { printf '%s\r' "$1" >&"$keys"; }
+
+open_console watch Lesegerät
+await 'there is no reader Lesegerät; --wait'
+close_console
+
+open_console shell
+await 'pcsc>'
+type_line 'watch Gerät'
+await 'there is no reader Gerät; --wait'
+type_line exit
+close_console
+
+open_console verify 0
+await 'PIN:'
+type_line 739146
+await 'command'
+[[ $(drawn | tr -d ' \n') != *739* ]] || fail 'the PIN is drawn'
+close_console
