@@ -103,5 +103,12 @@ TEST_F(ClientJsonTest, WritesAnObjectForEachEventOfAWatch) {
     EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
 }
 
+TEST_F(ClientJsonTest, ExplainsACode) {
+    EXPECT_EQ(object("explain 3B00"),
+              json::parse(R"({"explanations": [{"kind": "atr", "text": "T=0",
+        "details": [{"label": "coding", "text": "direct"}, {"label": "protocols", "text": "T=0"}]}],
+        "ok": true})"));
+}
+
 }  // namespace
 }  // namespace tez::test
