@@ -20,6 +20,8 @@ class Report {
     void begin();
 
     bool isJson() const { return isJson_; }
+    /// As with --json.
+    void useJson() { isJson_ = true; }
 
     /// A line of text.
     void line(std::string_view text) const;

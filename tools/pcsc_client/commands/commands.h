@@ -25,6 +25,7 @@ void addForget(CLI::App& app, Client& client);
 void addProvider(CLI::App& app, Client& client);
 void addCache(CLI::App& app, Client& client);
 void addIcon(CLI::App& app, Client& client);
+void addDoctor(CLI::App& app, Client& client);
 void addExplain(CLI::App& app, Client& client);
 void addConnect(CLI::App& app, Client& client);
 void addDisconnect(CLI::App& app, Client& client);
@@ -34,9 +35,9 @@ using AddCommand = void (*)(CLI::App&, Client&);
 
 /// What can be said on the command line and in the shell.
 inline constexpr AddCommand kCommands[] = {
-    addReaders, addStatus,     addApdu,  addSelect,  addRead,   addVerify,
-    addControl, addAttributes, addWatch, addStarted, addCards,  addIntroduce,
-    addForget,  addProvider,   addCache, addIcon,    addExplain};
+    addReaders, addStatus,     addApdu,  addSelect,  addRead,    addVerify,
+    addControl, addAttributes, addWatch, addStarted, addCards,   addIntroduce,
+    addForget,  addProvider,   addCache, addIcon,    addExplain, addDoctor};
 
 /// What makes sense in the shell only, where a card stays open from line to line.
 inline constexpr AddCommand kShellCommands[] = {addConnect, addDisconnect};

@@ -16,9 +16,6 @@ namespace {
 /// Stands for the list of readers itself: its state changes when a reader comes or goes.
 constexpr const char* kReaderList = R"(\\?PnP?\Notification)";
 
-/// What the library takes in one wait.
-constexpr std::size_t kMostEntries = 16;
-
 struct WatchOptions {
     std::vector<std::string> readers;
     unsigned changes = 0;
@@ -84,8 +81,8 @@ class Watch {
         }
         const LONG result = SCardGetStatusChangeA(session_.context(), timeout, states.data(),
                                                   static_cast<DWORD>(states.size()));
-        if (result == SCARD_E_INVALID_PARAMETER && states.size() > kMostEntries) {
-            throw Failure("a wait takes " + std::to_string(kMostEntries) +
+        if (result == SCARD_E_INVALID_PARAMETER && states.size() > kMostWaitEntries) {
+            throw Failure("a wait takes " + std::to_string(kMostWaitEntries) +
                           " entries at most, not " + std::to_string(states.size()) +
                           "; when no readers are named, the list of readers is one of them");
         }

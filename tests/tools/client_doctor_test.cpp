@@ -1,0 +1,175 @@
+// What the client's doctor says of a host that is well, and of hosts that are not.
+#include <filesystem>
+#include <functional>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "child_process.h"
+#include "simulator_process.h"
+
+namespace tez::test {
+namespace {
+
+using nlohmann::json;
+using testing::AllOf;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::IsSupersetOf;
+using testing::Optional;
+using testing::SizeIs;
+
+constexpr const wchar_t* kPipe = LR"(\\.\pipe\tez-pcscd-0)";
+
+/// The doctor's findings; a test failure when the exit code says something else than they do.
+std::vector<json> examine() {
+    ChildProcess doctor("pcsc-client.exe", "doctor --json");
+    const json report = json::parse(doctor.readRest());
+    const bool isWell = report.at("ok");
+    EXPECT_THAT(doctor.waitForEnd(kToolPatience), Optional(isWell ? 0U : 1U));
+    return report.at("findings");
+}
+
+/// What is wrong, as "check: text"; a test failure when nothing is said about what to do.
+std::vector<std::string> complaints(const std::vector<json>& findings) {
+    std::vector<std::string> list;
+    for (const json& finding : findings) {
+        if (!finding.at("right")) {
+            EXPECT_THAT(finding.at("next").get<std::string>(), testing::Not(IsEmpty()));
+            list.push_back(finding.at("check").get<std::string>() + ": " +
+                           finding.at("text").get<std::string>());
+        }
+    }
+    return list;
+}
+
+std::vector<std::string> texts(const std::vector<json>& findings) {
+    std::vector<std::string> list;
+    for (const json& finding : findings) {
+        list.push_back(finding.at("text"));
+    }
+    return list;
+}
+
+/// Some instances of the daemon's pipe, on which nobody answers.
+class MutePipe {
+  public:
+    explicit MutePipe(DWORD instances, DWORD direction = PIPE_ACCESS_DUPLEX) {
+        for (DWORD count = 0; count < instances; ++count) {
+            pipes_.emplace_back(CreateNamedPipeW(kPipe, direction, PIPE_TYPE_BYTE, instances, 4096,
+                                                 4096, 0, nullptr));
+            EXPECT_NE(pipes_.back().get(), INVALID_HANDLE_VALUE);
+        }
+    }
+
+    /// Gives an instance to a client in this process, which keeps it.
+    void take() {
+        clients_.emplace_back(CreateFileW(kPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                          OPEN_EXISTING, 0, nullptr));
+        EXPECT_NE(clients_.back().get(), INVALID_HANDLE_VALUE);
+    }
+
+  private:
+    std::vector<UniqueHandle> pipes_;
+    std::vector<UniqueHandle> clients_;
+};
+
+TEST(ClientDoctorTest, FindsAllWell) {
+    const SimulatorProcess simulator;
+    const std::vector<json> findings = examine();
+    EXPECT_THAT(complaints(findings), IsEmpty());
+    EXPECT_THAT(texts(findings),
+                IsSupersetOf({"the daemon's readers: Remote Reader 0, Remote Reader 1",
+                              "the host's readers: Host Reader 0", "Remote Reader 0 (remote)",
+                              "Host Reader 0 (host)",
+                              "Remote Reader 0: T=1; historical bytes \"DEMO CARD\"",
+                              "Remote Reader 1: no card"}));
+    EXPECT_THAT(texts(findings), Contains(HasSubstr("winscard.dll, version 1.")));
+    EXPECT_THAT(texts(findings), Contains(HasSubstr("SCardListCards: SCARD_S_SUCCESS")));
+}
+
+TEST(ClientDoctorTest, MissesTheDaemon) {
+    EXPECT_THAT(complaints(examine()),
+                testing::ElementsAre(AllOf(HasSubstr("daemon: there is no pipe"),
+                                           HasSubstr("remote readers are missing"))));
+}
+
+TEST(ClientDoctorTest, DoesNotWaitForADaemonThatDoesNotAnswer) {
+    const MutePipe pipe(4);
+    const ULONGLONG begin = GetTickCount64();
+    EXPECT_THAT(complaints(examine()),
+                testing::ElementsAre(
+                    HasSubstr("daemon: the daemon does not answer the handshake within 3 seconds"),
+                    HasSubstr("call: SCardEstablishContext does not return within 3 seconds")));
+    EXPECT_GE(GetTickCount64() - begin, 6000U);
+}
+
+TEST(ClientDoctorTest, TellsThatItMayNotOpenThePipe) {
+    // Only its server may write to it.
+    const MutePipe pipe(4, PIPE_ACCESS_OUTBOUND);
+    EXPECT_THAT(
+        complaints(examine()),
+        testing::ElementsAre("daemon: this user may not open the daemon's pipe (0x00000005)"));
+}
+
+TEST(ClientDoctorTest, TellsOfABusyPipe) {
+    MutePipe pipe(1);
+    pipe.take();
+    EXPECT_THAT(complaints(examine()),
+                Contains(HasSubstr("daemon: all instances of the daemon's pipe stay taken")));
+}
+
+TEST(ClientDoctorTest, TellsWhatAnOldDaemonLacks) {
+    const SimulatorProcess simulator("--protocol 1.1");
+    EXPECT_THAT(complaints(examine()),
+                Contains(AllOf(HasSubstr("daemon: the daemon answers, protocol version 1.1"),
+                               HasSubstr("a larger buffer gives 0x80100008"))));
+}
+
+TEST(ClientDoctorTest, TellsOfADaemonWithoutReadersAndOfANameThatBothSidesHave) {
+    SimulatorProcess simulator("--reader \"Host Reader 0\"");
+    EXPECT_THAT(complaints(examine()), Contains(HasSubstr("readers: Host Reader 0 (both)")));
+    simulator.tell("remove-reader Host Reader 0");
+    simulator.waitFor("reader removed");
+    EXPECT_THAT(complaints(examine()), testing::ElementsAre("daemon: the daemon has no readers"));
+}
+
+TEST(ClientDoctorTest, TellsWhatIsWrongWithTheSettings) {
+    const SimulatorProcess simulator;
+    SetEnvironmentVariableA("TEZ_PCSC_LOG_LEVEL", "verbose");
+    SetEnvironmentVariableA("TEZ_PCSC_LOG_DIR", R"(C:\no such folder)");
+    SetEnvironmentVariableA("TEZ_PCSC_ENABLE_CACHE", "no");
+    SetEnvironmentVariableA("TEZ_PCSC_LOG_LEVL", "debug");
+    SetEnvironmentVariableA("TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION", std::string(200, '1').c_str());
+    EXPECT_THAT(complaints(examine()),
+                testing::UnorderedElementsAre(
+                    HasSubstr("settings: TEZ_PCSC_LOG_LEVEL=verbose is no level"),
+                    HasSubstr(R"(settings: TEZ_PCSC_LOG_DIR=C:\no such folder is no folder)"),
+                    HasSubstr("settings: TEZ_PCSC_ENABLE_CACHE=no is taken for on"),
+                    HasSubstr("settings: TEZ_PCSC_LOG_LEVL is none of the library's settings"),
+                    HasSubstr("is longer than 127 characters and counts as not set")));
+    SetEnvironmentVariableA("TEZ_PCSC_LOG_DIR", R"("C:\Windows")");
+    EXPECT_THAT(complaints(examine()), Contains(HasSubstr("holds quotes")));
+}
+
+TEST(ClientDoctorTest, TakesSettingsThatAreRight) {
+    const SimulatorProcess simulator;
+    const std::filesystem::path folder = std::filesystem::temp_directory_path();
+    SetEnvironmentVariableA("TEZ_PCSC_LOG_LEVEL", "Error");
+    SetEnvironmentVariableA("TEZ_PCSC_LOG_DIR", folder.string().c_str());
+    SetEnvironmentVariableA("TEZ_PCSC_ENABLE_CACHE", "FALSE");
+    EXPECT_THAT(complaints(examine()), IsEmpty());
+}
+
+TEST(ClientDoctorTest, PrintsWhatToDo) {
+    ChildProcess doctor("pcsc-client.exe", "doctor");
+    EXPECT_THAT(
+        doctor.readRest(),
+        AllOf(HasSubstr("ok     library   "), HasSubstr("WRONG  daemon    there is no pipe"),
+              HasSubstr("\r\n                 what to do: start the daemon")));
+    EXPECT_THAT(doctor.waitForEnd(kToolPatience), Optional(1U));
+}
+
+}  // namespace
+}  // namespace tez::test

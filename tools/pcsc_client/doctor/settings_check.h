@@ -1,0 +1,10 @@
+#pragma once
+
+#include "doctor/finding.h"
+
+namespace tez::client {
+
+/// The library's settings as this process has them, and what is wrong with them.
+Findings checkSettings();
+
+}  // namespace tez::client
