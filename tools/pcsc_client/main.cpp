@@ -30,6 +30,7 @@ int wmain(int argc, wchar_t** argv) {
         "A PC/SC command-line client.\n"
         "Exit code: 0 when everything succeeded, 1 when something failed, 2 for a usage error.");
     app.name("pcsc-client");
+    prepare(app);
     app.set_version_flag("--version", "pcsc-client " TEZ_VERSION, "print the version");
     for (const AddCommand add : kCommands) {
         add(app, client);

@@ -44,11 +44,14 @@ Outcome fail(Report& report, std::ostream& errors, const Failure& failure) {
 
 }  // namespace
 
+void prepare(CLI::App& app) {
+    app.require_subcommand(1);
+    app.allow_windows_style_options(false);  // a path may begin with a slash
+}
+
 Outcome runCommand(CLI::App& app, std::vector<std::string> words, Report& report,
                    std::ostream& errors) {
     report.begin();
-    app.require_subcommand(1);
-    app.allow_windows_style_options(false);
     if (!words.empty() && !words.front().starts_with('-') &&
         findCommand(app, words.front()) == nullptr) {
         errors << unknownCommand(app, words.front()) << std::endl;

@@ -16,6 +16,9 @@ enum class Outcome : int {
     kUsageError = 2,  ///< the words make no command
 };
 
+/// Sets an app up, before commands are added, which take the settings over.
+void prepare(CLI::App& app);
+
 /// Lets the app parse the words, which runs the command that they name. What went wrong is told on
 /// `errors`, or in the report where that is JSON; help that was asked for goes to standard output
 /// and counts as done.

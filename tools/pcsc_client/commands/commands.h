@@ -27,6 +27,7 @@ void addCache(CLI::App& app, Client& client);
 void addIcon(CLI::App& app, Client& client);
 void addDoctor(CLI::App& app, Client& client);
 void addExplain(CLI::App& app, Client& client);
+void addLog(CLI::App& app, Client& client);
 void addConnect(CLI::App& app, Client& client);
 void addDisconnect(CLI::App& app, Client& client);
 void addShell(CLI::App& app, Client& client);
@@ -35,9 +36,9 @@ using AddCommand = void (*)(CLI::App&, Client&);
 
 /// What can be said on the command line and in the shell.
 inline constexpr AddCommand kCommands[] = {
-    addReaders, addStatus,     addApdu,  addSelect,  addRead,    addVerify,
-    addControl, addAttributes, addWatch, addStarted, addCards,   addIntroduce,
-    addForget,  addProvider,   addCache, addIcon,    addExplain, addDoctor};
+    addReaders,    addStatus, addApdu,    addSelect, addRead,      addVerify, addControl,
+    addAttributes, addWatch,  addStarted, addCards,  addIntroduce, addForget, addProvider,
+    addCache,      addIcon,   addExplain, addDoctor, addLog};
 
 /// What makes sense in the shell only, where a card stays open from line to line.
 inline constexpr AddCommand kShellCommands[] = {addConnect, addDisconnect};

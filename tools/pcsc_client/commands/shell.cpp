@@ -18,6 +18,7 @@ bool runLine(Client& client, const std::vector<std::string>& words, bool& quit) 
     CLI::App app(
         "Each line is one command; words with spaces stand in double quotes, # begins a comment.");
     app.name("");
+    prepare(app);
     for (const AddCommand add : kCommands) {
         add(app, client);
     }
