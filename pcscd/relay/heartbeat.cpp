@@ -1,0 +1,32 @@
+#include "relay/heartbeat.h"
+
+#include <array>
+#include <vector>
+
+#include "link/frame.h"
+
+namespace tez::relay {
+namespace {
+
+/// Between beats the agent has nothing to say: the stream's end is all that can come.
+bool staysSilent(AgentStream& control, Limit limit, HANDLE stop) {
+    std::array<std::uint8_t, 1> unexpected = {};
+    return control.read(unexpected, {stop}, limit).error == ERROR_TIMEOUT;
+}
+
+}  // namespace
+
+void keepBeating(AgentStream& control, const HeartbeatLimits& limits, HANDLE stop) {
+    std::array<std::uint8_t, 1> beat = {};
+    for (;;) {
+        const std::vector<std::uint8_t> expected = link::encodeFrame(beat);
+        std::vector<std::uint8_t> echo(expected.size());
+        if (!control.write(beat, {stop}) || !control.readAll(echo, stop, limits.silence) ||
+            echo != expected || !staysSilent(control, limits.interval, stop)) {
+            return;
+        }
+        ++beat.front();
+    }
+}
+
+}  // namespace tez::relay

@@ -1,0 +1,26 @@
+#include "relay/pipe_end.h"
+
+namespace tez::relay {
+
+std::uint32_t PipeEnd::clientProcess() const {
+    ULONG process = 0;
+    return GetNamedPipeClientProcessId(pipe_.get(), &process) != FALSE ? process : 0;
+}
+
+Outcome PipeEnd::read(std::span<std::uint8_t> buffer, Interrupts interrupts) {
+    return reading_.run(pipe_.get(), interrupts, kNoLimit, [&](OVERLAPPED* overlapped) {
+        return ReadFile(pipe_.get(), buffer.data(), static_cast<DWORD>(buffer.size()), nullptr,
+                        overlapped) != FALSE;
+    });
+}
+
+bool PipeEnd::write(std::span<const std::uint8_t> bytes, Interrupts interrupts) {
+    const Outcome outcome =
+        writing_.run(pipe_.get(), interrupts, kNoLimit, [&](OVERLAPPED* overlapped) {
+            return WriteFile(pipe_.get(), bytes.data(), static_cast<DWORD>(bytes.size()), nullptr,
+                             overlapped) != FALSE;
+        });
+    return outcome.error == ERROR_SUCCESS && outcome.count == bytes.size();
+}
+
+}  // namespace tez::relay

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <windows.h>
+
+#include <array>
+#include <atomic>
+#include <functional>
+#include <list>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "relay/log.h"
+#include "relay/waiting_instance.h"
+
+namespace tez::relay {
+
+/// Serves a named pipe, which exists for as long as this does, to any number of clients, each on a
+/// thread of its own.
+class PipeServer {
+  public:
+    struct Settings {
+        std::string name;
+        SECURITY_ATTRIBUTES* access = nullptr;  ///< borrowed; null: what the system gives
+    };
+
+    /// Serves one client on the instance that it has connected to. It must return soon after `end`,
+    /// an event, is set, and must not throw.
+    using Serve = std::function<void(UniqueHandle instance, HANDLE end)>;
+
+    /// When it has returned a client can connect. Throws std::system_error when the pipe cannot be
+    /// made, which is so when another program has one of the name. `log` is borrowed.
+    PipeServer(Settings settings, Serve serve, Log& log);
+    /// Closes the pipe and those of all clients at once; waits for their threads.
+    ~PipeServer();
+    PipeServer(const PipeServer&) = delete;
+    PipeServer& operator=(const PipeServer&) = delete;
+
+  private:
+    /// With a single one a client that comes while its successor is being made finds the pipe busy,
+    /// and the pipe's name is gone when the only client's end takes the only instance along.
+    static constexpr std::size_t kWaiting = 4;
+
+    struct Worker {
+        std::atomic<bool> ended = false;
+        std::thread thread;
+    };
+    using Waiting = std::unique_ptr<WaitingInstance>;
+
+    Waiting makeInstance(bool first) const;
+    bool fillUp();
+    void acceptClients();
+    void startWorker(UniqueHandle instance);
+
+    const Settings settings_;
+    const Serve serve_;
+    Log& log_;
+    const UniqueHandle end_ = makeEvent();
+
+    // The accepting thread's.
+    std::array<Waiting, kWaiting> waiting_;  // null: could not be made yet
+    std::list<Worker> workers_;
+    std::thread acceptor_;
+};
+
+}  // namespace tez::relay

@@ -1,0 +1,62 @@
+#include "relay/relay.h"
+
+#include <exception>
+#include <string>
+#include <utility>
+
+#include "relay/pair.h"
+
+namespace tez::relay {
+namespace {
+
+void serveClient(const AgentStream::Peer& agent, UniqueHandle instance, HANDLE end, Log& log) {
+    try {
+        PipeEnd pipe(std::move(instance));
+        const std::uint32_t process = pipe.clientProcess();
+        if (process == link::kControlProcess) {
+            log.error("a client is turned away: the system does not tell its process");
+            return;
+        }
+        AgentStream stream(agent, process, end);
+        log.detail("process " + std::to_string(process) + ": connected");
+        copyBothWays(pipe, stream, end);
+        log.detail("process " + std::to_string(process) + ": disconnected");
+    } catch (const std::exception& failure) {
+        if (!isSet(end)) {
+            log.error(std::string("a client is turned away: ") + failure.what());
+        }
+    }
+}
+
+/// Serves for as long as the agent is there. Throws std::exception when it is not, or when the pipe
+/// cannot be made.
+void serveOnce(const RelaySettings& settings, HANDLE stop, Log& log) {
+    AgentStream control(settings.agent, link::kControlProcess, stop);
+    const auto serve = [&](UniqueHandle instance, HANDLE end) {
+        serveClient(settings.agent, std::move(instance), end, log);
+    };
+    const PipeServer server(settings.pipe, serve, log);
+    log.info("the agent at " + settings.agent.address.text() + " answers: serving " +
+             settings.pipe.name);
+    keepBeating(control, settings.heartbeat, stop);
+}
+
+}  // namespace
+
+void runRelay(const RelaySettings& settings, HANDLE stop, Log& log) {
+    std::string told;  // once, until it changes
+    do {
+        try {
+            serveOnce(settings, stop, log);
+            log.info(isSet(stop) ? "told to stop" : "the agent is gone: the pipe is closed");
+            told.clear();
+        } catch (const std::exception& failure) {
+            if (told != failure.what() && !isSet(stop)) {
+                told = failure.what();
+                log.error(settings.agent.address.text() + ": " + told);
+            }
+        }
+    } while (WaitForSingleObject(stop, static_cast<DWORD>(settings.retry.count())) == WAIT_TIMEOUT);
+}
+
+}  // namespace tez::relay

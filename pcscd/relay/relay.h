@@ -1,0 +1,21 @@
+#pragma once
+
+#include "relay/heartbeat.h"
+#include "relay/log.h"
+#include "relay/pipe_server.h"
+
+namespace tez::relay {
+
+/// What a relay is to do.
+struct RelaySettings {
+    AgentStream::Peer agent;
+    PipeServer::Settings pipe;
+    HeartbeatLimits heartbeat;
+    Limit retry{500};  ///< between tries to reach the agent
+};
+
+/// Reaches for the agent again and again and serves the pipe whenever it is there, until `stop` is
+/// set. `log` is borrowed.
+void runRelay(const RelaySettings& settings, HANDLE stop, Log& log);
+
+}  // namespace tez::relay

@@ -1,0 +1,58 @@
+#include "relay/security_identifier.h"
+
+#include <array>
+#include <sddl.h>
+#include <stdexcept>
+
+#include "pipe/unique_handle.h"
+#include "relay/system_failure.h"
+#include "utf8.h"
+
+namespace tez::relay {
+namespace {
+
+/// As large as an identifier can be, with what stands around it.
+struct alignas(TOKEN_USER) IdentifierBuffer
+    : std::array<std::byte, sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE> {};
+
+}  // namespace
+
+SecurityIdentifier toText(PSID identifier) {
+    char* text = nullptr;
+    if (ConvertSidToStringSidA(identifier, &text) == FALSE) {
+        throw systemFailure("not a security identifier");
+    }
+    SecurityIdentifier copy(text);
+    LocalFree(text);
+    return copy;
+}
+
+SecurityIdentifier currentUser() {
+    HANDLE handle = nullptr;
+    if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &handle) == FALSE) {
+        throw systemFailure("cannot tell the user that runs this program");
+    }
+    const test::UniqueHandle token(handle);
+    IdentifierBuffer buffer = {};
+    DWORD size = 0;
+    if (GetTokenInformation(token.get(), TokenUser, buffer.data(), sizeof buffer, &size) == FALSE) {
+        throw systemFailure("cannot tell the user that runs this program");
+    }
+    return toText(reinterpret_cast<const TOKEN_USER*>(buffer.data())->User.Sid);
+}
+
+SecurityIdentifier identifierOf(const std::string& name) {
+    IdentifierBuffer buffer = {};
+    auto size = static_cast<DWORD>(sizeof buffer);
+    std::array<wchar_t, 256> domain = {};
+    auto domainSize = static_cast<DWORD>(domain.size());
+    SID_NAME_USE use = {};
+    const std::wstring wideName = tools::toPath(name).wstring();
+    if (LookupAccountNameW(nullptr, wideName.c_str(), buffer.data(), &size, domain.data(),
+                           &domainSize, &use) == FALSE) {
+        throw std::runtime_error("no user or group of this name: " + name);
+    }
+    return toText(buffer.data());
+}
+
+}  // namespace tez::relay
