@@ -1,8 +1,9 @@
 #include "relay/agent_address.h"
 
+#include <winsock2.h>
+
 #include <charconv>
 #include <cstdint>
-#include <winsock2.h>
 #include <ws2tcpip.h>
 
 namespace tez::relay {

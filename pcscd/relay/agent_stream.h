@@ -1,9 +1,10 @@
 #pragma once
 
+#include <winsock2.h>
+
 #include <cstdint>
 #include <span>
 #include <utility>
-#include <winsock2.h>
 
 #include "link/hello.h"
 #include "relay/agent_address.h"

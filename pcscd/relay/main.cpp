@@ -1,4 +1,6 @@
 // Serves the daemon's pipe on this machine with the readers of another one.
+#include <winsock2.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdlib>
@@ -6,7 +8,6 @@
 #include <iostream>
 #include <stdexcept>
 #include <string>
-#include <winsock2.h>
 
 #include "relay/access_list.h"
 #include "relay/options.h"
