@@ -17,15 +17,11 @@ bool staysSilent(AgentStream& control, Limit limit, HANDLE stop) {
 }  // namespace
 
 void keepBeating(AgentStream& control, const HeartbeatLimits& limits, HANDLE stop) {
-    std::array<std::uint8_t, 1> beat = {};
-    for (;;) {
-        const std::vector<std::uint8_t> expected = link::encodeFrame(beat);
-        std::vector<std::uint8_t> echo(expected.size());
-        if (!control.write(beat, {stop}) || !control.readAll(echo, stop, limits.silence) ||
-            echo != expected || !staysSilent(control, limits.interval, stop)) {
-            return;
-        }
-        ++beat.front();
+    constexpr std::array<std::uint8_t, 1> kBeat = {'!'};
+    const std::vector<std::uint8_t> expected = link::encodeFrame(kBeat);
+    std::vector<std::uint8_t> echo(expected.size());
+    while (control.write(kBeat, {stop}) && control.readAll(echo, stop, limits.silence) &&
+           echo == expected && staysSilent(control, limits.interval, stop)) {
     }
 }
 

@@ -13,23 +13,23 @@ using Buffer = std::array<std::uint8_t, 64U << 10U>;
 /// How long the agent may take to end its stream when the client is gone.
 constexpr Limit kFarewell{2000};
 
-void copyRequests(PipeEnd& pipe, AgentStream& agent, Interrupts interrupts) {
+void copyRequests(PipeEnd& pipe, AgentStream& agent, HANDLE agentGone) {
     Buffer buffer = {};
     Outcome outcome;
     do {
-        outcome = pipe.read(buffer, interrupts);
+        outcome = pipe.read(buffer, {agentGone});
     } while (outcome.error == ERROR_SUCCESS &&
-             agent.write(std::span(buffer).first(outcome.count), interrupts));
+             agent.write(std::span(buffer).first(outcome.count), {agentGone}));
 }
 
-/// False when the agent has ended its stream, or made it useless.
+/// False when what comes is not of the link, so that nothing further is worth waiting for.
 bool copyAnswers(AgentStream& agent, PipeEnd& pipe, Interrupts interrupts) {
     Buffer buffer = {};
     link::FrameDecoder decoder;
     for (;;) {
         const Outcome outcome = agent.read(buffer, interrupts);
         if (outcome.error != ERROR_SUCCESS || outcome.count == 0) {
-            return outcome.error == ERROR_OPERATION_ABORTED;
+            return true;
         }
         bool taken = true;
         const bool decoded = decoder.decode(std::span(buffer).first(outcome.count),
@@ -59,9 +59,9 @@ void awaitEnd(AgentStream& agent, HANDLE cut) {
 /// use.
 class Requests {
   public:
-    Requests(PipeEnd& pipe, AgentStream& agent, HANDLE cut)
-        : thread_([this, &pipe, &agent, cut] {
-              copyRequests(pipe, agent, {cut, agentGone_.get()});
+    Requests(PipeEnd& pipe, AgentStream& agent)
+        : thread_([this, &pipe, &agent] {
+              copyRequests(pipe, agent, agentGone_.get());
               agent.finishWriting();
               SetEvent(clientGone_.get());
           }) {}
@@ -83,7 +83,7 @@ class Requests {
 }  // namespace
 
 void copyBothWays(PipeEnd& pipe, AgentStream& agent, HANDLE cut) {
-    const Requests requests(pipe, agent, cut);
+    const Requests requests(pipe, agent);
     if (copyAnswers(agent, pipe, {cut, requests.clientGone()})) {
         awaitEnd(agent, cut);
     }

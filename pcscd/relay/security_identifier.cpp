@@ -15,6 +15,8 @@ namespace {
 struct alignas(TOKEN_USER) IdentifierBuffer
     : std::array<std::byte, sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE> {};
 
+using NameBuffer = std::array<wchar_t, 256>;
+
 }  // namespace
 
 SecurityIdentifier toText(PSID identifier) {
@@ -25,6 +27,20 @@ SecurityIdentifier toText(PSID identifier) {
     SecurityIdentifier copy(text);
     LocalFree(text);
     return copy;
+}
+
+std::string nameOf(PSID identifier) {
+    NameBuffer name = {};
+    NameBuffer domain = {};
+    auto nameSize = static_cast<DWORD>(name.size());
+    auto domainSize = static_cast<DWORD>(domain.size());
+    SID_NAME_USE use = {};
+    if (LookupAccountSidW(nullptr, identifier, name.data(), &nameSize, domain.data(), &domainSize,
+                          &use) == FALSE) {
+        return toText(identifier);
+    }
+    const std::string prefix = domainSize > 0 ? tools::toUtf8(domain.data()) + "\\" : "";
+    return prefix + tools::toUtf8(name.data());
 }
 
 SecurityIdentifier currentUser() {
@@ -44,7 +60,7 @@ SecurityIdentifier currentUser() {
 SecurityIdentifier identifierOf(const std::string& name) {
     IdentifierBuffer buffer = {};
     auto size = static_cast<DWORD>(sizeof buffer);
-    std::array<wchar_t, 256> domain = {};
+    NameBuffer domain = {};
     auto domainSize = static_cast<DWORD>(domain.size());
     SID_NAME_USE use = {};
     const std::wstring wideName = tools::toPath(name).wstring();

@@ -14,6 +14,9 @@ inline constexpr const char* kAdministrators = "S-1-5-32-544";
 
 SecurityIdentifier toText(PSID identifier);
 
+/// What a person calls the user or group, in UTF-8; the text form when it has no name.
+std::string nameOf(PSID identifier);
+
 /// Of the user that this process runs as. Throws std::system_error.
 SecurityIdentifier currentUser();
 

@@ -100,20 +100,27 @@ TEST_F(RelayCut, HundredTimesUnderLoadIsSurvived) {
 
 TEST_F(RelayCut, AndManyClientsLeaveNothingBehind) {
     startBoth();
-    const auto serveSome = [this](int count) {
-        for (int i = 0; i < count; ++i) {
+    const auto serveSome = [this](std::size_t count) {
+        for (std::size_t i = 0; i < count; ++i) {
             ASSERT_EQ(connect().exchange(Bytes{1}), Bytes{1});
         }
     };
-    // What is not over yet at the end of one round is not either at that of the other.
     serveSome(20);
     agent_.stop();
     ASSERT_TRUE(pipeGoes());
     const std::uintptr_t handles = nextHandle();
     const int threads = countThreads();
+
     agent_.start();
     ASSERT_TRUE(pipeComes());
-    serveSome(400);
+    serveSome(20);
+    const std::uintptr_t handlesOfAServingRelay = nextHandle();
+    constexpr std::size_t kClients = 400;
+    serveSome(kClients);
+    // While it serves, too: a handle's number is a multiple of 4, and the agent keeps a socket and
+    // a thread for each stream that there was.
+    EXPECT_LT(nextHandle() - handlesOfAServingRelay, 4 * kClients * 5 / 2);
+
     agent_.stop();
     ASSERT_TRUE(pipeGoes());
     EXPECT_EQ(countThreads(), threads);
