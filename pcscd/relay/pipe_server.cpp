@@ -87,7 +87,6 @@ void PipeServer::acceptClients() {
             Waiting& source = *sources[woken - WAIT_OBJECT_0];
             UniqueHandle instance = source->take();
             source.reset();
-            fillUp();  // a thread takes longer to make
             startWorker(std::move(instance));
         }
     }

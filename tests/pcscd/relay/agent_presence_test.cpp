@@ -1,6 +1,7 @@
 // The pipe is there while the agent answers, and at no other time.
 #include <atomic>
 #include <string_view>
+#include <thread>
 #include <utility>
 
 #include "relay_fixture.h"
@@ -44,6 +45,25 @@ TEST_F(AgentPresence, TakesThePipeAlongAndBringsItBack) {
         EXPECT_TRUE(pipeComes());
         EXPECT_EQ(connect().exchange(bytesOf("hello")), bytesOf("hello"));
     }
+}
+
+TEST_F(AgentPresence, KeepsThePipesNameHoweverFastClientsComeAndGo) {
+    startBoth();
+    std::atomic<int> opened = 0;
+    std::atomic<int> missing = 0;
+    const auto comeAndGo = [&] {
+        for (int i = 0; i < 300; ++i) {
+            const test::UniqueHandle pipe(CreateFileA(pipe_.c_str(), GENERIC_READ | GENERIC_WRITE,
+                                                      0, nullptr, OPEN_EXISTING, 0, nullptr));
+            opened += pipe ? 1 : 0;
+            missing += !pipe && GetLastError() == ERROR_FILE_NOT_FOUND ? 1 : 0;
+        }
+    };
+    std::thread other(comeAndGo);
+    comeAndGo();
+    other.join();
+    EXPECT_EQ(missing, 0);
+    EXPECT_GT(opened, 100);
 }
 
 TEST_F(AgentPresence, IsToldOnceAndNotForEachTry) {
