@@ -48,7 +48,7 @@ SecurityIdentifier currentUser() {
     if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &handle) == FALSE) {
         throw systemFailure("cannot tell the user that runs this program");
     }
-    const test::UniqueHandle token(handle);
+    const pcscd::UniqueHandle token(handle);
     IdentifierBuffer buffer = {};
     DWORD size = 0;
     if (GetTokenInformation(token.get(), TokenUser, buffer.data(), sizeof buffer, &size) == FALSE) {

@@ -39,7 +39,7 @@ std::optional<std::string> strangerAt(HANDLE file) {
 }  // namespace
 
 link::Token readTokenFile(const std::string& utf8Path) {
-    const test::UniqueHandle file(CreateFileW(tools::toPath(utf8Path).c_str(), GENERIC_READ,
+    const pcscd::UniqueHandle file(CreateFileW(tools::toPath(utf8Path).c_str(), GENERIC_READ,
                                               FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
     if (!file) {
         throw systemFailure("cannot read the token " + utf8Path);

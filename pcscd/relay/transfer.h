@@ -9,7 +9,7 @@
 
 namespace tez::relay {
 
-using test::UniqueHandle;
+using pcscd::UniqueHandle;
 
 /// A manual-reset event. Throws std::system_error when there is none to be had.
 UniqueHandle makeEvent();

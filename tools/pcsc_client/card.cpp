@@ -23,15 +23,26 @@ const SCARD_IO_REQUEST* pciOf(DWORD protocol) {
     }
 }
 
+DWORD shareModeOf(Access access) {
+    switch (access) {
+        case Access::kExclusive:
+            return SCARD_SHARE_EXCLUSIVE;
+        case Access::kDirect:
+            return SCARD_SHARE_DIRECT;
+        case Access::kShared:
+            break;
+    }
+    return SCARD_SHARE_SHARED;
+}
+
 }  // namespace
 
 Card::Card(SCARDCONTEXT context, std::string reader, Access access)
     : context_(context), reader_(std::move(reader)) {
-    const bool direct = access == Access::kDirect;
-    check(
-        "SCardConnect",
-        SCardConnectA(context, reader_.c_str(), direct ? SCARD_SHARE_DIRECT : SCARD_SHARE_SHARED,
-                      direct ? SCARD_PROTOCOL_UNDEFINED : SCARD_PROTOCOL_Tx, &handle_, &protocol_));
+    const DWORD protocols =
+        access == Access::kDirect ? SCARD_PROTOCOL_UNDEFINED : SCARD_PROTOCOL_Tx;
+    check("SCardConnect", SCardConnectA(context, reader_.c_str(), shareModeOf(access), protocols,
+                                        &handle_, &protocol_));
 }
 
 Card::~Card() {

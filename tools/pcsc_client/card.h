@@ -17,8 +17,9 @@ struct CardStatus {
 };
 
 enum class Access : std::uint8_t {
-    kShared,  ///< with the card, next to other applications
-    kDirect,  ///< with the reader, whether it holds a card or not
+    kShared,     ///< with the card, next to other applications
+    kExclusive,  ///< with the card, which no other application can use then
+    kDirect,     ///< with the reader, whether it holds a card or not
 };
 
 /// A connection to the card in a reader. Every call throws ScardFailure when PC/SC reports an

@@ -75,10 +75,10 @@ void Session::useCard(const std::string& nameOrIndex, const std::function<void(c
     card.disconnect();
 }
 
-const Card& Session::keepCardOpen(const std::string& nameOrIndex) {
+const Card& Session::keepCardOpen(const std::string& nameOrIndex, Access access) {
     // The one kept before goes without a word: its handle may be dead, as its daemon or its reader
     // may have gone.
-    keptCard_ = std::make_unique<Card>(context(), resolveReader(nameOrIndex));
+    keptCard_ = std::make_unique<Card>(context(), resolveReader(nameOrIndex), access);
     return *keptCard_;
 }
 

@@ -42,7 +42,7 @@ class Session {
 
     /// Opens a card and keeps it open, in place of the one kept before, which stays when that
     /// fails.
-    const Card& keepCardOpen(const std::string& nameOrIndex);
+    const Card& keepCardOpen(const std::string& nameOrIndex, Access access);
     /// Throws Failure when no card is kept open.
     void disconnectKeptCard();
 

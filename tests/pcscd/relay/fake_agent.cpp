@@ -94,6 +94,10 @@ void AgentConnection::finishSending() {
     shutdown(socket_, SD_SEND);
 }
 
+void AgentConnection::close() {
+    shutdown(socket_, SD_BOTH);
+}
+
 FakeAgent::FakeAgent() : port_(portOf(listenAt(0))) {
     const auto hello = link::encodeAgentHello(token());
     helloAnswer_.emplace(hello.begin(), hello.end());

@@ -37,6 +37,8 @@ class AgentConnection {
     /// In a frame.
     bool sendPiece(std::span<const std::uint8_t> piece);
     void finishSending();
+    /// Ends what is being read or sent, too.
+    void close();
 
   private:
     Bytes readSome(std::size_t most);

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <fstream>
 #include <sstream>
+#include <utility>
 
 namespace tez::test {
 namespace {
@@ -11,11 +12,11 @@ std::string uniqueName() {
     return "relay-test-" + std::to_string(GetCurrentProcessId());
 }
 
-UniqueHandle open(const std::string& pipe) {
+relay::UniqueHandle open(const std::string& pipe) {
     for (;;) {
-        UniqueHandle handle(CreateFileA(pipe.c_str(), GENERIC_READ | GENERIC_WRITE,
-                                        FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
-                                        0, nullptr));
+        relay::UniqueHandle handle(CreateFileA(pipe.c_str(), GENERIC_READ | GENERIC_WRITE,
+                                               FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                               OPEN_EXISTING, 0, nullptr));
         if (handle || GetLastError() != ERROR_PIPE_BUSY ||
             WaitNamedPipeA(pipe.c_str(), NMPWAIT_USE_DEFAULT_WAIT) == FALSE) {
             return handle;
@@ -64,8 +65,10 @@ bool comesTrue(const std::function<bool()>& condition) {
     return false;
 }
 
-RelayTest::RelayTest()
-    : pipe_(R"(\\.\pipe\)" + uniqueName()), logFile_(temporaryFile(uniqueName() + ".log")) {
+RelayTest::RelayTest() : RelayTest(R"(\\.\pipe\)" + uniqueName()) {}
+
+RelayTest::RelayTest(std::string pipe)
+    : pipe_(std::move(pipe)), logFile_(temporaryFile(uniqueName() + ".log")) {
     std::remove(logFile_.c_str());
     log_.appendTo(logFile_);
     settings_.agent.address = {"127.0.0.1", std::to_string(agent_.port())};

@@ -31,7 +31,7 @@ class PipeClient {
     void close() { pipe_.reset(); }
 
   private:
-    UniqueHandle pipe_;
+    relay::UniqueHandle pipe_;
 };
 
 /// Whether a condition comes true; asked again and again, as nothing tells.
@@ -40,7 +40,9 @@ bool comesTrue(const std::function<bool()>& condition);
 /// A relay in this process between a pipe of the test's own and a fake agent.
 class RelayTest : public testing::Test {
   protected:
+    /// With a pipe of the test's own.
     RelayTest();
+    explicit RelayTest(std::string pipe);
     ~RelayTest() override;
 
     /// Runs the relay until stopRelay, or the test's end.
@@ -71,7 +73,7 @@ class RelayTest : public testing::Test {
 
   private:
     relay::Log log_{true};
-    UniqueHandle stop_;
+    relay::UniqueHandle stop_;
     std::thread relay_;
 };
 

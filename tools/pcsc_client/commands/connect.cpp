@@ -10,9 +10,12 @@ void addConnect(CLI::App& app, Client& client) {
         app.add_subcommand("connect", "Connect to a card and keep it open for the next lines");
     const auto reader = std::make_shared<std::string>();
     addReaderOption(*command, *reader);
+    const auto exclusive = std::make_shared<bool>(false);
+    command->add_flag("--exclusive", *exclusive, "Let no other application use the card meanwhile");
     client.report.addJsonOption(*command);
-    command->callback([&client, reader] {
-        const Card& card = client.session.keepCardOpen(*reader);
+    command->callback([&client, reader, exclusive] {
+        const Card& card = client.session.keepCardOpen(
+            *reader, *exclusive ? Access::kExclusive : Access::kShared);
         const std::string protocol = describeProtocol(card.protocol());
         client.report.line("connected to " + card.reader() + ", protocol " + protocol);
         client.report.data()["reader"] = card.reader();
