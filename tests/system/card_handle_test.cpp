@@ -92,7 +92,8 @@ TEST_F(CardHandleTest, AreOfUseNoLongerThanTheirContext) {
     const ConnectedCard kept = connect(other, kRemoteReader);
     ASSERT_THAT(SCardReleaseContext(context), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(SCardBeginTransaction(card.handle), Gives(SCARD_E_INVALID_HANDLE));
-    EXPECT_THAT(SCardBeginTransaction(kept.handle), Gives(SCARD_S_SUCCESS));
+    // The daemon is asked: it has reset the card of the context that went.
+    EXPECT_THAT(SCardBeginTransaction(kept.handle), Gives(SCARD_W_RESET_CARD));
 }
 
 TEST_F(CardHandleTest, AreFoundAmongManyMore) {

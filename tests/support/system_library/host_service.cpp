@@ -122,7 +122,9 @@ LONG HostService::SCardGetDeviceTypeIdA(SCARDCONTEXT context, LPCSTR reader, LPD
     }
     std::uint32_t type = 0;
     const LONG result = pcsc_.getDeviceTypeId(context, orEmpty(reader), type);
-    *deviceType = type;
+    if (result == SCARD_S_SUCCESS) {
+        *deviceType = type;
+    }
     return result;
 }
 

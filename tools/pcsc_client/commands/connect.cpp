@@ -14,8 +14,8 @@ void addConnect(CLI::App& app, Client& client) {
     command->add_flag("--exclusive", *exclusive, "Let no other application use the card meanwhile");
     client.report.addJsonOption(*command);
     command->callback([&client, reader, exclusive] {
-        const Card& card = client.session.keepCardOpen(
-            *reader, *exclusive ? Access::kExclusive : Access::kShared);
+        const Card& card =
+            client.session.keepCardOpen(*reader, *exclusive ? Access::kExclusive : Access::kShared);
         const std::string protocol = describeProtocol(card.protocol());
         client.report.line("connected to " + card.reader() + ", protocol " + protocol);
         client.report.data()["reader"] = card.reader();
