@@ -47,6 +47,20 @@ class AgentTest : public testing::Test {
         return client;
     }
 
+    /// Waits, from the state that the application knows on, until the reader's state has the bit.
+    static bool awaitState(const LinkClient& client, std::uint64_t context, const char* reader,
+                           std::uint32_t known, std::uint32_t bit) {
+        while ((known & bit) == 0) {
+            client.sendWait(context, reader, known);
+            const auto [answer, now] = client.receiveWait();
+            if (answer != result::kSuccess || (now & state::kChanged) == 0) {
+                return false;
+            }
+            known = now & ~state::kChanged;
+        }
+        return true;
+    }
+
     CardMachine machine_;
 };
 
@@ -88,28 +102,30 @@ TEST_F(AgentTest, TellsOfTheReaderWhatTheServiceTellsUnderTheServedName) {
     EXPECT_EQ(attribute(pcscd::attribute::kAtrString), pcscd::makeDemoCard("").atr());
     const auto control = client->call(CMD_CONTROL, ControlRecord{card.hCard, 3400, 0, 100, 0, 0});
     EXPECT_EQ(control.rv, code(result::kUnsupportedFeature)) << "the service has another code";
-    EXPECT_EQ(client->call(CMD_SET_ATTRIB, AttribRecord{card.hCard, 0x7A007, {}, 0, 1}).rv,
+    const AttribRecord unknown{card.hCard, pcscd::attribute::kMaxInput, {}, 1, 0};
+    EXPECT_EQ(client->call(CMD_SET_ATTRIB, unknown, Bytes{7}).rv,
               code(result::kUnsupportedFeature));
 }
 
 TEST_F(AgentTest, FollowsCardsThatComeAndGo) {
     machine_.startAgent();
     const auto client = connected();
+    const auto watching = connected();
     const auto context = client->establish();
     const ConnectRecord card = client->connect(context, kFirstReader);
-    client->sendWait(context, kFirstReader, state::kPresent | state::kInUse);
+    const auto seen = [&](std::uint32_t known, std::uint32_t bit) {
+        return std::async(std::launch::async, [&watching, context, known, bit] {
+            return awaitState(*watching, context, kFirstReader, known, bit);
+        });
+    };
+    auto removed = seen(state::kPresent | state::kInUse, state::kEmpty);
     machine_.removeCard();
-    EXPECT_THAT(client->receiveWait(), Pair(result::kSuccess, testing::Truly([](std::uint32_t now) {
-                                                return (now & state::kEmpty) != 0 &&
-                                                       (now & state::kChanged) != 0;
-                                            })));
+    EXPECT_TRUE(removed.get());
     const TransmitRecord request{card.hCard, card.dwActiveProtocol, 5, 0, 258, 0};
     EXPECT_EQ(client->call(CMD_TRANSMIT, request, kChallenge).rv, code(result::kRemovedCard));
-    client->sendWait(context, kFirstReader, state::kEmpty);
+    auto inserted = seen(state::kEmpty, state::kPresent);
     machine_.insertCard();
-    EXPECT_THAT(client->receiveWait(), Pair(result::kSuccess, testing::Truly([](std::uint32_t now) {
-                                                return (now & state::kPresent) != 0;
-                                            })));
+    EXPECT_TRUE(inserted.get());
     EXPECT_EQ(client->connect(context, kFirstReader).rv, 0U);
 }
 
@@ -199,17 +215,20 @@ TEST_F(AgentTest, OutlivesTheServiceAndGoesOnWithTheNext) {
     const auto client = connected();
     const auto context = client->establish();
     const ConnectRecord card = client->connect(context, kFirstReader);
-    client->sendWait(context, kFirstReader, state::kPresent | state::kInUse);
+    const auto watching = connected();
+    auto gone = std::async(std::launch::async, [&] {
+        return awaitState(*watching, context, kFirstReader, state::kPresent, state::kUnknown);
+    });
     machine_.stopService();
-    EXPECT_THAT(client->receiveWait(), Pair(result::kSuccess, testing::Truly([](std::uint32_t now) {
-                                                return (now & state::kUnknown) != 0;
-                                            })));
+    EXPECT_TRUE(gone.get());
     EXPECT_EQ(client->listReaders(context), multiString({}));
     const TransmitRecord request{card.hCard, card.dwActiveProtocol, 5, 0, 258, 0};
     EXPECT_EQ(client->call(CMD_TRANSMIT, request, kChallenge).rv, code(result::kReaderUnavailable));
-    client->sendWait(context, kFirstReader, state::kUnknown);
+    auto back = std::async(std::launch::async, [&] {
+        return awaitState(*watching, context, kFirstReader, state::kUnknown, state::kEmpty);
+    });
     machine_.startService();
-    EXPECT_THAT(client->receiveWait(), Pair(result::kSuccess, testing::_));
+    EXPECT_TRUE(back.get());
     machine_.insertCard();
     ConnectRecord again;
     EXPECT_TRUE(eventually([&] {
