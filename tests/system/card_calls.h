@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "pcscd_names.h"
 #include "core/traffic.h"
+#include "pcscd_names.h"
 #include "scard_missing.h"
 
 namespace tez::test {

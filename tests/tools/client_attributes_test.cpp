@@ -1,6 +1,5 @@
 // The command-line client, with a daemon in this process: its readers can be given any attribute.
 #include <windows.h>
-
 #include <winscard.h>
 
 #include <gmock/gmock.h>
