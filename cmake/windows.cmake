@@ -5,7 +5,8 @@ enable_language(RC)
 add_link_options(-static)
 # The same bytes wherever and whenever they are made: no time, and paths as the repository has them.
 add_link_options(-Wl,--no-insert-timestamp)
-add_compile_options(-fdebug-prefix-map=${CMAKE_SOURCE_DIR}=. -fmacro-prefix-map=${CMAKE_SOURCE_DIR}=.)
+add_compile_options(-fdebug-prefix-map=${CMAKE_SOURCE_DIR}=. -fmacro-prefix-map=${CMAKE_SOURCE_DIR}=.
+                    -fdebug-prefix-map=${CMAKE_BINARY_DIR}=.)
 # Wine's debugger does not read the compiler's default, version 5.
 add_compile_options($<$<CONFIG:Debug,RelWithDebInfo>:-gdwarf-4>)
 if(TEZ_CHECKED)
