@@ -24,7 +24,7 @@ using Bytes = std::vector<std::uint8_t>;
 using Microseconds = std::chrono::duration<double, std::micro>;
 
 constexpr std::uint8_t kGetChallenge = 0x84;  // its answer is another one each time
-constexpr std::size_t kLongestAnswer = 65538;
+constexpr DWORD kLongestAnswer = 65538;
 
 void check(const char* call, LONG result) {
     if (result != SCARD_S_SUCCESS) {
@@ -42,9 +42,9 @@ class Series {
     Bytes next() {
         switch (below(4)) {
             case 0:  // READ BINARY
-                return {0x00, 0xB0, 0x00, byte(), byte()};
+                return {0x00, 0xB0, 0x00, offset(), byte()};
             case 1:  // the same with a length of two bytes
-                return {0x00, 0xB0, 0x00, byte(), 0x00, byte(), byte()};
+                return {0x00, 0xB0, 0x00, offset(), 0x00, byte(), byte()};
             case 2:
                 return withData(1 + below(255), false);
             default:
@@ -55,6 +55,8 @@ class Series {
   private:
     // The standard library's distributions differ between the two sides.
     std::size_t below(std::size_t limit) { return random_() % limit; }
+    /// Into a file of the demo card, and a little beyond.
+    std::uint8_t offset() { return static_cast<std::uint8_t>(below(30)); }
     std::uint8_t byte() { return static_cast<std::uint8_t>(below(256)); }
 
     Bytes withData(std::size_t length, bool extended) {
@@ -106,11 +108,11 @@ void run(const std::string& reader, int count, std::uint32_t seed) {
     }
     for (const Bytes& command : commands) {
         Bytes answer(kLongestAnswer);
-        auto length = static_cast<DWORD>(answer.size());
+        DWORD length = kLongestAnswer;
         const auto begin = std::chrono::steady_clock::now();
         check("SCardTransmit",
-              SCardTransmit(card, pci, command.data(), static_cast<DWORD>(command.size()), nullptr,
-                            answer.data(), &length));
+              SCardTransmit(card, pci, command.data(), static_cast<std::uint32_t>(command.size()),
+                            nullptr, answer.data(), &length));
         durations.push_back(Microseconds(std::chrono::steady_clock::now() - begin).count());
         answer.resize(length);
         print(command, answer);
