@@ -35,7 +35,8 @@ LONG WINAPI SCardEstablishContext(DWORD dwScope, LPCVOID pvReserved1, LPCVOID pv
                 *phContext = registerContext(systemHandle, dwScope);
             } catch (...) {
                 if (systemHandle != 0) {
-                    callSystem(&WinscardTable::SCardReleaseContext, systemHandle);
+                    static_cast<void>(
+                        callSystem(&WinscardTable::SCardReleaseContext, systemHandle));
                 }
                 throw;
             }
@@ -61,11 +62,11 @@ LONG WINAPI SCardReleaseContext(SCARDCONTEXT hContext) {
         // A failing system release keeps nothing alive: the application is done with the handle.
         if (const auto entry = unregisterContext(hContext)) {
             if (entry->remote != NO_REMOTE_CONTEXT) {
-                releaseRemoteContext(entry->remote, true);
+                static_cast<void>(releaseRemoteContext(entry->remote, true));
             }
             if (entry->remoteLocal != NO_REMOTE_CONTEXT &&
                 getServiceState() == ServiceState::RemoteOnly) {
-                releaseRemoteContext(entry->remoteLocal, false);
+                static_cast<void>(releaseRemoteContext(entry->remoteLocal, false));
             }
         }
         return rv;

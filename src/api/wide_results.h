@@ -27,7 +27,7 @@ inline HeapPtr<char> withEnd(std::string_view text) noexcept {
 
 /// @param call  called with the destination and the length of a narrow multi-string.
 template <class Call>
-LONG copyOutWideNames(LPWSTR destination, LPDWORD length, Call call) {
+[[nodiscard]] LONG copyOutWideNames(LPWSTR destination, LPDWORD length, Call call) {
     LocalBuffer narrow;
     const LONG rv = call(narrow.destination(), narrow.length());
     if (rv != SCARD_S_SUCCESS) {
@@ -42,7 +42,7 @@ LONG copyOutWideNames(LPWSTR destination, LPDWORD length, Call call) {
 
 /// As copyOutWideNames, for a single text.
 template <class Call>
-LONG copyOutWideText(LPWSTR destination, LPDWORD length, Call call) {
+[[nodiscard]] LONG copyOutWideText(LPWSTR destination, LPDWORD length, Call call) {
     LocalBuffer narrow;
     const LONG rv = call(narrow.destination(), narrow.length());
     if (rv != SCARD_S_SUCCESS) {

@@ -37,7 +37,7 @@ struct RemoteCall {
 ///         old, the code of the context's establishment when that fails; else what the exchange
 ///         returned.
 template <class DoExchange>
-LONG callRemotely(const RemoteCall& call, DoExchange exchangeRecords) {
+[[nodiscard]] LONG callRemotely(const RemoteCall& call, DoExchange exchangeRecords) {
     std::uint64_t remoteContext = 0;
     if (call.context != 0) {
         const LONG rv = getRemoteContextVolatile(call.context, remoteContext, call.redirection);

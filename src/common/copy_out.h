@@ -17,8 +17,8 @@ namespace tez {
 /// @return SCARD_S_SUCCESS; SCARD_E_INSUFFICIENT_BUFFER when the room is too small (nothing is
 ///         copied); SCARD_E_NO_MEMORY when the block to hand out could not be allocated (the
 ///         caller's pointer is then null). An allocated block is freed by SCardFreeMemory.
-LONG copyOutBuffer(const void* source, DWORD count, void* destination, DWORD* length,
-                   std::size_t elementSize) noexcept;
+[[nodiscard]] LONG copyOutBuffer(const void* source, DWORD count, void* destination, DWORD* length,
+                                 std::size_t elementSize) noexcept;
 
 /// Where a result stands that a call has handed out: in the caller's buffer or, when it was
 /// allocated, where the pointer leads that the buffer is the place of. Null when the caller gave

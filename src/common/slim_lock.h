@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include <mutex>
+#include "common/thread_annotations.h"
 
 namespace tez {
 
@@ -10,33 +10,45 @@ namespace tez {
 ///
 /// It needs neither construction nor destruction at run time, so a lock of static storage is usable
 /// from the first call on any thread and nothing is left to do for it at process detach.
-class SlimLock {
+class TEZ_CAPABILITY("lock") SlimLock {
   public:
     SlimLock() = default;
     SlimLock(const SlimLock&) = delete;
     SlimLock& operator=(const SlimLock&) = delete;
     ~SlimLock() = default;
 
-    void lock() noexcept { AcquireSRWLockExclusive(&lock_); }
-    void unlock() noexcept { ReleaseSRWLockExclusive(&lock_); }
+    void lock() noexcept TEZ_ACQUIRE() { AcquireSRWLockExclusive(&lock_); }
+    void unlock() noexcept TEZ_RELEASE() { ReleaseSRWLockExclusive(&lock_); }
 
     /// Takes the lock if it is free. For process detach, where a thread that the platform has
     /// stopped may hold it for ever.
-    bool try_lock() noexcept { return TryAcquireSRWLockExclusive(&lock_) != FALSE; }
+    bool try_lock() noexcept TEZ_TRY_ACQUIRE(true) {
+        return TryAcquireSRWLockExclusive(&lock_) != FALSE;
+    }
 
   private:
     friend class SlimCondition;
     SRWLOCK lock_ = SRWLOCK_INIT;
 };
 
-using SlimGuard = std::lock_guard<SlimLock>;
+/// Holds a lock for as long as it lives.
+class TEZ_SCOPED_CAPABILITY SlimGuard {
+  public:
+    explicit SlimGuard(SlimLock& lock) noexcept TEZ_ACQUIRE(lock) : lock_(lock) { lock.lock(); }
+    SlimGuard(const SlimGuard&) = delete;
+    SlimGuard& operator=(const SlimGuard&) = delete;
+    ~SlimGuard() TEZ_RELEASE() { lock_.unlock(); }
+
+  private:
+    SlimLock& lock_;
+};
 
 /// Wakes threads that wait for something that a SlimLock guards.
 class SlimCondition {
   public:
     /// Gives the lock, which the caller holds, back for the time of the wait. Wakes when notified,
     /// after timeout milliseconds (INFINITE: never), or for no reason.
-    void wait(SlimLock& lock, DWORD timeout) noexcept {
+    void wait(SlimLock& lock, DWORD timeout) noexcept TEZ_REQUIRES(lock) {
         SleepConditionVariableSRW(&condition_, &lock.lock_, timeout, 0);
     }
     void notifyOne() noexcept { WakeConditionVariable(&condition_); }

@@ -71,7 +71,7 @@ class WorkerQueue {
         return job;
     }
 
-    Job** end() noexcept {
+    Job** end() noexcept TEZ_REQUIRES(lock_) {
         Job** link = &first_;
         while (*link != nullptr) {
             link = &(*link)->next_;
@@ -81,9 +81,9 @@ class WorkerQueue {
 
     SlimLock lock_;
     SlimCondition handedOver_;
-    Job* first_ = nullptr;
-    std::size_t waitingJobs_ = 0;
-    std::size_t idleThreads_ = 0;
+    Job* first_ TEZ_GUARDED_BY(lock_) = nullptr;
+    std::size_t waitingJobs_ TEZ_GUARDED_BY(lock_) = 0;
+    std::size_t idleThreads_ TEZ_GUARDED_BY(lock_) = 0;
 };
 
 namespace {

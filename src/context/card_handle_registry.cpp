@@ -13,7 +13,7 @@ namespace {
 
 struct CardHandleRegistry {
     SlimLock lock;
-    HandleTable<std::shared_ptr<const CardHandleEntry>> table;
+    HandleTable<std::shared_ptr<const CardHandleEntry>> table TEZ_GUARDED_BY(lock);
 };
 
 constinit NeverDestroyed<CardHandleRegistry> cards;

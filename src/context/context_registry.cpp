@@ -13,14 +13,12 @@ namespace {
 
 struct ContextRegistry {
     SlimLock lock;
-    HandleTable<ContextEntry> table;
-    std::uint64_t breaks = 0;  ///< how often the daemon contexts have been lost
+    HandleTable<ContextEntry> table TEZ_GUARDED_BY(lock);
+    std::uint64_t breaks TEZ_GUARDED_BY(lock) =
+        0;  ///< how often the daemon contexts have been lost
 };
 
-ContextRegistry& contexts() {
-    static NeverDestroyed<ContextRegistry> instance;
-    return *instance;
-}
+constinit NeverDestroyed<ContextRegistry> contexts;
 
 }  // namespace
 
@@ -28,25 +26,25 @@ SCARDCONTEXT registerContext(SCARDCONTEXT systemHandle, DWORD scope) {
     ContextEntry entry;
     entry.systemHandle = systemHandle;
     entry.scope = scope;
-    const SlimGuard guard(contexts().lock);
-    return contexts().table.add(entry);
+    const SlimGuard guard(contexts->lock);
+    return contexts->table.add(entry);
 }
 
 bool isContextKnown(SCARDCONTEXT context) noexcept {
-    const SlimGuard guard(contexts().lock);
-    return contexts().table.find(context) != nullptr;
+    const SlimGuard guard(contexts->lock);
+    return contexts->table.find(context) != nullptr;
 }
 
 SCARDCONTEXT getLocalContext(SCARDCONTEXT context) noexcept {
-    const SlimGuard guard(contexts().lock);
-    const ContextEntry* const entry = contexts().table.find(context);
+    const SlimGuard guard(contexts->lock);
+    const ContextEntry* const entry = contexts->table.find(context);
     return entry == nullptr ? 0 : entry->systemHandle;
 }
 
 std::optional<ContextEntry> unregisterContext(SCARDCONTEXT context) noexcept {
-    const SlimGuard guard(contexts().lock);
+    const SlimGuard guard(contexts->lock);
     ContextEntry entry;
-    if (!contexts().table.take(context, entry)) {
+    if (!contexts->table.take(context, entry)) {
         return std::nullopt;
     }
     return entry;
@@ -59,13 +57,13 @@ LONG getRemoteContextVolatile(SCARDCONTEXT context, std::uint64_t& remoteContext
         ContextEntry copy;
         std::uint64_t breaks = 0;
         {
-            const SlimGuard guard(contexts().lock);
-            const ContextEntry* const entry = contexts().table.find(context);
+            const SlimGuard guard(contexts->lock);
+            const ContextEntry* const entry = contexts->table.find(context);
             if (entry == nullptr) {
                 return SCARD_E_INVALID_HANDLE;
             }
             copy = *entry;
-            breaks = contexts().breaks;
+            breaks = contexts->breaks;
         }
         std::uint64_t& slot = remoteFlag ? copy.remote : copy.remoteLocal;
         if (slot != NO_REMOTE_CONTEXT) {
@@ -77,8 +75,8 @@ LONG getRemoteContextVolatile(SCARDCONTEXT context, std::uint64_t& remoteContext
             return rv;
         }
         {
-            const SlimGuard guard(contexts().lock);
-            if (breaks != contexts().breaks) {
+            const SlimGuard guard(contexts->lock);
+            if (breaks != contexts->breaks) {
                 // The daemon that made it has gone since: to the next one it would mean nothing, or
                 // another program's context.
                 continue;
@@ -86,7 +84,7 @@ LONG getRemoteContextVolatile(SCARDCONTEXT context, std::uint64_t& remoteContext
             // The whole entry goes back as it was read, deliberately: what other threads changed in
             // it during the exchange is overwritten, a context that was released meanwhile stands
             // again, and of two daemon contexts made at once the later one stays.
-            contexts().table.put(context, copy);
+            contexts->table.put(context, copy);
         }
         log.debug("Local context %Ix mapped to %s context %ld", copy.systemHandle,
                   remoteFlag ? "remote" : "remote-local", static_cast<long>(slot));
@@ -97,8 +95,8 @@ LONG getRemoteContextVolatile(SCARDCONTEXT context, std::uint64_t& remoteContext
 
 void setContextCancelled(SCARDCONTEXT context, bool cancelled) noexcept {
     static constexpr FunctionLog log("setContextCancelled");
-    const SlimGuard guard(contexts().lock);
-    ContextEntry* const entry = contexts().table.find(context);
+    const SlimGuard guard(contexts->lock);
+    ContextEntry* const entry = contexts->table.find(context);
     if (entry != nullptr && entry->cancelled != cancelled) {
         log.debug("Setting ContextCancelled %Ix to %d", entry->systemHandle, cancelled ? 1 : 0);
         entry->cancelled = cancelled;
@@ -106,16 +104,16 @@ void setContextCancelled(SCARDCONTEXT context, bool cancelled) noexcept {
 }
 
 std::uint64_t getBoundRemoteContext(SCARDCONTEXT context) noexcept {
-    const SlimGuard guard(contexts().lock);
-    const ContextEntry* const entry = contexts().table.find(context);
+    const SlimGuard guard(contexts->lock);
+    const ContextEntry* const entry = contexts->table.find(context);
     return entry == nullptr ? NO_REMOTE_CONTEXT : entry->remote;
 }
 
 void invalidateRemoteContexts() noexcept {
     static constexpr FunctionLog log("invalidateRemoteContexts");
-    const SlimGuard guard(contexts().lock);
-    ++contexts().breaks;
-    contexts().table.forEach([](std::uint64_t context, ContextEntry& entry) {
+    const SlimGuard guard(contexts->lock);
+    ++contexts->breaks;
+    contexts->table.forEach([](std::uint64_t context, ContextEntry& entry) {
         entry.remote = NO_REMOTE_CONTEXT;
         entry.remoteLocal = NO_REMOTE_CONTEXT;
         log.debug("Removed mapping of local context %Ix", context);
@@ -125,8 +123,8 @@ void invalidateRemoteContexts() noexcept {
 void establishMissingLocalContexts() {
     // The one operation that calls out with the lock held: a context must not be released between
     // the look at its entry and the system context that it is given.
-    const SlimGuard guard(contexts().lock);
-    contexts().table.forEach([](std::uint64_t /*context*/, ContextEntry& entry) {
+    const SlimGuard guard(contexts->lock);
+    contexts->table.forEach([](std::uint64_t /*context*/, ContextEntry& entry) {
         SCARDCONTEXT made = 0;
         if (entry.systemHandle == 0 &&
             LocalSCardEstablishContext(entry.scope, nullptr, nullptr, &made) == SCARD_S_SUCCESS) {

@@ -40,7 +40,8 @@ std::optional<ContextEntry> unregisterContext(SCARDCONTEXT context) noexcept;
 /// @param remoteContext  out: the daemon's context, NO_REMOTE_CONTEXT on every failure.
 /// @param remoteFlag     true: the "remote" binding; false: the "remote-local" one.
 /// @return SCARD_E_INVALID_HANDLE when the handle is unknown, else as establishRemoteContext.
-LONG getRemoteContextVolatile(SCARDCONTEXT context, std::uint64_t& remoteContext, bool remoteFlag);
+[[nodiscard]] LONG getRemoteContextVolatile(SCARDCONTEXT context, std::uint64_t& remoteContext,
+                                            bool remoteFlag);
 
 /// The daemon context that a handle stands for in "remote" operations; NO_REMOTE_CONTEXT when it
 /// has none yet or is unknown.

@@ -10,9 +10,10 @@ namespace tez {
 /// "remote-local"); connection kinds may tell the two apart.
 /// @return a PC/SC code; remoteContext is written only on success. SCARD_E_NO_SERVICE when there is
 ///         no connection. No lock may be held.
-LONG establishRemoteContext(DWORD scope, std::uint64_t& remoteContext, bool remoteFlag);
+[[nodiscard]] LONG establishRemoteContext(DWORD scope, std::uint64_t& remoteContext,
+                                          bool remoteFlag);
 
 /// Releases a daemon context. Failures are logged; callers have no use for the result.
-LONG releaseRemoteContext(std::uint64_t remoteContext, bool remoteFlag);
+[[nodiscard]] LONG releaseRemoteContext(std::uint64_t remoteContext, bool remoteFlag);
 
 }  // namespace tez

@@ -11,7 +11,8 @@ namespace tez {
 /// connected. Both functions take no arguments and return a PC/SC code.
 /// @return the code of the side that served the call.
 template <class Local, class Remote>
-LONG localFirst(const FunctionLog& log, ServiceState state, Local local, Remote remote) {
+[[nodiscard]] LONG localFirst(const FunctionLog& log, ServiceState state, Local local,
+                              Remote remote) {
     if (state != ServiceState::RemoteOnly) {
         const LONG rv = local();
         if (rv == SCARD_S_SUCCESS || state == ServiceState::LocalOnly) {
@@ -27,7 +28,7 @@ LONG localFirst(const FunctionLog& log, ServiceState state, Local local, Remote 
 /// @param call  called with the system context; returns a PC/SC code.
 /// @return SCARD_E_INVALID_HANDLE for a context without one, else what was called returned.
 template <class Call>
-LONG withLocalContext(SCARDCONTEXT context, Call call) {
+[[nodiscard]] LONG withLocalContext(SCARDCONTEXT context, Call call) {
     const SCARDCONTEXT systemContext = getLocalContext(context);
     return systemContext == 0 ? SCARD_E_INVALID_HANDLE : call(systemContext);
 }
@@ -35,7 +36,7 @@ LONG withLocalContext(SCARDCONTEXT context, Call call) {
 /// As withLocalContext, for calls that the host serves without a context too: the null context is
 /// the system's null context.
 template <class Call>
-LONG withLocalSide(SCARDCONTEXT context, Call call) {
+[[nodiscard]] LONG withLocalSide(SCARDCONTEXT context, Call call) {
     return context == 0 ? call(SCARDCONTEXT{0}) : withLocalContext(context, call);
 }
 

@@ -48,7 +48,7 @@ class ConnectionPool {
 
   private:
     SlimLock poolLock_;
-    std::array<std::unique_ptr<DaemonConnection>, 8> slots_;
+    std::array<std::unique_ptr<DaemonConnection>, 8> slots_ TEZ_GUARDED_BY(poolLock_);
 };
 
 constinit NeverDestroyed<ConnectionPool> pool;

@@ -21,22 +21,24 @@ class DaemonConnection {
     virtual void closeSocket() = 0;
 
     /// Writes the whole buffer.
-    virtual LONG sendMessage(const void* data, std::uint64_t size) = 0;
+    [[nodiscard]] virtual LONG sendMessage(const void* data, std::uint64_t size) = 0;
     /// As sendHeader.
-    virtual LONG sendHeaderForward(std::uint32_t command, std::uint64_t size) = 0;
+    [[nodiscard]] virtual LONG sendHeaderForward(std::uint32_t command, std::uint64_t size) = 0;
     /// Writes the header that announces size bytes of the command's request. A header that cannot
     /// be written is carried over to a fresh connection, as long as one can be opened.
-    virtual LONG sendHeader(std::uint32_t command, std::uint64_t size) = 0;
+    [[nodiscard]] virtual LONG sendHeader(std::uint32_t command, std::uint64_t size) = 0;
     /// As sendRequest; the flag is for connection kinds that distinguish redirected calls.
-    virtual LONG sendRequestFlagged(std::uint32_t command, const void* data, std::uint64_t size,
-                                    bool flag) = 0;
+    [[nodiscard]] virtual LONG sendRequestFlagged(std::uint32_t command, const void* data,
+                                                  std::uint64_t size, bool flag) = 0;
     /// sendHeader, then sendMessage.
-    virtual LONG sendRequest(std::uint32_t command, const void* data, std::uint64_t size) = 0;
+    [[nodiscard]] virtual LONG sendRequest(std::uint32_t command, const void* data,
+                                           std::uint64_t size) = 0;
 
     /// Reads exactly size bytes, waiting at most timeout milliseconds (INFINITE: without limit).
-    virtual LONG receiveMessage(void* buffer, std::uint64_t size, std::uint32_t timeout) = 0;
+    [[nodiscard]] virtual LONG receiveMessage(void* buffer, std::uint64_t size,
+                                              std::uint32_t timeout) = 0;
     /// receiveMessage without a limit.
-    virtual LONG readMessage(void* buffer, std::uint64_t size) = 0;
+    [[nodiscard]] virtual LONG readMessage(void* buffer, std::uint64_t size) = 0;
 
     /// Whether the daemon's version, as negotiated by the last handshake, is this one or newer.
     virtual bool isProtocolAtLeast(std::uint32_t major, std::uint32_t minor) const = 0;
@@ -50,9 +52,9 @@ class DaemonConnection {
     /// one of them has returned the buffer may be written to.
     /// @param ended  out on success: an event, the connection's own, that is set when the read is
     ///               over.
-    virtual LONG startReceive(void* buffer, std::uint64_t size, HANDLE& ended) = 0;
+    [[nodiscard]] virtual LONG startReceive(void* buffer, std::uint64_t size, HANDLE& ended) = 0;
     /// Waits for the end of that read, without a limit, and returns what readMessage would have.
-    virtual LONG finishReceive() = 0;
+    [[nodiscard]] virtual LONG finishReceive() = 0;
 };
 
 }  // namespace tez

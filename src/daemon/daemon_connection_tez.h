@@ -19,19 +19,21 @@ class DaemonConnectionTEZ : public DaemonConnection {
 
     bool connect() override;
     void closeSocket() override;
-    LONG sendMessage(const void* data, std::uint64_t size) override;
-    LONG sendHeaderForward(std::uint32_t command, std::uint64_t size) override;
-    LONG sendHeader(std::uint32_t command, std::uint64_t size) override;
-    LONG sendRequestFlagged(std::uint32_t command, const void* data, std::uint64_t size,
-                            bool flag) override;
-    LONG sendRequest(std::uint32_t command, const void* data, std::uint64_t size) override;
-    LONG receiveMessage(void* buffer, std::uint64_t size, std::uint32_t timeout) override;
-    LONG readMessage(void* buffer, std::uint64_t size) override;
+    [[nodiscard]] LONG sendMessage(const void* data, std::uint64_t size) override;
+    [[nodiscard]] LONG sendHeaderForward(std::uint32_t command, std::uint64_t size) override;
+    [[nodiscard]] LONG sendHeader(std::uint32_t command, std::uint64_t size) override;
+    [[nodiscard]] LONG sendRequestFlagged(std::uint32_t command, const void* data,
+                                          std::uint64_t size, bool flag) override;
+    [[nodiscard]] LONG sendRequest(std::uint32_t command, const void* data,
+                                   std::uint64_t size) override;
+    [[nodiscard]] LONG receiveMessage(void* buffer, std::uint64_t size,
+                                      std::uint32_t timeout) override;
+    [[nodiscard]] LONG readMessage(void* buffer, std::uint64_t size) override;
     bool isProtocolAtLeast(std::uint32_t major, std::uint32_t minor) const override;
     bool checkDaemonAvailability() override;
     ServiceState serviceKind() const override { return ServiceState::LocalFirst; }
-    LONG startReceive(void* buffer, std::uint64_t size, HANDLE& ended) override;
-    LONG finishReceive() override;
+    [[nodiscard]] LONG startReceive(void* buffer, std::uint64_t size, HANDLE& ended) override;
+    [[nodiscard]] LONG finishReceive() override;
 
     /// What writen and readn return when nothing could be moved.
     static constexpr std::uint64_t kFailed = ~std::uint64_t{0};
@@ -65,7 +67,7 @@ class DaemonConnectionTEZ : public DaemonConnection {
                                  std::uint32_t timeout);
     std::uint64_t finishRead(Transfer operation, std::uint64_t n, std::uint32_t timeout);
     /// What a read that moved this many of size bytes means; closes the connection on a failure.
-    LONG received(std::uint64_t count, std::uint64_t size);
+    [[nodiscard]] LONG received(std::uint64_t count, std::uint64_t size);
     void giveUpStartedRead();
     void makePathAndToken();
 

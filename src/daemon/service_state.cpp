@@ -7,7 +7,7 @@ namespace tez {
 namespace {
 
 SlimLock stateLock;
-ServiceState current = ServiceState::LocalOnly;
+ServiceState current TEZ_GUARDED_BY(stateLock) = ServiceState::LocalOnly;
 
 }  // namespace
 

@@ -13,28 +13,32 @@ namespace tez {
 // an auto-allocated result could not be had (the stored pointer is then null); else the system
 // library's own code. On a system failure nothing of the caller's is changed by the wrapper.
 
-LONG LocalSCardListReadersA(SCARDCONTEXT context, LPCSTR groups, LPSTR readers, LPDWORD length);
-LONG LocalSCardListReaderGroupsA(SCARDCONTEXT context, LPSTR groups, LPDWORD length);
-LONG LocalSCardListCardsA(SCARDCONTEXT context, LPCBYTE atr, LPCGUID interfaces,
-                          DWORD interfaceCount, LPSTR cards, LPDWORD length);
-LONG LocalSCardGetCardTypeProviderNameA(SCARDCONTEXT context, LPCSTR cardName, DWORD providerId,
-                                        LPSTR provider, LPDWORD length);
-LONG LocalSCardReadCacheA(SCARDCONTEXT context, UUID* cardIdentifier, DWORD freshness,
-                          LPSTR lookupName, PBYTE data, LPDWORD length);
-LONG LocalSCardGetReaderIconA(SCARDCONTEXT context, LPCSTR readerName, LPBYTE icon, LPDWORD length);
+[[nodiscard]] LONG LocalSCardListReadersA(SCARDCONTEXT context, LPCSTR groups, LPSTR readers,
+                                          LPDWORD length);
+[[nodiscard]] LONG LocalSCardListReaderGroupsA(SCARDCONTEXT context, LPSTR groups, LPDWORD length);
+[[nodiscard]] LONG LocalSCardListCardsA(SCARDCONTEXT context, LPCBYTE atr, LPCGUID interfaces,
+                                        DWORD interfaceCount, LPSTR cards, LPDWORD length);
+[[nodiscard]] LONG LocalSCardGetCardTypeProviderNameA(SCARDCONTEXT context, LPCSTR cardName,
+                                                      DWORD providerId, LPSTR provider,
+                                                      LPDWORD length);
+[[nodiscard]] LONG LocalSCardReadCacheA(SCARDCONTEXT context, UUID* cardIdentifier, DWORD freshness,
+                                        LPSTR lookupName, PBYTE data, LPDWORD length);
+[[nodiscard]] LONG LocalSCardGetReaderIconA(SCARDCONTEXT context, LPCSTR readerName, LPBYTE icon,
+                                            LPDWORD length);
 
 /// The leading context only serves to give the system's buffer back.
-LONG LocalSCardGetAttrib(SCARDCONTEXT context, SCARDHANDLE card, DWORD attributeId, LPBYTE value,
-                         LPDWORD length);
+[[nodiscard]] LONG LocalSCardGetAttrib(SCARDCONTEXT context, SCARDHANDLE card, DWORD attributeId,
+                                       LPBYTE value, LPDWORD length);
 /// As LocalSCardGetAttrib. Names and ATR are auto-allocated each on its own; a failure never leaves
 /// one of them allocated.
-LONG LocalSCardStatusA(SCARDCONTEXT context, SCARDHANDLE card, LPSTR names, LPDWORD namesLength,
-                       LPDWORD state, LPDWORD protocol, LPBYTE atr, LPDWORD atrLength);
+[[nodiscard]] LONG LocalSCardStatusA(SCARDCONTEXT context, SCARDHANDLE card, LPSTR names,
+                                     LPDWORD namesLength, LPDWORD state, LPDWORD protocol,
+                                     LPBYTE atr, LPDWORD atrLength);
 
-LONG LocalSCardEstablishContext(DWORD scope, LPCVOID reserved1, LPCVOID reserved2,
-                                LPSCARDCONTEXT context);
-LONG LocalSCardSetCardTypeProviderNameA(SCARDCONTEXT context, LPCSTR cardName, DWORD providerId,
-                                        LPCSTR provider);
-LONG LocalSCardCancel(SCARDCONTEXT context);
+[[nodiscard]] LONG LocalSCardEstablishContext(DWORD scope, LPCVOID reserved1, LPCVOID reserved2,
+                                              LPSCARDCONTEXT context);
+[[nodiscard]] LONG LocalSCardSetCardTypeProviderNameA(SCARDCONTEXT context, LPCSTR cardName,
+                                                      DWORD providerId, LPCSTR provider);
+[[nodiscard]] LONG LocalSCardCancel(SCARDCONTEXT context);
 
 }  // namespace tez

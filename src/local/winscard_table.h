@@ -67,7 +67,8 @@ bool InitializeWinscardFunctions() noexcept;
 ///
 /// @return the system library's code; SCARD_F_INTERNAL_ERROR when it cannot be loaded.
 template <class... Parameters, class... Arguments>
-LONG callSystem(LONG (WINAPI* WinscardTable::*entryPoint)(Parameters...), Arguments... arguments) {
+[[nodiscard]] LONG callSystem(LONG (WINAPI* WinscardTable::*entryPoint)(Parameters...),
+                              Arguments... arguments) {
     return InitializeWinscardFunctions() ? (winscardTable().*entryPoint)(arguments...)
                                          : SCARD_F_INTERNAL_ERROR;
 }

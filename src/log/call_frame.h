@@ -42,7 +42,7 @@ class CallFrame {
     /// Exceptions end here, for the application is no C++ caller: exhausted memory gives
     /// SCARD_E_NO_MEMORY, any other SCARD_F_INTERNAL_ERROR.
     template <class Body, class OnSuccess>
-    LONG run(Body body, OnSuccess onSuccess) const noexcept {
+    [[nodiscard]] LONG run(Body body, OnSuccess onSuccess) const noexcept {
         LONG rv = SCARD_F_INTERNAL_ERROR;
         try {
             rv = body();
@@ -73,7 +73,7 @@ class CallFrame {
     }
 
     template <class Body>
-    LONG run(Body body) const noexcept {
+    [[nodiscard]] LONG run(Body body) const noexcept {
         return run(body, [] {});
     }
 

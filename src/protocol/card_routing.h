@@ -29,7 +29,7 @@ struct RemoteCard {
 /// @return SCARD_E_INVALID_HANDLE for an unknown handle, a remote card while the daemon is gone, or
 ///         a local card when every call is to go to the daemon; else what the side returned.
 template <class Local, class Remote>
-LONG routeCardCall(SCARDHANDLE card, Local local, Remote remote) {
+[[nodiscard]] LONG routeCardCall(SCARDHANDLE card, Local local, Remote remote) {
     const ServiceState state = getServiceState();
     const std::shared_ptr<const CardHandleEntry> entry = findCardHandle(card);
     if (entry == nullptr) {

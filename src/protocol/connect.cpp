@@ -42,8 +42,8 @@ LONG connectLocally(const ConnectArguments& arguments, SCARDCONTEXT systemContex
                                arguments.activeProtocol);
     if (rv == SCARD_S_SUCCESS) {
         *arguments.card = registerOrUndo(arguments, systemCard, true, [systemCard] {
-            callSystem(&WinscardTable::SCardDisconnect, systemCard,
-                       static_cast<DWORD>(SCARD_LEAVE_CARD));
+            static_cast<void>(callSystem(&WinscardTable::SCardDisconnect, systemCard,
+                                         static_cast<DWORD>(SCARD_LEAVE_CARD)));
         });
     }
     return rv;

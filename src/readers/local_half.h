@@ -48,7 +48,7 @@ class LocalHalf final : private Job {
     // For a half that is over:
 
     /// The system library's code; SCARD_E_TIMEOUT when the service monitor interrupted the wait.
-    LONG result() const noexcept { return result_; }
+    [[nodiscard]] LONG result() const noexcept { return result_; }
     /// Logs the states that the system library left.
     void logNewStates() const noexcept { logStates("NEW LOCAL READER STATE"); }
     /// Adds what the system library reported to the application's entries.
@@ -56,7 +56,7 @@ class LocalHalf final : private Job {
 
   private:
     void wait(DWORD timeout, bool isOwnThread) noexcept;
-    LONG waitInSystem(DWORD timeout, bool isOwnThread) noexcept;
+    [[nodiscard]] LONG waitInSystem(DWORD timeout, bool isOwnThread) noexcept;
     void logStates(const char* title) const noexcept;
 
     SCARDCONTEXT systemContext_;

@@ -31,18 +31,18 @@ class RemoteHalf {
 
     /// Makes the records of the entries. SCARD_E_INVALID_VALUE when a name does not fit; throws
     /// std::bad_alloc.
-    LONG prepare();
+    [[nodiscard]] LONG prepare();
 
     /// Takes a connection from the pool. False when there is none that is open.
     bool connect();
 
     /// Sends the request and begins to wait for the answer. May be repeated after finish.
-    LONG send(std::uint64_t remoteContext, DWORD timeout);
+    [[nodiscard]] LONG send(std::uint64_t remoteContext, DWORD timeout);
     /// An event that is set when the answer is there.
     HANDLE answered() const noexcept { return exchange_->received(); }
     /// Takes the answer and stores what the daemon reports in the entries. Returns the daemon's
     /// code or the failure's.
-    LONG finish();
+    [[nodiscard]] LONG finish();
     /// Waits for the answer no longer: closes the connection.
     void giveUp() noexcept { exchange_.reset(); }
 

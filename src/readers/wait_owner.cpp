@@ -234,7 +234,7 @@ void WaitOwner::endLocal() noexcept {
         if (!std::exchange(ending.isAnnounced, false)) {
             log_.debug("canceling local SCardGetStatusChange again");
         }
-        cancelSystemWait(local_.systemContext());
+        static_cast<void>(cancelSystemWait(local_.systemContext()));
         ending.schedule.advance();
     }
 }

@@ -35,12 +35,12 @@ class WaitOwner {
     /// Runs the remote half. While the daemon is away it is waited for, until the time is over or
     /// the call ends otherwise.
     /// @return the daemon's code or the failure's.
-    LONG runRemote() noexcept;
+    [[nodiscard]] LONG runRemote() noexcept;
 
     /// Waits for the end of the local half, which is cancelled when the remote one ends the call.
     /// @param remoteRv  what runRemote returned.
     /// @return the local half's code.
-    LONG finishLocal(LONG remoteRv) noexcept;
+    [[nodiscard]] LONG finishLocal(LONG remoteRv) noexcept;
 
   private:
     /// Why a half is to end; several may hold.
@@ -57,9 +57,9 @@ class WaitOwner {
         bool isAnnounced = false;  ///< the log has told of the cancel that is due next
     };
 
-    LONG askDaemon();
-    LONG awaitRemoteContext(std::uint64_t& remoteContext);
-    LONG awaitAnswer();
+    [[nodiscard]] LONG askDaemon();
+    [[nodiscard]] LONG awaitRemoteContext(std::uint64_t& remoteContext);
+    [[nodiscard]] LONG awaitAnswer();
     bool rest(HANDLE answer, DWORD limit);
 
     bool isLocalRunning() const noexcept { return local_.isOnWorker() && !wait_.isLocalOver(); }

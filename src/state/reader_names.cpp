@@ -16,11 +16,11 @@ using NameList = std::vector<std::string>;
 
 struct ReaderNames {
     SlimLock readerListMutex;
-    NameList localReaderNames;
-    NameList remoteReaderNames;
+    NameList localReaderNames TEZ_GUARDED_BY(readerListMutex);
+    NameList remoteReaderNames TEZ_GUARDED_BY(readerListMutex);
     std::atomic<bool> listReadersCalled = false;
-    bool isLocalUntold = false;
-    ReaderListing currentListing = 0;
+    bool isLocalUntold TEZ_GUARDED_BY(readerListMutex) = false;
+    ReaderListing currentListing TEZ_GUARDED_BY(readerListMutex) = 0;
 };
 
 constinit NeverDestroyed<ReaderNames> names;

@@ -32,9 +32,9 @@ struct ProtocolHandle {
 struct StartedEvents {
     SlimLock startedEventMutex;
     /// The key of the record that each thread's accesses and releases are for.
-    std::unordered_map<DWORD, HANDLE> startedEventByThread;
+    std::unordered_map<DWORD, HANDLE> startedEventByThread TEZ_GUARDED_BY(startedEventMutex);
     /// By the system event that the first access resolved to; null while the daemon served.
-    std::map<HANDLE, ProtocolHandle> startedEventRecords;
+    std::map<HANDLE, ProtocolHandle> startedEventRecords TEZ_GUARDED_BY(startedEventMutex);
 };
 
 constinit NeverDestroyed<StartedEvents> startedEvents;
@@ -94,14 +94,14 @@ bool openRecord(const FunctionLog& log, ServiceState state, HANDLE systemEvent,
 /// serves by now, so that its releases meet what it has accessed; only when other threads have
 /// released the last of that record it gets the one of this access.
 /// @param unused  out: the system event of an access that no record stands for; or null.
-HANDLE findKey(const FunctionLog& log, DWORD thread, HANDLE systemEvent, HANDLE& unused) {
-    const auto [entry, isNew] =
-        startedEvents->startedEventByThread.try_emplace(thread, systemEvent);
+HANDLE findKey(const FunctionLog& log, StartedEvents& all, DWORD thread, HANDLE systemEvent,
+               HANDLE& unused) TEZ_REQUIRES(all.startedEventMutex) {
+    const auto [entry, isNew] = all.startedEventByThread.try_emplace(thread, systemEvent);
     HANDLE& key = entry->second;
     if (key != systemEvent) {
         log.warning("Unexpected call to access started event");
     }
-    if (!isNew && !startedEvents->startedEventRecords.contains(key)) {
+    if (!isNew && !all.startedEventRecords.contains(key)) {
         unused = std::exchange(key, systemEvent);
     } else if (key != systemEvent) {
         unused = systemEvent;
@@ -127,7 +127,7 @@ HANDLE accessStartedEvent(const FunctionLog& log) {
         }
     }
     HANDLE unused = nullptr;
-    const auto undo = [&] {
+    const auto undo = [&]() TEZ_REQUIRES(all.startedEventMutex) {
         const auto record = all.startedEventRecords.find(systemEvent);
         if (record != all.startedEventRecords.end() && record->second.refCount == 0) {
             all.startedEventRecords.erase(record);
@@ -137,7 +137,8 @@ HANDLE accessStartedEvent(const FunctionLog& log) {
         releaseSystemEvent(unused);
     };
     try {
-        ProtocolHandle& record = all.startedEventRecords[findKey(log, thread, systemEvent, unused)];
+        ProtocolHandle& record =
+            all.startedEventRecords[findKey(log, all, thread, systemEvent, unused)];
         if (record.refCount != 0 || openRecord(log, state, systemEvent, record)) {
             releaseSystemEvent(unused);
             if (state != ServiceState::LocalOnly) {
@@ -208,8 +209,7 @@ void closeStartedEvents() {
         return;
     }
     StartedEvents& all = *startedEvents;
-    const std::unique_lock<SlimLock> guard(all.startedEventMutex, std::try_to_lock);
-    if (!guard.owns_lock()) {
+    if (!all.startedEventMutex.try_lock()) {
         return;
     }
     for (auto& [key, record] : all.startedEventRecords) {
@@ -217,6 +217,7 @@ void closeStartedEvents() {
         record.event.reset();
         releaseSystemEvent(record.systemEvent);
     }
+    all.startedEventMutex.unlock();
 }
 
 }  // namespace tez

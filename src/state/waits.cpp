@@ -192,13 +192,13 @@ class WaitRegistry final : private Job {
     }
 
     template <class Visit>
-    void forEachWait(Visit visit) noexcept {
+    void forEachWait(Visit visit) noexcept TEZ_REQUIRES(lock_) {
         for (Wait* wait = firstWait_; wait != nullptr; wait = wait->next_) {
             visit(*wait);
         }
     }
 
-    SCARDCONTEXT systemContextInUse(SCARDCONTEXT context) noexcept {
+    SCARDCONTEXT systemContextInUse(SCARDCONTEXT context) noexcept TEZ_REQUIRES(lock_) {
         SCARDCONTEXT found = 0;
         forEachWait([&](Wait& wait) {
             if (wait.context_ == context && wait.local_.isInProgress) {
@@ -236,15 +236,15 @@ class WaitRegistry final : private Job {
                 }
             }
             cancelLog.debug("canceling local SCardGetStatusChange again");
-            cancelSystemWait(due);
+            static_cast<void>(cancelSystemWait(due));
         }
     }
 
     SlimLock lock_;
     SlimCondition changed_;
-    Wait* firstWait_ = nullptr;
-    CancelEntry* firstCancel_ = nullptr;
-    bool isRepeating_ = false;
+    Wait* firstWait_ TEZ_GUARDED_BY(lock_) = nullptr;
+    CancelEntry* firstCancel_ TEZ_GUARDED_BY(lock_) = nullptr;
+    bool isRepeating_ TEZ_GUARDED_BY(lock_) = false;
 };
 
 namespace {
@@ -345,7 +345,7 @@ void cancelWaits(SCARDCONTEXT context) noexcept {
 void endWaitsOfReleased(SCARDCONTEXT context) noexcept {
     registry.release(context);
     if (const SCARDCONTEXT systemContext = registry.findSystemContextInUse(context)) {
-        cancelSystemWait(systemContext);
+        static_cast<void>(cancelSystemWait(systemContext));
         registry.awaitNoneInside(context, kReleasePatience);
     }
 }
@@ -354,7 +354,7 @@ void cancelPendingLocalWaits(bool all) noexcept {
     registry.interrupt(all);
     // Not under the lock: a system library that takes its time must not hold the waits up.
     while (const SCARDCONTEXT systemContext = registry.takeToBeCancelled()) {
-        cancelSystemWait(systemContext);
+        static_cast<void>(cancelSystemWait(systemContext));
     }
 }
 

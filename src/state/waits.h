@@ -133,7 +133,7 @@ class CancelInProgress {
 // What other threads do with the waits in progress. Any thread may call; no lock may be held.
 
 /// The system library's SCardCancel, known to the waits. Returns its code.
-LONG cancelSystemWait(SCARDCONTEXT systemContext) noexcept;
+[[nodiscard]] LONG cancelSystemWait(SCARDCONTEXT systemContext) noexcept;
 
 /// Tells the waits of an application's context that it is cancelled, and none that begins later.
 /// The cancels themselves are the caller's; what they miss, the waits see to.
