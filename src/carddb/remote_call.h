@@ -31,8 +31,9 @@ struct RemoteCall {
     const FailureLines& failureLines = kFailureLines;
 };
 
-/// Gets the daemon's context and a connection, and calls exchange(Exchange&, remoteContext). A null
-/// context is the daemon's context 0; calls that need another one check it before.
+/// Gets the daemon's context and a connection, and calls exchange(Exchange&, remoteContext), again
+/// when the header was given up (see Exchange::adapt). A null context is the daemon's context 0;
+/// calls that need another one check it before.
 /// @return SCARD_E_NO_SERVICE without a connection, SCARD_F_INTERNAL_ERROR when the daemon is too
 ///         old, the code of the context's establishment when that fails; else what the exchange
 ///         returned.
@@ -49,10 +50,8 @@ template <class DoExchange>
     if (!exchange.isConnected()) {
         return SCARD_E_NO_SERVICE;
     }
-    if (call.isGated && !exchange.isCompatible(call.state)) {
-        return SCARD_F_INTERNAL_ERROR;
-    }
-    return exchangeRecords(exchange, remoteContext);
+    const auto attempt = [&] { return exchangeRecords(exchange, remoteContext); };
+    return call.isGated ? exchange.ifCompatible(call.state, attempt) : attempt();
 }
 
 /// Refuses an argument, and says why.

@@ -27,12 +27,14 @@ bool Exchange::isMinorAtLeast(ServiceState state, std::uint32_t minor) const {
     return connection_->isProtocolAtLeast(state == ServiceState::LocalFirst ? 1 : 0, minor);
 }
 
-bool Exchange::isCompatible(ServiceState state) const {
-    if (state != ServiceState::LocalFirst || isMinorAtLeast(state, 2)) {
-        return true;
-    }
+bool Exchange::meets(ServiceState state, const VersionGate& gate) const {
+    const std::optional<std::uint32_t> minor = gate.minorFor(state);
+    return !minor || isMinorAtLeast(state, *minor);
+}
+
+LONG Exchange::refuseIncompatible() const {
     log_.debug("%s is not compatible with the current negotiated protocol", log_.functionName());
-    return false;
+    return SCARD_F_INTERNAL_ERROR;
 }
 
 LONG Exchange::sendWhole(CommandCode command, std::string_view record, std::string_view tail,
@@ -47,6 +49,15 @@ LONG Exchange::sendWhole(CommandCode command, std::string_view record, std::stri
         whole.append(record).append(tail);
         request = whole;
     }
+    if (gate_) {
+        // In two steps, with a look at the version between them. A flag stays behind then: it is
+        // for connections that take all calls, and with these no flagged request has a gate.
+        const LONG rv = sendHeader(command, static_cast<std::uint32_t>(request.size()), 0);
+        return rv == SCARD_S_SUCCESS
+                   ? warnUnless(connection_->sendMessage(request.data(), request.size()),
+                                failureLines_.send)
+                   : rv;
+    }
     return warnUnless(
         flag ? connection_->sendRequestFlagged(command, request.data(), request.size(), *flag)
              : connection_->sendRequest(command, request.data(), request.size()),
@@ -57,7 +68,16 @@ LONG Exchange::sendHeader(CommandCode command, std::uint32_t recordSize, std::ui
     if (!isSendable(recordSize, dataSize)) {
         return SCARD_E_INVALID_PARAMETER;
     }
-    return warnUnless(connection_->sendHeader(command, recordSize + dataSize), failureLines_.send);
+    LONG rv = connection_->sendHeader(command, recordSize + dataSize);
+    if (rv == SCARD_S_SUCCESS && gate_ && meets(gate_->state, gate_->gate) != gate_->isMet) {
+        connection_->closeSocket();
+        rv = SCARD_E_NO_SERVICE;
+        if (connection_->connect()) {
+            isGivenUp_ = true;
+            return rv;  // told to nobody: adapt begins anew
+        }
+    }
+    return warnUnless(rv, failureLines_.send);
 }
 
 LONG Exchange::send(const void* data, std::uint32_t size, const char* failure) {

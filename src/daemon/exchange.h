@@ -6,9 +6,11 @@
 #include <optional>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "common/heap.h"
 #include "daemon/daemon_connection.h"
+#include "daemon/version_gate.h"
 #include "log/function_log.h"
 #include "wire/command_codes.h"
 
@@ -63,9 +65,38 @@ class Exchange {
     /// The daemon's version counts from major 1 while it serves behind the host, from 0 else.
     bool isMinorAtLeast(ServiceState state, std::uint32_t minor) const;
 
-    /// Whether the daemon is new enough for the calls that came with 1.2; logs when it is not. One
-    /// that takes all calls always is.
-    bool isCompatible(ServiceState state) const;
+    /// Whether the daemon's version, as it told it last, meets a gate.
+    bool meets(ServiceState state, const VersionGate& gate) const;
+
+    /// Makes an exchange whose request or limits depend on a gate: attempt(isMet) checks and makes
+    /// the request accordingly, exchanges it, and returns a PC/SC code.
+    ///
+    /// The version that the connection knows may be that of a daemon which has gone: a header that
+    /// cannot be written to a stale pipe is carried over to the daemon that serves it now. When
+    /// the gate is another matter there, that header is given up with its pipe, before anything has
+    /// followed it, and attempt is called again; all other exchanges just go on.
+    template <class Attempt>
+    LONG adapt(ServiceState state, const VersionGate& gate, Attempt attempt) {
+        if (!gate.minorFor(state)) {
+            return attempt(true);
+        }
+        LONG rv = SCARD_S_SUCCESS;
+        do {
+            gate_ = AskedGate{state, gate, meets(state, gate)};
+            rv = attempt(gate_->isMet);
+        } while (std::exchange(isGivenUp_, false));
+        gate_.reset();
+        return rv;
+    }
+
+    /// As adapt, for the calls that only Windows has: with a daemon that does not know them,
+    /// attempt() is not called. Logs that, and returns SCARD_F_INTERNAL_ERROR.
+    template <class Attempt>
+    LONG ifCompatible(ServiceState state, Attempt attempt) {
+        return adapt(state, kWindowsCalls, [&](bool isCompatible) {
+            return isCompatible ? attempt() : refuseIncompatible();
+        });
+    }
 
     /// Sends the record, and behind it in the same piece the bytes of a tail, and reads the
     /// daemon's copy of the record back.
@@ -160,9 +191,20 @@ class Exchange {
 
     LONG warnUnless(LONG rv, const char* failure) const;
 
+    LONG refuseIncompatible() const;
+
+    /// A gate that the request depends on, as it was found before.
+    struct AskedGate {
+        ServiceState state;
+        VersionGate gate;
+        bool isMet;
+    };
+
     const FunctionLog& log_;
     const FailureLines& failureLines_;
     std::unique_ptr<DaemonConnection> connection_;
+    std::optional<AskedGate> gate_;
+    bool isGivenUp_ = false;  ///< the header, for the gate is another matter now
     std::uint64_t announced_ = 0;
     HANDLE received_ = nullptr;  ///< of a read that is started and not finished
 };

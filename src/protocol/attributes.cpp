@@ -17,11 +17,6 @@ using namespace tez;
 
 namespace {
 
-/// Whether the attribute bytes ride inside the record, which limits them to its field.
-bool isFixedForm(const Exchange& exchange, ServiceState state) {
-    return state == ServiceState::LocalFirst && !exchange.isMinorAtLeast(state, 2);
-}
-
 /// The answer of the newer form: the bytes follow the record.
 LONG receiveAttribute(Exchange& exchange, const RemoteCard& card, const AttribRecord& record,
                       LPBYTE value, LPDWORD length) {
@@ -58,6 +53,31 @@ LONG limitFixedLength(LPBYTE value, DWORD& length) {
     return length > kWireAttributeSize ? SCARD_E_INSUFFICIENT_BUFFER : SCARD_S_SUCCESS;
 }
 
+/// With a connection to a daemon of either form.
+LONG getAttributeOn(Exchange& exchange, bool isBehindRecord, const RemoteCard& card,
+                    DWORD attributeId, LPBYTE value, LPDWORD length) {
+    AttribRecord record = {};
+    record.hCard = card.target();
+    record.dwAttrId = attributeId;
+    DWORD wanted = *length;
+    LONG rv = isBehindRecord ? SCARD_S_SUCCESS : limitFixedLength(value, wanted);
+    if (rv != SCARD_S_SUCCESS) {
+        return rv;
+    }
+    record.cbAttrLen = wanted;
+    rv = exchange.call(CMD_GET_ATTRIB, record);
+    if (rv != SCARD_S_SUCCESS) {
+        return rv;
+    }
+    record.dwAttrId = attributeId;  // what was asked for decides, not what the daemon echoed
+    if (isBehindRecord) {
+        return receiveAttribute(exchange, card, record, value, length);
+    }
+    return record.cbAttrLen > kWireAttributeSize
+               ? ERROR_NOT_SUPPORTED
+               : copyOutBuffer(record.pbAttr, record.cbAttrLen, value, length, 1);
+}
+
 LONG getAttributeRemotely(const FunctionLog& log, const RemoteCard& card, DWORD attributeId,
                           LPBYTE value, LPDWORD length) {
     if (length == nullptr) {
@@ -70,27 +90,29 @@ LONG getAttributeRemotely(const FunctionLog& log, const RemoteCard& card, DWORD 
     if (!card.hasContext()) {
         return SCARD_E_INVALID_HANDLE;
     }
+    return exchange.adapt(card.state, kAttributesBehindRecord, [&](bool isBehindRecord) {
+        return getAttributeOn(exchange, isBehindRecord, card, attributeId, value, length);
+    });
+}
+
+/// With a connection to a daemon of either form.
+LONG setAttributeOn(Exchange& exchange, bool isBehindRecord, const RemoteCard& card,
+                    DWORD attributeId, LPCBYTE value, DWORD length) {
     AttribRecord record = {};
     record.hCard = card.target();
     record.dwAttrId = attributeId;
-    DWORD wanted = *length;
-    const bool isFixed = isFixedForm(exchange, card.state);
-    LONG rv = isFixed ? limitFixedLength(value, wanted) : SCARD_S_SUCCESS;
-    if (rv != SCARD_S_SUCCESS) {
-        return rv;
+    record.cbAttrLen = length;
+    if (!isBehindRecord) {
+        if (length > kWireAttributeSize) {
+            return ERROR_NOT_SUPPORTED;  // tells that the daemon is too old to carry it
+        }
+        std::memcpy(record.pbAttr, value, length);
     }
-    record.cbAttrLen = wanted;
-    rv = exchange.call(CMD_GET_ATTRIB, record);
-    if (rv != SCARD_S_SUCCESS) {
-        return rv;
+    if (!card.hasContext()) {
+        return SCARD_E_INVALID_HANDLE;
     }
-    record.dwAttrId = attributeId;  // what was asked for decides, not what the daemon echoed
-    if (!isFixed) {
-        return receiveAttribute(exchange, card, record, value, length);
-    }
-    return record.cbAttrLen > kWireAttributeSize
-               ? ERROR_NOT_SUPPORTED
-               : copyOutBuffer(record.pbAttr, record.cbAttrLen, value, length, 1);
+    return exchange.callWithData(CMD_SET_ATTRIB, record, value, isBehindRecord ? length : 0,
+                                 "Failed to send data");
 }
 
 LONG setAttributeRemotely(const FunctionLog& log, const RemoteCard& card, DWORD attributeId,
@@ -102,22 +124,9 @@ LONG setAttributeRemotely(const FunctionLog& log, const RemoteCard& card, DWORD 
     if (!exchange.isConnected()) {
         return SCARD_E_NO_SERVICE;
     }
-    AttribRecord record = {};
-    record.hCard = card.target();
-    record.dwAttrId = attributeId;
-    record.cbAttrLen = length;
-    const bool isFixed = isFixedForm(exchange, card.state);
-    if (isFixed) {
-        if (length > kWireAttributeSize) {
-            return ERROR_NOT_SUPPORTED;  // tells that the daemon is too old to carry it
-        }
-        std::memcpy(record.pbAttr, value, length);
-    }
-    if (!card.hasContext()) {
-        return SCARD_E_INVALID_HANDLE;
-    }
-    return exchange.callWithData(CMD_SET_ATTRIB, record, value, isFixed ? 0 : length,
-                                 "Failed to send data");
+    return exchange.adapt(card.state, kAttributesBehindRecord, [&](bool isBehindRecord) {
+        return setAttributeOn(exchange, isBehindRecord, card, attributeId, value, length);
+    });
 }
 
 LONG getTransmitCountRemotely(const FunctionLog& log, const RemoteCard& card, LPDWORD count) {
@@ -131,15 +140,14 @@ LONG getTransmitCountRemotely(const FunctionLog& log, const RemoteCard& card, LP
     if (!exchange.isConnected()) {
         return SCARD_E_NO_SERVICE;
     }
-    if (!exchange.isCompatible(card.state)) {
-        return SCARD_F_INTERNAL_ERROR;
-    }
-    TransmitCountRecord record = {card.target(), *count, 0};
-    const LONG rv = exchange.call(CMD_GET_TRANSMIT_COUNT, record);
-    if (rv == SCARD_S_SUCCESS) {
-        *count = record.dwTransmitCount;
-    }
-    return rv;
+    return exchange.ifCompatible(card.state, [&] {
+        TransmitCountRecord record = {card.target(), *count, 0};
+        const LONG rv = exchange.call(CMD_GET_TRANSMIT_COUNT, record);
+        if (rv == SCARD_S_SUCCESS) {
+            *count = record.dwTransmitCount;
+        }
+        return rv;
+    });
 }
 
 }  // namespace

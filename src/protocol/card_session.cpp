@@ -30,14 +30,16 @@ LONG reconnectRemotely(const FunctionLog& log, const RemoteCard& card, DWORD sha
     if (!exchange) {
         return SCARD_E_NO_SERVICE;
     }
-    const SessionProtocols protocols(exchange, card.state);
-    ReconnectRecord record = {card.target(),  shareMode, protocols.toWire(preferredProtocols),
-                              initialization, 0,         0};
-    const LONG rv = exchange.call(CMD_RECONNECT, record);
-    if (rv == SCARD_S_SUCCESS) {
-        *activeProtocol = protocols.fromWire(record.dwActiveProtocol);
-    }
-    return rv;
+    return exchange.adapt(card.state, kConvertedProtocols, [&](bool isConverted) {
+        const SessionProtocols protocols(isConverted);
+        ReconnectRecord record = {card.target(),  shareMode, protocols.toWire(preferredProtocols),
+                                  initialization, 0,         0};
+        const LONG rv = exchange.call(CMD_RECONNECT, record);
+        if (rv == SCARD_S_SUCCESS) {
+            *activeProtocol = protocols.fromWire(record.dwActiveProtocol);
+        }
+        return rv;
+    });
 }
 
 }  // namespace

@@ -106,7 +106,8 @@ LONG statusRemotely(const FunctionLog& log, const RemoteCard& card,
         *arguments.state = stateOf(record.dwState);
     }
     if (arguments.protocol != nullptr) {
-        *arguments.protocol = SessionProtocols(exchange, card.state).fromWire(record.dwProtocol);
+        const SessionProtocols protocols(exchange.meets(card.state, kConvertedProtocols));
+        *arguments.protocol = protocols.fromWire(record.dwProtocol);
     }
     return copyNameAndAtr(arguments, name, record);
 }

@@ -72,13 +72,18 @@ LONG connectRemotely(const FunctionLog& log, ServiceState state,
     if (!exchange) {
         return SCARD_E_NO_SERVICE;
     }
-    const SessionProtocols protocols(exchange, state);
     record.hContext = remoteContext;
     record.dwShareMode = arguments.shareMode;
-    record.dwPreferredProtocols = protocols.toWire(arguments.preferredProtocols);
-    rv = exchange.call(CMD_SCARD_CONNECT, record);
+    rv = exchange.adapt(state, kConvertedProtocols, [&](bool isConverted) {
+        const SessionProtocols protocols(isConverted);
+        record.dwPreferredProtocols = protocols.toWire(arguments.preferredProtocols);
+        const LONG connectRv = exchange.call(CMD_SCARD_CONNECT, record);
+        if (connectRv == SCARD_S_SUCCESS) {
+            *arguments.activeProtocol = protocols.fromWire(record.dwActiveProtocol);
+        }
+        return connectRv;
+    });
     if (rv == SCARD_S_SUCCESS) {
-        *arguments.activeProtocol = protocols.fromWire(record.dwActiveProtocol);
         *arguments.card = registerOrUndo(arguments, record.hCard, false, [&] {
             DisconnectRecord undo = {record.hCard, SCARD_LEAVE_CARD, 0};
             exchange.call(CMD_DISCONNECT, undo);

@@ -33,17 +33,10 @@ void storeBytesReturned(const ControlArguments& arguments, DWORD count) {
     }
 }
 
-LONG controlRemotely(const FunctionLog& log, const RemoteCard& card,
-                     const ControlArguments& arguments) {
-    storeBytesReturned(arguments, 0);
-    if (arguments.inBuffer == nullptr && arguments.inLength != 0) {
-        return SCARD_E_INVALID_PARAMETER;
-    }
-    Exchange exchange(log);
-    if (!exchange) {
-        return SCARD_E_NO_SERVICE;
-    }
-    LONG rv = checkDataLimits(log, exchange, card.state, arguments.inLength, arguments.outLength);
+/// With a connection to a daemon that takes data of any length, or not.
+LONG controlOn(const FunctionLog& log, Exchange& exchange, bool isUnlimited, const RemoteCard& card,
+               const ControlArguments& arguments) {
+    LONG rv = checkDataLimits(log, isUnlimited, arguments.inLength, arguments.outLength);
     if (rv == SCARD_S_SUCCESS && !card.hasContext()) {
         rv = SCARD_E_INVALID_HANDLE;
     }
@@ -72,6 +65,21 @@ LONG controlRemotely(const FunctionLog& log, const RemoteCard& card,
         storeBytesReturned(arguments, record.dwBytesReturned);
     }
     return rv;
+}
+
+LONG controlRemotely(const FunctionLog& log, const RemoteCard& card,
+                     const ControlArguments& arguments) {
+    storeBytesReturned(arguments, 0);
+    if (arguments.inBuffer == nullptr && arguments.inLength != 0) {
+        return SCARD_E_INVALID_PARAMETER;
+    }
+    Exchange exchange(log);
+    if (!exchange) {
+        return SCARD_E_NO_SERVICE;
+    }
+    return exchange.adapt(card.state, kUnlimitedData, [&](bool isUnlimited) {
+        return controlOn(log, exchange, isUnlimited, card, arguments);
+    });
 }
 
 }  // namespace

@@ -1,19 +1,20 @@
 #pragma once
 
-#include "daemon/exchange.h"
+#include "common/scard_api.h"
+#include "log/function_log.h"
 
 namespace tez {
 
-/// The most bytes that a daemon before 1.3 (0.3 when it takes all calls) can carry in a transmit or
-/// control in either direction: an extended APDU with its framing.
+/// The most bytes that a daemon without kUnlimitedData can carry in a transmit or control in either
+/// direction: an extended APDU with its framing.
 inline constexpr DWORD kExtendedApduSize = 65548;
 
+/// @param isUnlimited  whether the daemon meets kUnlimitedData.
 /// @return SCARD_E_INSUFFICIENT_BUFFER, after a warning, when the daemon is too old for the
 ///         lengths; SCARD_S_SUCCESS otherwise.
-inline LONG checkDataLimits(const FunctionLog& log, const Exchange& exchange, ServiceState state,
-                            DWORD sendLength, DWORD receiveLength) {
-    if (exchange.isMinorAtLeast(state, 3) ||
-        (sendLength <= kExtendedApduSize && receiveLength <= kExtendedApduSize)) {
+inline LONG checkDataLimits(const FunctionLog& log, bool isUnlimited, DWORD sendLength,
+                            DWORD receiveLength) {
+    if (isUnlimited || (sendLength <= kExtendedApduSize && receiveLength <= kExtendedApduSize)) {
         return SCARD_S_SUCCESS;
     }
     log.warning(

@@ -93,24 +93,10 @@ LONG exchangeApdu(const FunctionLog& log, Exchange& exchange, TransmitRecord& re
     return SCARD_S_SUCCESS;
 }
 
-LONG transmitRemotely(const FunctionLog& log, const RemoteCard& card,
-                      const TransmitArguments& arguments, DWORD& usedProtocol) {
-    if (arguments.sendBuffer == nullptr || arguments.receiveBuffer == nullptr ||
-        arguments.receiveLength == nullptr || arguments.sendPci == nullptr) {
-        log.warning(
-            "pbSendBuffer (%p), pbRecvBuffer(%p), pcbRecvLength(%p), pioSendPci(%p) cannot be NULL",
-            static_cast<const void*>(arguments.sendBuffer),
-            static_cast<void*>(arguments.receiveBuffer),
-            static_cast<void*>(arguments.receiveLength),
-            static_cast<const void*>(arguments.sendPci));
-        return SCARD_E_INVALID_PARAMETER;
-    }
-    Exchange exchange(log);
-    if (!exchange) {
-        return SCARD_E_NO_SERVICE;
-    }
-    LONG rv =
-        checkDataLimits(log, exchange, card.state, arguments.sendLength, *arguments.receiveLength);
+/// With a connection to a daemon that takes data of any length, or not.
+LONG transmitOn(const FunctionLog& log, Exchange& exchange, bool isUnlimited,
+                const RemoteCard& card, const TransmitArguments& arguments, DWORD& usedProtocol) {
+    LONG rv = checkDataLimits(log, isUnlimited, arguments.sendLength, *arguments.receiveLength);
     if (rv == SCARD_S_SUCCESS) {
         rv = checkValues(log, arguments);
     }
@@ -132,6 +118,27 @@ LONG transmitRemotely(const FunctionLog& log, const RemoteCard& card,
     rv = exchangeApdu(log, exchange, record, arguments);
     usedProtocol = record.ioRecvPciProtocol;
     return rv;
+}
+
+LONG transmitRemotely(const FunctionLog& log, const RemoteCard& card,
+                      const TransmitArguments& arguments, DWORD& usedProtocol) {
+    if (arguments.sendBuffer == nullptr || arguments.receiveBuffer == nullptr ||
+        arguments.receiveLength == nullptr || arguments.sendPci == nullptr) {
+        log.warning(
+            "pbSendBuffer (%p), pbRecvBuffer(%p), pcbRecvLength(%p), pioSendPci(%p) cannot be NULL",
+            static_cast<const void*>(arguments.sendBuffer),
+            static_cast<void*>(arguments.receiveBuffer),
+            static_cast<void*>(arguments.receiveLength),
+            static_cast<const void*>(arguments.sendPci));
+        return SCARD_E_INVALID_PARAMETER;
+    }
+    Exchange exchange(log);
+    if (!exchange) {
+        return SCARD_E_NO_SERVICE;
+    }
+    return exchange.adapt(card.state, kUnlimitedData, [&](bool isUnlimited) {
+        return transmitOn(log, exchange, isUnlimited, card, arguments, usedProtocol);
+    });
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
+#include <vector>
 
 #include "byte_string.h"
 #include "captured_stderr.h"
@@ -273,6 +274,56 @@ TEST_F(ExchangeTest, AsksForTheMinorVersionUnderTheMajorOfTheState) {
     const Exchange exchange(kCallLog);
     EXPECT_TRUE(exchange.isMinorAtLeast(ServiceState::LocalFirst, 3));
     EXPECT_FALSE(exchange.isMinorAtLeast(ServiceState::RemoteOnly, 3));
+}
+
+TEST_F(ExchangeTest, BeginsAnewWhenTheHeaderWasCarriedOverToTheOtherSideOfAGate) {
+    HandleRecord record = {0x5000001, 0};
+    {
+        const InSequence inOrder;
+        EXPECT_CALL(connection(), isProtocolAtLeast(0, 3)).WillOnce(Return(true));
+        EXPECT_CALL(connection(), sendHeader(CMD_TRANSMIT, 12)).WillOnce(Return(SCARD_S_SUCCESS));
+        EXPECT_CALL(connection(), isProtocolAtLeast(0, 3)).WillOnce(Return(false));
+        EXPECT_CALL(connection(), closeSocket());
+        EXPECT_CALL(connection(), isProtocolAtLeast(0, 3)).WillOnce(Return(false));
+        EXPECT_CALL(connection(), sendHeader(CMD_TRANSMIT, 12)).WillOnce(Return(SCARD_S_SUCCESS));
+        EXPECT_CALL(connection(), isProtocolAtLeast(0, 3)).WillOnce(Return(false));
+        EXPECT_CALL(connection(), sendMessage(PointsToBytes(bytesOf(record)), 12))
+            .WillOnce(Return(SCARD_S_SUCCESS));
+        EXPECT_CALL(connection(), readMessage(_, 12)).WillOnce(answer(bytesOf(record)));
+    }
+    Exchange exchange(kCallLog);
+    std::vector<bool> attempts;
+    EXPECT_EQ(exchange.adapt(ServiceState::RemoteOnly, kUnlimitedData,
+                             [&](bool isMet) {
+                                 attempts.push_back(isMet);
+                                 return exchange.call(CMD_TRANSMIT, record);
+                             }),
+              SCARD_S_SUCCESS);
+    EXPECT_THAT(attempts, ElementsAre(true, false));
+    EXPECT_THAT(log().lines(), IsEmpty());
+}
+
+TEST_F(ExchangeTest, DoesNotAskForAVersionWhereThereIsNoGate) {
+    HandleRecord record = {0x5000001, 0};
+    EXPECT_CALL(connection(), sendRequestFlagged(CMD_AUDIT, _, 12, false))
+        .WillOnce(Return(SCARD_S_SUCCESS));
+    EXPECT_CALL(connection(), readMessage(_, 12)).WillOnce(answer(bytesOf(record)));
+    Exchange exchange(kCallLog);
+    EXPECT_EQ(exchange.ifCompatible(ServiceState::RemoteOnly,
+                                    [&] { return exchange.callFlagged(CMD_AUDIT, record, false); }),
+              SCARD_S_SUCCESS);
+}
+
+TEST_F(ExchangeTest, ForgetsAGateThatAnExchangeHasPassed) {
+    HandleRecord record = {0x5000001, 0};
+    EXPECT_CALL(connection(), isProtocolAtLeast(0, 3)).WillOnce(Return(true));
+    Exchange exchange(kCallLog);
+    EXPECT_EQ(exchange.adapt(ServiceState::RemoteOnly, kUnlimitedData,
+                             [](bool) { return SCARD_S_SUCCESS; }),
+              SCARD_S_SUCCESS);
+    EXPECT_CALL(connection(), sendRequest(CMD_DISCONNECT, _, 12))
+        .WillOnce(Return(SCARD_E_NO_SERVICE));
+    EXPECT_EQ(exchange.call(CMD_DISCONNECT, record), SCARD_E_NO_SERVICE);
 }
 
 TEST(ExchangeWithoutAConnection, IsFalseAndAnswersNoService) {
