@@ -60,9 +60,10 @@ LONG readRemotely(const RemoteCall& call, const ReadArguments& arguments, bool& 
             cacheRecord(remoteContext, *arguments.identifier, arguments.freshness, 0);
         LONG rv = exchange.call(CMD_READ_CACHE, record, withNul(arguments.lookupName));
         if (rv == SCARD_S_SUCCESS) {
-            rv = handOutData(call, exchange, record.cbData, arguments.data, arguments.length,
-                             "Error while allocating data", "Failed to read data for cache data",
-                             hasArrived);
+            rv = handOutData(exchange, record.cbData, arguments.data, arguments.length,
+                             "Failed to read data for cache data", hasArrived, [&](DWORD error) {
+                                 call.log.debug("Error while allocating data: %lu", error);
+                             });
         }
         if (hasArrived) {
             *arguments.identifier = std::bit_cast<UUID>(record.cardIdentifier);

@@ -69,7 +69,7 @@ LONG introduceRemotely(const RemoteCall& call, const CardType& type) {
     });
 }
 
-constexpr FailureLines kForgetFailureLines = {&FunctionLog::debug,
+constexpr FailureLines kForgetFailureLines = {LogLevel::Debug,
                                               "Could not send forget_card_type message",
                                               "Could not read forget_card_type message"};
 

@@ -24,11 +24,14 @@ LONG getIconRemotely(const RemoteCall& call, LPCSTR readerName, LPBYTE icon, LPD
     return callRemotely(call, [&](Exchange& exchange, std::uint64_t remoteContext) {
         ReaderIconRecord record = {remoteContext, 0, 0};
         const LONG rv = exchange.call(CMD_GET_READER_ICON, record, {name, std::strlen(name) + 1});
+        if (rv != SCARD_S_SUCCESS) {
+            return rv;
+        }
         bool hasArrived = false;
-        return rv == SCARD_S_SUCCESS ? handOutData(call, exchange, record.cbIcon, icon, length,
-                                                   "Error while allocating data for pbIcon",
-                                                   "Failed to read data for icon", hasArrived)
-                                     : rv;
+        return handOutData(exchange, record.cbIcon, icon, length, "Failed to read data for icon",
+                           hasArrived, [&](DWORD error) {
+                               call.log.debug("Error while allocating data for pbIcon: %lu", error);
+                           });
     });
 }
 

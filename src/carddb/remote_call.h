@@ -16,7 +16,8 @@ inline bool isRemoteAllowed(ServiceState state) noexcept {
            (state == ServiceState::LocalFirst && isAllCallsRedirectionEnabled());
 }
 
-/// Which of a context's bindings a redirected call uses: "remote" or "remote-local".
+/// Which of a context's two at the daemon a call uses, see establishRemoteContext: "remote" (true),
+/// or "remote-local".
 inline bool redirectionFlag(ServiceState state) noexcept {
     return state != ServiceState::RemoteOnly || isAllCallsRedirectionEnabled();
 }
@@ -56,7 +57,7 @@ template <class DoExchange>
 
 /// Refuses an argument, and says why.
 inline LONG refuse(const FunctionLog& log, const char* reason) noexcept {
-    log.debug("%s", reason);
+    log.line(LogLevel::Debug, reason);
     return SCARD_E_INVALID_PARAMETER;
 }
 

@@ -15,18 +15,19 @@ inline void restoreRoom(LPDWORD length, DWORD room) noexcept {
 }
 
 /// Reads the data that the daemon has announced behind a record and hands it to the caller.
-/// @param allocationFailure  the log line for data that there is no memory for. The call then
-///                           succeeds without handing anything out, deliberately: the daemon has
-///                           done its part, and caches and icons are a convenience.
-/// @param hasArrived         out: true once the data was read, whatever room the caller has.
-inline LONG handOutData(const RemoteCall& call, Exchange& exchange, std::uint32_t size,
-                        LPBYTE destination, LPDWORD length, const char* allocationFailure,
-                        const char* readFailure, bool& hasArrived) {
+/// @param readFailure  the warning when it cannot be read.
+/// @param hasArrived   out: true once the data was read, whatever room the caller has.
+/// @param logNoMemory  called with the system's last error when there is no memory for the data.
+///                     The call then succeeds without handing anything out, deliberately: the
+///                     daemon has done its part, and caches and icons are a convenience.
+template <class LogNoMemory>
+LONG handOutData(Exchange& exchange, std::uint32_t size, LPBYTE destination, LPDWORD length,
+                 const char* readFailure, bool& hasArrived, LogNoMemory logNoMemory) {
     HeapPtr<char> data;
     if (size != 0) {
         const LONG rv = exchange.readBlock(size, data, readFailure);
         if (data == nullptr) {
-            call.log.debug("%s: %lu", allocationFailure, GetLastError());
+            logNoMemory(GetLastError());
             return SCARD_S_SUCCESS;
         }
         if (rv != SCARD_S_SUCCESS) {

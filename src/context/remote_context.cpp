@@ -13,7 +13,7 @@ LONG establishRemoteContext(DWORD scope, std::uint64_t& remoteContext, bool remo
     return call.run(
         [&]() -> LONG {
             Exchange exchange(call.log());
-            if (!exchange) {
+            if (!exchange.hasConnection()) {
                 return SCARD_E_NO_SERVICE;
             }
             const LONG rv = exchange.callFlagged(CMD_ESTABLISH_CONTEXT, record, remoteFlag);
@@ -31,7 +31,7 @@ LONG releaseRemoteContext(std::uint64_t remoteContext, bool remoteFlag) {
     call.in("%p", reinterpret_cast<void*>(remoteContext));
     return call.run([&]() -> LONG {
         Exchange exchange(call.log());
-        if (!exchange) {
+        if (!exchange.hasConnection()) {
             return SCARD_E_NO_SERVICE;
         }
         ReleaseRecord record = {remoteContext, 0};

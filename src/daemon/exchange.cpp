@@ -113,7 +113,7 @@ LONG Exchange::readBlock(std::uint32_t size, HeapPtr<char>& block, const char* f
 
 LONG Exchange::warnUnless(LONG rv, const char* failure) const {
     if (rv != SCARD_S_SUCCESS) {
-        (log_.*failureLines_.write)("%s", failure);
+        log_.line(failureLines_.level, failure);
     }
     return rv;
 }

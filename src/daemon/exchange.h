@@ -18,7 +18,7 @@ namespace tez {
 
 /// What an exchange logs when sending its request as a whole, or reading the record back, fails.
 struct FailureLines {
-    void (FunctionLog::*write)(const char* format, ...) const;
+    LogLevel level;
     const char* send;
     const char* receive;
 };
@@ -30,14 +30,14 @@ constexpr bool isSendable(std::uint64_t recordSize, std::uint64_t tailSize) noex
     return tailSize <= std::numeric_limits<std::uint32_t>::max() - recordSize;
 }
 
-inline constexpr FailureLines kFailureLines = {&FunctionLog::warning, "Failed to send header",
+inline constexpr FailureLines kFailureLines = {LogLevel::Warning, "Failed to send header",
                                                "Failed to receive data"};
 
 /// One exchange with the daemon: takes a connection from the pool, sends a request, reads the
 /// answer, and gives the connection back on every path.
 ///
 ///     Exchange exchange(call.log());
-///     if (!exchange) {
+///     if (!exchange.hasConnection()) {
 ///         return SCARD_E_NO_SERVICE;
 ///     }
 ///     HandleRecord record = {handle, 0};
@@ -56,11 +56,16 @@ class Exchange {
     /// not take them for its answer.
     ~Exchange();
 
-    /// Whether there is a connection; nothing else but isConnected may be called without one.
-    explicit operator bool() const noexcept { return connection_ != nullptr; }
+    // A call looks at its connection first, in one of two ways:
+    /// Whether there is one. For the commands up to CMD_GET_ATTRIB but the wait, which every PC/SC
+    /// daemon serves: on a pipe that could not be opened their header fails, and the log says so.
+    bool hasConnection() const noexcept { return connection_ != nullptr; }
 
-    /// Whether there is a connection and it is open; tries once more to open it.
-    bool isConnected() { return connection_ != nullptr && connection_->connect(); }
+    /// Whether there is one and it is open, which is tried once more. For the wait, and for
+    /// CMD_SET_ATTRIB and all commands behind it: without an open pipe they fail silently.
+    bool isConnected() { return hasConnection() && connection_->connect(); }
+
+    // Nothing of what follows may be called without a connection.
 
     /// The daemon's version counts from major 1 while it serves behind the host, from 0 else.
     bool isMinorAtLeast(ServiceState state, std::uint32_t minor) const;
@@ -76,7 +81,7 @@ class Exchange {
     /// the gate is another matter there, that header is given up with its pipe, before anything has
     /// followed it, and attempt is called again; all other exchanges just go on.
     template <class Attempt>
-    LONG adapt(ServiceState state, const VersionGate& gate, Attempt attempt) {
+    [[nodiscard]] LONG adapt(ServiceState state, const VersionGate& gate, Attempt attempt) {
         if (!gate.minorFor(state)) {
             return attempt(true);
         }
@@ -92,7 +97,7 @@ class Exchange {
     /// As adapt, for the calls that only Windows has: with a daemon that does not know them,
     /// attempt() is not called. Logs that, and returns SCARD_F_INTERNAL_ERROR.
     template <class Attempt>
-    LONG ifCompatible(ServiceState state, Attempt attempt) {
+    [[nodiscard]] LONG ifCompatible(ServiceState state, Attempt attempt) {
         return adapt(state, kWindowsCalls, [&](bool isCompatible) {
             return isCompatible ? attempt() : refuseIncompatible();
         });
@@ -101,22 +106,23 @@ class Exchange {
     /// Sends the record, and behind it in the same piece the bytes of a tail, and reads the
     /// daemon's copy of the record back.
     template <class Record>
-    LONG call(CommandCode command, Record& record, std::string_view tail = {}) {
+    [[nodiscard]] LONG call(CommandCode command, Record& record, std::string_view tail = {}) {
         const LONG rv = sendWhole(command, bytesOf(record), tail, std::nullopt);
         return rv == SCARD_S_SUCCESS ? readBack(record) : rv;
     }
 
     /// As call, for requests that tell a connection whether they are redirected ones.
     template <class Record>
-    LONG callFlagged(CommandCode command, Record& record, bool flag, std::string_view tail = {}) {
+    [[nodiscard]] LONG callFlagged(CommandCode command, Record& record, bool flag,
+                                   std::string_view tail = {}) {
         const LONG rv = sendWhole(command, bytesOf(record), tail, flag);
         return rv == SCARD_S_SUCCESS ? readBack(record) : rv;
     }
 
     /// As call, for a request whose record is followed by a data phase.
     template <class Record>
-    LONG callWithData(CommandCode command, Record& record, const void* data, std::uint32_t size,
-                      const char* dataFailure) {
+    [[nodiscard]] LONG callWithData(CommandCode command, Record& record, const void* data,
+                                    std::uint32_t size, const char* dataFailure) {
         LONG rv = sendHeader(command, sizeof(record), size);
         if (rv == SCARD_S_SUCCESS) {
             rv = send(&record, sizeof(record), "Failed to send data");
@@ -131,15 +137,16 @@ class Exchange {
 
     /// Announces a record and what follows it. SCARD_E_INVALID_PARAMETER, with nothing sent, when
     /// the header's 32-bit size cannot hold the sum.
-    LONG sendHeader(CommandCode command, std::uint32_t recordSize, std::uint32_t dataSize);
+    [[nodiscard]] LONG sendHeader(CommandCode command, std::uint32_t recordSize,
+                                  std::uint32_t dataSize);
 
     /// Sends a piece of the request. No bytes are no piece: a write of none would end the daemon's
     /// next read with none, which it may take for the end of the connection.
-    LONG send(const void* data, std::uint32_t size, const char* failure);
+    [[nodiscard]] LONG send(const void* data, std::uint32_t size, const char* failure);
 
     /// Reads the daemon's copy of the record; returns the transport's code only.
     template <class Record>
-    LONG receive(Record& record) {
+    [[nodiscard]] LONG receive(Record& record) {
         static_assert(std::is_trivially_copyable_v<Record>);
         return warnUnless(connection_->readMessage(&record, sizeof(record)), failureLines_.receive);
     }
@@ -148,18 +155,18 @@ class Exchange {
     /// too. The record has to outlive the exchange, whose end gives up a read that is not finished.
     /// Returns the transport's code.
     template <class Record>
-    LONG startReceive(Record& record) {
+    [[nodiscard]] LONG startReceive(Record& record) {
         static_assert(std::is_trivially_copyable_v<Record>);
         return startReceive(&record, sizeof(record));
     }
     /// An event that is set when the started read is over.
     HANDLE received() const noexcept { return received_; }
     /// Finishes that read, waiting for its end if need be; returns the transport's code.
-    LONG finishReceive();
+    [[nodiscard]] LONG finishReceive();
 
     /// Reads the daemon's copy of the record; returns the transport's code or the daemon's.
     template <class Record>
-    LONG readBack(Record& record) {
+    [[nodiscard]] LONG readBack(Record& record) {
         const LONG rv = receive(record);
         return rv == SCARD_S_SUCCESS ? static_cast<LONG>(record.rv) : rv;
     }
@@ -171,12 +178,12 @@ class Exchange {
     void announce(std::uint64_t size) noexcept { announced_ = size; }
 
     /// Reads the next size of the announced bytes into a buffer that has room for them.
-    LONG readAnnounced(void* buffer, std::uint32_t size, const char* failure);
+    [[nodiscard]] LONG readAnnounced(void* buffer, std::uint32_t size, const char* failure);
 
     /// Announces and reads a data phase of whatever length into a new block, which ends in a NUL of
     /// its own behind it. SCARD_E_NO_MEMORY, with a null block, when there is no memory for it;
     /// more than 16 MiB, far above all that a daemon has to send, counts as that.
-    LONG readBlock(std::uint32_t size, HeapPtr<char>& block, const char* failure);
+    [[nodiscard]] LONG readBlock(std::uint32_t size, HeapPtr<char>& block, const char* failure);
 
   private:
     template <class Record>
@@ -184,14 +191,14 @@ class Exchange {
         return {reinterpret_cast<const char*>(&record), sizeof(record)};
     }
 
-    LONG sendWhole(CommandCode command, std::string_view record, std::string_view tail,
-                   std::optional<bool> flag);
+    [[nodiscard]] LONG sendWhole(CommandCode command, std::string_view record,
+                                 std::string_view tail, std::optional<bool> flag);
 
-    LONG startReceive(void* record, std::uint32_t size);
+    [[nodiscard]] LONG startReceive(void* record, std::uint32_t size);
 
-    LONG warnUnless(LONG rv, const char* failure) const;
+    [[nodiscard]] LONG warnUnless(LONG rv, const char* failure) const;
 
-    LONG refuseIncompatible() const;
+    [[nodiscard]] LONG refuseIncompatible() const;
 
     /// A gate that the request depends on, as it was found before.
     struct AskedGate {
@@ -212,9 +219,9 @@ class Exchange {
 /// The whole of an exchange that has neither gates nor data phases.
 /// @return SCARD_E_NO_SERVICE when there is no connection, else as Exchange::call.
 template <class Record>
-LONG exchangeRecord(const FunctionLog& log, CommandCode command, Record& record) {
+[[nodiscard]] LONG exchangeRecord(const FunctionLog& log, CommandCode command, Record& record) {
     Exchange exchange(log);
-    return exchange ? exchange.call(command, record) : SCARD_E_NO_SERVICE;
+    return exchange.hasConnection() ? exchange.call(command, record) : SCARD_E_NO_SERVICE;
 }
 
 }  // namespace tez

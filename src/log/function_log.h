@@ -1,5 +1,6 @@
 #pragma once
 
+#include "log/log_sink.h"
 #include "log/printf_format.h"
 
 namespace tez {
@@ -17,6 +18,9 @@ class FunctionLog {
     void debug(const char* format, ...) const TEZ_PRINTF_FORMAT(2, 3);
     void info(const char* format, ...) const TEZ_PRINTF_FORMAT(2, 3);
     void warning(const char* format, ...) const TEZ_PRINTF_FORMAT(2, 3);
+
+    /// Writes a text as it stands.
+    void line(LogLevel level, const char* text) const;
 
     constexpr const char* functionName() const noexcept { return functionName_; }
 

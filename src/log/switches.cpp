@@ -39,7 +39,7 @@ bool isAllCallsRedirectionEnabled() noexcept {
     if (!known) {
         const std::optional<bool> value = redirection.read(log);
         if (!value) {
-            log.debug("%s is not set, using default (%u)", redirection.name(), 0U);
+            log.debug("TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION is not set, using default (0)");
         }
         enabled = value.value_or(false);
         known = true;

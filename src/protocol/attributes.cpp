@@ -84,7 +84,7 @@ LONG getAttributeRemotely(const FunctionLog& log, const RemoteCard& card, DWORD 
         return SCARD_E_INVALID_PARAMETER;
     }
     Exchange exchange(log);
-    if (!exchange) {
+    if (!exchange.hasConnection()) {
         return SCARD_E_NO_SERVICE;
     }
     if (!card.hasContext()) {

@@ -18,7 +18,14 @@ struct RemoteCard {
     /// The daemon's card handle.
     std::uint64_t target() const noexcept { return entry.target; }
 
-    /// Whether the application still holds the context that the card was connected under.
+    /// Whether the application still holds the context that the card was connected under. A call
+    /// without it gives SCARD_E_INVALID_HANDLE. It is looked at
+    /// - before a connection is taken, as a rule;
+    /// - by SCardGetAttrib as soon as there is a connection;
+    /// - by SCardTransmit, SCardControl and SCardSetAttrib right before the request, behind all
+    /// that
+    ///   they check with the daemon's version;
+    /// - by SCardStatus never.
     bool hasContext() const noexcept { return isContextKnown(entry.context); }
 };
 

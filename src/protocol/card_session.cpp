@@ -27,7 +27,7 @@ LONG reconnectRemotely(const FunctionLog& log, const RemoteCard& card, DWORD sha
         return SCARD_E_INVALID_HANDLE;
     }
     Exchange exchange(log);
-    if (!exchange) {
+    if (!exchange.hasConnection()) {
         return SCARD_E_NO_SERVICE;
     }
     return exchange.adapt(card.state, kConvertedProtocols, [&](bool isConverted) {

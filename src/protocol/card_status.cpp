@@ -84,7 +84,7 @@ LONG statusRemotely(const FunctionLog& log, const RemoteCard& card,
         return SCARD_E_INVALID_HANDLE;
     }
     Exchange exchange(log);
-    if (!exchange) {
+    if (!exchange.hasConnection()) {
         return SCARD_E_NO_SERVICE;
     }
     StatusRecord record = {};
@@ -141,9 +141,9 @@ LONG WINAPI SCardStatusA(SCARDHANDLE hCard, LPSTR szReaderName, LPDWORD pcchRead
         [&] {
             // The name is not shown: what the caller's buffer holds depends on how it asked.
             call.out(
-                "mszReaderName:%p(%s), pcchReaderLen:%p(%lu), pdwState:%p(0x%lu), "
+                "mszReaderName:%p(), pcchReaderLen:%p(%lu), pdwState:%p(0x%lu), "
                 "pdwProtocol:%p(0x%lu), pcbAtrLen:%p(%lu)",
-                static_cast<void*>(szReaderName), "", static_cast<void*>(pcchReaderLen),
+                static_cast<void*>(szReaderName), static_cast<void*>(pcchReaderLen),
                 valueOf(pcchReaderLen), static_cast<void*>(pdwState), valueOf(pdwState),
                 static_cast<void*>(pdwProtocol), valueOf(pdwProtocol),
                 static_cast<void*>(pcbAtrLen), valueOf(pcbAtrLen));

@@ -69,7 +69,7 @@ LONG connectRemotely(const FunctionLog& log, ServiceState state,
         return rv;
     }
     Exchange exchange(log);
-    if (!exchange) {
+    if (!exchange.hasConnection()) {
         return SCARD_E_NO_SERVICE;
     }
     record.hContext = remoteContext;
@@ -86,7 +86,7 @@ LONG connectRemotely(const FunctionLog& log, ServiceState state,
     if (rv == SCARD_S_SUCCESS) {
         *arguments.card = registerOrUndo(arguments, record.hCard, false, [&] {
             DisconnectRecord undo = {record.hCard, SCARD_LEAVE_CARD, 0};
-            exchange.call(CMD_DISCONNECT, undo);
+            static_cast<void>(exchange.call(CMD_DISCONNECT, undo));
         });
     }
     return rv;

@@ -74,7 +74,7 @@ LONG controlRemotely(const FunctionLog& log, const RemoteCard& card,
         return SCARD_E_INVALID_PARAMETER;
     }
     Exchange exchange(log);
-    if (!exchange) {
+    if (!exchange.hasConnection()) {
         return SCARD_E_NO_SERVICE;
     }
     return exchange.adapt(card.state, kUnlimitedData, [&](bool isUnlimited) {

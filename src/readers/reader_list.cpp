@@ -41,7 +41,7 @@ LONG fetchRemoteNames(const FunctionLog& log, SCARDCONTEXT context, std::string&
         }
     }
     Exchange exchange(log);
-    if (!exchange) {
+    if (!exchange.hasConnection()) {
         return SCARD_E_NO_SERVICE;
     }
     ListReadersRecord record = {remoteContext, 0, 0};
@@ -137,8 +137,7 @@ LONG listReaders(const FunctionLog& log, ServiceState state, const ListArguments
                          arguments.length, 1);
 }
 
-void logNames(const FunctionLog& log, const char* title, const std::vector<std::string>& names) {
-    log.debug("%s", title);
+void logNames(const FunctionLog& log, const std::vector<std::string>& names) {
     for (const std::string& name : names) {
         log.debug("    %s", name.c_str());
     }
@@ -171,8 +170,10 @@ LONG WINAPI SCardListReadersA(SCARDCONTEXT hContext, LPCSTR mszGroups, LPSTR msz
             markListReadersCalled(listing);
         }
         call.describe([&] {
-            logNames(call.log(), "local readers:", copyLocalReaderNames());
-            logNames(call.log(), "remote readers:", copyRemoteReaderNames());
+            call.log().debug("local readers:");
+            logNames(call.log(), copyLocalReaderNames());
+            call.log().debug("remote readers:");
+            logNames(call.log(), copyRemoteReaderNames());
         });
         // To the application, no service on either side means that there are no readers.
         return rv == SCARD_E_NO_SERVICE ? SCARD_E_NO_READERS_AVAILABLE : rv;

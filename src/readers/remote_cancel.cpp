@@ -9,7 +9,7 @@ void RemoteCancel::send(const FunctionLog& log, std::uint64_t remoteContext) noe
         mark_.emplace(WaitSide::Remote, remoteContext);
         exchange_.emplace(log);
         record_ = {remoteContext, 0};
-        if (!*exchange_ ||
+        if (!exchange_->hasConnection() ||
             exchange_->sendHeader(CMD_CANCEL, sizeof(record_), 0) != SCARD_S_SUCCESS ||
             exchange_->send(&record_, sizeof(record_), "Failed to send header") !=
                 SCARD_S_SUCCESS ||
@@ -26,7 +26,7 @@ void RemoteCancel::send(const FunctionLog& log, std::uint64_t remoteContext) noe
 }
 
 void RemoteCancel::finish() noexcept {
-    exchange_->finishReceive();
+    static_cast<void>(exchange_->finishReceive());
     exchange_.reset();
     mark_.reset();
 }

@@ -326,10 +326,10 @@ TEST_F(ExchangeTest, ForgetsAGateThatAnExchangeHasPassed) {
     EXPECT_EQ(exchange.call(CMD_DISCONNECT, record), SCARD_E_NO_SERVICE);
 }
 
-TEST(ExchangeWithoutAConnection, IsFalseAndAnswersNoService) {
+TEST(ExchangeWithoutAConnection, AnswersNoService) {
     setServiceState(ServiceState::LocalOnly);
     Exchange exchange(kCallLog);
-    EXPECT_FALSE(exchange);
+    EXPECT_FALSE(exchange.hasConnection());
     EXPECT_FALSE(exchange.isConnected());
     HandleRecord record = {0x5000001, 0};
     EXPECT_EQ(exchangeRecord(kCallLog, CMD_CANCEL, record), SCARD_E_NO_SERVICE);
