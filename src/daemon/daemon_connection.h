@@ -11,6 +11,10 @@ namespace tez {
 /// A connection to the PC/SC daemon. Used by one thread at a time; the ConnectionPool sees to that.
 /// Operations with a LONG result return a PC/SC code; every failure of the transport is
 /// SCARD_E_NO_SERVICE and leaves the connection closed.
+///
+/// Another kind of connection may override any one of them. Two are called by none of the library's
+/// own code, and are there for such a kind: sendHeaderForward, for headers that it passes on, and
+/// checkDaemonAvailability, for a kind whose address can be missing.
 class DaemonConnection {
   public:
     virtual ~DaemonConnection() = default;
