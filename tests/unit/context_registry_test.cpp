@@ -138,8 +138,8 @@ TEST(RemoteContext, TellsWhatItIsMappedToWhenItIsMade) {
     service.daemon().answers = {establishAnswer(77), establishAnswer(78)};
     const SCARDCONTEXT context = registerContext(kSystemContext, 2);
     std::uint64_t remoteContext = 0;
-    getRemoteContextVolatile(context, remoteContext, true);
-    getRemoteContextVolatile(context, remoteContext, false);
+    EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, true), SCARD_S_SUCCESS);
+    EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, false), SCARD_S_SUCCESS);
     EXPECT_THAT(
         log.messages(),
         ElementsAre("D (establishRemoteContext): ESTABLISH REMOTE CONTEXT IN-PARAMS: 2",
@@ -171,9 +171,9 @@ TEST(RemoteContext, WithTheValueOfNoneCountsAsUnboundButWideOnesDoNot) {
     service.daemon().answers = {establishAnswer(0xFFFFFFFF), establishAnswer(0xFFFFFFFFFFFFFFFF)};
     const SCARDCONTEXT context = registerContext(kSystemContext, 2);
     std::uint64_t remoteContext = 0;
-    getRemoteContextVolatile(context, remoteContext, true);
-    getRemoteContextVolatile(context, remoteContext, true);
-    getRemoteContextVolatile(context, remoteContext, true);
+    EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, true), SCARD_S_SUCCESS);
+    EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, true), SCARD_S_SUCCESS);
+    EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, true), SCARD_S_SUCCESS);
     EXPECT_EQ(remoteContext, 0xFFFFFFFFFFFFFFFFU);
     EXPECT_THAT(service.daemon().requests, SizeIs(2));
 }
@@ -183,7 +183,7 @@ TEST(RemoteContext, IsMadeAnewWithTheSameScopeAfterInvalidation) {
     service.daemon().answers = {establishAnswer(0x5000001), establishAnswer(0x5000002)};
     const SCARDCONTEXT context = registerContext(kSystemContext, 1);
     std::uint64_t remoteContext = 0;
-    getRemoteContextVolatile(context, remoteContext, true);
+    EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, true), SCARD_S_SUCCESS);
     invalidateRemoteContexts();
     EXPECT_THAT(service.daemon().requests, SizeIs(1)) << "the old one is not released";
     EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, true), SCARD_S_SUCCESS);
@@ -198,9 +198,9 @@ TEST(ContextRegistry, UnbindsBothBindingsOfEveryContextAndTellsIt) {
     const SCARDCONTEXT first = registerContext(kSystemContext, 1);
     const SCARDCONTEXT second = registerContext(kSystemContext, 1);
     std::uint64_t remoteContext = 0;
-    getRemoteContextVolatile(first, remoteContext, true);
-    getRemoteContextVolatile(first, remoteContext, false);
-    getRemoteContextVolatile(second, remoteContext, false);
+    EXPECT_EQ(getRemoteContextVolatile(first, remoteContext, true), SCARD_S_SUCCESS);
+    EXPECT_EQ(getRemoteContextVolatile(first, remoteContext, false), SCARD_S_SUCCESS);
+    EXPECT_EQ(getRemoteContextVolatile(second, remoteContext, false), SCARD_S_SUCCESS);
     const std::size_t before = log.messages().size();
     invalidateRemoteContexts();
     std::vector<std::string> told = log.messages();

@@ -31,8 +31,8 @@ TEST_F(RemoteOnlyContext, ReleasesBothOfItsBindings) {
     const SCARDCONTEXT context = registerContext(0, 2);
     daemon().answers = {establishAnswer(0x5000001), establishAnswer(0x5000002)};
     std::uint64_t remoteContext = 0;
-    getRemoteContextVolatile(context, remoteContext, true);
-    getRemoteContextVolatile(context, remoteContext, false);
+    EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, true), SCARD_S_SUCCESS);
+    EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, false), SCARD_S_SUCCESS);
     daemon().requests.clear();
     daemon().answers = {ByteString().u64(0x5000001).u32(0).bytes(),
                         ByteString().u64(0x5000002).u32(0).bytes()};
