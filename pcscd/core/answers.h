@@ -23,6 +23,11 @@ struct Call {
     std::span<const std::uint8_t> data;  ///< what follows the record
 };
 
+/// As records tell it.
+inline std::uint32_t sizeOf(const Bytes& bytes) {
+    return static_cast<std::uint32_t>(bytes.size());
+}
+
 template <typename Record>
 Bytes bytesOf(const Record& record) {
     Bytes bytes(sizeof record);

@@ -26,10 +26,6 @@ std::uint32_t fromWire(std::uint32_t protocol) {
     return (protocol & kWireRaw) != 0 ? (protocol & ~kWireRaw) | protocol::kRaw : protocol;
 }
 
-std::uint32_t sizeOf(const Bytes& bytes) {
-    return static_cast<std::uint32_t>(bytes.size());
-}
-
 /// Fills a field with the bytes, as far as it reaches, and with zeros behind them.
 void fill(std::span<std::uint8_t> field, std::span<const std::uint8_t> bytes) {
     const std::size_t count = std::min(field.size(), bytes.size());
@@ -220,7 +216,7 @@ Reply getStatusChange(const Call& call, StatusChangeRecord& record) {
     return answered(record, result, std::move(data));
 }
 
-constexpr Served kServed[] = {
+constexpr Served kCardCommands[] = {
     serving<EstablishRecord, establish>(Command::kEstablishContext),
     serving<ReleaseRecord, release>(Command::kReleaseContext),
     serving<ListReadersRecord, listReaders>(Command::kListReaders),
@@ -242,7 +238,7 @@ constexpr Served kServed[] = {
 }  // namespace
 
 std::span<const Served> cardCommands() {
-    return kServed;
+    return kCardCommands;
 }
 
 }  // namespace tez::pcscd

@@ -9,10 +9,6 @@
 namespace tez::pcscd {
 namespace {
 
-std::uint32_t sizeOf(const Bytes& bytes) {
-    return static_cast<std::uint32_t>(bytes.size());
-}
-
 std::vector<Guid> guidsIn(std::span<const std::uint8_t> data, std::size_t count) {
     std::vector<Guid> guids(count);
     if (count != 0) {
@@ -195,7 +191,7 @@ Reply getReaderIcon(const Call& call, ReaderIconRecord& record) {
     return answered(record, result, std::move(icon));
 }
 
-constexpr Served kServed[] = {
+constexpr Served kDatabaseCommands[] = {
     servingWithData<ListCardsRecord, listCards>(Command::kListCards),
     serving<DeviceTypeIdRecord, getDeviceTypeId>(Command::kGetDeviceTypeId),
     serving<ProviderNameRecord, getProviderName>(Command::kGetCardTypeProviderName),
@@ -211,7 +207,7 @@ constexpr Served kServed[] = {
 }  // namespace
 
 std::span<const Served> databaseCommands() {
-    return kServed;
+    return kDatabaseCommands;
 }
 
 }  // namespace tez::pcscd

@@ -70,7 +70,7 @@ Options parseOptions(std::vector<std::string> words) {
         "Serves the PC/SC daemon's named pipe with the readers of another machine, whose "
         "pcsc-agent it reaches through a tunnel. The pipe is there while the agent answers.");
     app.name("pcsc-relay");
-    app.set_version_flag("--version", std::string("pcsc-relay ") + PCSC_RELAY_VERSION);
+    app.set_version_flag("--version", std::string("pcsc-relay ") + TEZ_VERSION);
     app.add_option("--agent", agent, "This machine's end of the tunnel to the agent")
         ->type_name("HOST:PORT")
         ->check(judgeAgent);

@@ -40,7 +40,8 @@ std::optional<std::string> strangerAt(HANDLE file) {
 
 link::Token readTokenFile(const std::string& utf8Path) {
     const pcscd::UniqueHandle file(CreateFileW(tools::toPath(utf8Path).c_str(), GENERIC_READ,
-                                              FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+                                               FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0,
+                                               nullptr));
     if (!file) {
         throw systemFailure("cannot read the token " + utf8Path);
     }

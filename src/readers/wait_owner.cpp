@@ -14,7 +14,7 @@ constexpr DWORD kContextRetry = 1000;     // milliseconds
 constexpr DWORD kReleasePatience = 1000;  // milliseconds
 
 // Cancels of the remote half are told of under the name of the half that they are for.
-constexpr FunctionLog localLog("LocalSCardGetStatusChange");
+constexpr FunctionLog remoteHalfLog("LocalSCardGetStatusChange");
 
 }  // namespace
 
@@ -175,7 +175,7 @@ bool WaitOwner::isRemoteToEnd() noexcept {
     const Reasons fresh = freshReasons(ending, hasLocalChange());
     const bool isYoung = fresh != 0 && wait_.isYoung(WaitSide::Remote);
     if ((fresh & (kChange | kInterrupted)) != 0) {
-        localLog.debug("canceling remote SCardGetStatusChange by invoking remote SCardCancel");
+        remoteHalfLog.debug("canceling remote SCardGetStatusChange by invoking remote SCardCancel");
         setContextCancelled(context_, true);
         wait_.markUnwanted(WaitSide::Remote);
         ending.isAnnounced = true;
@@ -201,9 +201,9 @@ void WaitOwner::endRemote() noexcept {
         return;
     }
     if (!std::exchange(remoteEnding_.isAnnounced, false)) {
-        localLog.debug("canceling remote SCardGetStatusChange again");
+        remoteHalfLog.debug("canceling remote SCardGetStatusChange again");
     }
-    remoteCancel_.send(localLog, *remoteContext_);
+    remoteCancel_.send(remoteHalfLog, *remoteContext_);
     if (!remoteCancel_.isUnderWay()) {
         remoteEnding_.schedule.advance();
     }
