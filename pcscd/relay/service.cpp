@@ -37,6 +37,9 @@ void restartWhenItFails(const Service& service) {
     actions.cActions = 1;
     actions.lpsaActions = &action;
     ChangeServiceConfig2W(service.get(), SERVICE_CONFIG_FAILURE_ACTIONS, &actions);
+    // A token that it may not read yet is a failure, too, and not only a crash.
+    SERVICE_FAILURE_ACTIONS_FLAG anyFailure = {TRUE};
+    ChangeServiceConfig2W(service.get(), SERVICE_CONFIG_FAILURE_ACTIONS_FLAG, &anyFailure);
 }
 
 bool isStopped(const Service& service) {
