@@ -13,7 +13,7 @@ constexpr unsigned kClockFactors[] = {372, 372, 558, 744,  1116, 1488, 1860, 0,
                                       0,   512, 768, 1024, 1536, 2048, 0,    0};
 constexpr unsigned kRateFactors[] = {0, 1, 2, 4, 8, 16, 32, 64, 12, 20, 0, 0, 0, 0, 0, 0};
 
-/// The registered application provider of the PC/SC specification, whose storage cards name
+/// The registered application provider of PC/SC, whose storage cards name
 /// themselves in their historical bytes.
 constexpr std::uint8_t kStorageCard[] = {0x4F, 0x0C, 0xA0, 0x00, 0x00, 0x03, 0x06};
 

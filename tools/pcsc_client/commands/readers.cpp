@@ -13,7 +13,9 @@ void tellReaders(Client& client) {
     for (std::size_t index = 0; index < names.size(); ++index) {
         const std::string& name = names[index];
         const std::string side = sideName(sides.of(name));
-        client.report.line("[" + std::to_string(index) + "] " + name + "  (" + side + ")");
+        std::string line = "[" + std::to_string(index) + "] ";
+        line.append(name).append("  (").append(side).append(")");
+        client.report.line(line);
         list.push_back({{"index", index}, {"name", name}, {"side", side}});
     }
     if (names.empty()) {

@@ -287,7 +287,7 @@ void CallAssembler::noteLine(Call& call, const LogLine& line) {
         } else if (message.starts_with("localRv: ")) {
             addSide(call, AnsweringSide::kHost);
         }
-        const bool isPseudoReader = reader.starts_with("\\\\?PnP?\\");
+        const bool isPseudoReader = reader.starts_with(R"(\\?PnP?\)");
         if (!reader.empty() && !isPseudoReader && call.subject.find(reader) == std::string::npos) {
             call.subject.append(call.subject.empty() ? "" : ", ").append(reader);
         }

@@ -47,7 +47,8 @@ std::string callTableHead() {
 std::string formatCall(const Call& call) {
     return format({formatLogTime(call.begin),
                    std::to_string(call.process) + ":" + std::to_string(call.thread),
-                   milliseconds(call.duration()), std::string(call.depth * 2, ' ') + call.function,
+                   milliseconds(call.duration()),
+                   std::string(std::size_t{call.depth} * 2, ' ') + call.function,
                    answeringSideName(call.side), call.subject, resultText(call)});
 }
 
