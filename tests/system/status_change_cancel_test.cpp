@@ -9,6 +9,7 @@
 namespace tez::test {
 namespace {
 
+using testing::AtLeast;
 using testing::Contains;
 using testing::ElementsAre;
 
@@ -50,6 +51,9 @@ class StatusChangeCancel : public StatusChangeTest {
             {
                 const std::lock_guard lock(mutex_);
                 hostCancels_.push_back(GetTickCount64());
+                if (GetCurrentThreadId() != testThread_) {
+                    repeatedHostCancels_.push_back(hostCancels_.back());
+                }
             }
             return host.service().SCardCancel(context);
         });
@@ -60,20 +64,28 @@ class StatusChangeCancel : public StatusChangeTest {
         return hostCancels_;
     }
 
+    /// Those that did not come from a cancel of the test.
+    std::vector<ULONGLONG> repeatedHostCancels() const {
+        const std::lock_guard lock(mutex_);
+        return repeatedHostCancels_;
+    }
+
   private:
+    const DWORD testThread_ = GetCurrentThreadId();
     mutable std::mutex mutex_;
     std::vector<ULONGLONG> hostCancels_;
+    std::vector<ULONGLONG> repeatedHostCancels_;
 };
 
 TEST_F(StatusChangeCancel, ByTheApplicationEndsBothSides) {
     const SCARDCONTEXT context = establishAndList();
-    EXPECT_CALL(host, SCardCancel(kFirstHostContext)).Times(1);
+    EXPECT_CALL(host, SCardCancel(kFirstHostContext)).Times(AtLeast(1));
     const BackgroundWait wait = waitOnBothSides(context);
     const ULONGLONG cancelled = GetTickCount64();
     EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
-    EXPECT_LT(GetTickCount64() - cancelled, 1000U) << "later a repeat could have ended it";
-    EXPECT_EQ(remoteCancels(), 1U);
+    EXPECT_LT(GetTickCount64() - cancelled, kSoon);
+    EXPECT_GE(remoteCancels(), 1U);
 }
 
 TEST_F(StatusChangeCancel, ByTheApplicationEndsAWaitOnTheHostAlone) {
@@ -175,12 +187,12 @@ TEST_F(StatusChangeCancel, ThatComesSeveralTimesIsRepeatedOnceEachTime) {
     for (int i = 0; i < 3; ++i) {
         EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     }
-    ASSERT_TRUE(eventually([&] { return hostCancels().size() >= 6; }));
+    ASSERT_TRUE(eventually([&] { return repeatedHostCancels().size() >= 3; }));
     gate.open();
     EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
-    const std::vector<ULONGLONG> cancels = hostCancels();
-    EXPECT_GE(cancels[4] - cancels[3], 90U);
-    EXPECT_GE(cancels[5] - cancels[4], 190U);
+    const std::vector<ULONGLONG> repeats = repeatedHostCancels();
+    EXPECT_GE(repeats[1] - repeats[0], 90U);
+    EXPECT_GE(repeats[2] - repeats[1], 190U);
 }
 
 TEST_F(StatusChangeCancel, OfAWaitOnTheHostAloneIsRepeatedByTheNextOneWhenThereWasNoThreadForIt) {
