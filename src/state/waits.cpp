@@ -78,7 +78,7 @@ class WaitRegistry final : private Job {
         return access();
     }
 
-    void begin(Wait& wait, WaitSide side, std::uint64_t context) noexcept {
+    static void begin(Wait& wait, WaitSide side, std::uint64_t context) noexcept {
         wait.half(side) = {true, false, wait.half(side).isUnwanted, context, GetTickCount64()};
     }
 
@@ -278,7 +278,7 @@ LocalStart Wait::beginLocal(SCARDCONTEXT systemContext, bool isOwnThread) noexce
         if (orders_.isToEnd()) {
             return LocalStart::Refuse;
         }
-        registry.begin(*this, WaitSide::Local, systemContext);
+        WaitRegistry::begin(*this, WaitSide::Local, systemContext);
         isOwnThreadInside_ = isOwnThread;
         repeats_ = {};
         return local_.isUnwanted ? LocalStart::Ask : LocalStart::Wait;
@@ -302,7 +302,7 @@ void Wait::markUnwanted(WaitSide side) noexcept {
 }
 
 void Wait::beginRemote(std::uint64_t remoteContext) noexcept {
-    registry.with([&] { registry.begin(*this, WaitSide::Remote, remoteContext); });
+    registry.with([&] { WaitRegistry::begin(*this, WaitSide::Remote, remoteContext); });
 }
 
 HalfEnd Wait::endRemote() noexcept {
