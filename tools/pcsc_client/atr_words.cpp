@@ -92,8 +92,8 @@ Atr parse(ByteView bytes) {
     AtrReader reader(bytes);
     const std::optional<unsigned> initial = reader.next();
     const std::optional<unsigned> format = reader.next();
-    atr.isConventionKnown = initial == 0x3B || initial == 0x3F;
     atr.isInverse = initial == 0x3F;
+    atr.isConventionKnown = atr.isInverse || initial == 0x3B;
     atr.isCut = !format;
     if (!format) {
         return atr;

@@ -69,7 +69,7 @@ HostReaders listReaders(const HostCalls& host) {
         return readers;
     }
     char* names = nullptr;
-    DWORD length = SCARD_AUTOALLOCATE;
+    auto length = SCARD_AUTOALLOCATE;
     readers.result = host.listReaders(context, nullptr, reinterpret_cast<LPSTR>(&names), &length);
     if (readers.result == SCARD_S_SUCCESS) {
         for (const char* name = names; *name != '\0'; name += readers.names.back().size() + 1) {
