@@ -1,9 +1,9 @@
 // Serves the readers of this machine's PC/SC service to the relay of another machine.
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
-#include <signal.h>
 #include <sys/signalfd.h>
 
 #include "agent/agent.h"
@@ -25,7 +25,7 @@ FileDescriptor signalsToEnd() {
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     return FileDescriptor(signalfd(-1, &signals, SFD_CLOEXEC));
 }
 

@@ -19,7 +19,7 @@ pcscd::Result toCardResult(LONG code);
 
 /// Drops bits that the service does not know, such as the one that asks for default parameters.
 DWORD toServiceProtocols(std::uint32_t protocols);
-std::uint32_t fromServiceProtocol(DWORD protocol);
+std::uint32_t fromServiceProtocol(DWORD chosen);
 
 /// The control code of the service for a function number.
 DWORD toControlCode(std::uint32_t function);

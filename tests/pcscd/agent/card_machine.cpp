@@ -2,10 +2,10 @@
 
 #include <winscard.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <signal.h>
 #include <sstream>
 #include <stdexcept>
 #include <thread>

@@ -1,7 +1,7 @@
 #include "child.h"
 
+#include <csignal>
 #include <fcntl.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <system_error>
