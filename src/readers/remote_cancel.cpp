@@ -1,8 +1,25 @@
 #include "readers/remote_cancel.h"
 
+#include <windows.h>
+
 #include <new>
 
 namespace tez {
+
+namespace {
+
+// The daemon answers the wait and its cancel at nearly the same time, in either order. A pipe that
+// is closed between the two costs the next call a new one, and the cancel may be carried out when
+// another wait is there to end.
+constexpr DWORD kPatience = 50;  // milliseconds
+
+}  // namespace
+
+RemoteCancel::~RemoteCancel() {
+    if (isUnderWay() && WaitForSingleObject(answered(), kPatience) == WAIT_OBJECT_0) {
+        finish();
+    }
+}
 
 void RemoteCancel::send(const FunctionLog& log, std::uint64_t remoteContext) noexcept {
     try {

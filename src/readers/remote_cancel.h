@@ -16,8 +16,8 @@ class RemoteCancel {
     RemoteCancel() = default;
     RemoteCancel(const RemoteCancel&) = delete;
     RemoteCancel& operator=(const RemoteCancel&) = delete;
-    /// Gives up an answer that is still to come.
-    ~RemoteCancel() = default;
+    /// An answer that is still to come is awaited for a moment, then given up with its pipe.
+    ~RemoteCancel();
 
     /// Sends the request on a connection of its own, unless one is under way. A failure is logged.
     void send(const FunctionLog& log, std::uint64_t remoteContext) noexcept;

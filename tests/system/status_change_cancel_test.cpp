@@ -350,6 +350,22 @@ TEST_F(StatusChangeCancel, OfTheDaemonIsNotSentBeforeTheRequestItIsToCancel) {
                                    Command::kCancel));
 }
 
+TEST_F(StatusChangeCancel, OfTheDaemonGivesItsConnectionBack) {
+    const SCARDCONTEXT context = establishAndList();
+    const auto waitEndedByTheHost = [&] {
+        SCARD_READERSTATEA states[] = {readerState(kHostReader, SCARD_STATE_UNAWARE),
+                                       unchangedRemote()};
+        EXPECT_THAT(SCardGetStatusChangeA(context, INFINITE, states, 2), Gives(SCARD_S_SUCCESS));
+    };
+    waitEndedByTheHost();
+    const std::size_t connections = daemon.handshakes().size();
+    for (int round = 0; round < 20; ++round) {
+        waitEndedByTheHost();
+    }
+    // Some answers may be late; each that is given up costs a connection.
+    EXPECT_LT(daemon.handshakes().size() - connections, 10U);
+}
+
 TEST_F(StatusChangeCancel, IsNotLostInHundredsOfRacesWithRemoteChanges) {
     const SCARDCONTEXT context = establishAndList();
     DWORD state = SCARD_STATE_PRESENT;
