@@ -206,6 +206,8 @@ TEST_F(SharedWaits, ADaemonThatComesBackInterruptsThemEvenWhenItsLossWasNotSeen)
     ASSERT_TRUE(transport().waitForMonitorOpens(opens + 1));
     const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
     waitForHostWait();
+    ASSERT_TRUE(eventually(
+        [this] { return log().count(kStatusChange, "intermediate rv: 0x8010001D") == 1; }));
     startDaemon();
     EXPECT_THAT(wait.result(), Gives(SCARD_E_NO_SERVICE)) << "the lost half's code stands";
 }
