@@ -12,7 +12,11 @@ file(GLOB runtime /usr/lib/gcc/x86_64-w64-mingw32/*-posix)
 set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES ${runtime}/include/c++ ${runtime}/include/c++/x86_64-w64-mingw32)
 # Thread-local variables as that library has them.
 set(CMAKE_CXX_FLAGS_INIT -femulated-tls)
-# GNU ld complains of each object that the two compilers lay out differently.
+# GNU ld, as lld loses unwind data of that library's objects: registers are wrong after some exceptions.
+# It warns of each object that the two compilers lay out differently; the option that hides that would
+# hide missing symbols, too.
 foreach(kind EXE SHARED MODULE)
-    set(CMAKE_${kind}_LINKER_FLAGS_INIT "-fuse-ld=lld -pthread -L${runtime}")
+    set(CMAKE_${kind}_LINKER_FLAGS_INIT "-pthread -L${runtime}")
 endforeach()
+# Where GCC compares and swaps, clang calls.
+set(CMAKE_CXX_STANDARD_LIBRARIES "${CMAKE_CXX_STANDARD_LIBRARIES} -latomic")
