@@ -59,7 +59,7 @@ class MutePipe {
         for (DWORD count = 0; count < instances; ++count) {
             pipes_.emplace_back(CreateNamedPipeW(kPipe, direction, PIPE_TYPE_BYTE, instances, 4096,
                                                  4096, 0, nullptr));
-            EXPECT_NE(pipes_.back().get(), INVALID_HANDLE_VALUE);
+            EXPECT_TRUE(pipes_.back());
         }
     }
 
@@ -67,7 +67,7 @@ class MutePipe {
     void take() {
         clients_.emplace_back(CreateFileW(kPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                           OPEN_EXISTING, 0, nullptr));
-        EXPECT_NE(clients_.back().get(), INVALID_HANDLE_VALUE);
+        EXPECT_TRUE(clients_.back());
     }
 
   private:
