@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "child_process.h"
+#include "program_directory.h"
 #include "simulator_process.h"
 
 namespace tez::test {
@@ -23,8 +24,8 @@ using testing::SizeIs;
 constexpr const wchar_t* kPipe = LR"(\\.\pipe\tez-pcscd-0)";
 
 /// The doctor's findings; a test failure when the exit code says something else than they do.
-std::vector<json> examine() {
-    ChildProcess doctor("pcsc-client.exe", "doctor --json");
+std::vector<json> examine(const std::string& program = "pcsc-client.exe") {
+    ChildProcess doctor(program, "doctor --json");
     const json report = json::parse(doctor.readRest());
     const bool isWell = report.at("ok");
     EXPECT_THAT(doctor.waitForEnd(kToolPatience), Optional(isWell ? 0U : 1U));
@@ -87,6 +88,38 @@ TEST(ClientDoctorTest, FindsAllWell) {
                               "Remote Reader 1: no card"}));
     EXPECT_THAT(texts(findings), Contains(HasSubstr("winscard.dll, version 1.")));
     EXPECT_THAT(texts(findings), Contains(HasSubstr("SCardListCards: SCARD_S_SUCCESS")));
+}
+
+/// The client in a folder of its own, without the library beside it.
+class ClientAlone {
+  public:
+    ClientAlone() {
+        std::filesystem::create_directory(folder());
+        std::filesystem::copy_file(programDirectory() + "\\pcsc-client.exe", folder() + name_);
+    }
+    ~ClientAlone() { std::filesystem::remove_all(folder()); }
+    ClientAlone(const ClientAlone&) = delete;
+    ClientAlone& operator=(const ClientAlone&) = delete;
+
+    /// Seen from the folder of the programs.
+    std::string program() const { return folder_ + name_; }
+
+  private:
+    std::string folder() const { return programDirectory() + "\\" + folder_; }
+
+    const std::string folder_ = "alone-" + std::to_string(GetCurrentProcessId());
+    const std::string name_ = "\\pcsc-client.exe";
+};
+
+TEST(ClientDoctorTest, TellsOfTheSystemsOwnLibrary) {
+    const SimulatorProcess simulator;
+    const ClientAlone client;
+    const std::vector<json> findings = examine(client.program());
+    EXPECT_THAT(
+        complaints(findings),
+        testing::ElementsAre(AllOf(testing::ContainsRegex(R"(^library: .*ystem32.*winscard\.dll)"),
+                                   HasSubstr(": this is the system's own"))));
+    EXPECT_THAT(texts(findings), Contains("Host Reader 0 (host)"));
 }
 
 TEST(ClientDoctorTest, MissesTheDaemon) {

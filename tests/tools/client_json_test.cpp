@@ -10,6 +10,7 @@ namespace tez::test {
 namespace {
 
 using nlohmann::json;
+using testing::HasSubstr;
 using testing::Optional;
 
 class ClientJsonTest : public ClientTest {
@@ -83,12 +84,23 @@ TEST_F(ClientJsonTest, TellsOfTheCardDatabaseAndTheCache) {
     EXPECT_EQ(object("cards --atr 3B00"),
               json::parse(R"({"atr": "3B 00", "cards": [], "ok": true})"));
     EXPECT_EQ(object("introduce \"A Card\" --atr 3B01FF").at("introduced"), "A Card");
+    EXPECT_EQ(object("introduce \"A Card\" --reader \"Remote Reader 0\"").at("atr"), kDemoAtrText);
     EXPECT_EQ(object("forget \"A Card\"", 1).at("error").at("call"), "SCardForgetCardType");
     EXPECT_EQ(object("provider \"Demo Card\" --set \"A Provider\"").at("provider"), "A Provider");
     const std::string item = "00112233-4455-6677-8899-AABBCCDDEEFF item";
     EXPECT_EQ(object("cache put " + item + " 44656D6F").at("bytes"), 4);
     EXPECT_EQ(object("cache get " + item, 1).at("error").at("result").at("code"), "0x80100070");
     EXPECT_EQ(object("started"), json::parse(R"({"atOnce": true, "then": true, "ok": true})"));
+}
+
+TEST_F(ClientJsonTest, TellsOfAnIconAndOfAnOpenCard) {
+    const std::filesystem::path file = cardFile().replace_extension(".ico");
+    const json icon = object("icon 0 --file " + file.string());
+    EXPECT_EQ(icon.at("bytes"), std::filesystem::file_size(file));
+    EXPECT_EQ(icon.at("file"), file.string());
+    std::filesystem::remove(file);
+    EXPECT_THAT(shellOutput({"connect 0 --json"}, 0),
+                HasSubstr(R"({"reader":"Remote Reader 0","protocol":"T=1","ok":true})"));
 }
 
 TEST_F(ClientJsonTest, WritesAnObjectForEachEventOfAWatch) {

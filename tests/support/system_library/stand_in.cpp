@@ -90,6 +90,10 @@ extern "C" {
 TEZ_FOR_EACH_SYSTEM_CALL(TEZ_FORWARD_CALL)
 #undef TEZ_FORWARD_CALL
 
+extern const SCARD_IO_REQUEST standInT0Pci = {SCARD_PROTOCOL_T0, sizeof(SCARD_IO_REQUEST)};
+extern const SCARD_IO_REQUEST standInT1Pci = {SCARD_PROTOCOL_T1, sizeof(SCARD_IO_REQUEST)};
+extern const SCARD_IO_REQUEST standInRawPci = {SCARD_PROTOCOL_RAW, sizeof(SCARD_IO_REQUEST)};
+
 void StandInSetCalls(tez::test::SystemCalls* calls) {
     tez::test::Switchboard::instance().setCalls(calls);
 }
