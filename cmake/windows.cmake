@@ -15,9 +15,9 @@ if(TEZ_CHECKED)
 endif()
 
 # A caller may keep a value in a register that it has seen an inline function leave alone; on this
-# target the compiler does so even where the linker takes the function from another file, which was
+# target GCC does so even where the linker takes the function from another file, which was
 # compiled with other options and uses that register.
-add_compile_options(-fno-ipa-ra)
+add_compile_options($<$<CXX_COMPILER_ID:GNU>:-fno-ipa-ra>)
 
 target_compile_definitions(tez_options INTERFACE _WIN32_WINNT=0x0602 WIN32_LEAN_AND_MEAN NOMINMAX)
 
