@@ -128,7 +128,7 @@ bool DaemonConnectionTEZ::handshake(const char* token, std::int32_t cacheOption)
 
 /// What the two directions say in the log.
 struct DaemonConnectionTEZ::Direction {
-    FunctionLog log;
+    FunctionLog functionLog;
     void (*logRefused)(const FunctionLog& log, HANDLE pipe, DWORD error);
     void (*logTimeout)(const FunctionLog& log);
     void (*logPartial)(const FunctionLog& log, DWORD count, std::uint64_t n);
@@ -164,8 +164,8 @@ auto DaemonConnectionTEZ::startTransfer(const Direction& direction, std::uint64_
     -> Transfer {
     Transfer operation = OverlappedTransfer::create();
     if (operation == nullptr) {
-        direction.log.debug("Could not create an overlapped operation: 0x%08X",
-                            static_cast<unsigned>(GetLastError()));
+        direction.functionLog.debug("Could not create an overlapped operation: 0x%08X",
+                                    static_cast<unsigned>(GetLastError()));
         return nullptr;
     }
     const HANDLE pipe = pipeHandle_.get();
@@ -173,7 +173,7 @@ auto DaemonConnectionTEZ::startTransfer(const Direction& direction, std::uint64_
     if (start(pipe, static_cast<DWORD>(n), operation->overlapped()) == FALSE) {
         const DWORD error = GetLastError();
         if (error != ERROR_IO_PENDING) {
-            direction.logRefused(direction.log, pipe, error);
+            direction.logRefused(direction.functionLog, pipe, error);
             return nullptr;
         }
         operation->markPending();
@@ -186,19 +186,19 @@ std::uint64_t DaemonConnectionTEZ::finishTransfer(const Direction& direction, Tr
     const HANDLE pipe = pipeHandle_.get();
     if (operation->isPending() &&
         WaitForSingleObject(operation->event(), timeout) != WAIT_OBJECT_0) {
-        direction.logTimeout(direction.log);
+        direction.logTimeout(direction.functionLog);
         CancelIoEx(pipe, operation->overlapped());
         OverlappedTransfer::push(cancelled_, std::move(operation));
         return kFailed;
     }
     DWORD count = 0;
     if (GetOverlappedResult(pipe, operation->overlapped(), &count, FALSE) == FALSE) {
-        direction.log.debug("Could not get the result of the overlapped operation: 0x%08X",
-                            static_cast<unsigned>(GetLastError()));
+        direction.functionLog.debug("Could not get the result of the overlapped operation: 0x%08X",
+                                    static_cast<unsigned>(GetLastError()));
         return kFailed;
     }
     if (count < n) {
-        direction.logPartial(direction.log, count, n);
+        direction.logPartial(direction.functionLog, count, n);
     }
     return count;
 }
