@@ -1,6 +1,6 @@
 -- Makes a page of a Markdown file of the repository: its first heading becomes the title, links to
 -- other Markdown files lead to their pages. Fails for a link that leads to no file or no heading, and
--- for one to a file that is not handed on with the pages.
+-- for one to a file, or a picture, that is not handed on with the pages.
 
 local function read(path)
     local file = io.open(path)
@@ -55,7 +55,11 @@ function Pandoc(document)
         return element
     end
     local function image(element)
-        read(resolve(element.src))
+        local path = resolve(element.src)
+        read(path)
+        if not path:match("^docs/pictures/.*%.svg$") and not path:match("^docs/images/.*%.png$") then
+            error(source .. ": " .. element.src .. " is not handed on with the pages")
+        end
     end
     document = document:walk {Link = link, Image = image}
     document:walk {Header = function(header)
