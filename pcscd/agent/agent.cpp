@@ -6,6 +6,12 @@
 #include "link/hello.h"
 
 namespace tez::agent {
+namespace {
+
+// A program has some ten connections, each of which takes two threads here.
+constexpr std::size_t kMostConnections = 1000;
+
+}  // namespace
 
 Agent::~Agent() {
     {
@@ -42,6 +48,10 @@ void Agent::run(const Listener& listener, int stop) {
     while (FileDescriptor socket = listener.accept(stop)) {
         removeEnded();
         const std::scoped_lock lock(mutex_);
+        if (connections_.size() == kMostConnections) {
+            logLine("closed a connection, there are too many");
+            continue;
+        }
         Connection& connection = connections_.emplace_back(std::move(socket));
         connection.thread = std::thread([this, &connection, number = ++accepted_] {
             serve(connection.stream, number);

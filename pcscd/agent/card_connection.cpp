@@ -31,7 +31,7 @@ SCARD_IO_REQUEST ioRequest(std::uint32_t protocol) {
 }  // namespace
 
 CardConnection::~CardConnection() {
-    close(std::nullopt);
+    close(pcscd::disposition::kReset);
 }
 
 /// Makes a call of the service, again and again while another program's transaction keeps it out.
@@ -73,11 +73,11 @@ pcscd::Result CardConnection::open(std::uint32_t shareMode, std::uint32_t protoc
     return result::kSuccess;
 }
 
-void CardConnection::close(std::optional<std::uint32_t> disposition) {
+void CardConnection::close(std::uint32_t disposition) {
     closing_ = true;
     const std::scoped_lock lock(mutex_);
-    if (context_ && disposition) {
-        SCardDisconnect(card_, *disposition);
+    if (context_) {
+        SCardDisconnect(card_, disposition);
     }
     context_.reset();
 }

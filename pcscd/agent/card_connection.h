@@ -26,7 +26,7 @@ class CardConnection {
         : serviceName_(std::move(serviceName)), name_(std::move(servedName)), owner_(owner) {}
     CardConnection(const CardConnection&) = delete;
     CardConnection& operator=(const CardConnection&) = delete;
-    /// Closes.
+    /// Closes, and resets the card.
     ~CardConnection();
 
     const std::string& reader() const { return name_; }
@@ -34,9 +34,8 @@ class CardConnection {
 
     /// To be called once, before all others.
     pcscd::Result open(std::uint32_t shareMode, std::uint32_t protocols, std::uint32_t& active);
-    /// Ends the connection. Without a disposition the service resets the card. Waits for a command
-    /// that the card is busy with.
-    void close(std::optional<std::uint32_t> disposition);
+    /// Ends the connection. Waits for a command that the card is busy with.
+    void close(std::uint32_t disposition);
 
     pcscd::Result reconnect(std::uint32_t shareMode, std::uint32_t protocols,
                             std::uint32_t initialization, std::uint32_t& active);

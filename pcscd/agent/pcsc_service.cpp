@@ -97,7 +97,7 @@ std::vector<PcscService::ConnectionPointer> PcscService::takeOut(pcscd::Context 
     return connections;
 }
 
-Result PcscService::releaseContext(pcscd::Context context) {
+Result PcscService::closeContext(pcscd::Context context, std::uint32_t disposition) {
     std::vector<ConnectionPointer> connections;
     {
         const std::scoped_lock lock(mutex_);
@@ -107,7 +107,7 @@ Result PcscService::releaseContext(pcscd::Context context) {
         connections = takeOut(context);
     }
     for (const ConnectionPointer& connection : connections) {
-        connection->close(std::nullopt);
+        connection->close(disposition);
     }
     return result::kSuccess;
 }
@@ -123,7 +123,7 @@ void PcscService::releaseAll() {
         }
     }
     for (const ConnectionPointer& connection : connections) {
-        connection->close(std::nullopt);
+        connection->close(pcscd::disposition::kReset);
     }
 }
 

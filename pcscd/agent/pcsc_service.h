@@ -31,7 +31,7 @@ class PcscService final : public pcscd::CardService {
     PcscService& operator=(const PcscService&) = delete;
 
     pcscd::Result establishContext(std::uint32_t scope, pcscd::Context& context) override;
-    pcscd::Result releaseContext(pcscd::Context context) override;
+    pcscd::Result closeContext(pcscd::Context context, std::uint32_t disposition) override;
     pcscd::Result isValidContext(pcscd::Context context) const override;
     void releaseAll() override;
     pcscd::Result listReaders(pcscd::Context context,

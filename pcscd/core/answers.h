@@ -23,7 +23,7 @@ struct Call {
     std::span<const std::uint8_t> data;  ///< what follows the record
 };
 
-/// As records tell it.
+/// As a record's field holds it; nothing that is sent is longer than 16 MiB.
 inline std::uint32_t sizeOf(const Bytes& bytes) {
     return static_cast<std::uint32_t>(bytes.size());
 }

@@ -52,9 +52,11 @@ class CardService {
     CardStore& cardStore() noexcept { return cardStore_; }
 
     virtual Result establishContext(std::uint32_t scope, Context& context) = 0;
-    /// Also ends the context's waits (result::kCancelled) and closes its cards, which are reset, as
-    /// nobody has said that they may be left as they are.
-    virtual Result releaseContext(Context context) = 0;
+    /// Also ends the context's waits (result::kCancelled) and closes its cards, which are left as
+    /// they are.
+    Result releaseContext(Context context) { return closeContext(context, disposition::kLeave); }
+    /// As releaseContext, with something else to be done to the cards.
+    virtual Result closeContext(Context context, std::uint32_t disposition) = 0;
     virtual Result isValidContext(Context context) const = 0;
     /// Releases every context; readers and cards stay.
     virtual void releaseAll() = 0;

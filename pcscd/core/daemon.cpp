@@ -124,7 +124,8 @@ void Daemon::serve(ByteStream& stream, std::uint64_t connection, Clients::Proces
 
 void Daemon::release(const Clients::Contexts& contexts) {
     for (const Context context : contexts) {
-        service_.releaseContext(context);
+        // What the program has done to a card, such as showing a PIN, is for no other one.
+        service_.closeContext(context, disposition::kReset);
     }
 }
 

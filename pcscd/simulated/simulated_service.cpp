@@ -162,12 +162,12 @@ Result SimulatedService::establishContext(std::uint32_t scope, Context& context)
     return result::kSuccess;
 }
 
-Result SimulatedService::releaseContext(Context context) {
+Result SimulatedService::closeContext(Context context, std::uint32_t disposition) {
     const Lock lock(mutex_);
     if (!knows(context)) {
         return result::kInvalidHandle;
     }
-    dropContext(context);
+    dropContext(context, disposition);
     changed_.notify_all();
     return result::kSuccess;
 }
@@ -175,12 +175,12 @@ Result SimulatedService::releaseContext(Context context) {
 void SimulatedService::releaseAll() {
     const Lock lock(mutex_);
     while (!contexts_.empty()) {
-        dropContext(contexts_.begin()->first);
+        dropContext(contexts_.begin()->first, disposition::kLeave);
     }
     changed_.notify_all();
 }
 
-void SimulatedService::dropContext(Context context) {
+void SimulatedService::dropContext(Context context, std::uint32_t disposition) {
     std::vector<Card> cards;
     for (const auto& [card, connection] : connections_) {
         if (connection->context == context) {
@@ -188,7 +188,7 @@ void SimulatedService::dropContext(Context context) {
         }
     }
     for (const Card card : cards) {
-        dispose(*connections_.at(card), disposition::kReset);
+        dispose(*connections_.at(card), disposition);
         closeConnection(card);
     }
     contexts_.at(context)->released = true;

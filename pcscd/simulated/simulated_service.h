@@ -72,7 +72,7 @@ class SimulatedService final : public CardService {
     Result listReaderGroups(Context context, std::vector<std::string>& groups) const;
 
     Result establishContext(std::uint32_t scope, Context& context) override;
-    Result releaseContext(Context context) override;
+    Result closeContext(Context context, std::uint32_t disposition) override;
     Result isValidContext(Context context) const override;
     void releaseAll() override;
     /// The names in the order in which the readers were added.
@@ -133,7 +133,7 @@ class SimulatedService final : public CardService {
     static void takeOut(Reader& reader);
     static void dispose(Connection& connection, std::uint32_t disposition);
     void closeConnection(Card card);
-    void dropContext(Context context);
+    void dropContext(Context context, std::uint32_t disposition);
     bool waitForCount(const std::size_t& counter, std::size_t count,
                       std::chrono::milliseconds timeout) const;
 

@@ -1,4 +1,5 @@
 // The simulator program's commands, from its console and from a script.
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
@@ -9,6 +10,9 @@
 namespace tez::test {
 namespace {
 
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
 using testing::Optional;
 
 TEST(SimulatorProgramTest, ChangesItsReadersWhenToldTo) {
@@ -86,6 +90,22 @@ TEST(SimulatorProgramTest, RefusesReadersThatCannotBe) {
     simulator.waitFor("A: card");
     simulator.waitFor(longest + ": empty");
     EXPECT_THAT(simulator.quit(), Optional(1U));
+}
+
+TEST(SimulatorProgramTest, TakesBackWhatAProgramHeldThatHasDied) {
+    SimulatorProcess simulator;
+    ChildProcess watch("pcsc-client.exe", "watch \"Remote Reader 0\" --changes 2");
+    const auto line = [&watch] { return watch.readLine().value_or("ended"); };
+    while (line().find("watching") == std::string::npos) {
+    }
+    ChildProcess holder("pcsc-client.exe", "shell");
+    holder.writeLine("connect \"Remote Reader 0\"");
+    EXPECT_THAT(line(), HasSubstr("in use"));
+    const auto end = std::chrono::steady_clock::now();
+    holder.kill();
+    EXPECT_THAT(line(), AllOf(HasSubstr("card present"), Not(HasSubstr("in use"))));
+    EXPECT_LT(std::chrono::steady_clock::now() - end, std::chrono::seconds(1));
+    EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
 }
 
 TEST(SimulatorProgramTest, FailsWithoutItsScript) {
