@@ -2,8 +2,8 @@
 
 #include <sddl.h>
 
+#include "pipe/system_failure.h"
 #include "relay/security_identifier.h"
-#include "relay/system_failure.h"
 
 namespace tez::relay {
 namespace {
@@ -25,7 +25,7 @@ AccessList::AccessList(const std::vector<std::string>& users) {
     PSECURITY_DESCRIPTOR descriptor = nullptr;
     if (ConvertStringSecurityDescriptorToSecurityDescriptorA(text_.c_str(), SDDL_REVISION_1,
                                                              &descriptor, nullptr) == FALSE) {
-        throw systemFailure("no access list for the pipe");
+        throw pcscd::systemFailure("no access list for the pipe");
     }
     descriptor_.reset(descriptor);
     attributes_ = {sizeof attributes_, descriptor, FALSE};

@@ -9,7 +9,7 @@
 #include <string>
 #include <ws2tcpip.h>
 
-#include "relay/system_failure.h"
+#include "pipe/system_failure.h"
 
 namespace tez::relay {
 namespace {
@@ -26,7 +26,7 @@ Addresses resolve(const AgentAddress& address) {
     addrinfo* found = nullptr;
     const int error = getaddrinfo(address.host.c_str(), address.port.c_str(), &hints, &found);
     if (error != 0) {
-        throw systemFailure("no address for " + address.host, static_cast<DWORD>(error));
+        throw pcscd::systemFailure("no address for " + address.host, static_cast<DWORD>(error));
     }
     return Addresses(found);
 }
@@ -41,32 +41,33 @@ LPFN_CONNECTEX connectFunction(const Socket& socket) {
     DWORD size = 0;
     if (WSAIoctl(socket.get(), SIO_GET_EXTENSION_FUNCTION_POINTER, &id, sizeof id, &function,
                  sizeof function, &size, nullptr, nullptr) != 0) {
-        throw systemFailure("no overlapped connect");
+        throw pcscd::systemFailure("no overlapped connect");
     }
     return function;
 }
 
 /// The ordinary connect could be interrupted only by closing its socket.
-Socket connectTo(const addrinfo& address, Transfer& transfer, HANDLE interrupt, Limit limit) {
+Socket connectTo(const addrinfo& address, pcscd::Transfer& transfer, HANDLE interrupt,
+                 pcscd::Limit limit) {
     Socket socket(WSASocketW(address.ai_family, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
                              WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT));
     if (!socket) {
-        throw systemFailure("no socket");
+        throw pcscd::systemFailure("no socket");
     }
     const LPFN_CONNECTEX connectEx = connectFunction(socket);
     sockaddr_storage any = {};
     any.ss_family = static_cast<short>(address.ai_family);
     const auto length = static_cast<int>(address.ai_addrlen);
     if (bind(socket.get(), reinterpret_cast<const sockaddr*>(&any), length) != 0) {
-        throw systemFailure("no local port");
+        throw pcscd::systemFailure("no local port");
     }
-    const Outcome outcome =
+    const pcscd::Outcome outcome =
         transfer.run(socket.handle(), {interrupt}, limit, [&](OVERLAPPED* overlapped) {
             return connectEx(socket.get(), address.ai_addr, length, nullptr, 0, nullptr,
                              overlapped) != FALSE;
         });
     if (outcome.error != ERROR_SUCCESS) {
-        throw systemFailure("nothing answers", outcome.error);
+        throw pcscd::systemFailure("nothing answers", outcome.error);
     }
     setOption(socket, SOL_SOCKET, SO_UPDATE_CONNECT_CONTEXT, 0);
     // A request goes out in several small pieces, none of which may wait for the last one's
@@ -75,8 +76,8 @@ Socket connectTo(const addrinfo& address, Transfer& transfer, HANDLE interrupt, 
     return socket;
 }
 
-Socket connectToAny(const AgentAddress& address, Transfer& transfer, HANDLE interrupt,
-                    Limit limit) {
+Socket connectToAny(const AgentAddress& address, pcscd::Transfer& transfer, HANDLE interrupt,
+                    pcscd::Limit limit) {
     const Addresses addresses = resolve(address);
     for (const addrinfo* next = addresses.get();; next = next->ai_next) {
         try {
@@ -115,7 +116,7 @@ Winsock::Winsock() {
     WSADATA data = {};
     const int error = WSAStartup(MAKEWORD(2, 2), &data);
     if (error != 0) {
-        throw systemFailure("no sockets", static_cast<DWORD>(error));
+        throw pcscd::systemFailure("no sockets", static_cast<DWORD>(error));
     }
 }
 
@@ -137,7 +138,8 @@ AgentStream::AgentStream(const Peer& peer, std::uint32_t processId, HANDLE inter
     }
 }
 
-Outcome AgentStream::read(std::span<std::uint8_t> buffer, Interrupts interrupts, Limit limit) {
+pcscd::Outcome AgentStream::read(std::span<std::uint8_t> buffer, pcscd::Interrupts interrupts,
+                                 pcscd::Limit limit) {
     return reading_.run(socket_.handle(), interrupts, limit, [&](OVERLAPPED* overlapped) {
         WSABUF target = bufferOf(buffer);
         DWORD flags = 0;
@@ -145,11 +147,11 @@ Outcome AgentStream::read(std::span<std::uint8_t> buffer, Interrupts interrupts,
     });
 }
 
-bool AgentStream::readAll(std::span<std::uint8_t> buffer, HANDLE interrupt, Limit limit) {
+bool AgentStream::readAll(std::span<std::uint8_t> buffer, HANDLE interrupt, pcscd::Limit limit) {
     const auto end = std::chrono::steady_clock::now() + limit;
     while (!buffer.empty()) {
-        const auto rest = std::chrono::ceil<Limit>(end - std::chrono::steady_clock::now());
-        const Outcome outcome = read(buffer, {interrupt}, std::max(rest, Limit(0)));
+        const auto rest = std::chrono::ceil<pcscd::Limit>(end - std::chrono::steady_clock::now());
+        const pcscd::Outcome outcome = read(buffer, {interrupt}, std::max(rest, pcscd::Limit(0)));
         if (outcome.error != ERROR_SUCCESS || outcome.count == 0) {
             return false;
         }
@@ -158,9 +160,9 @@ bool AgentStream::readAll(std::span<std::uint8_t> buffer, HANDLE interrupt, Limi
     return true;
 }
 
-bool AgentStream::write(std::span<const std::uint8_t> bytes, Interrupts interrupts) {
-    const Outcome outcome =
-        writing_.run(socket_.handle(), interrupts, kNoLimit, [&](OVERLAPPED* overlapped) {
+bool AgentStream::write(std::span<const std::uint8_t> bytes, pcscd::Interrupts interrupts) {
+    const pcscd::Outcome outcome =
+        writing_.run(socket_.handle(), interrupts, pcscd::kNoLimit, [&](OVERLAPPED* overlapped) {
             WSABUF source = bufferOf(bytes);
             return WSASend(socket_.get(), &source, 1, nullptr, 0, overlapped, nullptr) == 0;
         });

@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "link/hello.h"
+#include "pipe/transfer.h"
 #include "relay/agent_address.h"
-#include "relay/transfer.h"
 
 namespace tez::relay {
 
@@ -53,7 +53,8 @@ class AgentStream {
     struct Peer {
         AgentAddress address;
         link::Token token;
-        Limit helloLimit = link::kHelloLimit;  ///< for the connection, and again for the hello
+        pcscd::Limit helloLimit =
+            link::kHelloLimit;  ///< for the connection, and again for the hello
     };
 
     /// Connects to the agent and exchanges hellos. Throws std::runtime_error, whose text tells an
@@ -62,18 +63,19 @@ class AgentStream {
     AgentStream(const Peer& peer, std::uint32_t processId, HANDLE interrupt);
 
     /// Reads what there is, at least a byte; a count of 0 without an error is the stream's end.
-    Outcome read(std::span<std::uint8_t> buffer, Interrupts interrupts, Limit limit = kNoLimit);
+    pcscd::Outcome read(std::span<std::uint8_t> buffer, pcscd::Interrupts interrupts,
+                        pcscd::Limit limit = pcscd::kNoLimit);
     /// Reads until the buffer is full. False at the stream's end, and when the limit for all of it
     /// is over.
-    bool readAll(std::span<std::uint8_t> buffer, HANDLE interrupt, Limit limit);
+    bool readAll(std::span<std::uint8_t> buffer, HANDLE interrupt, pcscd::Limit limit);
     /// False when the stream broke or the write was interrupted.
-    bool write(std::span<const std::uint8_t> bytes, Interrupts interrupts);
+    bool write(std::span<const std::uint8_t> bytes, pcscd::Interrupts interrupts);
     /// Tells the agent that nothing more comes; its own bytes can still be read.
     void finishWriting();
 
   private:
-    Transfer reading_;
-    Transfer writing_;
+    pcscd::Transfer reading_;
+    pcscd::Transfer writing_;
     Socket socket_;
 };
 

@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include "relay/system_failure.h"
+#include "pipe/system_failure.h"
 #include "utf8.h"
 
 namespace tez::relay {
@@ -26,7 +26,7 @@ std::wstring commandLineOfThisProgram(const std::vector<std::string>& words) {
     std::wstring program(kLongestPath, L'\0');
     const DWORD length = GetModuleFileNameW(nullptr, program.data(), kLongestPath);
     if (length == 0 || length == kLongestPath) {
-        throw systemFailure("cannot tell where this program is");
+        throw pcscd::systemFailure("cannot tell where this program is");
     }
     program.resize(length);
     std::wstring line = quoteWord(program);

@@ -9,7 +9,7 @@ namespace tez::relay {
 namespace {
 
 /// Between beats the agent has nothing to say: the stream's end is all that can come.
-bool staysSilent(AgentStream& control, Limit limit, HANDLE stop) {
+bool staysSilent(AgentStream& control, pcscd::Limit limit, HANDLE stop) {
     std::array<std::uint8_t, 1> unexpected = {};
     return control.read(unexpected, {stop}, limit).error == ERROR_TIMEOUT;
 }

@@ -5,8 +5,8 @@
 namespace tez::relay {
 
 struct HeartbeatLimits {
-    Limit interval = link::kHeartbeatInterval;  ///< between an echo and the next beat
-    Limit silence = link::kSilenceLimit;        ///< until an echo must have come
+    pcscd::Limit interval = link::kHeartbeatInterval;  ///< between an echo and the next beat
+    pcscd::Limit silence = link::kSilenceLimit;        ///< until an echo must have come
 };
 
 /// Sends a byte on the control stream again and again, and returns when the agent does not send it

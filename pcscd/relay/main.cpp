@@ -9,26 +9,28 @@
 #include <stdexcept>
 #include <string>
 
+#include "pipe/system_failure.h"
 #include "relay/access_list.h"
 #include "relay/options.h"
 #include "relay/relay.h"
 #include "relay/service.h"
-#include "relay/system_failure.h"
 #include "relay/token_file.h"
 #include "utf8.h"
 
 namespace {
 
 using namespace tez::relay;
+namespace pcscd = tez::pcscd;
 
 constexpr int kWrongArguments = 2;
 
 /// Two relays on one pipe would take turns at it as their agents come and go. Held as long as the
 /// program runs, whether the pipe is there or not.
-UniqueHandle claim(const std::string& pipe) {
+pcscd::UniqueHandle claim(const std::string& pipe) {
     std::wstring name = tez::tools::toPath(pipe).wstring();
     std::replace(name.begin(), name.end(), L'\\', L'/');
-    UniqueHandle mutex(CreateMutexW(nullptr, FALSE, (L"Global\\pcsc-relay " + name).c_str()));
+    pcscd::UniqueHandle mutex(
+        CreateMutexW(nullptr, FALSE, (L"Global\\pcsc-relay " + name).c_str()));
     // Another user's cannot even be opened.
     if (!mutex || GetLastError() == ERROR_ALREADY_EXISTS) {
         throw std::runtime_error("another pcsc-relay runs for " + pipe);
@@ -44,7 +46,7 @@ int serve(const Options& options, HANDLE stop) {
             log.appendTo(options.logFile);
         }
         const Winsock winsock;
-        const UniqueHandle only = claim(options.pipe);
+        const pcscd::UniqueHandle only = claim(options.pipe);
         AccessList access(options.users);
         RelaySettings settings = {};
         settings.agent.address = options.agent;
@@ -70,7 +72,7 @@ BOOL WINAPI interrupt(DWORD /*reason*/) {
 }
 
 int runInForeground(const Options& options) {
-    const UniqueHandle stop = makeEvent();
+    const pcscd::UniqueHandle stop = pcscd::makeEvent();
     interrupted = stop.get();
     SetConsoleCtrlHandler(interrupt, TRUE);
     return serve(options, stop.get());

@@ -11,11 +11,11 @@ namespace {
 using Buffer = std::array<std::uint8_t, 64U << 10U>;
 
 /// How long the agent may take to end its stream when the client is gone.
-constexpr Limit kFarewell{2000};
+constexpr pcscd::Limit kFarewell{2000};
 
-void copyRequests(PipeEnd& pipe, AgentStream& agent, HANDLE agentGone) {
+void copyRequests(pcscd::PipeEnd& pipe, AgentStream& agent, HANDLE agentGone) {
     Buffer buffer = {};
-    Outcome outcome;
+    pcscd::Outcome outcome;
     do {
         outcome = pipe.read(buffer, {agentGone});
     } while (outcome.error == ERROR_SUCCESS &&
@@ -23,11 +23,11 @@ void copyRequests(PipeEnd& pipe, AgentStream& agent, HANDLE agentGone) {
 }
 
 /// False when what comes is not of the link, so that nothing further is worth waiting for.
-bool copyAnswers(AgentStream& agent, PipeEnd& pipe, Interrupts interrupts) {
+bool copyAnswers(AgentStream& agent, pcscd::PipeEnd& pipe, pcscd::Interrupts interrupts) {
     Buffer buffer = {};
     link::FrameDecoder decoder;
     for (;;) {
-        const Outcome outcome = agent.read(buffer, interrupts);
+        const pcscd::Outcome outcome = agent.read(buffer, interrupts);
         if (outcome.error != ERROR_SUCCESS || outcome.count == 0) {
             return true;
         }
@@ -48,7 +48,7 @@ bool copyAnswers(AgentStream& agent, PipeEnd& pipe, Interrupts interrupts) {
 void awaitEnd(AgentStream& agent, HANDLE cut) {
     Buffer buffer = {};
     const auto end = std::chrono::steady_clock::now() + kFarewell;
-    Outcome outcome;
+    pcscd::Outcome outcome;
     do {
         outcome = agent.read(buffer, {cut}, kFarewell);
     } while (outcome.error == ERROR_SUCCESS && outcome.count > 0 &&
@@ -59,7 +59,7 @@ void awaitEnd(AgentStream& agent, HANDLE cut) {
 /// use.
 class Requests {
   public:
-    Requests(PipeEnd& pipe, AgentStream& agent)
+    Requests(pcscd::PipeEnd& pipe, AgentStream& agent)
         : thread_([this, &pipe, &agent] {
               copyRequests(pipe, agent, agentGone_.get());
               agent.finishWriting();
@@ -75,14 +75,14 @@ class Requests {
     HANDLE clientGone() const { return clientGone_.get(); }
 
   private:
-    const UniqueHandle clientGone_ = makeEvent();
-    const UniqueHandle agentGone_ = makeEvent();
+    const pcscd::UniqueHandle clientGone_ = pcscd::makeEvent();
+    const pcscd::UniqueHandle agentGone_ = pcscd::makeEvent();
     std::thread thread_;  // the last one: it uses the others
 };
 
 }  // namespace
 
-void copyBothWays(PipeEnd& pipe, AgentStream& agent, HANDLE cut) {
+void copyBothWays(pcscd::PipeEnd& pipe, AgentStream& agent, HANDLE cut) {
     const Requests requests(pipe, agent);
     if (copyAnswers(agent, pipe, {cut, requests.clientGone()})) {
         awaitEnd(agent, cut);

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "pipe/pipe_end.h"
 #include "relay/agent_stream.h"
-#include "relay/pipe_end.h"
 
 namespace tez::relay {
 
@@ -11,6 +11,6 @@ namespace tez::relay {
 ///
 /// What the client sent before its end reaches the agent, and what the agent sent before its end
 /// reaches the client.
-void copyBothWays(PipeEnd& pipe, AgentStream& agent, HANDLE cut);
+void copyBothWays(pcscd::PipeEnd& pipe, AgentStream& agent, HANDLE cut);
 
 }  // namespace tez::relay

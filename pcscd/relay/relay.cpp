@@ -9,9 +9,10 @@
 namespace tez::relay {
 namespace {
 
-void serveClient(const AgentStream::Peer& agent, UniqueHandle instance, HANDLE end, Log& log) {
+void serveClient(const AgentStream::Peer& agent, pcscd::UniqueHandle instance, HANDLE end,
+                 Log& log) {
     try {
-        PipeEnd pipe(std::move(instance));
+        pcscd::PipeEnd pipe(std::move(instance));
         const std::uint32_t process = pipe.clientProcess();
         if (process == link::kControlProcess) {
             log.error("a client is turned away: the system does not tell its process");
@@ -22,7 +23,7 @@ void serveClient(const AgentStream::Peer& agent, UniqueHandle instance, HANDLE e
         copyBothWays(pipe, stream, end);
         log.detail("process " + std::to_string(process) + ": disconnected");
     } catch (const std::exception& failure) {
-        if (!isSet(end)) {
+        if (!pcscd::isSet(end)) {
             log.error(std::string("a client is turned away: ") + failure.what());
         }
     }
@@ -32,10 +33,11 @@ void serveClient(const AgentStream::Peer& agent, UniqueHandle instance, HANDLE e
 /// cannot be made.
 void serveOnce(const RelaySettings& settings, HANDLE stop, Log& log) {
     AgentStream control(settings.agent, link::kControlProcess, stop);
-    const auto serve = [&](UniqueHandle instance, HANDLE end) {
+    const auto serve = [&](pcscd::UniqueHandle instance, HANDLE end) {
         serveClient(settings.agent, std::move(instance), end, log);
     };
-    const PipeServer server(settings.pipe, serve, log);
+    const pcscd::PipeServer server(settings.pipe, serve,
+                                   [&](const std::string& what) { log.error(what); });
     log.info("the agent at " + settings.agent.address.text() + " answers: serving " +
              settings.pipe.name);
     keepBeating(control, settings.heartbeat, stop);
@@ -48,10 +50,10 @@ void runRelay(const RelaySettings& settings, HANDLE stop, Log& log) {
     do {
         try {
             serveOnce(settings, stop, log);
-            log.info(isSet(stop) ? "told to stop" : "the agent is gone: the pipe is closed");
+            log.info(pcscd::isSet(stop) ? "told to stop" : "the agent is gone: the pipe is closed");
             told.clear();
         } catch (const std::exception& failure) {
-            if (told != failure.what() && !isSet(stop)) {
+            if (told != failure.what() && !pcscd::isSet(stop)) {
                 told = failure.what();
                 log.error(settings.agent.address.text() + ": " + told);
             }

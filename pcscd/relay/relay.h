@@ -1,17 +1,17 @@
 #pragma once
 
+#include "pipe/pipe_server.h"
 #include "relay/heartbeat.h"
 #include "relay/log.h"
-#include "relay/pipe_server.h"
 
 namespace tez::relay {
 
 /// What a relay is to do.
 struct RelaySettings {
     AgentStream::Peer agent;
-    PipeServer::Settings pipe;
+    pcscd::PipeServer::Settings pipe;
     HeartbeatLimits heartbeat;
-    Limit retry{500};  ///< between tries to reach the agent
+    pcscd::Limit retry{500};  ///< between tries to reach the agent
 };
 
 /// Reaches for the agent again and again and serves the pipe whenever it is there, until `stop` is

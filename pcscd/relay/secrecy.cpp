@@ -1,7 +1,7 @@
 #include "relay/secrecy.h"
 
+#include "pipe/system_failure.h"
 #include "relay/security_identifier.h"
-#include "relay/system_failure.h"
 
 namespace tez::relay {
 namespace {
@@ -37,7 +37,7 @@ PACL accessListOf(PSECURITY_DESCRIPTOR descriptor) {
     BOOL defaulted = FALSE;
     PACL list = nullptr;
     if (GetSecurityDescriptorDacl(descriptor, &present, &list, &defaulted) == FALSE) {
-        throw systemFailure("cannot read an access list");
+        throw pcscd::systemFailure("cannot read an access list");
     }
     return present != FALSE ? list : nullptr;
 }
@@ -48,7 +48,7 @@ std::optional<std::string> strangerIn(PSECURITY_DESCRIPTOR descriptor) {
     PSID owner = nullptr;
     BOOL defaulted = FALSE;
     if (GetSecurityDescriptorOwner(descriptor, &owner, &defaulted) == FALSE || owner == nullptr) {
-        throw systemFailure("cannot tell an owner");
+        throw pcscd::systemFailure("cannot tell an owner");
     }
     if (!isTrusted(owner)) {
         return nameOf(owner);
@@ -60,7 +60,7 @@ std::optional<std::string> strangerIn(PSECURITY_DESCRIPTOR descriptor) {
     for (DWORD index = 0; index < list->AceCount; ++index) {
         void* entry = nullptr;
         if (GetAce(list, index, &entry) == FALSE) {
-            throw systemFailure("cannot read an access list");
+            throw pcscd::systemFailure("cannot read an access list");
         }
         if (std::optional<std::string> stranger = strangerInEntry(entry)) {
             return stranger;

@@ -4,8 +4,8 @@
 #include <sddl.h>
 #include <stdexcept>
 
+#include "pipe/system_failure.h"
 #include "pipe/unique_handle.h"
-#include "relay/system_failure.h"
 #include "utf8.h"
 
 namespace tez::relay {
@@ -22,7 +22,7 @@ using NameBuffer = std::array<wchar_t, 256>;
 SecurityIdentifier toText(PSID identifier) {
     char* text = nullptr;
     if (ConvertSidToStringSidA(identifier, &text) == FALSE) {
-        throw systemFailure("not a security identifier");
+        throw pcscd::systemFailure("not a security identifier");
     }
     SecurityIdentifier copy(text);
     LocalFree(text);
@@ -46,13 +46,13 @@ std::string nameOf(PSID identifier) {
 SecurityIdentifier currentUser() {
     HANDLE handle = nullptr;
     if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &handle) == FALSE) {
-        throw systemFailure("cannot tell the user that runs this program");
+        throw pcscd::systemFailure("cannot tell the user that runs this program");
     }
     const pcscd::UniqueHandle token(handle);
     IdentifierBuffer buffer = {};
     DWORD size = 0;
     if (GetTokenInformation(token.get(), TokenUser, buffer.data(), sizeof buffer, &size) == FALSE) {
-        throw systemFailure("cannot tell the user that runs this program");
+        throw pcscd::systemFailure("cannot tell the user that runs this program");
     }
     return toText(reinterpret_cast<const TOKEN_USER*>(buffer.data())->User.Sid);
 }

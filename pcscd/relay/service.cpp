@@ -6,9 +6,9 @@
 #include <thread>
 #include <utility>
 
+#include "pipe/system_failure.h"
+#include "pipe/transfer.h"
 #include "relay/command_line.h"
-#include "relay/system_failure.h"
-#include "relay/transfer.h"
 
 namespace tez::relay {
 namespace {
@@ -25,7 +25,7 @@ using Service = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, CloseService>;
 Service openManager() {
     Service manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE));
     if (manager == nullptr) {
-        throw systemFailure("no access to the services (an administrator has it)");
+        throw pcscd::systemFailure("no access to the services (an administrator has it)");
     }
     return manager;
 }
@@ -51,7 +51,7 @@ bool isStopped(const Service& service) {
 /// The service in this process. The manager's functions know of no argument of the caller's.
 struct Running {
     ServiceBody body;
-    UniqueHandle stop = makeEvent();
+    pcscd::UniqueHandle stop = pcscd::makeEvent();
     SERVICE_STATUS_HANDLE status = nullptr;
 
     void report(DWORD state, int exitCode = 0) const {
@@ -99,11 +99,11 @@ void installService(const std::vector<std::string>& words) {
         SERVICE_AUTO_START, SERVICE_ERROR_NORMAL, commandLineOfThisProgram(words).c_str(), nullptr,
         nullptr, nullptr, kAccount, nullptr));
     if (service == nullptr) {
-        throw systemFailure("cannot install the service");
+        throw pcscd::systemFailure("cannot install the service");
     }
     restartWhenItFails(service);
     if (StartServiceW(service.get(), 0, nullptr) == FALSE) {
-        throw systemFailure("the service is installed but does not start");
+        throw pcscd::systemFailure("the service is installed but does not start");
     }
 }
 
@@ -111,7 +111,7 @@ void removeService() {
     const Service manager = openManager();
     const Service service(OpenServiceW(manager.get(), kName, SERVICE_ALL_ACCESS));
     if (service == nullptr) {
-        throw systemFailure("cannot open the service");
+        throw pcscd::systemFailure("cannot open the service");
     }
     SERVICE_STATUS status = {};
     ControlService(service.get(), SERVICE_CONTROL_STOP, &status);
@@ -119,7 +119,7 @@ void removeService() {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     if (DeleteService(service.get()) == FALSE) {
-        throw systemFailure("cannot remove the service");
+        throw pcscd::systemFailure("cannot remove the service");
     }
 }
 
@@ -130,7 +130,7 @@ void runService(ServiceBody body) {
     std::wstring_view(kName).copy(name.data(), name.size() - 1);
     const std::array<SERVICE_TABLE_ENTRYW, 2> table = {{{name.data(), serviceMain}, {}}};
     if (StartServiceCtrlDispatcherW(table.data()) == FALSE) {
-        throw systemFailure("only the service manager can start the service");
+        throw pcscd::systemFailure("only the service manager can start the service");
     }
 }
 

@@ -8,9 +8,9 @@
 #include <optional>
 #include <stdexcept>
 
+#include "pipe/system_failure.h"
 #include "pipe/unique_handle.h"
 #include "relay/secrecy.h"
-#include "relay/system_failure.h"
 #include "utf8.h"
 
 namespace tez::relay {
@@ -30,7 +30,7 @@ std::optional<std::string> strangerAt(HANDLE file) {
                                         OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION,
                                         nullptr, nullptr, nullptr, nullptr, &descriptor);
     if (error != ERROR_SUCCESS) {
-        throw systemFailure("cannot tell who can read the token", error);
+        throw pcscd::systemFailure("cannot tell who can read the token", error);
     }
     const std::unique_ptr<void, FreeLocal> keeper(descriptor);
     return strangerIn(descriptor);
@@ -43,7 +43,7 @@ link::Token readTokenFile(const std::string& utf8Path) {
                                                FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0,
                                                nullptr));
     if (!file) {
-        throw systemFailure("cannot read the token " + utf8Path);
+        throw pcscd::systemFailure("cannot read the token " + utf8Path);
     }
     if (const std::optional<std::string> stranger = strangerAt(file.get())) {
         throw std::runtime_error("the token " + utf8Path + " is no secret: " + *stranger +
@@ -52,7 +52,7 @@ link::Token readTokenFile(const std::string& utf8Path) {
     std::array<char, kLargestFile> text = {};
     DWORD size = 0;
     if (ReadFile(file.get(), text.data(), kLargestFile, &size, nullptr) == FALSE) {
-        throw systemFailure("cannot read the token " + utf8Path);
+        throw pcscd::systemFailure("cannot read the token " + utf8Path);
     }
     const std::optional<link::Token> token = link::parseToken({text.data(), size});
     if (!token) {

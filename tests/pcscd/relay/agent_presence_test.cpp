@@ -51,7 +51,7 @@ TEST_F(AgentPresence, HasInstancesOfThePipeToSpareForARush) {
     startBoth();
     // By now those are there that wait at any time, and one of them is taken.
     ASSERT_EQ(connect().exchange(Bytes{1}), Bytes{1});
-    std::vector<relay::UniqueHandle> clients;
+    std::vector<pcscd::UniqueHandle> clients;
     for (int i = 0; i < 3; ++i) {
         clients.emplace_back(CreateFileA(pipe_.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                          OPEN_EXISTING, 0, nullptr));
@@ -60,7 +60,7 @@ TEST_F(AgentPresence, HasInstancesOfThePipeToSpareForARush) {
 }
 
 TEST_F(AgentPresence, IsToldOnceAndNotForEachTry) {
-    settings_.retry = relay::Limit(1);
+    settings_.retry = pcscd::Limit(1);
     startRelay();
     ASSERT_TRUE(logComesToHave("nothing answers"));
     // Both ways to be away, each told once however often it is tried.
@@ -74,7 +74,7 @@ TEST_F(AgentPresence, IsToldOnceAndNotForEachTry) {
 }
 
 TEST_F(AgentPresence, EndsWhenNoEchoComes) {
-    settings_.heartbeat.silence = relay::Limit(100);
+    settings_.heartbeat.silence = pcscd::Limit(100);
     agent_.onControl(staySilent);
     agent_.start();
     startRelay();
@@ -83,7 +83,7 @@ TEST_F(AgentPresence, EndsWhenNoEchoComes) {
 }
 
 TEST_F(AgentPresence, EndsWhenATunnelFallsSilent) {
-    settings_.heartbeat = {relay::Limit(5), relay::Limit(200)};
+    settings_.heartbeat = {pcscd::Limit(5), pcscd::Limit(200)};
     std::atomic<bool> silent = false;
     agent_.onControl([&](AgentConnection& connection) {
         for (Bytes beat = connection.read(); !beat.empty(); beat = connection.read()) {
@@ -101,7 +101,7 @@ TEST_F(AgentPresence, EndsWhenATunnelFallsSilent) {
 }
 
 TEST_F(AgentPresence, LastsThroughManyHeartbeats) {
-    settings_.heartbeat.interval = relay::Limit(1);
+    settings_.heartbeat.interval = pcscd::Limit(1);
     std::atomic<int> beats = 0;
     agent_.onControl([&](AgentConnection& connection) {
         for (Bytes beat = connection.read(1); !beat.empty(); beat = connection.read(1)) {
@@ -117,7 +117,7 @@ TEST_F(AgentPresence, LastsThroughManyHeartbeats) {
 }
 
 TEST_F(AgentPresence, EndsWithAnEchoOfSomethingElse) {
-    settings_.heartbeat.silence = relay::Limit(60000);
+    settings_.heartbeat.silence = pcscd::Limit(60000);
     for (const Bytes& echo : {Bytes{1, 0, 0, 0, 77}, Bytes{2, 0, 0, 0, 0}, Bytes(5, 0xFF)}) {
         agent_.onControl([&](AgentConnection& connection) {
             connection.read(1);
@@ -133,7 +133,7 @@ TEST_F(AgentPresence, EndsWithAnEchoOfSomethingElse) {
 }
 
 TEST_F(AgentPresence, EndsWithAWordThatNobodyAskedFor) {
-    settings_.heartbeat = {relay::Limit(60000), relay::Limit(60000)};
+    settings_.heartbeat = {pcscd::Limit(60000), pcscd::Limit(60000)};
     agent_.onControl([](AgentConnection& connection) {
         connection.sendPiece(connection.read(1));
         connection.send(Bytes{0});
@@ -152,7 +152,7 @@ TEST_F(AgentPresence, IsNotThatOfAStranger) {
         {otherToken, "does not have the agent's half of the token"},
         {bytesOf("HTTP/1.1 400 Bad Request, and forty more"), "no agent"},
         {Bytes(hello.begin(), hello.end() - 1), "no answer"}};
-    settings_.agent.helloLimit = relay::Limit(300);
+    settings_.agent.helloLimit = pcscd::Limit(300);
     for (const auto& [answer, complaint] : strangers) {
         agent_.answerHelloWith(answer);
         agent_.start();
@@ -184,7 +184,7 @@ TEST_F(AgentPresence, IsTriedAgainAfterAClientWasTurnedAway) {
 }
 
 TEST_F(AgentPresence, DoesNotMakeThePipeOfAnotherProgramOurs) {
-    relay::UniqueHandle squatter(
+    pcscd::UniqueHandle squatter(
         CreateNamedPipeA(pipe_.c_str(), PIPE_ACCESS_DUPLEX, 0, 2, 0, 0, 0, nullptr));
     agent_.start();
     startRelay();

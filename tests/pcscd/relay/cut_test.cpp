@@ -20,12 +20,12 @@ class RelayCut : public RelayTest {};
 
 /// The number of the next handle: they are given out from the lowest that is free.
 std::uintptr_t nextHandle() {
-    const relay::UniqueHandle probe = relay::makeEvent();
+    const pcscd::UniqueHandle probe = pcscd::makeEvent();
     return reinterpret_cast<std::uintptr_t>(probe.get());
 }
 
 int countThreads() {
-    const relay::UniqueHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
+    const pcscd::UniqueHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
     THREADENTRY32 entry = {};
     entry.dwSize = sizeof entry;
     int count = 0;

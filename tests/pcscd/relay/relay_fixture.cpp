@@ -12,9 +12,9 @@ std::string uniqueName() {
     return "relay-test-" + std::to_string(GetCurrentProcessId());
 }
 
-relay::UniqueHandle open(const std::string& pipe) {
+pcscd::UniqueHandle open(const std::string& pipe) {
     for (;;) {
-        relay::UniqueHandle handle(CreateFileA(pipe.c_str(), GENERIC_READ | GENERIC_WRITE,
+        pcscd::UniqueHandle handle(CreateFileA(pipe.c_str(), GENERIC_READ | GENERIC_WRITE,
                                                FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                                OPEN_EXISTING, 0, nullptr));
         if (handle || GetLastError() != ERROR_PIPE_BUSY ||
@@ -74,7 +74,7 @@ RelayTest::RelayTest(std::string pipe)
     settings_.agent.address = {"127.0.0.1", std::to_string(agent_.port())};
     settings_.agent.token = FakeAgent::token();
     settings_.pipe.name = pipe_;
-    settings_.retry = relay::Limit(20);
+    settings_.retry = pcscd::Limit(20);
 }
 
 RelayTest::~RelayTest() {
@@ -85,7 +85,7 @@ RelayTest::~RelayTest() {
 }
 
 void RelayTest::startRelay() {
-    stop_ = relay::makeEvent();
+    stop_ = pcscd::makeEvent();
     relay_ = std::thread([this] { relay::runRelay(settings_, stop_.get(), log_); });
 }
 

@@ -31,7 +31,7 @@ class PipeClient {
     void close() { pipe_.reset(); }
 
   private:
-    relay::UniqueHandle pipe_;
+    pcscd::UniqueHandle pipe_;
 };
 
 /// Whether a condition comes true; asked again and again, as nothing tells.
@@ -73,7 +73,7 @@ class RelayTest : public testing::Test {
 
   private:
     relay::Log log_{true};
-    relay::UniqueHandle stop_;
+    pcscd::UniqueHandle stop_;
     std::thread relay_;
 };
 

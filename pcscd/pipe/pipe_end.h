@@ -4,9 +4,9 @@
 #include <span>
 #include <utility>
 
-#include "relay/transfer.h"
+#include "pipe/transfer.h"
 
-namespace tez::relay {
+namespace tez::pcscd {
 
 /// The server's end of one client's pipe, in byte mode. One thread may read while another one
 /// writes. Its end closes the pipe; what was written stays readable for the client.
@@ -30,4 +30,4 @@ class PipeEnd {
     Transfer writing_;
 };
 
-}  // namespace tez::relay
+}  // namespace tez::pcscd

@@ -1,10 +1,10 @@
-#include "relay/waiting_instance.h"
+#include "pipe/waiting_instance.h"
 
 #include <utility>
 
-#include "relay/system_failure.h"
+#include "pipe/system_failure.h"
 
-namespace tez::relay {
+namespace tez::pcscd {
 
 WaitingInstance::WaitingInstance(UniqueHandle instance) : instance_(std::move(instance)) {
     overlapped_.hEvent = connected_.get();
@@ -35,4 +35,4 @@ UniqueHandle WaitingInstance::take() {
     return std::move(instance_);
 }
 
-}  // namespace tez::relay
+}  // namespace tez::pcscd

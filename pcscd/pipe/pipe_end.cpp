@@ -1,6 +1,6 @@
-#include "relay/pipe_end.h"
+#include "pipe/pipe_end.h"
 
-namespace tez::relay {
+namespace tez::pcscd {
 
 std::uint32_t PipeEnd::clientProcess() const {
     ULONG process = 0;
@@ -23,4 +23,4 @@ bool PipeEnd::write(std::span<const std::uint8_t> bytes, Interrupts interrupts) 
     return outcome.error == ERROR_SUCCESS && outcome.count == bytes.size();
 }
 
-}  // namespace tez::relay
+}  // namespace tez::pcscd

@@ -7,9 +7,7 @@
 
 #include "pipe/unique_handle.h"
 
-namespace tez::relay {
-
-using pcscd::UniqueHandle;
+namespace tez::pcscd {
 
 /// A manual-reset event. Throws std::system_error when there is none to be had.
 UniqueHandle makeEvent();
@@ -53,4 +51,4 @@ class Transfer {
     UniqueHandle done_;
 };
 
-}  // namespace tez::relay
+}  // namespace tez::pcscd

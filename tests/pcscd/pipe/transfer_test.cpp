@@ -1,4 +1,4 @@
-#include "relay/transfer.h"
+#include "pipe/transfer.h"
 
 #include <array>
 #include <gmock/gmock.h>
@@ -6,7 +6,7 @@
 #include <string>
 #include <thread>
 
-using namespace tez::relay;
+using namespace tez::pcscd;
 
 namespace {
 

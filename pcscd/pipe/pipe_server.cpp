@@ -1,11 +1,11 @@
-#include "relay/pipe_server.h"
+#include "pipe/pipe_server.h"
 
 #include <iterator>
 #include <utility>
 
-#include "relay/system_failure.h"
+#include "pipe/system_failure.h"
 
-namespace tez::relay {
+namespace tez::pcscd {
 namespace {
 
 constexpr DWORD kBufferSize = 64U << 10U;
@@ -21,8 +21,8 @@ bool exists(const std::string& pipe) {
 
 }  // namespace
 
-PipeServer::PipeServer(Settings settings, Serve serve, Log& log)
-    : settings_(std::move(settings)), serve_(std::move(serve)), log_(log) {
+PipeServer::PipeServer(Settings settings, Serve serve, Complain complain)
+    : settings_(std::move(settings)), serve_(std::move(serve)), complain_(std::move(complain)) {
     if (exists(settings_.name)) {
         throw systemFailure(settings_.name + " belongs to another program", ERROR_PIPE_BUSY);
     }
@@ -59,9 +59,8 @@ bool PipeServer::fillUp() {
                 waiting = makeInstance(false);
             }
         }
-    } catch (const std::exception& failure) {
-        log_.detail(failure.what());
-        return false;
+    } catch (const std::system_error&) {
+        return false;  // the clients that are there have all that the system gives
     }
     return true;
 }
@@ -109,8 +108,8 @@ void PipeServer::startWorker(UniqueHandle instance) {
             worker.ended = true;
         });
     } catch (const std::exception& failure) {
-        log_.error(std::string("a client is turned away: ") + failure.what());
+        complain_(std::string("a client is turned away: ") + failure.what());
     }
 }
 
-}  // namespace tez::relay
+}  // namespace tez::pcscd

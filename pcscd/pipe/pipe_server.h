@@ -10,10 +10,9 @@
 #include <string>
 #include <thread>
 
-#include "relay/log.h"
-#include "relay/waiting_instance.h"
+#include "pipe/waiting_instance.h"
 
-namespace tez::relay {
+namespace tez::pcscd {
 
 /// Serves a named pipe, which exists for as long as this does, to any number of clients, each on a
 /// thread of its own.
@@ -23,14 +22,16 @@ class PipeServer {
         std::string name;
         SECURITY_ATTRIBUTES* access = nullptr;  ///< borrowed; null: what the system gives
     };
+    /// Told, on the accepting thread, of a client that could not be served.
+    using Complain = std::function<void(const std::string&)>;
 
     /// Serves one client on the instance that it has connected to. It must return soon after `end`,
     /// an event, is set, and must not throw.
     using Serve = std::function<void(UniqueHandle instance, HANDLE end)>;
 
     /// When it has returned a client can connect. Throws std::system_error when the pipe cannot be
-    /// made, which is so when another program has one of the name. `log` is borrowed.
-    PipeServer(Settings settings, Serve serve, Log& log);
+    /// made, which is so when another program has one of the name.
+    PipeServer(Settings settings, Serve serve, Complain complain);
     /// Closes the pipe and those of all clients at once; waits for their threads.
     ~PipeServer();
     PipeServer(const PipeServer&) = delete;
@@ -54,7 +55,7 @@ class PipeServer {
 
     const Settings settings_;
     const Serve serve_;
-    Log& log_;
+    const Complain complain_;
     const UniqueHandle end_ = makeEvent();
 
     // The accepting thread's.
@@ -63,4 +64,4 @@ class PipeServer {
     std::thread acceptor_;
 };
 
-}  // namespace tez::relay
+}  // namespace tez::pcscd

@@ -1,11 +1,11 @@
-#include "relay/transfer.h"
+#include "pipe/transfer.h"
 
 #include <algorithm>
 #include <array>
 
-#include "relay/system_failure.h"
+#include "pipe/system_failure.h"
 
-namespace tez::relay {
+namespace tez::pcscd {
 
 UniqueHandle makeEvent() {
     UniqueHandle event(CreateEventA(nullptr, TRUE, FALSE, nullptr));
@@ -40,4 +40,4 @@ Outcome Transfer::finish(HANDLE file, Interrupts interrupts, Limit limit) {
     return outcome;
 }
 
-}  // namespace tez::relay
+}  // namespace tez::pcscd

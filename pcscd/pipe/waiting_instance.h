@@ -1,8 +1,8 @@
 #pragma once
 
-#include "relay/transfer.h"
+#include "pipe/transfer.h"
 
-namespace tez::relay {
+namespace tez::pcscd {
 
 /// An instance of a pipe that waits for a client. Its end closes it, whether one has come or not.
 class WaitingInstance {
@@ -26,4 +26,4 @@ class WaitingInstance {
     OVERLAPPED overlapped_ = {};
 };
 
-}  // namespace tez::relay
+}  // namespace tez::pcscd
