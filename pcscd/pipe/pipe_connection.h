@@ -6,10 +6,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <span>
 
 #include "core/byte_stream.h"
-#include "pipe/unique_handle.h"
+#include "pipe/pipe_end.h"
 
 namespace tez::pcscd {
 
@@ -44,14 +45,14 @@ class PipeConnection final : public ByteStream {
     void endTransfer(bool reading);
 
     const std::uint64_t number_;
-    const std::uint32_t process_;
-    const UniqueHandle closing_;  // manual-reset events that end transfers in progress
-    const UniqueHandle pausing_;
+    const UniqueHandle closing_ = makeEvent();  // these end transfers in progress
+    const UniqueHandle pausing_ = makeEvent();
     std::mutex writing_;  // one write at a time
 
     std::mutex mutex_;  // guards what follows
     std::condition_variable changed_;
-    UniqueHandle pipe_;
+    std::optional<PipeEnd> pipe_;  // until it is closed
+    const std::uint32_t process_;
     bool closed_ = false;
     bool paused_ = false;
     bool reading_ = false;

@@ -14,7 +14,7 @@ namespace tez::pcscd {
 class PipeDaemon : public Daemon {
   public:
     /// Does not serve yet. The service is borrowed.
-    PipeDaemon(CardService& service, ProtocolVersion version, PipeOptions pipe)
+    PipeDaemon(CardService& service, ProtocolVersion version, PipeServer::Settings pipe)
         : Daemon(service, version), listener_(std::move(pipe), [this](PipeConnection& connection) {
               serve(connection, connection.number(), connection.process());
           }) {}

@@ -1,38 +1,27 @@
 #pragma once
 
-#include <windows.h>
-
-#include <condition_variable>
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <string>
-#include <thread>
+#include <optional>
 #include <vector>
 
 #include "pipe/pipe_connection.h"
+#include "pipe/pipe_server.h"
 
 namespace tez::pcscd {
 
-struct PipeOptions {
-    std::string name = R"(\\.\pipe\tez-pcscd-0)";
-    DWORD bufferSize = 4096;  ///< bytes that a client can write unread
-    /// A client beyond them finds the pipe busy. With fewer than two the pipe's name is gone for a
-    /// moment whenever the only connection ends.
-    DWORD maxInstances = PIPE_UNLIMITED_INSTANCES;
-    DWORD busyWait = 5000;  ///< ms that a client waits when it asks for the server's default
-};
-
-/// Serves a byte-mode named pipe to any number of clients, each on a thread of its own.
+/// Serves a pipe again and again, and knows the connections that are open.
 class PipeListener {
   public:
-    /// Serves one client; the connection is closed when it returns.
+    /// Serves one client; the connection is closed when it returns. Throws std::exception when it
+    /// cannot.
     using Serve = std::function<void(PipeConnection&)>;
 
-    PipeListener(PipeOptions options, Serve serve);
+    PipeListener(PipeServer::Settings settings, Serve serve)
+        : settings_(std::move(settings)), serve_(std::move(serve)) {}
     ~PipeListener();
     PipeListener(const PipeListener&) = delete;
     PipeListener& operator=(const PipeListener&) = delete;
@@ -48,7 +37,7 @@ class PipeListener {
     /// Counts a connection that has closed its pipe as open no more, though `serve` goes on.
     void forget(std::uint64_t connection);
     /// Waits for all threads, after close().
-    void join();
+    void join() { server_.reset(); }
     bool serving() const;
 
     /// Applies to the connections that there are and those to come.
@@ -63,27 +52,19 @@ class PipeListener {
   private:
     using Connections = std::map<std::uint64_t, std::shared_ptr<PipeConnection>>;
 
-    UniqueHandle claimName() const;
-    UniqueHandle createInstance(bool first) const;
-    UniqueHandle createInstanceWhenFree();
-    void listen(UniqueHandle instance);
-    bool waitForClient(HANDLE instance) const;
-    void accept(UniqueHandle instance);
-    void run(const std::shared_ptr<PipeConnection>& connection);
+    void setServing(bool serving);
+    std::shared_ptr<PipeConnection> enter(UniqueHandle instance);
+    void serve(UniqueHandle instance);
 
-    const PipeOptions options_;
+    const PipeServer::Settings settings_;
     const Serve serve_;
-    const UniqueHandle stop_;  // manual-reset event: the accepting thread is to end
-    UniqueHandle claim_;       // while serving: keeps a second listener off the pipe's name
-    std::thread acceptor_;
 
-    mutable std::mutex mutex_;  // guards what follows
-    std::condition_variable connectionEnded_;
+    mutable std::mutex mutex_;  // guards what follows, but for the server
     bool serving_ = false;
     bool paused_ = false;
     std::uint64_t accepted_ = 0;
     Connections open_;
-    std::vector<std::thread> workers_;
+    std::optional<PipeServer> server_;  // the last one: its threads use the others
 };
 
 }  // namespace tez::pcscd

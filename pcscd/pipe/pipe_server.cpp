@@ -8,9 +8,6 @@
 namespace tez::pcscd {
 namespace {
 
-constexpr DWORD kBufferSize = 64U << 10U;
-/// ms; for clients that ask for the server's default. Enough to make instances for a rush of them.
-constexpr DWORD kBusyWait = 5000;
 /// ms until another try to make an instance that the system had no means for.
 constexpr DWORD kRetry = 100;
 
@@ -31,10 +28,18 @@ PipeServer::PipeServer(Settings settings, Serve serve, Complain complain)
 }
 
 PipeServer::~PipeServer() {
-    SetEvent(end_.get());
-    acceptor_.join();
+    close();
     for (Worker& worker : workers_) {
-        worker.thread.join();
+        if (worker.thread.joinable()) {
+            worker.thread.join();
+        }
+    }
+}
+
+void PipeServer::close() {
+    SetEvent(end_.get());
+    if (acceptor_.joinable()) {
+        acceptor_.join();
     }
 }
 
@@ -43,7 +48,8 @@ PipeServer::Waiting PipeServer::makeInstance(bool first) const {
     UniqueHandle instance(CreateNamedPipeA(
         settings_.name.c_str(), first ? mode | FILE_FLAG_FIRST_PIPE_INSTANCE : mode,
         PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS,
-        PIPE_UNLIMITED_INSTANCES, kBufferSize, kBufferSize, kBusyWait, settings_.access));
+        settings_.maxInstances, settings_.bufferSize, settings_.bufferSize, settings_.busyWait,
+        settings_.access));
     if (!instance) {
         throw systemFailure("cannot make " + settings_.name +
                             (first ? ", perhaps as it belongs to another program" : ""));
@@ -59,7 +65,7 @@ bool PipeServer::fillUp() {
                 waiting = makeInstance(false);
             }
         }
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
         return false;  // the clients that are there have all that the system gives
     }
     return true;
@@ -104,10 +110,20 @@ void PipeServer::startWorker(UniqueHandle instance) {
     try {
         Worker& worker = workers_.emplace_back();
         worker.thread = std::thread([this, &worker, pipe = std::move(instance)]() mutable {
-            serve_(std::move(pipe), end_.get());
+            try {
+                serve_(std::move(pipe), end_.get());
+            } catch (const std::exception& failure) {
+                turnAway(failure);
+            }
             worker.ended = true;
         });
     } catch (const std::exception& failure) {
+        turnAway(failure);
+    }
+}
+
+void PipeServer::turnAway(const std::exception& failure) const {
+    if (!isSet(end_.get())) {
         complain_(std::string("a client is turned away: ") + failure.what());
     }
 }

@@ -51,7 +51,8 @@ int serve(const Options& options, HANDLE stop) {
         RelaySettings settings = {};
         settings.agent.address = options.agent;
         settings.agent.token = readTokenFile(options.tokenFile);
-        settings.pipe = {options.pipe, access.attributes()};
+        settings.pipe.name = options.pipe;
+        settings.pipe.access = access.attributes();
         log.detail("who may open the pipe: " + access.text());
         if (options.anyAddress) {
             log.error("what goes to " + options.agent.text() + " is not encrypted by this program");

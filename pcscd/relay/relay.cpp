@@ -1,6 +1,7 @@
 #include "relay/relay.h"
 
 #include <exception>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
@@ -11,22 +12,15 @@ namespace {
 
 void serveClient(const AgentStream::Peer& agent, pcscd::UniqueHandle instance, HANDLE end,
                  Log& log) {
-    try {
-        pcscd::PipeEnd pipe(std::move(instance));
-        const std::uint32_t process = pipe.clientProcess();
-        if (process == link::kControlProcess) {
-            log.error("a client is turned away: the system does not tell its process");
-            return;
-        }
-        AgentStream stream(agent, process, end);
-        log.detail("process " + std::to_string(process) + ": connected");
-        copyBothWays(pipe, stream, end);
-        log.detail("process " + std::to_string(process) + ": disconnected");
-    } catch (const std::exception& failure) {
-        if (!pcscd::isSet(end)) {
-            log.error(std::string("a client is turned away: ") + failure.what());
-        }
+    pcscd::PipeEnd pipe(std::move(instance));
+    const std::uint32_t process = pipe.clientProcess();
+    if (process == link::kControlProcess) {
+        throw std::runtime_error("the system does not tell its process");
     }
+    AgentStream stream(agent, process, end);
+    log.detail("process " + std::to_string(process) + ": connected");
+    copyBothWays(pipe, stream, end);
+    log.detail("process " + std::to_string(process) + ": disconnected");
 }
 
 /// Serves for as long as the agent is there. Throws std::exception when it is not, or when the pipe

@@ -9,7 +9,7 @@ namespace tez::relay {
 /// What a relay is to do.
 struct RelaySettings {
     AgentStream::Peer agent;
-    pcscd::PipeServer::Settings pipe;
+    pcscd::PipeServer::Settings pipe{.bufferSize = 64U << 10U};  // as much as a piece has
     HeartbeatLimits heartbeat;
     pcscd::Limit retry{500};  ///< between tries to reach the agent
 };

@@ -48,7 +48,7 @@ bool isReaderName(const std::string& name) {
 
 Options parseOptions(std::vector<std::string> words) {
     Options options;
-    options.pipe = pcscd::PipeOptions{}.name;
+    options.pipe = pcscd::PipeServer::Settings{}.name;
     std::string version = "1.4";
     CLI::App app(
         "Simulates the PC/SC daemon of a remote user's machine: serves its named pipe with virtual "

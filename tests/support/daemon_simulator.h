@@ -24,7 +24,7 @@ class DaemonSimulator final : public PipeDaemon {
   public:
     struct Options {
         ProtocolVersion version;
-        PipeOptions pipe;
+        PipeServer::Settings pipe;
     };
 
     /// Called from the simulator's threads as things happen; must not call start or stop.
@@ -59,7 +59,7 @@ class DaemonSimulator final : public PipeDaemon {
 
     /// Stops reading from every connection, present and future: once it returns nothing more is
     /// taken from any pipe, so that clients' writes stall when the pipe's buffer is full (see
-    /// PipeOptions::bufferSize). Handshakes of new connections stall too.
+    /// PipeServer::Settings::bufferSize). Handshakes of new connections stall too.
     void pauseReading();
     void resumeReading();
 
