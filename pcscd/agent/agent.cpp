@@ -1,5 +1,6 @@
 #include "agent/agent.h"
 
+#include <system_error>
 #include <utility>
 
 #include "agent/log.h"
@@ -53,17 +54,26 @@ void Agent::run(const Listener& listener, int stop) {
             continue;
         }
         Connection& connection = connections_.emplace_back(std::move(socket));
-        connection.thread = std::thread([this, &connection, number = ++accepted_] {
-            serve(connection.stream, number);
-            connection.stream.close();
-            const std::scoped_lock ending(mutex_);
-            connection.ended = true;
-        });
+        const std::string name = "connection " + std::to_string(++accepted_) + ": ";
+        try {
+            connection.thread = std::thread([this, &connection, name, number = accepted_] {
+                try {
+                    serve(connection.stream, number, name);
+                } catch (const std::system_error& error) {
+                    logLine(name + "closed, " + error.what());
+                }
+                connection.stream.close();
+                const std::scoped_lock ending(mutex_);
+                connection.ended = true;
+            });
+        } catch (const std::system_error& error) {
+            logLine(name + "closed, " + error.what());
+            connections_.pop_back();
+        }
     }
 }
 
-void Agent::serve(RelayStream& stream, std::uint64_t number) {
-    const std::string name = "connection " + std::to_string(number) + ": ";
+void Agent::serve(RelayStream& stream, std::uint64_t number, const std::string& name) {
     std::array<std::uint8_t, link::kRelayHelloSize> hello{};
     stream.limitSilence(link::kHelloLimit);
     if (stream.read(hello) != hello.size()) {

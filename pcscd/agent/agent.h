@@ -37,7 +37,7 @@ class Agent {
         bool ended = false;
     };
 
-    void serve(RelayStream& stream, std::uint64_t number);
+    void serve(RelayStream& stream, std::uint64_t number, const std::string& name);
     void serveControl(RelayStream& stream);
     void removeEnded();
 

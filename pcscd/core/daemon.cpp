@@ -90,23 +90,23 @@ std::optional<ProtocolVersion> Daemon::shakeHands(ByteStream& stream, std::uint6
 }
 
 void Daemon::serve(ByteStream& stream, std::uint64_t connection, Clients::Process process) {
+    // What is asked for can take days, and the client can end meanwhile: one thread answers, this
+    // one keeps an eye on the stream. It comes first: when there is none to be had, nothing has
+    // happened yet.
+    RequestQueue requests;
+    std::thread answering([&] {
+        while (const std::optional<Request> request = requests.take()) {
+            const Reply reply = answer(*request, process);
+            if (!writeAll(stream, reply.blocks) || reply.close) {
+                stream.close();
+                requests.close();
+                break;
+            }
+        }
+    });
     clients_.enter(process);
     opened(connection);
-    // What is asked for can take days, and the client can end meanwhile: one thread answers, this
-    // one keeps an eye on the stream.
-    RequestQueue requests;
-    std::thread answering;
     if (const std::optional<ProtocolVersion> version = shakeHands(stream, connection)) {
-        answering = std::thread([&] {
-            while (const std::optional<Request> request = requests.take()) {
-                const Reply reply = answer(*request, process);
-                if (!writeAll(stream, reply.blocks) || reply.close) {
-                    stream.close();
-                    requests.close();
-                    break;
-                }
-            }
-        });
         std::optional<Request> request;
         do {
             request = readRequest(stream, connection, *version);
@@ -116,9 +116,7 @@ void Daemon::serve(ByteStream& stream, std::uint64_t connection, Clients::Proces
     stream.close();
     closed(connection);
     release(clients_.leave(process));
-    if (answering.joinable()) {
-        answering.join();
-    }
+    answering.join();
     release(clients_.leftBehind(process));
 }
 

@@ -26,7 +26,8 @@ class Daemon {
     Daemon& operator=(const Daemon&) = delete;
 
     /// Serves one client until either end closes the stream, and closes it. Returns some time after
-    /// that: when nothing that the client asked for is in progress any more.
+    /// that: when nothing that the client asked for is in progress any more. Throws
+    /// std::system_error, having done nothing, when the system has no thread to answer on.
     ///
     /// @param connection a number of the user's choice, by which the hooks below tell connections.
     /// @param process the client's process: connections of one process share their contexts.
