@@ -192,6 +192,16 @@ TEST_F(DaemonTest, EndsTheTransactionOfAVanishedProgram) {
         << "nobody has said that the card may be left as it is";
 }
 
+TEST_F(DaemonTest, LeavesTheCardsOfAReleasedContextAsTheyAre) {
+    const auto releasing = connected();
+    const auto other = connected(kOtherProgram);
+    const Context context = releasing->establish();
+    ASSERT_EQ(releasing->connect(context, kDaemonReader).rv, 0U);
+    const auto shared = other->connect(other->establish(), kDaemonReader);
+    EXPECT_EQ(releasing->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1})->rv, 0U);
+    EXPECT_EQ(other->call(CMD_BEGIN_TRANSACTION, HandleRecord{shared.hCard, 1})->rv, 0U);
+}
+
 TEST_F(DaemonTest, NoticesTheEndOfAProgramThatWaits) {
     auto waiting = connected();
     const Context context = waiting->establish();
