@@ -58,7 +58,7 @@ void Agent::run(const Listener& listener, int stop) {
         try {
             connection.thread = std::thread([this, &connection, name, number = accepted_] {
                 try {
-                    serve(connection.stream, number, name);
+                    serve(connection, number, name);
                 } catch (const std::system_error& error) {
                     logLine(name + "closed, " + error.what());
                 }
@@ -73,47 +73,52 @@ void Agent::run(const Listener& listener, int stop) {
     }
 }
 
-void Agent::serve(RelayStream& stream, std::uint64_t number, const std::string& name) {
+void Agent::serve(Connection& connection, std::uint64_t number, const std::string& name) {
+    RelayStream& stream = connection.stream;
     std::array<std::uint8_t, link::kRelayHelloSize> hello{};
     stream.limitSilence(link::kHelloLimit);
     if (stream.read(hello) != hello.size()) {
         logLine(name + "closed, it showed no token");
         return;
     }
-    const link::RelayHello shown = link::decodeRelayHello(hello, token_);
-    if (shown.greeting != link::Greeting::accepted) {
-        logLine(name + (shown.greeting == link::Greeting::wrongToken
+    const auto [greeting, origin] = link::decodeRelayHello(hello, token_);
+    if (greeting != link::Greeting::accepted) {
+        logLine(name + (greeting == link::Greeting::wrongToken
                             ? "closed, it showed a wrong token"
                             : "closed, it is no relay of this version"));
         return;
     }
+    {
+        const std::scoped_lock lock(mutex_);
+        connection.relay = origin.relay;
+    }
     if (!stream.writeRaw(link::encodeAgentHello(token_))) {
         return;
     }
-    if (shown.processId == link::kControlProcess) {
+    if (origin.processId == link::kControlProcess) {
         logLine(name + "a relay is there");
         serveControl(stream);
+        closeAllOf(origin.relay);
         logLine(name + "the relay is gone");
         return;
     }
-    logDetail(name + "process " + std::to_string(shown.processId));
+    logDetail(name + "process " + std::to_string(origin.processId));
     stream.limitSilence(std::nullopt);
-    daemon_.serve(stream, number, shown.processId);
+    daemon_.serve(stream, number, pcscd::Clients::Process{origin.relay} << 32 | origin.processId);
     logDetail(name + "ended");
 }
 
 void Agent::serveControl(RelayStream& stream) {
-    {
-        const std::scoped_lock lock(mutex_);
-        ++relays_;
-    }
     stream.limitSilence(link::kSilenceLimit);
     std::uint8_t beat = 0;
     while (stream.read({&beat, 1}) == 1 && stream.write({&beat, 1})) {
     }
+}
+
+void Agent::closeAllOf(std::uint32_t relay) {
     const std::scoped_lock lock(mutex_);
-    if (--relays_ == 0) {
-        for (Connection& connection : connections_) {
+    for (Connection& connection : connections_) {
+        if (connection.relay == relay) {
             connection.stream.close();
         }
     }

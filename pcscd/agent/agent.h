@@ -4,6 +4,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -15,8 +16,8 @@
 namespace tez::agent {
 
 /// Serves relays that show their half of the token: each of their connections is a client of the
-/// daemon, but for the one that carries the heartbeat. When that one ends, or is silent, the tunnel
-/// is gone and all others end, too.
+/// daemon, but for the one that carries the heartbeat. When that one ends, or is silent, its relay
+/// or the tunnel is gone and all others of the relay end, too.
 class Agent {
   public:
     /// Both are borrowed.
@@ -34,11 +35,13 @@ class Agent {
         explicit Connection(FileDescriptor socket) : stream(std::move(socket)) {}
         RelayStream stream;
         std::thread thread;
+        std::optional<std::uint32_t> relay = {};  // once it has said so
         bool ended = false;
     };
 
-    void serve(RelayStream& stream, std::uint64_t number, const std::string& name);
-    void serveControl(RelayStream& stream);
+    void serve(Connection& connection, std::uint64_t number, const std::string& name);
+    static void serveControl(RelayStream& stream);
+    void closeAllOf(std::uint32_t relay);
     void removeEnded();
 
     pcscd::Daemon& daemon_;
@@ -46,7 +49,6 @@ class Agent {
     std::mutex mutex_;  // guards what follows
     std::list<Connection> connections_;
     std::uint64_t accepted_ = 0;
-    int relays_ = 0;  // control connections
 };
 
 }  // namespace tez::agent

@@ -15,7 +15,8 @@ namespace tez::pcscd {
 /// likes. It is gone when the last one has ended and none has come for a while. Thread-safe.
 class Clients {
   public:
-    using Process = std::uint32_t;
+    /// The process id, or more where several machines have processes.
+    using Process = std::uint64_t;
     using Contexts = std::set<Context>;
 
     /// A connection of the process has begun.

@@ -29,16 +29,18 @@ Greeting judge(std::span<const std::uint8_t> hello, std::string_view magic, cons
 }  // namespace
 
 std::array<std::uint8_t, kRelayHelloSize> encodeRelayHello(const Token& token,
-                                                           std::uint32_t processId) {
+                                                           const Origin& origin) {
     std::array<std::uint8_t, kRelayHelloSize> hello = {};
     put(hello, kRelayMagic, token.relay);
-    putLittleEndian(std::span(hello).last<4>(), processId);
+    putLittleEndian(std::span(hello).last<8>().first<4>(), origin.relay);
+    putLittleEndian(std::span(hello).last<4>(), origin.processId);
     return hello;
 }
 
 RelayHello decodeRelayHello(std::span<const std::uint8_t, kRelayHelloSize> hello,
                             const Token& token) {
-    return {judge(hello, kRelayMagic, token.relay), littleEndian(hello.last<4>())};
+    return {judge(hello, kRelayMagic, token.relay),
+            {littleEndian(hello.last<8>().first<4>()), littleEndian(hello.last<4>())}};
 }
 
 std::array<std::uint8_t, kAgentHelloSize> encodeAgentHello(const Token& token) {

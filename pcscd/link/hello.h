@@ -17,15 +17,17 @@ namespace tez::link {
 //
 //     relay   8  magic      "PCSCRLY1"         agent   8  magic      "PCSCAGT1"
 //            32  the relay's half of the token        32  the agent's half of the token
+//             4  the relay's number
 //             4  the client's process id
 
 inline constexpr std::size_t kMagicSize = 8;
-inline constexpr std::size_t kRelayHelloSize = kMagicSize + kTokenHalfSize + sizeof(std::uint32_t);
+inline constexpr std::size_t kRelayHelloSize =
+    kMagicSize + kTokenHalfSize + 2 * sizeof(std::uint32_t);
 inline constexpr std::size_t kAgentHelloSize = kMagicSize + kTokenHalfSize;
 
 /// The process id of the control stream, which no client stands behind. The relay keeps one open as
 /// long as it runs; the agent sends each byte that comes on it back in a frame. Its end, or silence
-/// on it, tells either side that the other one is gone, with all its other streams.
+/// on it, tells either side that the other one is gone, with all other streams of the same relay.
 inline constexpr std::uint32_t kControlProcess = 0;
 
 /// How often the relay sends a byte on the control stream, and after how long without one (for the
@@ -43,13 +45,22 @@ enum class Greeting {
     wrongToken,
 };
 
+/// Where a stream comes from.
+struct Origin {
+    /// Drawn by the relay for each control stream, and the same for the clients that it has
+    /// meanwhile: those of two machines may have the same process ids, and a relay can be back
+    /// before the agent knows that its last control stream has ended.
+    std::uint32_t relay;
+    std::uint32_t processId;
+};
+
 struct RelayHello {
     Greeting greeting;
-    std::uint32_t processId;  ///< counts only when the hello is accepted
+    Origin origin;  ///< counts only when the hello is accepted
 };
 
 std::array<std::uint8_t, kRelayHelloSize> encodeRelayHello(const Token& token,
-                                                           std::uint32_t processId);
+                                                           const Origin& origin);
 RelayHello decodeRelayHello(std::span<const std::uint8_t, kRelayHelloSize> hello,
                             const Token& token);
 

@@ -124,10 +124,10 @@ Winsock::~Winsock() {
     WSACleanup();
 }
 
-AgentStream::AgentStream(const Peer& peer, std::uint32_t processId, HANDLE interrupt)
+AgentStream::AgentStream(const Peer& peer, const link::Origin& origin, HANDLE interrupt)
     : socket_(connectToAny(peer.address, writing_, interrupt, peer.helloLimit)) {
     std::array<std::uint8_t, link::kAgentHelloSize> answer = {};
-    if (!write(link::encodeRelayHello(peer.token, processId), {interrupt}) ||
+    if (!write(link::encodeRelayHello(peer.token, origin), {interrupt}) ||
         !readAll(answer, interrupt, peer.helloLimit)) {
         throw std::runtime_error(
             "no answer: the agent does not run, or has another token (its log tells)");

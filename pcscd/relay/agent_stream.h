@@ -60,7 +60,7 @@ class AgentStream {
     /// Connects to the agent and exchanges hellos. Throws std::runtime_error, whose text tells an
     /// operator what to look at, when the agent cannot be reached, does not answer in time, or is
     /// not the one with the token; also when `interrupt` is set.
-    AgentStream(const Peer& peer, std::uint32_t processId, HANDLE interrupt);
+    AgentStream(const Peer& peer, const link::Origin& origin, HANDLE interrupt);
 
     /// Reads what there is, at least a byte; a count of 0 without an error is the stream's end.
     pcscd::Outcome read(std::span<std::uint8_t> buffer, pcscd::Interrupts interrupts,

@@ -1,6 +1,7 @@
 #include "relay/relay.h"
 
 #include <exception>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -10,14 +11,14 @@
 namespace tez::relay {
 namespace {
 
-void serveClient(const AgentStream::Peer& agent, pcscd::UniqueHandle instance, HANDLE end,
-                 Log& log) {
+void serveClient(const AgentStream::Peer& agent, std::uint32_t relay, pcscd::UniqueHandle instance,
+                 HANDLE end, Log& log) {
     pcscd::PipeEnd pipe(std::move(instance));
     const std::uint32_t process = pipe.clientProcess();
     if (process == link::kControlProcess) {
         throw std::runtime_error("the system does not tell its process");
     }
-    AgentStream stream(agent, process, end);
+    AgentStream stream(agent, {relay, process}, end);
     log.detail("process " + std::to_string(process) + ": connected");
     copyBothWays(pipe, stream, end);
     log.detail("process " + std::to_string(process) + ": disconnected");
@@ -26,9 +27,10 @@ void serveClient(const AgentStream::Peer& agent, pcscd::UniqueHandle instance, H
 /// Serves for as long as the agent is there. Throws std::exception when it is not, or when the pipe
 /// cannot be made.
 void serveOnce(const RelaySettings& settings, HANDLE stop, Log& log) {
-    AgentStream control(settings.agent, link::kControlProcess, stop);
+    const std::uint32_t relay = std::random_device()();
+    AgentStream control(settings.agent, {relay, link::kControlProcess}, stop);
     const auto serve = [&](pcscd::UniqueHandle instance, HANDLE end) {
-        serveClient(settings.agent, std::move(instance), end, log);
+        serveClient(settings.agent, relay, std::move(instance), end, log);
     };
     const pcscd::PipeServer server(settings.pipe, serve,
                                    [&](const std::string& what) { log.error(what); });

@@ -40,9 +40,10 @@ std::uint32_t code(pcscd::Result value) {
 class AgentTest : public testing::Test {
   protected:
     /// A connection of a program of the relay's machine, ready for requests.
-    std::unique_ptr<LinkClient> connected(std::uint32_t process = kProgram) {
+    std::unique_ptr<LinkClient> connected(std::uint32_t process = kProgram,
+                                          std::uint32_t relay = 1) {
         auto client = std::make_unique<LinkClient>(machine_.socket());
-        EXPECT_TRUE(client->sayHello(readTokenFile(machine_.token()), process));
+        EXPECT_TRUE(client->sayHello(readTokenFile(machine_.token()), process, relay));
         EXPECT_TRUE(client->shakeHands());
         return client;
     }
@@ -195,6 +196,22 @@ TEST_F(AgentTest, GivesBackWhatAVanishedProgramHeld) {
     }
 }
 
+TEST_F(AgentTest, ResetsTheCardsOfAVanishedProgramAndLeavesThoseOfAReleasedContext) {
+    machine_.startAgent();
+    const auto other = connected(kOtherProgram);
+    const ConnectRecord shared = other->connect(other->establish(), kFirstReader);
+    auto program = connected();
+    const auto context = program->establish();
+    ASSERT_EQ(program->connect(context, kFirstReader).rv, 0U);
+    EXPECT_EQ(program->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1}).rv, 0U);
+    EXPECT_THAT(other->transmit(shared, kChallenge), SizeIs(10));
+    ASSERT_EQ(program->connect(program->establish(), kFirstReader).rv, 0U);
+    program.reset();
+    EXPECT_TRUE(eventually([&] { return other->transmit(shared, kChallenge).empty(); }));
+    const TransmitRecord request{shared.hCard, shared.dwActiveProtocol, 5, 0, 258, 0};
+    EXPECT_EQ(other->call(CMD_TRANSMIT, request, kChallenge).rv, code(result::kResetCard));
+}
+
 TEST_F(AgentTest, KnowsNoHandleOfItsEarlierRun) {
     machine_.startAgent();
     auto client = connected();
@@ -245,7 +262,7 @@ TEST_F(AgentTest, ClosesOnARelayWithAWrongTokenOrNone) {
     link::Token token = readTokenFile(machine_.token());
     std::swap(token.relay, token.agent);
     const LinkClient wrong(machine_.socket());
-    wrong.send(link::encodeRelayHello(token, kProgram));
+    wrong.send(link::encodeRelayHello(token, {1, kProgram}));
     EXPECT_TRUE(wrong.isClosed());
     const LinkClient stranger(machine_.socket());
     stranger.send(Bytes(100, 'x'));
@@ -295,6 +312,21 @@ TEST_F(AgentTest, EchoesTheHeartbeatAndEndsAllWithIt) {
     EXPECT_NE(client->establish(), 0U);
     control.reset();
     EXPECT_TRUE(client->isClosed());
+}
+
+TEST_F(AgentTest, TellsTheProgramsOfOneRelayFromThoseOfAnother) {
+    machine_.startAgent();
+    auto control = std::make_unique<LinkClient>(machine_.socket());
+    ASSERT_TRUE(control->sayHello(readTokenFile(machine_.token()), link::kControlProcess, 1));
+    const LinkClient otherControl(machine_.socket());
+    ASSERT_TRUE(otherControl.sayHello(readTokenFile(machine_.token()), link::kControlProcess, 2));
+    auto client = connected(kProgram, 1);
+    const auto other = connected(kProgram, 2);
+    const auto otherContext = other->establish();
+    ASSERT_EQ(client->connect(client->establish(), kFirstReader, pcscd::share::kExclusive).rv, 0U);
+    control.reset();
+    EXPECT_TRUE(client->isClosed());
+    EXPECT_TRUE(eventually([&] { return other->connect(otherContext, kFirstReader).rv == 0; }));
 }
 
 TEST_F(AgentTest, OutlivesAHostileLibrary) {

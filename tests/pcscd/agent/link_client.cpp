@@ -53,8 +53,9 @@ std::optional<pcscd::Bytes> LinkClient::receiveFrame() const {
     return receive(link::littleEndian(std::span(*length).first<4>()));
 }
 
-bool LinkClient::sayHello(const link::Token& token, std::uint32_t process) const {
-    send(link::encodeRelayHello(token, process));
+bool LinkClient::sayHello(const link::Token& token, std::uint32_t process,
+                          std::uint32_t relay) const {
+    send(link::encodeRelayHello(token, {relay, process}));
     const std::optional<pcscd::Bytes> answer = receive(link::kAgentHelloSize);
     return answer && link::decodeAgentHello(std::span(*answer).first<link::kAgentHelloSize>(),
                                             token) == link::Greeting::accepted;

@@ -32,8 +32,9 @@ class LinkClient {
     /// Whether the agent closes without having said anything.
     bool isClosed() const { return !receive(1); }
 
-    /// Shows the token for a client of this process. @return whether the agent shows its half.
-    bool sayHello(const link::Token& token, std::uint32_t process) const;
+    /// Shows the token for a client of this process of the relay. @return whether the agent shows
+    /// its half.
+    bool sayHello(const link::Token& token, std::uint32_t process, std::uint32_t relay = 1) const;
     /// The library's handshake. @return whether the agent answers with its version.
     bool shakeHands() const;
 

@@ -20,23 +20,24 @@ std::string textOf(const std::array<std::uint8_t, size>& bytes) {
 
 }  // namespace
 
-TEST(RelayHello, HasMagicHalfAndProcessId) {
-    EXPECT_EQ(textOf(encodeRelayHello(exampleToken(), 0x04030201)),
-              "PCSCRLY1" + textOf(exampleToken().relay) + "\x01\x02\x03\x04");
+TEST(RelayHello, HasMagicHalfAndOrigin) {
+    EXPECT_EQ(textOf(encodeRelayHello(exampleToken(), {0x08070605, 0x04030201})),
+              "PCSCRLY1" + textOf(exampleToken().relay) + "\x05\x06\x07\x08\x01\x02\x03\x04");
 }
 
-TEST(RelayHello, IsAcceptedWithItsProcessId) {
+TEST(RelayHello, IsAcceptedWithItsOrigin) {
     for (const std::uint32_t processId : {kControlProcess, 1U, 0xFFFFFFFFU}) {
-        const RelayHello hello =
-            decodeRelayHello(encodeRelayHello(exampleToken(), processId), exampleToken());
+        const RelayHello hello = decodeRelayHello(
+            encodeRelayHello(exampleToken(), {~processId, processId}), exampleToken());
         EXPECT_EQ(hello.greeting, Greeting::accepted);
-        EXPECT_EQ(hello.processId, processId);
+        EXPECT_EQ(hello.origin.relay, ~processId);
+        EXPECT_EQ(hello.origin.processId, processId);
     }
 }
 
 TEST(RelayHello, IsNotTheLinksWithAnotherMagic) {
     for (std::size_t i = 0; i < kMagicSize; ++i) {
-        auto hello = encodeRelayHello(exampleToken(), 1);
+        auto hello = encodeRelayHello(exampleToken(), {1, 1});
         ++hello[i];
         EXPECT_EQ(decodeRelayHello(hello, exampleToken()).greeting, Greeting::notTheLink) << i;
     }
@@ -44,7 +45,7 @@ TEST(RelayHello, IsNotTheLinksWithAnotherMagic) {
 
 TEST(RelayHello, HasTheWrongTokenWithAnyOtherByteInItsHalf) {
     for (std::size_t i = 0; i < kTokenHalfSize; ++i) {
-        auto hello = encodeRelayHello(exampleToken(), 1);
+        auto hello = encodeRelayHello(exampleToken(), {1, 1});
         ++hello[kMagicSize + i];
         EXPECT_EQ(decodeRelayHello(hello, exampleToken()).greeting, Greeting::wrongToken) << i;
     }
@@ -53,7 +54,7 @@ TEST(RelayHello, HasTheWrongTokenWithAnyOtherByteInItsHalf) {
 TEST(RelayHello, HasTheWrongTokenWithTheAgentsHalf) {
     Token swapped = exampleToken();
     std::swap(swapped.relay, swapped.agent);
-    EXPECT_EQ(decodeRelayHello(encodeRelayHello(swapped, 1), exampleToken()).greeting,
+    EXPECT_EQ(decodeRelayHello(encodeRelayHello(swapped, {1, 1}), exampleToken()).greeting,
               Greeting::wrongToken);
 }
 
@@ -77,7 +78,7 @@ TEST(AgentHello, IsJudgedByEachOfItsBytes) {
 }
 
 TEST(AgentHello, IsNotTheRelaysOwnSentBack) {
-    const auto sent = encodeRelayHello(exampleToken(), 1);
+    const auto sent = encodeRelayHello(exampleToken(), {1, 1});
     EXPECT_EQ(decodeAgentHello(std::span(sent).first<kAgentHelloSize>(), exampleToken()),
               Greeting::notTheLink);
 }

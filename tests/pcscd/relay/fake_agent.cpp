@@ -208,8 +208,8 @@ void FakeAgent::serve(SOCKET socket) {
     if (hello.greeting != link::Greeting::accepted || !stranger.send(*answer)) {
         return;
     }
-    AgentConnection connection(socket, hello.processId);
-    if (hello.processId == link::kControlProcess) {
+    AgentConnection connection(socket, hello.origin.processId);
+    if (hello.origin.processId == link::kControlProcess) {
         serveControl(connection);
         return;
     }
