@@ -24,6 +24,7 @@ PipeServer::PipeServer(Settings settings, Serve serve, Complain complain)
         throw systemFailure(settings_.name + " belongs to another program", ERROR_PIPE_BUSY);
     }
     waiting_.front() = makeInstance(true);
+    fillUp();  // so that the first clients, too, find instances for all of them
     acceptor_ = std::thread([this] { acceptClients(); });
 }
 
