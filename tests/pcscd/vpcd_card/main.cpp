@@ -101,6 +101,8 @@ void serve(const Driver& driver, VirtualCard card, std::chrono::milliseconds del
             case Order::kReset:
                 card.reset();
                 break;
+            default:  // a command of one byte, which the driver does not tell from an order
+                driver.send(card.transmit(message));
         }
     }
 }
