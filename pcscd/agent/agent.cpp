@@ -9,8 +9,9 @@
 namespace tez::agent {
 namespace {
 
-// A program has some ten connections, each of which takes two threads here.
-constexpr std::size_t kMostConnections = 1000;
+// A program has some ten connections, each of which takes two threads here. Of the 1024 descriptors
+// that a process usually has, as many are left for the cards.
+constexpr std::size_t kMostConnections = 500;
 
 }  // namespace
 
@@ -18,7 +19,9 @@ Agent::~Agent() {
     {
         const std::scoped_lock lock(mutex_);
         for (Connection& connection : connections_) {
-            connection.stream.close();
+            if (connection.stream) {
+                connection.stream->close();
+            }
         }
     }
     // Ends the waits of all clients, so that nobody lingers.
@@ -34,7 +37,7 @@ void Agent::removeEnded() {
         const std::scoped_lock lock(mutex_);
         for (auto each = connections_.begin(); each != connections_.end();) {
             const auto next = std::next(each);
-            if (each->ended) {
+            if (!each->stream) {
                 ended.splice(ended.end(), connections_, each);
             }
             each = next;
@@ -62,9 +65,9 @@ void Agent::run(const Listener& listener, int stop) {
                 } catch (const std::system_error& error) {
                     logLine(name + "closed, " + error.what());
                 }
-                connection.stream.close();
+                // Its descriptor may be the one that the next connection needs.
                 const std::scoped_lock ending(mutex_);
-                connection.ended = true;
+                connection.stream.reset();
             });
         } catch (const std::system_error& error) {
             logLine(name + "closed, " + error.what());
@@ -74,7 +77,7 @@ void Agent::run(const Listener& listener, int stop) {
 }
 
 void Agent::serve(Connection& connection, std::uint64_t number, const std::string& name) {
-    RelayStream& stream = connection.stream;
+    RelayStream& stream = *connection.stream;
     std::array<std::uint8_t, link::kRelayHelloSize> hello{};
     stream.limitSilence(link::kHelloLimit);
     if (stream.read(hello) != hello.size()) {
@@ -118,8 +121,8 @@ void Agent::serveControl(RelayStream& stream) {
 void Agent::closeAllOf(std::uint32_t relay) {
     const std::scoped_lock lock(mutex_);
     for (Connection& connection : connections_) {
-        if (connection.relay == relay) {
-            connection.stream.close();
+        if (connection.stream && connection.relay == relay) {
+            connection.stream->close();
         }
     }
 }

@@ -33,10 +33,9 @@ class Agent {
   private:
     struct Connection {
         explicit Connection(FileDescriptor socket) : stream(std::move(socket)) {}
-        RelayStream stream;
-        std::thread thread;
+        std::optional<RelayStream> stream;        // until it has ended
         std::optional<std::uint32_t> relay = {};  // once it has said so
-        bool ended = false;
+        std::thread thread;
     };
 
     void serve(Connection& connection, std::uint64_t number, const std::string& name);

@@ -36,6 +36,8 @@ class PcscService final : public pcscd::CardService {
     void releaseAll() override;
     pcscd::Result listReaders(pcscd::Context context,
                               std::vector<std::string>& names) const override;
+    /// Waits, as the service does, while another program holds the card in a transaction; only the
+    /// transaction's end ends that.
     pcscd::Result connect(pcscd::Context context, const std::string& reader,
                           std::uint32_t shareMode, std::uint32_t preferredProtocols,
                           pcscd::Card& card, std::uint32_t& activeProtocol) override;
