@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <random>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include "agent/token_file.h"
@@ -345,6 +346,38 @@ TEST_F(AgentTest, OutlivesAHostileLibrary) {
     const auto client = connected();
     const ConnectRecord card = client->connect(client->establish(), kFirstReader);
     EXPECT_THAT(client->transmit(card, kChallenge), SizeIs(10));
+}
+
+TEST_F(AgentTest, ServesAgainWhenAllItsDescriptorsWereTaken) {
+    rlimit usual{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const rlimit few{40, usual.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    machine_.startAgent();
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+    std::vector<std::unique_ptr<LinkClient>> crowd;
+    for (int i = 0; i < 50; ++i) {
+        crowd.push_back(std::make_unique<LinkClient>(machine_.socket()));
+    }
+    crowd.clear();
+    EXPECT_NE(connected()->establish(), 0U);
+}
+
+TEST_F(AgentTest, ClosesTheConnectionsThatAreTooMany) {
+    machine_.startAgent();
+    const auto client = connected();
+    std::vector<std::unique_ptr<LinkClient>> crowd;
+    for (int i = 0; i < 500; ++i) {
+        crowd.push_back(std::make_unique<LinkClient>(machine_.socket()));
+    }
+    EXPECT_TRUE(crowd.back()->isClosed());
+    EXPECT_THAT(machine_.agentLog(), HasSubstr("too many"));
+    EXPECT_NE(client->establish(), 0U);
+    crowd.clear();
+    EXPECT_TRUE(eventually([this] {
+        const LinkClient next(machine_.socket());
+        return next.sayHello(readTokenFile(machine_.token()), kOtherProgram);
+    }));
 }
 
 TEST_F(AgentTest, ServesSixteenProgramsAtOnce) {
