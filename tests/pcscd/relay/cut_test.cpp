@@ -123,6 +123,8 @@ TEST_F(RelayCut, AndManyClientsLeaveNothingBehind) {
 
     agent_.stop();
     ASSERT_TRUE(pipeGoes());
-    EXPECT_EQ(countThreads(), threads);
-    EXPECT_LE(nextHandle(), handles);
+    EXPECT_TRUE(test::comesTrue([&] { return countThreads() <= threads; }));
+    // What the moment holds, such as a try to reach the agent, is a few; of the clients one each
+    // would be hundreds.
+    EXPECT_LE(nextHandle(), handles + 4 * 10);
 }
