@@ -162,7 +162,7 @@ constexpr DaemonConnectionTEZ::Direction DaemonConnectionTEZ::Direction::reading
 template <class Start>
 auto DaemonConnectionTEZ::startTransfer(const Direction& direction, std::uint64_t n, Start start)
     -> Transfer {
-    Transfer operation = OverlappedTransfer::create();
+    Transfer operation = OverlappedTransfer::create(std::move(spare_));
     if (operation == nullptr) {
         direction.functionLog.debug("Could not create an overlapped operation: 0x%08X",
                                     static_cast<unsigned>(GetLastError()));
@@ -200,6 +200,8 @@ std::uint64_t DaemonConnectionTEZ::finishTransfer(const Direction& direction, Tr
     if (count < n) {
         direction.logPartial(direction.functionLog, count, n);
     }
+    operation->closeEvent();
+    spare_ = std::move(operation);
     return count;
 }
 

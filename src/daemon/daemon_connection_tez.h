@@ -79,6 +79,7 @@ class DaemonConnectionTEZ : public DaemonConnection {
     /// Cancelled transfers that the kernel may still write to; kept until the pipe is closed.
     Transfer cancelled_;
     Transfer startedRead_;  ///< of startReceive
+    Transfer spare_;        ///< the memory of the last transfer, for the next one
     std::uint64_t startedSize_ = 0;
 };
 

@@ -8,21 +8,24 @@
 
 namespace tez {
 
-OverlappedTransfer::OverlappedTransfer(OwnedHandle event) noexcept : event_(std::move(event)) {
-    overlapped_.hEvent = event_.get();
-}
-
-std::unique_ptr<OverlappedTransfer> OverlappedTransfer::create() noexcept {
+std::unique_ptr<OverlappedTransfer> OverlappedTransfer::create(
+    std::unique_ptr<OverlappedTransfer> spare) noexcept {
     OwnedHandle event(CreateEventA(nullptr, TRUE, FALSE, nullptr));
     if (event == nullptr) {
         return nullptr;
     }
-    std::unique_ptr<OverlappedTransfer> transfer(new (std::nothrow)
-                                                     OverlappedTransfer(std::move(event)));
-    if (transfer == nullptr) {
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    if (spare == nullptr) {
+        spare.reset(new (std::nothrow) OverlappedTransfer);
     }
-    return transfer;
+    if (spare == nullptr) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
+    spare->event_ = std::move(event);
+    spare->overlapped_ = {};
+    spare->overlapped_.hEvent = spare->event();
+    spare->isPending_ = false;
+    return spare;
 }
 
 void OverlappedTransfer::push(std::unique_ptr<OverlappedTransfer>& list,

@@ -15,8 +15,13 @@ namespace tez {
 /// transfer that was given up goes to retire() once its pipe has been closed.
 class OverlappedTransfer {
   public:
-    /// Null when memory or events are exhausted; GetLastError says why.
-    static std::unique_ptr<OverlappedTransfer> create() noexcept;
+    /// A transfer with an event of its own, in the memory of a spare one if there is one. Null when
+    /// memory or events are exhausted; GetLastError says why.
+    static std::unique_ptr<OverlappedTransfer> create(
+        std::unique_ptr<OverlappedTransfer> spare = nullptr) noexcept;
+
+    /// Closes the event of an operation that has ended; what stays is a spare one.
+    void closeEvent() noexcept { event_.reset(); }
 
     OVERLAPPED* overlapped() noexcept { return &overlapped_; }
     HANDLE event() const noexcept { return event_.get(); }
@@ -35,7 +40,7 @@ class OverlappedTransfer {
     static void retire(std::unique_ptr<OverlappedTransfer> list) noexcept;
 
   private:
-    explicit OverlappedTransfer(OwnedHandle event) noexcept;
+    OverlappedTransfer() = default;
 
     OVERLAPPED overlapped_ = {};
     OwnedHandle event_;
