@@ -6,7 +6,7 @@
 
 namespace tez {
 
-/// A slim reader/writer lock, used in exclusive mode only. Not reentrant.
+/// A slim reader/writer lock. Not reentrant, not for readers either.
 ///
 /// It needs neither construction nor destruction at run time, so a lock of static storage is usable
 /// from the first call on any thread and nothing is left to do for it at process detach.
@@ -19,6 +19,9 @@ class TEZ_CAPABILITY("lock") SlimLock {
 
     void lock() noexcept TEZ_ACQUIRE() { AcquireSRWLockExclusive(&lock_); }
     void unlock() noexcept TEZ_RELEASE() { ReleaseSRWLockExclusive(&lock_); }
+
+    void lockShared() noexcept TEZ_ACQUIRE_SHARED() { AcquireSRWLockShared(&lock_); }
+    void unlockShared() noexcept TEZ_RELEASE_SHARED() { ReleaseSRWLockShared(&lock_); }
 
     /// Takes the lock if it is free. For process detach, where a thread that the platform has
     /// stopped may hold it for ever.
@@ -38,6 +41,20 @@ class TEZ_SCOPED_CAPABILITY SlimGuard {
     SlimGuard(const SlimGuard&) = delete;
     SlimGuard& operator=(const SlimGuard&) = delete;
     ~SlimGuard() TEZ_RELEASE() { lock_.unlock(); }
+
+  private:
+    SlimLock& lock_;
+};
+
+/// Holds a lock together with others who only read what it guards.
+class TEZ_SCOPED_CAPABILITY SharedGuard {
+  public:
+    explicit SharedGuard(SlimLock& lock) noexcept TEZ_ACQUIRE_SHARED(lock) : lock_(lock) {
+        lock.lockShared();
+    }
+    SharedGuard(const SharedGuard&) = delete;
+    SharedGuard& operator=(const SharedGuard&) = delete;
+    ~SharedGuard() TEZ_RELEASE() { lock_.unlockShared(); }
 
   private:
     SlimLock& lock_;

@@ -14,9 +14,11 @@
 #define TEZ_SCOPED_CAPABILITY TEZ_THREAD_ANNOTATION(scoped_lockable)
 /// Data that is touched with the lock held only.
 #define TEZ_GUARDED_BY(lock) TEZ_THREAD_ANNOTATION(guarded_by(lock))
-/// Functions that are called with the lock held, take it, take it if they return true, give it
-/// back.
+/// Functions that are called with the lock held, take it, take it if they return true, take it with
+/// other readers, give it back.
 #define TEZ_REQUIRES(...) TEZ_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define TEZ_ACQUIRE(...) TEZ_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define TEZ_TRY_ACQUIRE(...) TEZ_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
+#define TEZ_ACQUIRE_SHARED(...) TEZ_THREAD_ANNOTATION(acquire_shared_capability(__VA_ARGS__))
+#define TEZ_RELEASE_SHARED(...) TEZ_THREAD_ANNOTATION(release_shared_capability(__VA_ARGS__))
 #define TEZ_RELEASE(...) TEZ_THREAD_ANNOTATION(release_capability(__VA_ARGS__))

@@ -35,7 +35,7 @@ SCARDHANDLE registerCardHandle(std::uint64_t target, SCARDCONTEXT context, const
 }
 
 std::shared_ptr<const CardHandleEntry> findCardHandle(SCARDHANDLE card) noexcept {
-    const SlimGuard guard(cards->lock);
+    const SharedGuard guard(cards->lock);
     const auto* const entry = cards->table.find(card);
     return entry == nullptr ? nullptr : *entry;
 }

@@ -31,12 +31,12 @@ SCARDCONTEXT registerContext(SCARDCONTEXT systemHandle, DWORD scope) {
 }
 
 bool isContextKnown(SCARDCONTEXT context) noexcept {
-    const SlimGuard guard(contexts->lock);
+    const SharedGuard guard(contexts->lock);
     return contexts->table.find(context) != nullptr;
 }
 
 SCARDCONTEXT getLocalContext(SCARDCONTEXT context) noexcept {
-    const SlimGuard guard(contexts->lock);
+    const SharedGuard guard(contexts->lock);
     const ContextEntry* const entry = contexts->table.find(context);
     return entry == nullptr ? 0 : entry->systemHandle;
 }
@@ -57,7 +57,7 @@ LONG getRemoteContextVolatile(SCARDCONTEXT context, std::uint64_t& remoteContext
         ContextEntry copy;
         std::uint64_t breaks = 0;
         {
-            const SlimGuard guard(contexts->lock);
+            const SharedGuard guard(contexts->lock);
             const ContextEntry* const entry = contexts->table.find(context);
             if (entry == nullptr) {
                 return SCARD_E_INVALID_HANDLE;
@@ -104,7 +104,7 @@ void setContextCancelled(SCARDCONTEXT context, bool cancelled) noexcept {
 }
 
 std::uint64_t getBoundRemoteContext(SCARDCONTEXT context) noexcept {
-    const SlimGuard guard(contexts->lock);
+    const SharedGuard guard(contexts->lock);
     const ContextEntry* const entry = contexts->table.find(context);
     return entry == nullptr ? NO_REMOTE_CONTEXT : entry->remote;
 }

@@ -1,23 +1,20 @@
 #include "daemon/service_state.h"
 
-#include "common/slim_lock.h"
+#include <atomic>
 
 namespace tez {
 
 namespace {
 
-SlimLock stateLock;
-ServiceState current TEZ_GUARDED_BY(stateLock) = ServiceState::LocalOnly;
+std::atomic<ServiceState> current = ServiceState::LocalOnly;
 
 }  // namespace
 
 ServiceState getServiceState() noexcept {
-    const SlimGuard guard(stateLock);
     return current;
 }
 
 void setServiceState(ServiceState state) noexcept {
-    const SlimGuard guard(stateLock);
     current = state;
 }
 

@@ -119,18 +119,9 @@ TEST_F(CardHandleTest, AreFoundAmongManyMore) {
                             IsRequest(Command::kDisconnect, disconnectRecord(kDaemonCard, 0))));
 }
 
-/// Counts how often the library takes each of its locks on the test's thread.
+/// Counts how often the library takes each of its locks, alone or shared, on the test's thread.
 class LockSpy {
   public:
-    LockSpy()
-        : acquire_(libraryModule(), "KERNEL32.dll", "AcquireSRWLockExclusive",
-                   [this, thread = GetCurrentThreadId()](PSRWLOCK lock) {
-                       if (GetCurrentThreadId() == thread) {
-                           ++counts_[lock];
-                       }
-                       ::AcquireSRWLockExclusive(lock);
-                   }) {}
-
     /// How often a call takes each lock.
     std::map<PSRWLOCK, int> locksOf(const std::function<void()>& call) {
         counts_.clear();
@@ -139,8 +130,24 @@ class LockSpy {
     }
 
   private:
+    void note(PSRWLOCK lock) {
+        if (GetCurrentThreadId() == thread_) {
+            ++counts_[lock];
+        }
+    }
+
+    const DWORD thread_ = GetCurrentThreadId();
     std::map<PSRWLOCK, int> counts_;
-    ImportPatch<decltype(::AcquireSRWLockExclusive)> acquire_;
+    ImportPatch<decltype(::AcquireSRWLockExclusive)> exclusive_{
+        libraryModule(), "KERNEL32.dll", "AcquireSRWLockExclusive", [this](PSRWLOCK lock) {
+            note(lock);
+            ::AcquireSRWLockExclusive(lock);
+        }};
+    ImportPatch<decltype(::AcquireSRWLockShared)> shared_{
+        libraryModule(), "KERNEL32.dll", "AcquireSRWLockShared", [this](PSRWLOCK lock) {
+            note(lock);
+            ::AcquireSRWLockShared(lock);
+        }};
 };
 
 using CardHandleLookUpTest = CardHandleTest;
