@@ -1,5 +1,5 @@
 // The library that stands in for the host's own, called through its exports.
-#include "stand_in_library.h"
+#include "system_library/stand_in_library.h"
 
 #include <atomic>
 #include <chrono>

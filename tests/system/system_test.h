@@ -12,8 +12,8 @@
 #include "patience.h"
 #include "scard_missing.h"
 #include "simulated/simulated_service.h"
-#include "stand_in_library.h"
 #include "system_library/mock_system_calls.h"
+#include "system_library/stand_in_library.h"
 #include "transport_spy.h"
 #include "whole_lines.h"
 

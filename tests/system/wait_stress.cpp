@@ -14,8 +14,8 @@
 
 #include "daemon_simulator.h"
 #include "scard_missing.h"
-#include "stand_in_library.h"
 #include "system_library/host_service.h"
+#include "system_library/stand_in_library.h"
 
 namespace tez::test {
 namespace {

@@ -1,4 +1,4 @@
-#include "stand_in_library.h"
+#include "system_library/stand_in_library.h"
 
 #include <stdexcept>
 
