@@ -78,13 +78,10 @@ LONG WINAPI SCardIsValidContext(SCARDCONTEXT hContext) {
     const ServiceState state = getServiceState();
     call.in("%Ix", hContext);
     return call.run([&]() -> LONG {
-        if (!isContextKnown(hContext)) {
-            return SCARD_E_INVALID_HANDLE;
-        }
         // The daemon is never asked: a context that it lost with its pipe stays valid and gets a
         // new counterpart there on its next remote use.
         if (state == ServiceState::RemoteOnly) {
-            return SCARD_S_SUCCESS;
+            return isContextKnown(hContext) ? SCARD_S_SUCCESS : SCARD_E_INVALID_HANDLE;
         }
         return withLocalContext(hContext, [](SCARDCONTEXT systemHandle) {
             return callSystem(&WinscardTable::SCardIsValidContext, systemHandle);
