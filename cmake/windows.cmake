@@ -32,6 +32,9 @@ endif()
 if(TEZ_BUILD_TOOLS)
     add_subdirectory(tools)
 endif()
+if(TEZ_BUILD_TESTS)
+    add_subdirectory(bench)
+endif()
 
 # The native build's tests run with these: one run, one count.
 file(CONFIGURE OUTPUT native_tests.cmake CONTENT [[

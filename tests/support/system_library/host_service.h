@@ -18,7 +18,7 @@ inline constexpr const char* kHostCardType = "Demo Card";
 ///
 /// Its handles lie far from the small numbers that other libraries issue: contexts count up from
 /// 0x7A000001, cards from 0x7B000001.
-class HostService final : public SystemCalls {
+class HostService : public SystemCalls {
   public:
     HostService();
 
