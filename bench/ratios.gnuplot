@@ -1,5 +1,5 @@
 # What the library takes in units of its limit: the median of all blocks, with their quartiles.
-set terminal svg size 900, 700 font 'sans,12'
+set terminal svg size 900, 700 font 'sans,12' background 'white'
 set output output
 set logscale x 2
 set xrange [0.5:*]
