@@ -30,21 +30,47 @@ void Switch::warnOnce(const char* value, const char* consequence) noexcept {
     }
 }
 
-bool isAllCallsRedirectionEnabled() noexcept {
-    static constexpr FunctionLog log("isAllCallsRedirectionEnabled");
-    static constinit Switch redirection("TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION");
-    // No lock: threads that read the switch at once for the first time find the same value.
-    static std::atomic<bool> known;
-    static std::atomic<bool> enabled;
-    if (!known) {
-        const std::optional<bool> value = redirection.read(log);
-        if (!value) {
-            log.debug("TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION is not set, using default (0)");
+namespace {
+
+/// A switch that is read on first need and kept for the life of the process; off when it is not
+/// set. No lock: threads that read it at once for the first time find the same value.
+class KeptSwitch {
+  public:
+    /// @param function  under whose name the value is logged.
+    constexpr KeptSwitch(const char* function, const char* name) noexcept
+        : log_(function), switch_(name) {}
+
+    bool isOn() noexcept {
+        if (!isKnown_) {
+            const std::optional<bool> value = switch_.read(log_);
+            if (!value) {
+                log_.debug("%s is not set, using default (0)", switch_.name());
+            }
+            isOn_ = value.value_or(false);
+            isKnown_ = true;
         }
-        enabled = value.value_or(false);
-        known = true;
+        return isOn_;
     }
-    return enabled;
+
+  private:
+    FunctionLog log_;
+    Switch switch_;
+    std::atomic<bool> isKnown_ = false;
+    std::atomic<bool> isOn_ = false;
+};
+
+constinit KeptSwitch redirection("isAllCallsRedirectionEnabled",
+                                 "TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION");
+constinit KeptSwitch standardCalls("isStandardCallsEnabled", "TEZ_PCSC_STANDARD_CALLS");
+
+}  // namespace
+
+bool isAllCallsRedirectionEnabled() noexcept {
+    return redirection.isOn();
+}
+
+bool isStandardCallsEnabled() noexcept {
+    return standardCalls.isOn();
 }
 
 }  // namespace tez

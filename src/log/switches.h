@@ -31,4 +31,8 @@ class Switch {
 /// when it is not set. Read once, on the first call, and kept for the life of the process.
 bool isAllCallsRedirectionEnabled() noexcept;
 
+/// Whether TEZ_PCSC_STANDARD_CALLS makes the library answer as one PC/SC system does, in the
+/// rows of docs/standard-calls.md; false when it is not set. Read and kept as the switch above.
+bool isStandardCallsEnabled() noexcept;
+
 }  // namespace tez

@@ -17,6 +17,7 @@ namespace {
 
 constexpr FunctionLog kSwitchLog("aFunction");
 constexpr const char* kRedirection = "TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION";
+constexpr const char* kStandardCalls = "TEZ_PCSC_STANDARD_CALLS";
 
 constinit Switch theSwitch("TEZ_TEST_SWITCH");
 
@@ -127,4 +128,33 @@ TEST(AllCallsRedirection, IsOffByDefaultForTheWholeProcess) {
     EXPECT_THAT(log.messages(),
                 ElementsAre("D (isAllCallsRedirectionEnabled): "
                             "TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION is not set, using default (0)"));
+}
+
+TEST(StandardCalls, IsReadOnceAndToldOnce) {
+    const CapturedLog log;
+    setEnvironment(kStandardCalls, "true");
+    EXPECT_TRUE(isStandardCallsEnabled());
+    setEnvironment(kStandardCalls, "0");
+    EXPECT_TRUE(isStandardCallsEnabled());
+    EXPECT_THAT(log.messages(),
+                ElementsAre("D (isStandardCallsEnabled): TEZ_PCSC_STANDARD_CALLS = true"));
+}
+
+TEST(StandardCalls, IsOffWhenTheSwitchSaysSo) {
+    const CapturedLog log;
+    setEnvironment(kStandardCalls, "FaLsE");
+    EXPECT_FALSE(isStandardCallsEnabled());
+    EXPECT_THAT(log.messages(),
+                ElementsAre("D (isStandardCallsEnabled): TEZ_PCSC_STANDARD_CALLS = FaLsE"));
+}
+
+TEST(StandardCalls, IsOffByDefaultForTheWholeProcess) {
+    const CapturedLog log;
+    setEnvironment(kStandardCalls, "");
+    EXPECT_FALSE(isStandardCallsEnabled());
+    setEnvironment(kStandardCalls, "1");
+    EXPECT_FALSE(isStandardCallsEnabled());
+    EXPECT_THAT(log.messages(),
+                ElementsAre("D (isStandardCallsEnabled): "
+                            "TEZ_PCSC_STANDARD_CALLS is not set, using default (0)"));
 }
