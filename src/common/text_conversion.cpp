@@ -62,17 +62,27 @@ std::size_t endOf(const Character* names) noexcept {
     return end;
 }
 
+/// Characters of the converted names, without the NUL that closes them.
 template <class To, class From>
-HeapPtr<To> convertMultiString(const From* names, std::size_t& length) noexcept {
+std::size_t convertedLengthOfNames(const From* names, MultiSize size) noexcept {
+    const std::size_t end = endOf(names);
+    std::size_t total = 0;
+    for (std::size_t at = 0; at < end && names[at] != 0;) {
+        total += convertedLength<To>(names + at);
+        at = size == MultiSize::Stepped ? total
+                                        : at + std::char_traits<From>::length(names + at) + 1;
+    }
+    return total;
+}
+
+template <class To, class From>
+HeapPtr<To> convertMultiString(const From* names, MultiSize multiSize,
+                               std::size_t& length) noexcept {
     length = 0;
     if (names == nullptr) {
         return nullptr;
     }
-    const std::size_t end = endOf(names);
-    std::size_t total = 0;
-    while (total < end && names[total] != 0) {
-        total += convertedLength<To>(names + total);
-    }
+    const std::size_t total = convertedLengthOfNames<To>(names, multiSize);
     HeapPtr<To> converted(static_cast<To*>(heapAllocate((total + 1) * sizeof(To))));
     if (converted == nullptr) {
         return nullptr;
@@ -102,15 +112,15 @@ HeapPtr<wchar_t> toWide(const char* text) noexcept {
     return convertText<wchar_t>(text);
 }
 
-HeapPtr<char> multiToUtf8(const wchar_t* names) noexcept {
+HeapPtr<char> multiToUtf8(const wchar_t* names, MultiSize size) noexcept {
     std::size_t length = 0;
-    return convertMultiString<char>(names, length);
+    return convertMultiString<char>(names, size, length);
 }
 
-HeapPtr<wchar_t> multiToWide(const char* names, std::uint32_t& length) noexcept {
-    std::size_t size = 0;
-    HeapPtr<wchar_t> converted = convertMultiString<wchar_t>(names, size);
-    length = static_cast<std::uint32_t>(size);
+HeapPtr<wchar_t> multiToWide(const char* names, std::uint32_t& length, MultiSize size) noexcept {
+    std::size_t characters = 0;
+    HeapPtr<wchar_t> converted = convertMultiString<wchar_t>(names, size, characters);
+    length = static_cast<std::uint32_t>(characters);
     return converted;
 }
 
