@@ -1,13 +1,17 @@
 // The wide forms of the calls on readers and cards.
 #include <cstring>
-#include <vector>
+#include <optional>
+#include <string_view>
 
 #include "api/wide_results.h"
 #include "common/copy_out.h"
 #include "common/heap.h"
 #include "common/scard_api.h"
 #include "log/function_log.h"
+#include "log/switches.h"
+#include "readers/reader_list.h"
 #include "readers/reader_states.h"
+#include "state/told_readers.h"
 
 using namespace tez;
 
@@ -33,6 +37,20 @@ LONG WINAPI SCardListReaderGroupsW(SCARDCONTEXT hContext, LPWSTR mszGroups, LPDW
     return rv;
 }
 
+namespace {
+
+/// Notes the narrow list of a wide call that asks for more than the length.
+void noteToldWideList(SCARDCONTEXT context, LPCSTR groups, LONG rv, LPCWSTR destination,
+                      LPCSTR narrow, DWORD length) {
+    std::optional<std::string_view> names;
+    if (rv == SCARD_S_SUCCESS && destination != nullptr) {
+        names.emplace(handedOut(narrow, true), length);
+    }
+    noteToldList(context, groups, rv, names);
+}
+
+}  // namespace
+
 LONG WINAPI SCardListReadersW(SCARDCONTEXT hContext, LPCWSTR mszGroups, LPWSTR mszReaders,
                               LPDWORD pcchReaders) {
     static constexpr FunctionLog log("SCardListReadersW");
@@ -43,13 +61,18 @@ LONG WINAPI SCardListReadersW(SCARDCONTEXT hContext, LPCWSTR mszGroups, LPWSTR m
         log.warning("pcchReaders is NULL");
         return SCARD_E_INVALID_PARAMETER;
     }
-    const HeapPtr<char> groups = multiToUtf8(mszGroups);
+    const HeapPtr<char> groups = multiToUtf8(mszGroups, multiSize());
     const LONG rv =
         mszGroups != nullptr && groups == nullptr
             ? SCARD_E_NO_MEMORY
             : copyOutWideNames(mszReaders, pcchReaders, [&](LPSTR readers, LPDWORD length) {
-                  return SCardListReadersA(hContext, groups.get(), readers, length);
+                  const LONG listRv = listReadersUntold(hContext, groups.get(), readers, length);
+                  noteToldWideList(hContext, groups.get(), listRv, mszReaders, readers, *length);
+                  return listRv;
               });
+    if (rv == SCARD_E_INSUFFICIENT_BUFFER || rv == SCARD_E_NO_MEMORY) {
+        forgetToldReaders(hContext);  // the list has not been handed out after all
+    }
     log.debug("Returning %lu, with pcchReaders %lu and mszReaders %p",
               static_cast<unsigned long>(rv), *pcchReaders, static_cast<void*>(mszReaders));
     return rv;
@@ -89,10 +112,10 @@ void copyState(const From& from, To& to) {
 LONG WINAPI SCardGetStatusChangeW(SCARDCONTEXT hContext, DWORD dwTimeout,
                                   LPSCARD_READERSTATEW rgReaderStates, DWORD cReaders) {
     static constexpr FunctionLog log("SCardGetStatusChangeW");
-    if ((rgReaderStates == nullptr && cReaders != 0) || cReaders > kMostReaders) {
+    if ((rgReaderStates == nullptr && cReaders != 0) || cReaders > mostReaders()) {
         return SCARD_E_INVALID_PARAMETER;
     }
-    if (cReaders == 0) {
+    if (cReaders == 0 && !isStandardCallsEnabled()) {
         log.debug("Reader list is empty");
         return SCARD_S_SUCCESS;
     }
@@ -102,8 +125,8 @@ LONG WINAPI SCardGetStatusChangeW(SCARDCONTEXT hContext, DWORD dwTimeout,
             return SCARD_E_INVALID_VALUE;
         }
     }
-    SCARD_READERSTATEA narrow[kMostReaders] = {};
-    HeapPtr<char> names[kMostReaders];
+    SCARD_READERSTATEA narrow[kMostStandardReaders] = {};
+    HeapPtr<char> names[kMostStandardReaders];
     for (DWORD i = 0; i < cReaders; ++i) {
         names[i] = toUtf8(rgReaderStates[i].szReader);
         if (names[i] == nullptr) {

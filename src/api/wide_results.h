@@ -8,6 +8,7 @@
 #include "common/local_buffer.h"
 #include "common/scard_api.h"
 #include "common/text_conversion.h"
+#include "log/switches.h"
 
 namespace tez {
 
@@ -25,6 +26,11 @@ inline HeapPtr<char> withEnd(std::string_view text) noexcept {
     return copy;
 }
 
+/// How the wide entry points size multi-strings.
+inline MultiSize multiSize() noexcept {
+    return isStandardCallsEnabled() ? MultiSize::Whole : MultiSize::Stepped;
+}
+
 /// @param call  called with the destination and the length of a narrow multi-string.
 template <class Call>
 [[nodiscard]] LONG copyOutWideNames(LPWSTR destination, LPDWORD length, Call call) {
@@ -35,7 +41,7 @@ template <class Call>
     }
     const HeapPtr<char> names = withEnd(narrow.text());
     std::uint32_t count = 0;
-    const HeapPtr<wchar_t> wide = multiToWide(names.get(), count);
+    const HeapPtr<wchar_t> wide = multiToWide(names.get(), count, multiSize());
     return wide == nullptr ? SCARD_E_NO_MEMORY
                            : copyOutBuffer(wide.get(), count, destination, length, sizeof(wchar_t));
 }

@@ -10,6 +10,7 @@
 #include "daemon/daemon_connection_tez.h"
 #include "daemon/service_state.h"
 #include "log/function_log.h"
+#include "log/switches.h"
 #include "state/reader_names.h"
 #include "state/started_events.h"
 #include "state/waits.h"
@@ -48,6 +49,10 @@ void leaveService() {
     invalidateRemoteContexts();
     establishMissingLocalContexts();
     forgetRemoteReaderNames();
+    if (isStandardCallsEnabled()) {
+        // Waits go on, without the daemon's readers.
+        cancelPendingLocalWaits(true);
+    }
     mirrorStartedEvents();
 }
 

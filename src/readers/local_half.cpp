@@ -23,14 +23,13 @@ void mergePnpState(const SCARD_READERSTATEA& copy, SCARD_READERSTATEA& entry) {
 
 }  // namespace
 
-void LocalHalf::prepare(const SCARD_READERSTATEA* entries, const ReaderIndexes& indexes,
-                        std::size_t remoteIndexes) {
-    indexes_ = indexes;
-    copies_.reserve(indexes.size());
-    for (const DWORD index : indexes) {
-        SCARD_READERSTATEA copy = entries[index];
+void LocalHalf::prepare(const SideEntries& entries) {
+    indexes_ = entries.indexes;
+    copies_.reserve(indexes_.size());
+    for (const DWORD index : indexes_) {
+        SCARD_READERSTATEA copy = entries.states[index];
         if (isPnpReader(copy.szReader)) {
-            copy.dwCurrentState = withoutOthersReaders(copy.dwCurrentState, remoteIndexes);
+            copy.dwCurrentState = withoutOthersReaders(copy.dwCurrentState, entries.othersReaders);
         }
         copies_.push_back(copy);
     }

@@ -28,11 +28,9 @@ class LocalHalf final : private Job {
     LocalHalf& operator=(const LocalHalf&) = delete;
     ~LocalHalf() = default;
 
-    /// Copies the call's local entries; until then, and without any, there is no local half. Throws
+    /// Copies the local entries; until then, and without any, there is no local half. Throws
     /// std::bad_alloc.
-    /// @param remoteIndexes  the number of entries that the remote half has.
-    void prepare(const SCARD_READERSTATEA* entries, const ReaderIndexes& indexes,
-                 std::size_t remoteIndexes);
+    void prepare(const SideEntries& entries);
     bool isEmpty() const noexcept { return copies_.empty(); }
 
     /// Starts the wait on a worker. Throws std::bad_alloc, with nothing started, when there is

@@ -1,3 +1,6 @@
+#include "readers/reader_list.h"
+
+#include <algorithm>
 #include <cstring>
 #include <new>
 #include <optional>
@@ -12,7 +15,10 @@
 #include "daemon/exchange.h"
 #include "local/local_calls.h"
 #include "log/call_frame.h"
+#include "log/switches.h"
+#include "readers/known_readers.h"
 #include "state/reader_names.h"
+#include "state/told_readers.h"
 #include "wire/context_records.h"
 
 using namespace tez;
@@ -22,6 +28,12 @@ namespace {
 /// Room for the daemon's reader names in bytes: more than ten readers with the longest names that
 /// fit a connect request.
 constexpr DWORD kRemoteNamesSize = 2048;
+/// The same with standard answers.
+constexpr DWORD kStandardRemoteNamesSize = 64 * 1024;
+
+DWORD remoteNamesSize() {
+    return isStandardCallsEnabled() ? kStandardRemoteNamesSize : kRemoteNamesSize;
+}
 
 struct ListArguments {
     SCARDCONTEXT context;
@@ -31,8 +43,11 @@ struct ListArguments {
 };
 
 /// Asks the daemon for its readers and notes them.
-/// @param names  out on success: a well-formed multi-string.
-LONG fetchRemoteNames(const FunctionLog& log, SCARDCONTEXT context, std::string& names) {
+/// @param names   out on success: a well-formed multi-string.
+/// @param isLost  out: whether the code is that of the transport and not the daemon's.
+LONG fetchRemoteNames(const FunctionLog& log, SCARDCONTEXT context, std::string& names,
+                      bool& isLost) {
+    isLost = true;  // until the daemon has answered
     std::uint64_t remoteContext = 0;
     if (context != 0) {
         const LONG rv = getRemoteContextVolatile(context, remoteContext, true);
@@ -47,18 +62,20 @@ LONG fetchRemoteNames(const FunctionLog& log, SCARDCONTEXT context, std::string&
     ListReadersRecord record = {remoteContext, 0, 0};
     LONG rv = exchange.call(CMD_LIST_READERS, record);
     if (rv != SCARD_S_SUCCESS) {
+        isLost = record.rv == 0;
         return rv;
     }
     exchange.announce(record.cchReaders);
-    if (record.cchReaders > kRemoteNamesSize) {
+    if (record.cchReaders > remoteNamesSize()) {
         log.warning("Received reader names of %lu bytes, maximum value is %lu",
-                    static_cast<unsigned long>(record.cchReaders), kRemoteNamesSize);
+                    static_cast<unsigned long>(record.cchReaders), remoteNamesSize());
         return SCARD_F_INTERNAL_ERROR;
     }
     names.resize(record.cchReaders);
     rv = exchange.readAnnounced(names.data(), record.cchReaders,
                                 "Failed to read data for reader names");
     if (rv == SCARD_S_SUCCESS) {
+        isLost = false;
         closeMultiString(names);
         setRemoteReaderNames(names);
     }
@@ -125,13 +142,17 @@ LONG listReaders(const FunctionLog& log, ServiceState state, const ListArguments
     }
     // The daemon is asked in every state; while it is away this fails without touching the pipe.
     std::string names;
-    const LONG remoteRv = fetchRemoteNames(log, arguments.context, names);
+    bool isDaemonLost = false;
+    const LONG remoteRv = fetchRemoteNames(log, arguments.context, names, isDaemonLost);
     if (remoteRv != SCARD_S_SUCCESS) {
         return state == ServiceState::RemoteOnly ? remoteRv
                                                  : listLocalReaders(arguments, isAllocated);
     }
     if (state != ServiceState::RemoteOnly) {
         appendLocalNames(arguments, names);
+    }
+    if (names.front() == '\0' && isStandardCallsEnabled()) {
+        return SCARD_E_NO_READERS_AVAILABLE;
     }
     return copyOutBuffer(names.data(), static_cast<DWORD>(names.size()), arguments.readers,
                          arguments.length, 1);
@@ -153,8 +174,10 @@ void logReceivedList(const FunctionLog& log, const ListArguments& arguments, boo
 
 }  // namespace
 
-LONG WINAPI SCardListReadersA(SCARDCONTEXT hContext, LPCSTR mszGroups, LPSTR mszReaders,
-                              LPDWORD pcchReaders) {
+namespace tez {
+
+LONG listReadersUntold(SCARDCONTEXT hContext, LPCSTR mszGroups, LPSTR mszReaders,
+                       LPDWORD pcchReaders) {
     static constexpr CallFrame call("SCardListReadersA", "LIST_READERS");
     const ReaderListing listing = currentReaderListing();
     const ServiceState state = getServiceState();
@@ -178,4 +201,95 @@ LONG WINAPI SCardListReadersA(SCARDCONTEXT hContext, LPCSTR mszGroups, LPSTR msz
         // To the application, no service on either side means that there are no readers.
         return rv == SCARD_E_NO_SERVICE ? SCARD_E_NO_READERS_AVAILABLE : rv;
     });
+}
+
+void noteToldList(SCARDCONTEXT context, LPCSTR groups, LONG rv,
+                  std::optional<std::string_view> names) noexcept {
+    if (rv == SCARD_E_NO_READERS_AVAILABLE) {
+        names = std::string_view();
+    } else if (rv != SCARD_S_SUCCESS) {
+        names.reset();
+    }
+    if (!names || !isStandardCallsEnabled()) {
+        return;
+    }
+    try {
+        ToldReaders told;
+        told.names.emplace();
+        forEachName(*names, [&told](std::string_view name) { told.names->emplace_back(name); });
+        std::sort(told.names->begin(), told.names->end());
+        if (groups != nullptr) {
+            for (const char* group = groups; *group != '\0'; group += std::strlen(group) + 1) {
+                told.groups.append(group) += '\0';
+            }
+        }
+        tellReaders(context, std::move(told));
+    } catch (const std::bad_alloc&) {
+        // It is told again, rather than not at all.
+        forgetToldReaders(context);
+    }
+}
+
+ReaderSide ListedReaders::sideOf(std::string_view name) const noexcept {
+    const auto isIn = [name](const std::vector<std::string>& list) {
+        return std::find(list.begin(), list.end(), name) != list.end();
+    };
+    return isIn(local)    ? ReaderSide::Local
+           : isIn(remote) ? ReaderSide::Remote
+                          : ReaderSide::Neither;
+}
+
+std::vector<std::string> ListedReaders::names() const {
+    std::vector<std::string> all = remote;
+    all.insert(all.end(), local.begin(), local.end());
+    return all;
+}
+
+ListedReaders listBothSides(const FunctionLog& log, ServiceState state, SCARDCONTEXT context,
+                            const std::string& groups) {
+    const ReaderListing listing = currentReaderListing();
+    ListedReaders listed;
+    if (state != ServiceState::LocalOnly) {
+        std::string names;
+        const LONG rv = fetchRemoteNames(log, context, names, listed.isDaemonLost);
+        if (rv == SCARD_E_NO_READERS_AVAILABLE) {
+            setRemoteReaderNames({});
+        }
+        listed.remote = copyRemoteReaderNames();
+    }
+    const SCARDCONTEXT systemContext =
+        state == ServiceState::RemoteOnly ? 0 : getLocalContext(context);
+    if (systemContext != 0) {
+        LocalBuffer names;
+        const LONG rv =
+            LocalSCardListReadersA(systemContext, groups.empty() ? nullptr : groups.c_str(),
+                                   names.destination(), names.length());
+        if (rv == SCARD_S_SUCCESS || rv == SCARD_E_NO_READERS_AVAILABLE) {
+            const std::string_view text = rv == SCARD_S_SUCCESS ? names.text() : std::string_view();
+            forEachName(text, [&](std::string_view name) { listed.local.emplace_back(name); });
+            if (groups.empty()) {
+                setLocalReaderNames(text);
+            }
+        } else {
+            listed.local = copyLocalReaderNames();
+        }
+    }
+    if (!listed.isDaemonLost) {
+        markListReadersCalled(listing);
+    }
+    return listed;
+}
+
+}  // namespace tez
+
+LONG WINAPI SCardListReadersA(SCARDCONTEXT hContext, LPCSTR mszGroups, LPSTR mszReaders,
+                              LPDWORD pcchReaders) {
+    const bool isAllocated = pcchReaders != nullptr && *pcchReaders == SCARD_AUTOALLOCATE;
+    const LONG rv = listReadersUntold(hContext, mszGroups, mszReaders, pcchReaders);
+    const bool isSuccess = rv == SCARD_S_SUCCESS;
+    noteToldList(hContext, mszGroups, rv,
+                 isSuccess
+                     ? receivedList({hContext, mszGroups, mszReaders, pcchReaders}, isAllocated)
+                     : std::nullopt);
+    return rv;
 }

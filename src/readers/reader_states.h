@@ -6,27 +6,40 @@
 #include "common/scard_api.h"
 #include "log/function_log.h"
 #include "log/log_sink.h"
+#include "log/switches.h"
 #include "log/value_format.h"
 
 namespace tez {
 
-/// The most entries of a status-change call.
 inline constexpr DWORD kMostReaders = 16;
+inline constexpr DWORD kMostStandardReaders = 64;
+
+/// The most entries of a status-change call.
+inline DWORD mostReaders() noexcept {
+    return isStandardCallsEnabled() ? kMostStandardReaders : kMostReaders;
+}
 
 /// Where an entry of one side stands in the application's array; in increasing order.
 using ReaderIndexes = std::vector<DWORD>;
 
 /// Stands for the arrival and removal of readers. Both sides wait on it; the upper half of its
 /// states is the number of readers that the application knows.
+inline constexpr const char* kPnpReader = R"(\\?PnP?\Notification)";
+
 inline bool isPnpReader(const char* name) {
-    return std::strcmp(name, R"(\\?PnP?\Notification)") == 0;
+    return std::strcmp(name, kPnpReader) == 0;
 }
 
+/// What one side of a call waits on.
+struct SideEntries {
+    SCARD_READERSTATEA* states;  ///< an array; where the side's reports are stored too
+    ReaderIndexes indexes;       ///< the entries of it that are the side's
+    std::size_t othersReaders;   ///< the other side's readers in the pseudo-reader's count
+};
+
 /// The state to tell one side of the pseudo-reader, whose count holds the other side's readers too.
-/// @param otherIndexes  the number of entries that the other side has in this call, one of them the
-///                      pseudo-reader itself.
-inline DWORD withoutOthersReaders(DWORD state, std::size_t otherIndexes) {
-    const auto others = static_cast<DWORD>(otherIndexes - 1);
+inline DWORD withoutOthersReaders(DWORD state, std::size_t othersReaders) {
+    const auto others = static_cast<DWORD>(othersReaders);
     return (state >> 16) > others ? state - (others << 16) : state;
 }
 

@@ -10,7 +10,7 @@ namespace tez {
 /// The record of an entry; false when the reader's name does not fit.
 bool RemoteHalf::fillRecord(const SCARD_READERSTATEA& entry, ReaderStateRecord& record) const {
     record.dwCurrentState = isPnpReader(entry.szReader)
-                                ? withoutOthersReaders(entry.dwCurrentState, localIndexes_.size())
+                                ? withoutOthersReaders(entry.dwCurrentState, entries_.othersReaders)
                                 : entry.dwCurrentState;
     record.dwEventState = entry.dwEventState;
     record.cbAtr = entry.cbAtr;
@@ -19,9 +19,9 @@ bool RemoteHalf::fillRecord(const SCARD_READERSTATEA& entry, ReaderStateRecord& 
 }
 
 LONG RemoteHalf::prepare() {
-    readers_.resize(indexes_.size());
+    readers_.resize(entries_.indexes.size());
     for (std::size_t i = 0; i < readers_.size(); ++i) {
-        if (!fillRecord(entries_[indexes_[i]], readers_[i])) {
+        if (!fillRecord(entries_.states[entries_.indexes[i]], readers_[i])) {
             return SCARD_E_INVALID_VALUE;
         }
     }
@@ -34,6 +34,7 @@ bool RemoteHalf::connect() {
 }
 
 LONG RemoteHalf::send(std::uint64_t remoteContext, DWORD timeout) {
+    hasAnswered_ = false;
     record_ = {remoteContext, timeout, static_cast<std::uint32_t>(readers_.size()), 0};
     LONG rv = exchange_->sendHeader(
         CMD_GET_STATUS_CHANGE, sizeof(record_),
@@ -43,7 +44,7 @@ LONG RemoteHalf::send(std::uint64_t remoteContext, DWORD timeout) {
     }
     for (std::size_t i = 0; rv == SCARD_S_SUCCESS && i < readers_.size(); ++i) {
         const ReaderStateRecord& reader = readers_[i];
-        logReaderState(log_, "REMOTE READER STATE", indexes_[i], reader.szReader,
+        logReaderState(log_, "REMOTE READER STATE", entries_.indexes[i], reader.szReader,
                        reader.dwCurrentState, reader.dwEventState, reader.cbAtr);
         rv = exchange_->send(&reader, sizeof(reader), "Failed to send data with reader state");
     }
@@ -52,7 +53,7 @@ LONG RemoteHalf::send(std::uint64_t remoteContext, DWORD timeout) {
 
 /// The ATR length that the daemon told is kept to what its record, and so the entry, can hold.
 void RemoteHalf::storeRecord(DWORD index, ReaderStateRecord& reader) const {
-    SCARD_READERSTATEA& entry = entries_[index];
+    SCARD_READERSTATEA& entry = entries_.states[index];
     reader.szReader[sizeof(reader.szReader) - 1] = '\0';
     if (isPnpReader(entry.szReader) && reader.dwEventState == 0) {
         reader.dwEventState = reader.dwCurrentState;
@@ -67,7 +68,8 @@ void RemoteHalf::storeRecord(DWORD index, ReaderStateRecord& reader) const {
 /// The records of the answer belong to the entries by their position, not by their names.
 LONG RemoteHalf::finish() {
     const LONG received = exchange_->finishReceive();
-    if (received != SCARD_S_SUCCESS) {
+    hasAnswered_ = received == SCARD_S_SUCCESS;
+    if (!hasAnswered_) {
         return received;
     }
     const auto rv = static_cast<LONG>(record_.rv);
@@ -77,10 +79,10 @@ LONG RemoteHalf::finish() {
         return rv;
     }
     exchange_->announce(std::uint64_t{record_.cReaders} * sizeof(ReaderStateRecord));
-    if (record_.cReaders > indexes_.size()) {
+    if (record_.cReaders > entries_.indexes.size()) {
         log_.warning("Received %lu reader states, asked for %lu",
                      static_cast<unsigned long>(record_.cReaders),
-                     static_cast<unsigned long>(indexes_.size()));
+                     static_cast<unsigned long>(entries_.indexes.size()));
         return SCARD_F_INTERNAL_ERROR;
     }
     for (std::uint32_t i = 0; i < record_.cReaders; ++i) {
@@ -88,9 +90,10 @@ LONG RemoteHalf::finish() {
         const LONG read = exchange_->readAnnounced(&reader, sizeof(reader),
                                                    "Failed to receive data with reader state");
         if (read != SCARD_S_SUCCESS) {
+            hasAnswered_ = false;
             return read;
         }
-        storeRecord(indexes_[i], reader);
+        storeRecord(entries_.indexes[i], reader);
     }
     return rv;
 }

@@ -15,19 +15,12 @@ namespace tez {
 /// entries. Used by the call's own thread, which waits for the answer together with other things.
 class RemoteHalf {
   public:
-    /// @param log           of the exported call.
-    /// @param entries       the application's array.
-    /// @param indexes       the entries that the daemon serves.
-    /// @param localIndexes  those that the host serves.
-    RemoteHalf(const FunctionLog& log, ServiceState state, SCARD_READERSTATEA* entries,
-               const ReaderIndexes& indexes, const ReaderIndexes& localIndexes)
-        : log_(log),
-          state_(state),
-          entries_(entries),
-          indexes_(indexes),
-          localIndexes_(localIndexes) {}
+    /// @param log      of the exported call.
+    /// @param entries  to be filled in before anything is called.
+    RemoteHalf(const FunctionLog& log, ServiceState state, const SideEntries& entries)
+        : log_(log), state_(state), entries_(entries) {}
 
-    bool isEmpty() const noexcept { return indexes_.empty(); }
+    bool isEmpty() const noexcept { return entries_.indexes.empty(); }
 
     /// Makes the records of the entries. SCARD_E_INVALID_VALUE when a name does not fit; throws
     /// std::bad_alloc.
@@ -43,6 +36,9 @@ class RemoteHalf {
     /// Takes the answer and stores what the daemon reports in the entries. Returns the daemon's
     /// code or the failure's.
     [[nodiscard]] LONG finish();
+    /// Whether the daemon's answer to the last request was received whole; else what finish
+    /// returned is the transport's code.
+    bool hasAnswered() const noexcept { return hasAnswered_; }
     /// Waits for the answer no longer: closes the connection.
     void giveUp() noexcept { exchange_.reset(); }
 
@@ -52,11 +48,10 @@ class RemoteHalf {
 
     const FunctionLog& log_;
     ServiceState state_;
-    SCARD_READERSTATEA* entries_;
-    const ReaderIndexes& indexes_;
-    const ReaderIndexes& localIndexes_;
+    const SideEntries& entries_;
     std::vector<ReaderStateRecord> readers_;
     StatusChangeRecord record_ = {};
+    bool hasAnswered_ = false;
     std::optional<Exchange> exchange_;  // behind the record, which it may be reading into
 };
 

@@ -10,10 +10,10 @@
 #include "context/context_registry.h"
 #include "daemon/service_state.h"
 #include "log/call_frame.h"
-#include "readers/local_half.h"
+#include "log/switches.h"
 #include "readers/reader_states.h"
-#include "readers/remote_half.h"
-#include "readers/wait_owner.h"
+#include "readers/standard_wait.h"
+#include "readers/wait_halves.h"
 #include "state/reader_names.h"
 #include "state/waits.h"
 
@@ -21,34 +21,27 @@ using namespace tez;
 
 namespace {
 
-struct StatusChange {
-    const FunctionLog& log;
-    Wait& wait;  ///< in the registry since before the state was read
-    ServiceState state;
-    SCARDCONTEXT context;
-    DWORD timeout;
-    SCARD_READERSTATEA* entries;
-    DWORD count;
-};
-
-/// The outcome of a call that ends before anything is waited for; nothing when it does not.
-std::optional<LONG> checkArguments(const StatusChange& call) {
-    if ((call.entries == nullptr && call.count != 0) || call.count > kMostReaders) {
+LONG checkArguments(const StatusChange& call) {
+    if ((call.entries == nullptr && call.count != 0) || call.count > mostReaders()) {
         call.log.warning("Invalid parameter");
         return SCARD_E_INVALID_PARAMETER;
     }
+    if (std::any_of(call.entries, call.entries + call.count,
+                    [](const auto& entry) { return entry.szReader == nullptr; })) {
+        call.log.warning("Invalid value");
+        return SCARD_E_INVALID_VALUE;
+    }
+    return SCARD_S_SUCCESS;
+}
+
+/// The outcome of a call that has nothing to wait for; nothing when it has.
+std::optional<LONG> endWithoutReaders(const StatusChange& call) {
     if (call.count == 0) {
         call.log.debug("Reader list is empty");
         Sleep(call.timeout);
         return SCARD_S_SUCCESS;
     }
-    SCARD_READERSTATEA* const end = call.entries + call.count;
-    if (std::any_of(call.entries, end,
-                    [](const auto& entry) { return entry.szReader == nullptr; })) {
-        call.log.warning("Invalid value");
-        return SCARD_E_INVALID_VALUE;
-    }
-    if (std::all_of(call.entries, end, [](const auto& entry) {
+    if (std::all_of(call.entries, call.entries + call.count, [](const auto& entry) {
             return (entry.dwCurrentState & SCARD_STATE_IGNORE) != 0;
         })) {
         call.log.debug("All readers ignored");
@@ -90,18 +83,25 @@ std::vector<ReaderSide> sidesOf(const StatusChange& call) {
     }
 }
 
+/// How many of a side's entries are readers when the pseudo-reader is one of them.
+std::size_t withoutPnpReader(std::size_t entries) {
+    return entries == 0 ? 0 : entries - 1;
+}
+
 /// Which entries each side waits on. A name that neither side reported is waited on by none.
-void classify(const StatusChange& call, ReaderIndexes& local, ReaderIndexes& remote) {
+void classify(const StatusChange& call, SideEntries& local, SideEntries& remote) {
     const std::vector<ReaderSide> sides = sidesOf(call);
     for (DWORD i = 0; i < call.count; ++i) {
         const bool isPnp = isPnpReader(call.entries[i].szReader);
         if (isPnp || sides[i] == ReaderSide::Local) {
-            local.push_back(i);
+            local.indexes.push_back(i);
         }
         if (isPnp || sides[i] == ReaderSide::Remote) {
-            remote.push_back(i);
+            remote.indexes.push_back(i);
         }
     }
+    local.othersReaders = withoutPnpReader(remote.indexes.size());
+    remote.othersReaders = withoutPnpReader(local.indexes.size());
 }
 
 /// The remote result stands for a call whose local half failed, and a local success, an empty half
@@ -124,58 +124,22 @@ LONG combine(const StatusChange& call, LONG localRv, LONG remoteRv) {
     return localRv == SCARD_S_SUCCESS ? SCARD_S_SUCCESS : remoteRv;
 }
 
-/// The entries, the halves and their owner of one call. On the heap: should the calling thread be
-/// terminated, the worker and the kernel must not write to where its stack was.
-struct Halves {
-    explicit Halves(const StatusChange& call)
-        : systemContext(call.state == ServiceState::RemoteOnly ? 0 : getLocalContext(call.context)),
-          local(systemContext, call.timeout, call.wait),
-          remote(call.log, call.state, call.entries, remoteIndexes, localIndexes),
-          owner(call.log, call.context, call.timeout, call.wait, local, remote) {}
-
-    SCARDCONTEXT systemContext;
-    ReaderIndexes localIndexes;
-    ReaderIndexes remoteIndexes;
-    LocalHalf local;
-    RemoteHalf remote;
-    WaitOwner owner;
-};
-
 /// Whether the halves run one behind the other on the calling thread, as neither keeps the other
-/// waiting. A thread is handed over to only where there is something to run beside.
+/// waiting.
 bool isSequential(const StatusChange& call, const RemoteHalf& remote) {
     return call.state == ServiceState::LocalOnly || call.timeout == 0 ||
            (remote.isEmpty() && getBoundRemoteContext(call.context) != NO_REMOTE_CONTEXT);
 }
 
 LONG waitOnBothSides(const StatusChange& call) {
-    const auto halves = std::make_unique<Halves>(call);
-    LocalHalf& local = halves->local;
-    RemoteHalf& remote = halves->remote;
-    classify(call, halves->localIndexes, halves->remoteIndexes);
-    if (halves->systemContext != 0) {
-        local.prepare(call.entries, halves->localIndexes, halves->remoteIndexes.size());
-    }
-    if (!isSequential(call, remote)) {
-        call.wait.openWake();
-        local.startOnWorker();
-    } else if (call.timeout == 0) {
-        local.runHere();
-    }
-
-    const LONG remoteRv =
-        call.state == ServiceState::LocalOnly ? SCARD_E_NO_SERVICE : halves->owner.runRemote();
-    call.log.debug("intermediate rv: 0x%08lX", static_cast<unsigned long>(remoteRv));
+    const auto halves = std::make_unique<WaitHalves>(call);
+    classify(call, halves->localEntries, halves->remoteEntries);
+    const auto [localRv, remoteRv] =
+        halves->run(!isSequential(call, halves->remote), call.state != ServiceState::LocalOnly);
     if (call.state == ServiceState::RemoteOnly) {
         return remoteRv;
     }
-    LONG localRv = halves->systemContext == 0 ? SCARD_E_INVALID_HANDLE : SCARD_S_SUCCESS;
-    if (!local.isEmpty()) {
-        localRv = halves->owner.finishLocal(remoteRv);
-        call.log.debug("localRv: 0x%08lX", static_cast<unsigned long>(localRv));
-        local.merge(call.entries);
-    }
-    return combine(call, localRv, remoteRv);
+    return combine(call, halves->systemContext == 0 ? SCARD_E_INVALID_HANDLE : localRv, remoteRv);
 }
 
 LONG getStatusChange(const StatusChange& call) {
@@ -183,7 +147,14 @@ LONG getStatusChange(const StatusChange& call) {
         return SCARD_E_INVALID_HANDLE;
     }
     setContextCancelled(call.context, false);
-    const std::optional<LONG> ended = checkArguments(call);
+    const LONG rv = checkArguments(call);
+    if (rv != SCARD_S_SUCCESS) {
+        return rv;
+    }
+    if (isStandardCallsEnabled()) {
+        return waitAsOneSystem(call);
+    }
+    const std::optional<LONG> ended = endWithoutReaders(call);
     return ended ? *ended : waitOnBothSides(call);
 }
 

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "context/context_registry.h"
+#include "log/switches.h"
 
 namespace tez {
 
@@ -23,6 +24,7 @@ LONG WaitOwner::runRemote() noexcept {
         return askDaemon();
     } catch (const std::bad_alloc&) {
         // The local half is under way and has to be collected all the same.
+        isRemoteLost_ = false;
         return SCARD_E_NO_MEMORY;
     }
 }
@@ -30,9 +32,11 @@ LONG WaitOwner::runRemote() noexcept {
 LONG WaitOwner::askDaemon() {
     LONG rv = remote_.prepare();
     std::uint64_t remoteContext = NO_REMOTE_CONTEXT;
-    if (rv == SCARD_S_SUCCESS) {
-        rv = awaitRemoteContext(remoteContext);
+    if (rv != SCARD_S_SUCCESS) {
+        return rv;
     }
+    isRemoteLost_ = true;  // until the daemon has answered
+    rv = awaitRemoteContext(remoteContext);
     if (rv != SCARD_S_SUCCESS) {
         return rv;
     }
@@ -51,6 +55,7 @@ LONG WaitOwner::askDaemon() {
             rv = awaitAnswer();
             remoteContext_.reset();
         }
+        isRemoteLost_ = !remote_.hasAnswered();
         const HalfEnd end = wait_.endRemote();
         if (rv != SCARD_E_CANCELLED || !end.isForAnotherWait) {
             return rv;
@@ -62,7 +67,7 @@ LONG WaitOwner::askDaemon() {
 LONG WaitOwner::awaitRemoteContext(std::uint64_t& remoteContext) {
     for (;;) {
         const LONG rv = getRemoteContextVolatile(context_, remoteContext, true);
-        if (rv != SCARD_E_NO_SERVICE) {
+        if (rv != SCARD_E_NO_SERVICE || isStandardCallsEnabled()) {
             return rv;
         }
         log_.debug("Waiting for remote context: %Ix, timeout=%lu", context_, timeout_);
@@ -98,7 +103,7 @@ LONG WaitOwner::awaitAnswer() {
 }
 
 LONG WaitOwner::finishLocal(LONG remoteRv) noexcept {
-    hasRemoteChange_ = remoteRv == SCARD_S_SUCCESS && !remote_.isEmpty() && timeout_ == INFINITE;
+    hasRemoteChange_ = !remote_.isEmpty() && endsOther(remoteRv, isRemoteLost_);
     if (hasRemoteChange_) {
         wait_.markUnwanted(WaitSide::Local);
     }
@@ -152,16 +157,29 @@ bool WaitOwner::rest(HANDLE answer, DWORD limit) {
     return events[woken] == answer;
 }
 
+/// Whether a half that has ended with this code ends the other one. By default only a success does,
+/// and only in a wait without limit. With standard answers the time-out makes no difference, and a
+/// half that ended without telling anything ends the other too, so that both can be begun anew.
+/// @param isLost  whether the code is that of the transport.
+bool WaitOwner::endsOther(LONG rv, bool isLost) const noexcept {
+    if (!isStandardCallsEnabled()) {
+        return timeout_ == INFINITE && rv == SCARD_S_SUCCESS;
+    }
+    return timeout_ != 0 && (rv == SCARD_S_SUCCESS || isLost ||
+                             (rv == SCARD_E_CANCELLED && !wait_.orders().isToEnd()));
+}
+
 bool WaitOwner::hasLocalChange() const noexcept {
-    return timeout_ == INFINITE && wait_.isLocalOver() && local_.result() == SCARD_S_SUCCESS;
+    return wait_.isLocalOver() && endsOther(local_.result(), false);
 }
 
 /// The reasons to end a half that are new, from what the other half and other threads say.
 WaitOwner::Reasons WaitOwner::freshReasons(Ending& ending, bool hasOtherChange) const noexcept {
     const WaitOrders orders = wait_.orders();
     // What the monitor ends is the host's half, and with it the call, which would else be deaf to
-    // the host's readers. Without such a half it has nothing to end.
-    const bool isInterrupted = orders.isInterrupted && !local_.isEmpty();
+    // the host's readers. Without such a half it has nothing to end, unless the call goes on.
+    const bool isInterrupted =
+        orders.isInterrupted && (!local_.isEmpty() || isStandardCallsEnabled());
     const Reasons all = (hasOtherChange ? kChange : 0) | (orders.isCancelled ? kCancelled : 0) |
                         (isInterrupted ? kInterrupted : 0) | (orders.isReleased ? kReleased : 0);
     const Reasons fresh = all & ~ending.reasons;

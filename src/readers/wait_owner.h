@@ -37,6 +37,9 @@ class WaitOwner {
     /// @return the daemon's code or the failure's.
     [[nodiscard]] LONG runRemote() noexcept;
 
+    /// For a remote half that is over: whether the daemon was not reached or its answer was lost.
+    bool isRemoteLost() const noexcept { return isRemoteLost_; }
+
     /// Waits for the end of the local half, which is cancelled when the remote one ends the call.
     /// @param remoteRv  what runRemote returned.
     /// @return the local half's code.
@@ -45,7 +48,7 @@ class WaitOwner {
   private:
     /// Why a half is to end; several may hold.
     using Reasons = unsigned;
-    static constexpr Reasons kChange = 1;  ///< the other half has one, and the wait is unbounded
+    static constexpr Reasons kChange = 1;  ///< the other half has one: see endsOther
     static constexpr Reasons kCancelled = 2;
     static constexpr Reasons kInterrupted = 4;
     static constexpr Reasons kReleased = 8;
@@ -63,6 +66,7 @@ class WaitOwner {
     bool rest(HANDLE answer, DWORD limit);
 
     bool isLocalRunning() const noexcept { return local_.isOnWorker() && !wait_.isLocalOver(); }
+    bool endsOther(LONG rv, bool isLost) const noexcept;
     bool hasLocalChange() const noexcept;
     Reasons freshReasons(Ending& ending, bool hasOtherChange) const noexcept;
     bool isRemoteToEnd() noexcept;
@@ -78,6 +82,7 @@ class WaitOwner {
     RemoteHalf& remote_;
 
     std::optional<std::uint64_t> remoteContext_;  ///< of the request that is out
+    bool isRemoteLost_ = false;
     bool hasRemoteChange_ = false;
     bool isLocalEndNoted_ = false;
     Ending localEnding_;

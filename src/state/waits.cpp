@@ -110,7 +110,7 @@ class WaitRegistry final : private Job {
 
     void interrupt(bool all) noexcept {
         tell(&WaitOrders::isInterrupted, kCancelBehindMonitor, [all](Wait& wait) {
-            const bool isMeant = all || wait.isWithoutDaemon_;
+            const bool isMeant = (all || wait.isWithoutDaemon_) && !wait.isUndisturbed_;
             wait.isToBeCancelled_ = isMeant;
             return isMeant;
         });
@@ -266,11 +266,30 @@ WaitOrders Wait::orders() const noexcept {
 }
 
 void Wait::openWake() {
+    if (wake_ != nullptr) {
+        return;
+    }
     OwnedHandle wake(CreateEventA(nullptr, FALSE, FALSE, nullptr));
     if (wake == nullptr) {
         throw std::bad_alloc();
     }
     registry.with([&] { wake_ = std::move(wake); });
+}
+
+void Wait::resume() noexcept {
+    registry.with([this] {
+        orders_.isInterrupted = false;
+        isToBeCancelled_ = false;
+    });
+}
+
+void Wait::forgetHalves() noexcept {
+    registry.with([this] {
+        local_ = {};
+        remote_ = {};
+        isLocalOver_ = false;
+        isWithoutDaemon_ = false;
+    });
 }
 
 LocalStart Wait::beginLocal(SCARDCONTEXT systemContext, bool isOwnThread) noexcept {
@@ -318,6 +337,10 @@ bool Wait::isYoung(WaitSide side) const noexcept {
 
 void Wait::markWithoutDaemon() noexcept {
     registry.with([this] { isWithoutDaemon_ = true; });
+}
+
+void Wait::setUndisturbed(bool isUndisturbed) noexcept {
+    registry.with([&] { isUndisturbed_ = isUndisturbed; });
 }
 
 CancelInProgress::CancelInProgress(WaitSide side, std::uint64_t context) noexcept

@@ -12,10 +12,10 @@ namespace tez {
 /// The two that a status-change call waits on at once.
 enum class WaitSide { Local, Remote };
 
-/// What other threads tell a wait; it is never taken back.
+/// What other threads tell a wait. Only the wait itself takes an interruption back, by going on.
 struct WaitOrders {
     bool isCancelled = false;    ///< by the application
-    bool isInterrupted = false;  ///< by the service monitor: the daemon has come
+    bool isInterrupted = false;  ///< by the service monitor: the daemon has come, or gone
     bool isReleased = false;     ///< its context is about to go
 
     bool isToEnd() const noexcept { return isCancelled || isInterrupted || isReleased; }
@@ -53,8 +53,14 @@ class Wait {
 
     WaitOrders orders() const noexcept;
 
-    /// Makes the event that is set whenever the wait is told something or its local half ends; one
-    /// that is about to ask only needs none. Throws std::bad_alloc.
+    /// Goes on with an interrupted wait: what interrupted it is looked at afresh from here on.
+    void resume() noexcept;
+
+    /// Forgets the halves of a wait that is to run others. None may be in progress.
+    void forgetHalves() noexcept;
+
+    /// Makes the event that is set whenever the wait is told something or its local half ends,
+    /// unless there is one; a wait that only asks needs none. Throws std::bad_alloc.
     void openWake();
     /// Null until it is made.
     HANDLE wake() const noexcept { return wake_.get(); }
@@ -79,6 +85,8 @@ class Wait {
 
     /// The call does not hear of the daemon's readers, or not any more.
     void markWithoutDaemon() noexcept;
+    /// Whether the daemon's coming and going is nothing to the call.
+    void setUndisturbed(bool isUndisturbed) noexcept;
 
   private:
     friend class WaitRegistry;
@@ -102,6 +110,7 @@ class Wait {
     Half remote_;
     bool isLocalOver_ = false;
     bool isWithoutDaemon_ = false;
+    bool isUndisturbed_ = false;
     bool isOwnThreadInside_ = false;  ///< in the system library
     bool isToBeCancelled_ = false;    ///< by the monitor, which is on its way
     CancelSchedule repeats_;          ///< while the own thread is inside
@@ -143,7 +152,8 @@ void cancelWaits(SCARDCONTEXT context) noexcept;
 /// them is inside the system library any more, or after a second.
 void endWaitsOfReleased(SCARDCONTEXT context) noexcept;
 
-/// The daemon has come: interrupts the host's half of every wait in progress, and with it the wait.
+/// The daemon has come, or gone: interrupts the host's half of every wait in progress, and with it
+/// the wait, unless that is undisturbed.
 /// @param all  false: only the waits that do not hear of the daemon's readers.
 void cancelPendingLocalWaits(bool all) noexcept;
 

@@ -74,8 +74,8 @@ TEST(MultiString, OfAnyBytesIsWalkedInsideAndStaysTheSameWhenClosed) {
     std::mt19937 random(20260101);  // the same bytes in every run
     for (int round = 0; round < 2000; ++round) {
         std::string bytes(random() % 24, '\0');
-        for (char& byte : bytes) {
-            byte = "\0\0\0aB\xFF"[random() % 6];
+        for (char& character : bytes) {
+            character = "\0\0\0aB\xFF"[random() % 6];
         }
         const std::vector<std::string> names = namesOf(bytes);
         std::string walked;

@@ -1,0 +1,43 @@
+// What the tests of the standard answers share: docs/standard-calls.md tells them row by row.
+#pragma once
+
+#include "status_waits.h"
+
+namespace tez::test {
+
+constexpr DWORD kChanged = SCARD_STATE_CHANGED;
+constexpr DWORD kGone = SCARD_STATE_UNKNOWN | SCARD_STATE_CHANGED | SCARD_STATE_IGNORE;
+/// A reader that still holds its first card, with the counter that the sides report.
+constexpr DWORD kFirstCard = 0x00010020;
+/// A reader whose first card was pulled.
+constexpr DWORD kFirstCardPulled = 0x00020010;
+
+constexpr DWORD count(DWORD readers) {
+    return readers << 16U;
+}
+
+/// Status-change calls with the switch on.
+class StandardTest : public StatusChangeTest {
+  protected:
+    StandardTest() { setEnvironment("TEZ_PCSC_STANDARD_CALLS", "1"); }
+
+    std::size_t remoteAsks() const { return daemon.requests(Command::kGetStatusChange).size(); }
+    /// The time-out of a status-change request.
+    DWORD askedTimeout(std::size_t request) const {
+        return u32At(daemon.requests(Command::kGetStatusChange).at(request).body, 8);
+    }
+
+    /// The pseudo-reader, asked without waiting.
+    static DWORD pseudoReader(SCARDCONTEXT context, DWORD told, LONG expected) {
+        SCARD_READERSTATEA state = readerState(kPnpReader, told);
+        EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(expected));
+        return state.dwEventState;
+    }
+
+    void closeWait() {
+        EXPECT_TRUE(
+            daemon.closeConnection(daemon.requests(Command::kGetStatusChange).back().connection));
+    }
+};
+
+}  // namespace tez::test

@@ -1,0 +1,122 @@
+// With standard answers the daemon's coming and going is no error of a wait, and neither is a lost
+// connection.
+#include <atomic>
+
+#include "standard_calls.h"
+
+namespace tez::test {
+namespace {
+
+using testing::_;
+
+class DaemonAndWait : public StandardTest {};
+
+TEST_F(DaemonAndWait, ComingIsTwoReadersInsteadOfOne) {
+    const SCARDCONTEXT context = establish();
+    listReaders(context);
+    const BackgroundWait wait(context, INFINITE,
+                              {readerState(kPnpReader, count(1)), unchangedHost()});
+    waitForHostWait();
+    startDaemon();
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(0).dwEventState, count(2) | kChanged);
+    EXPECT_EQ(wait.state(1).dwEventState, kFirstCard);
+}
+
+TEST_F(DaemonAndWait, ComingWithoutReadersIsNothing) {
+    remote.removeReader(kRemoteReader);
+    const SCARDCONTEXT context = establish();
+    listReaders(context);
+    const BackgroundWait wait(context, 1500, {readerState(kPnpReader, count(1)), unchangedHost()});
+    waitForHostWait();
+    EXPECT_FALSE(wait.isOver(std::chrono::milliseconds(300)));
+    startDaemon();
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_TIMEOUT));
+    EXPECT_GE(wait.duration(), 1475U) << "the time-out is not cut";
+    ASSERT_GE(remoteAsks(), 1U);
+    EXPECT_LE(askedTimeout(remoteAsks() - 1), 1225U) << "nor begun anew";
+    EXPECT_EQ(wait.state(0).dwEventState, count(1));
+}
+
+TEST_F(DaemonAndWait, GoingIsOneReaderInsteadOfTwo) {
+    const SCARDCONTEXT context = establishAndList();
+    const BackgroundWait wait(context, INFINITE, {readerState(kPnpReader, count(2))});
+    waitForRemoteWait();
+    waitForHostWait();
+    stopDaemon();
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(0).dwEventState, count(1) | kChanged);
+}
+
+TEST_F(DaemonAndWait, GoingTakesItsReadersAway) {
+    const SCARDCONTEXT context = establishAndList();
+    const BackgroundWait wait(context, INFINITE, {unchangedRemote(), unchangedHost()});
+    waitForRemoteWait();
+    waitForHostWait();
+    stopDaemon();
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(0).dwEventState, kGone);
+    EXPECT_EQ(wait.state(0).cbAtr, 0U);
+    EXPECT_EQ(wait.state(1).dwEventState, kFirstCard);
+}
+
+TEST_F(DaemonAndWait, ComingAndGoingDoesNotDisturbTheHostsReadersAlone) {
+    const SCARDCONTEXT context = establish();
+    listReaders(context);
+    EXPECT_CALL(host, SCardCancel).Times(0);
+    const BackgroundWait wait(context, INFINITE, {unchangedHost()});
+    waitForHostWait();
+    startDaemon();
+    waitForWatch();
+    stopDaemon();
+    EXPECT_FALSE(wait.isOver());
+    host.pcsc().removeCard(kHostReader);
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(0).dwEventState, kFirstCardPulled | kChanged);
+}
+
+TEST_F(DaemonAndWait, ALostConnectionIsReplacedAndTheWaitGoesOn) {
+    const SCARDCONTEXT context = establishAndList();
+    const BackgroundWait wait(context, 60000, {unchangedHost(), unchangedRemote()});
+    waitForRemoteWait();
+    closeWait();
+    ASSERT_TRUE(daemon.waitForRequest(Command::kGetStatusChange, 2, kPatience));
+    EXPECT_FALSE(wait.isOver());
+    remote.removeCard(kRemoteReader);
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(1).dwEventState, kFirstCardPulled | kChanged);
+    EXPECT_EQ(wait.state(0).dwEventState, kFirstCard);
+}
+
+TEST_F(DaemonAndWait, ADaemonThatHangsUpOnEveryWaitIsTriedAtGrowingPausesUntilACancel) {
+    const SCARDCONTEXT context = establishAndList();
+    daemon.on(Command::kGetStatusChange, [](const Request&) { return Reply::closePipe(); });
+    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+    ASSERT_TRUE(daemon.waitForRequest(Command::kGetStatusChange, 3, kPatience));
+    EXPECT_FALSE(wait.isOver(std::chrono::milliseconds(1000)));
+    EXPECT_LT(remoteAsks(), 30U);
+    EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
+}
+
+TEST_F(DaemonAndWait, TheHostIsHeardWhileTheDaemonHangsUpOnEveryWait) {
+    const SCARDCONTEXT context = establishAndList();
+    std::atomic<bool> isHostAskedInPauses = false;
+    ON_CALL(host, SCardGetStatusChangeA)
+        .WillByDefault(
+            [&](SCARDCONTEXT system, DWORD timeout, LPSCARD_READERSTATEA states, DWORD number) {
+                isHostAskedInPauses = isHostAskedInPauses || (timeout != 0 && timeout != INFINITE);
+                return host.service().SCardGetStatusChangeA(system, timeout, states, number);
+            });
+    daemon.on(Command::kGetStatusChange, [](const Request&) { return Reply::closePipe(); });
+    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+    ASSERT_TRUE(daemon.waitForRequest(Command::kGetStatusChange, 3, kPatience));
+    host.pcsc().removeCard(kHostReader);
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_TRUE(isHostAskedInPauses);
+    EXPECT_EQ(wait.state(0).dwEventState, kFirstCardPulled | kChanged);
+    EXPECT_EQ(wait.state(1).dwEventState, DWORD{SCARD_STATE_PRESENT});
+}
+
+}  // namespace
+}  // namespace tez::test
