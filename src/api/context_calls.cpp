@@ -7,9 +7,21 @@
 #include "local/local_calls.h"
 #include "local/winscard_table.h"
 #include "log/call_frame.h"
+#include "state/told_readers.h"
 #include "state/waits.h"
 
 using namespace tez;
+
+namespace {
+
+/// Whether the daemon alone is enough for a context that the host refuses with this code. The
+/// monitor makes the system side as soon as it can.
+bool doesDaemonDo(LONG rv) {
+    return isNoService(rv) && getServiceState() == ServiceState::LocalFirst &&
+           isStandardCallsEnabled();
+}
+
+}  // namespace
 
 LONG WINAPI SCardEstablishContext(DWORD dwScope, LPCVOID pvReserved1, LPCVOID pvReserved2,
                                   LPSCARDCONTEXT phContext) {
@@ -23,11 +35,11 @@ LONG WINAPI SCardEstablishContext(DWORD dwScope, LPCVOID pvReserved1, LPCVOID pv
             ensurePollThreadStarted();
             SCARDCONTEXT systemHandle = 0;
             if (getServiceState() != ServiceState::RemoteOnly) {
-                // No fallback here: a context without its system side could not serve the host's
-                // readers. The daemon's side is made when it is first needed.
+                // By default no fallback: a context without its system side could not serve the
+                // host's readers. The daemon's side is made when it is first needed.
                 const LONG rv =
                     LocalSCardEstablishContext(dwScope, pvReserved1, pvReserved2, &systemHandle);
-                if (rv != SCARD_S_SUCCESS) {
+                if (rv != SCARD_S_SUCCESS && !doesDaemonDo(rv)) {
                     return rv;
                 }
             }
@@ -69,6 +81,7 @@ LONG WINAPI SCardReleaseContext(SCARDCONTEXT hContext) {
                 static_cast<void>(releaseRemoteContext(entry->remoteLocal, false));
             }
         }
+        forgetToldReaders(hContext);
         return rv;
     });
 }
@@ -82,6 +95,11 @@ LONG WINAPI SCardIsValidContext(SCARDCONTEXT hContext) {
         // new counterpart there on its next remote use.
         if (state == ServiceState::RemoteOnly) {
             return isContextKnown(hContext) ? SCARD_S_SUCCESS : SCARD_E_INVALID_HANDLE;
+        }
+        if (getLocalContext(hContext) == 0) {
+            // Valid all the same, if it may be without.
+            return hostlessResult(hContext) == SCARD_E_NO_SERVICE ? SCARD_S_SUCCESS
+                                                                  : SCARD_E_INVALID_HANDLE;
         }
         return withLocalContext(hContext, [](SCARDCONTEXT systemHandle) {
             return callSystem(&WinscardTable::SCardIsValidContext, systemHandle);

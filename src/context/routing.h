@@ -4,6 +4,7 @@
 #include "context/context_registry.h"
 #include "daemon/service_state.h"
 #include "log/function_log.h"
+#include "log/switches.h"
 
 namespace tez {
 
@@ -24,13 +25,26 @@ template <class Local, class Remote>
     return remote();
 }
 
+/// Whether a code says that a side has no smart-card service: none that runs, or no library.
+constexpr bool isNoService(LONG rv) noexcept {
+    return rv == SCARD_E_NO_SERVICE || rv == SCARD_E_SERVICE_STOPPED ||
+           rv == SCARD_F_INTERNAL_ERROR;
+}
+
+/// What the host says of a context that has no system counterpart: with standard answers a context
+/// may be without one for as long as the host has no service.
+inline LONG hostlessResult(SCARDCONTEXT context) noexcept {
+    return isStandardCallsEnabled() && isContextKnown(context) ? SCARD_E_NO_SERVICE
+                                                               : SCARD_E_INVALID_HANDLE;
+}
+
 /// A call on the system counterpart of a context.
 /// @param call  called with the system context; returns a PC/SC code.
-/// @return SCARD_E_INVALID_HANDLE for a context without one, else what was called returned.
+/// @return hostlessResult for a context without one, else what was called returned.
 template <class Call>
 [[nodiscard]] LONG withLocalContext(SCARDCONTEXT context, Call call) {
     const SCARDCONTEXT systemContext = getLocalContext(context);
-    return systemContext == 0 ? SCARD_E_INVALID_HANDLE : call(systemContext);
+    return systemContext == 0 ? hostlessResult(context) : call(systemContext);
 }
 
 /// As withLocalContext, for calls that the host serves without a context too: the null context is

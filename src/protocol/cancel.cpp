@@ -47,6 +47,9 @@ LONG WINAPI SCardCancel(SCARDCONTEXT hContext) {
         if (state != ServiceState::RemoteOnly) {
             const LONG localRv = withLocalContext(hContext, cancelSystemWait);
             rv = rv == SCARD_S_SUCCESS ? localRv : rv;
+            if (rv == SCARD_E_NO_SERVICE && getLocalContext(hContext) == 0) {
+                rv = SCARD_S_SUCCESS;  // no host, no wait there to end
+            }
         }
         return rv;
     });
