@@ -21,11 +21,12 @@ constinit NeverDestroyed<CardHandleRegistry> cards;
 }  // namespace
 
 SCARDHANDLE registerCardHandle(std::uint64_t target, SCARDCONTEXT context, const char* readerName,
-                               bool isLocal) {
+                               bool isLocal, std::uint64_t daemon) {
     auto entry = std::make_shared<CardHandleEntry>();
     entry->target = target;
     entry->context = context;
     entry->isLocal = isLocal;
+    entry->daemon = daemon;
     entry->readerName.reset(heapDuplicate(readerName));
     if (readerName != nullptr && entry->readerName == nullptr) {
         throw std::bad_alloc();

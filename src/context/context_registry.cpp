@@ -109,6 +109,11 @@ std::uint64_t getBoundRemoteContext(SCARDCONTEXT context) noexcept {
     return entry == nullptr ? NO_REMOTE_CONTEXT : entry->remote;
 }
 
+std::uint64_t currentDaemon() noexcept {
+    const SlimGuard guard(contexts->lock);
+    return contexts->breaks;
+}
+
 void invalidateRemoteContexts() noexcept {
     static constexpr FunctionLog log("invalidateRemoteContexts");
     const SlimGuard guard(contexts->lock);

@@ -51,6 +51,9 @@ std::uint64_t getBoundRemoteContext(SCARDCONTEXT context) noexcept;
 /// is ignored. What ends a wait is told to the wait itself.
 void setContextCancelled(SCARDCONTEXT context, bool cancelled) noexcept;
 
+/// A number for the daemon that is there, or was there last: another one each time that it goes.
+std::uint64_t currentDaemon() noexcept;
+
 /// Forgets every daemon context, because the daemon lost them with its pipe. One that a thread is
 /// just getting is not bound any more either.
 void invalidateRemoteContexts() noexcept;

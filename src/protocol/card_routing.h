@@ -7,6 +7,7 @@
 #include "context/card_handle_registry.h"
 #include "context/context_registry.h"
 #include "daemon/service_state.h"
+#include "log/switches.h"
 
 namespace tez {
 
@@ -29,14 +30,28 @@ struct RemoteCard {
     bool hasContext() const noexcept { return isContextKnown(entry.context); }
 };
 
+/// Whether a remote card went with its daemon, even if another one is there now. By default that is
+/// not looked at: the handle goes out unchanged to whichever daemon there is.
+inline bool hasGoneWithDaemon(const CardHandleEntry& entry, ServiceState state) noexcept {
+    return isStandardCallsEnabled() &&
+           (state == ServiceState::LocalOnly || entry.daemon != currentDaemon());
+}
+
+/// What card calls say of such a card.
+inline LONG refuseGoneCard() noexcept {
+    return SCARD_E_READER_UNAVAILABLE;
+}
+
 /// Sends a call on a card handle to the side that serves the card; there is no fallback, for a card
 /// connected on one side is not known to the other.
 /// @param local   called with the system library's card handle and the application's context.
 /// @param remote  called with the RemoteCard.
+/// @param gone    called for a card that hasGoneWithDaemon.
 /// @return SCARD_E_INVALID_HANDLE for an unknown handle, a remote card while the daemon is gone, or
 ///         a local card when every call is to go to the daemon; else what the side returned.
-template <class Local, class Remote>
-[[nodiscard]] LONG routeCardCall(SCARDHANDLE card, Local local, Remote remote) {
+template <class Local, class Remote, class Gone = LONG (*)() noexcept>
+[[nodiscard]] LONG routeCardCall(SCARDHANDLE card, Local local, Remote remote,
+                                 Gone gone = refuseGoneCard) {
     const ServiceState state = getServiceState();
     const std::shared_ptr<const CardHandleEntry> entry = findCardHandle(card);
     if (entry == nullptr) {
@@ -44,6 +59,9 @@ template <class Local, class Remote>
     }
     if (entry->isLocal && state != ServiceState::RemoteOnly) {
         return local(entry->target, entry->context);
+    }
+    if (!entry->isLocal && hasGoneWithDaemon(*entry, state)) {
+        return gone();
     }
     if (entry->isLocal || state == ServiceState::LocalOnly) {
         return SCARD_E_INVALID_HANDLE;

@@ -83,6 +83,10 @@ LONG WINAPI SCardDisconnect(SCARDHANDLE hCard, DWORD dwDisposition) {
                     unregisterCardHandle(hCard);
                 }
                 return rv;
+            },
+            [hCard]() -> LONG {
+                unregisterCardHandle(hCard);
+                return SCARD_S_SUCCESS;
             });
     });
 }

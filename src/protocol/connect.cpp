@@ -5,7 +5,9 @@
 #include "daemon/exchange.h"
 #include "local/winscard_table.h"
 #include "log/call_frame.h"
+#include "log/switches.h"
 #include "protocol/session_protocols.h"
+#include "state/reader_names.h"
 #include "wire/card_records.h"
 #include "wire/text_field.h"
 
@@ -26,9 +28,9 @@ struct ConnectArguments {
 /// disconnects the card again: nobody else could.
 template <class Undo>
 SCARDHANDLE registerOrUndo(const ConnectArguments& arguments, std::uint64_t target, bool isLocal,
-                           Undo undo) {
+                           std::uint64_t daemon, Undo undo) {
     try {
-        return registerCardHandle(target, arguments.context, arguments.reader, isLocal);
+        return registerCardHandle(target, arguments.context, arguments.reader, isLocal, daemon);
     } catch (...) {
         undo();
         throw;
@@ -41,7 +43,7 @@ LONG connectLocally(const ConnectArguments& arguments, SCARDCONTEXT systemContex
                                arguments.shareMode, arguments.preferredProtocols, &systemCard,
                                arguments.activeProtocol);
     if (rv == SCARD_S_SUCCESS) {
-        *arguments.card = registerOrUndo(arguments, systemCard, true, [systemCard] {
+        *arguments.card = registerOrUndo(arguments, systemCard, true, 0, [systemCard] {
             static_cast<void>(callSystem(&WinscardTable::SCardDisconnect, systemCard,
                                          static_cast<DWORD>(SCARD_LEAVE_CARD)));
         });
@@ -49,8 +51,10 @@ LONG connectLocally(const ConnectArguments& arguments, SCARDCONTEXT systemContex
     return rv;
 }
 
-LONG connectRemotely(const FunctionLog& log, ServiceState state,
-                     const ConnectArguments& arguments) {
+/// @param isKnown  out: whether the daemon knows the reader.
+LONG connectRemotely(const FunctionLog& log, ServiceState state, const ConnectArguments& arguments,
+                     bool& isKnown) {
+    isKnown = false;
     if (arguments.activeProtocol == nullptr) {
         log.warning("pdwActiveProtocol cannot be NULL");
         return SCARD_E_INVALID_PARAMETER;
@@ -63,6 +67,7 @@ LONG connectRemotely(const FunctionLog& log, ServiceState state,
         return SCARD_E_INVALID_VALUE;
     }
     *arguments.card = 0;
+    const std::uint64_t daemon = currentDaemon();
     std::uint64_t remoteContext = NO_REMOTE_CONTEXT;
     LONG rv = getRemoteContextVolatile(arguments.context, remoteContext, true);
     if (rv != SCARD_S_SUCCESS) {
@@ -83,13 +88,58 @@ LONG connectRemotely(const FunctionLog& log, ServiceState state,
         }
         return connectRv;
     });
+    // The code is the daemon's, and not the transport's, if it stands in the record.
+    isKnown = rv == static_cast<LONG>(record.rv) && rv != SCARD_E_UNKNOWN_READER;
     if (rv == SCARD_S_SUCCESS) {
-        *arguments.card = registerOrUndo(arguments, record.hCard, false, [&] {
+        *arguments.card = registerOrUndo(arguments, record.hCard, false, daemon, [&] {
             DisconnectRecord undo = {record.hCard, SCARD_LEAVE_CARD, 0};
             static_cast<void>(exchange.call(CMD_DISCONNECT, undo));
         });
     }
     return rv;
+}
+
+/// Which side tells why a connect failed on both. By default it is the daemon, which was asked
+/// last. With standard answers it is the side that has the reader: the one that listed it (the host
+/// where both did), else the daemon if it knows it, else the host. A host without a service tells
+/// nothing about readers.
+LONG reasonOf(const ConnectArguments& arguments, LONG hostRv, LONG daemonRv, bool isDaemonsReader) {
+    if (!isStandardCallsEnabled() || isNoService(hostRv) || isDaemonsReader) {
+        return daemonRv;
+    }
+    return arguments.reader != nullptr &&
+                   findReaderSides({arguments.reader}).front() == ReaderSide::Remote
+               ? daemonRv
+               : hostRv;
+}
+
+/// Whether the host's failure is the answer, without a question to the daemon: it listed the reader
+/// and still knows it.
+bool isHostsReader(const ConnectArguments& arguments, LONG hostRv) {
+    return isStandardCallsEnabled() && hostRv != SCARD_E_UNKNOWN_READER && !isNoService(hostRv) &&
+           arguments.reader != nullptr &&
+           findReaderSides({arguments.reader}).front() == ReaderSide::Local;
+}
+
+LONG connectLocalFirst(const FunctionLog& log, ServiceState state,
+                       const ConnectArguments& arguments, SCARDCONTEXT systemContext) {
+    LONG hostRv = SCARD_E_NO_SERVICE;
+    bool isDaemonsReader = false;
+    const LONG rv = localFirst(
+        log, state,
+        [&] {
+            if (systemContext != 0) {
+                hostRv = connectLocally(arguments, systemContext);
+            }
+            return hostRv;
+        },
+        [&] {
+            return isHostsReader(arguments, hostRv)
+                       ? hostRv
+                       : connectRemotely(log, state, arguments, isDaemonsReader);
+        });
+    const bool isTold = state != ServiceState::LocalFirst || rv == SCARD_S_SUCCESS || rv == hostRv;
+    return isTold ? rv : reasonOf(arguments, hostRv, rv, isDaemonsReader);
 }
 
 }  // namespace
@@ -113,12 +163,11 @@ LONG WINAPI SCardConnectA(SCARDCONTEXT hContext, LPCSTR szReader, DWORD dwShareM
                 return SCARD_E_INVALID_PARAMETER;
             }
             const SCARDCONTEXT systemContext = getLocalContext(hContext);
-            if (state != ServiceState::RemoteOnly && systemContext == 0) {
+            if (state != ServiceState::RemoteOnly && systemContext == 0 &&
+                hostlessResult(hContext) == SCARD_E_INVALID_HANDLE) {
                 return SCARD_E_INVALID_HANDLE;  // no context of ours, or half of one: no fallback
             }
-            return localFirst(
-                call.log(), state, [&] { return connectLocally(arguments, systemContext); },
-                [&] { return connectRemotely(call.log(), state, arguments); });
+            return connectLocalFirst(call.log(), state, arguments, systemContext);
         },
         [&] { call.out("%llu, %lu", *phCard, valueOf(pdwActiveProtocol)); });
 }
