@@ -14,6 +14,8 @@ namespace tez::client {
 
 /// How many readers the library takes in one wait.
 inline constexpr std::size_t kMostWaitEntries = 16;
+/// The same where the library gives standard answers.
+inline constexpr std::size_t kMostStandardWaitEntries = 64;
 
 /// What lives as long as the program: one PC/SC context, established when it is first needed, and
 /// at most one card kept open across commands. All calls throw ScardFailure on PC/SC errors.

@@ -37,7 +37,11 @@ struct WatchedReader {
 class Watch {
   public:
     Watch(Client& client, const std::vector<std::string>& namesOrIndexes)
-        : session_(client.session), report_(client.report), watchesAll_(namesOrIndexes.empty()) {
+        : session_(client.session),
+          report_(client.report),
+          watchesAll_(namesOrIndexes.empty()),
+          // With standard answers a wait for nothing runs into its time-out, else it is a success.
+          isToldAll_(SCardGetStatusChangeA(session_.context(), 0, nullptr, 0) == SCARD_E_TIMEOUT) {
         for (const std::string& reader : namesOrIndexes) {
             names_.insert(session_.resolveReader(reader));
         }
@@ -58,13 +62,20 @@ class Watch {
                 tell(name, "missing", name + ": no such reader");
             }
         }
+        awaitMissing();
         wait(0);
     }
 
-    /// Whether a reader that the user has named is not there. No wait ends when it comes: one for
-    /// it alone returns at once, and the list of readers, whose state is their number, can only be
-    /// waited on together with all of them. So the list has to be looked at from time to time.
-    bool lacksReaders() const { return !watchesAll_ && readers_.size() < names_.size(); }
+    /// How long to wait when there is so much time left. With standard answers a wait ends with the
+    /// first change. By default one with a limit tells a change of one side's readers only when its
+    /// time is over, and none ends when a reader comes that the user has named: so there are short
+    /// ones then, and the list is looked at behind each.
+    DWORD step(const Deadline& deadline) const {
+        constexpr DWORD kLongestStep = 250;
+        const bool lacksReaders = !watchesAll_ && readers_.size() < names_.size();
+        const bool isShort = !isToldAll_ && (deadline.isLimited() || lacksReaders);
+        return isShort ? std::min(deadline.remaining(), kLongestStep) : deadline.remaining();
+    }
 
     /// Waits until something changes, at most `timeout` milliseconds, and tells what did.
     /// @return how many changes that were.
@@ -81,9 +92,10 @@ class Watch {
         }
         const LONG result = SCardGetStatusChangeA(session_.context(), timeout, states.data(),
                                                   static_cast<DWORD>(states.size()));
-        if (result == SCARD_E_INVALID_PARAMETER && states.size() > kMostWaitEntries) {
-            throw Failure("a wait takes " + std::to_string(kMostWaitEntries) +
-                          " entries at most, not " + std::to_string(states.size()) +
+        const std::size_t most = isToldAll_ ? kMostStandardWaitEntries : kMostWaitEntries;
+        if (result == SCARD_E_INVALID_PARAMETER && states.size() > most) {
+            throw Failure("a wait takes " + std::to_string(most) + " entries at most, not " +
+                          std::to_string(states.size()) +
                           "; when no readers are named, the list of readers is one of them");
         }
         // Also what a wait without limit gives when a side of PC/SC comes or goes meanwhile.
@@ -112,6 +124,15 @@ class Watch {
         Json json = {{"event", event}, {"reader", reader}};
         json.update(more);
         report_.event(json);
+    }
+
+    /// Waits on readers that are not there, where the library can do that.
+    void awaitMissing() {
+        for (const std::string& name : names_) {
+            if (isToldAll_ && !isWatched(name)) {
+                readers_.push_back({name, SCARD_STATE_UNKNOWN, true});
+            }
+        }
     }
 
     bool isWanted(const std::string& name) const { return watchesAll_ || names_.contains(name); }
@@ -158,7 +179,7 @@ class Watch {
     unsigned followList() {
         const std::vector<std::string> present = session_.readers();
         const auto isGone = [&](const WatchedReader& reader) {
-            return reader.name != kReaderList &&
+            return reader.name != kReaderList && reader.state != SCARD_STATE_UNKNOWN &&
                    std::find(present.begin(), present.end(), reader.name) == present.end();
         };
         for (const WatchedReader& reader : readers_) {
@@ -168,20 +189,19 @@ class Watch {
         }
         const auto goneCount = static_cast<unsigned>(std::erase_if(readers_, isGone));
         addWanted(present, true);
+        awaitMissing();
         return goneCount;
     }
 
     Session& session_;
     const Report& report_;
     bool watchesAll_;
+    bool isToldAll_;                      ///< of what happens to the readers in the wait, at once
     std::set<std::string> names_;         ///< those that the user wants; empty for all
     std::vector<WatchedReader> readers_;  ///< those of them that there are
 };
 
 void runWatch(Client& client, const WatchOptions& options) {
-    // A wait with a limit tells a change of one side's readers only when its time is over; a watch
-    // with a limit is made of short ones. So is one that looks for a reader.
-    constexpr DWORD kLongestStep = 250;
     const Deadline deadline(options.timeout);
     const unsigned wanted = options.wantedChanges();
     Watch watch(client, options.readers);
@@ -191,8 +211,7 @@ void runWatch(Client& client, const WatchOptions& options) {
     unsigned changes = 0;
     const auto isDone = [&] { return wanted != 0 && changes >= wanted; };
     while (!isDone() && !deadline.isOver()) {
-        const bool isStep = deadline.isLimited() || watch.lacksReaders();
-        changes += watch.wait(isStep ? std::min(deadline.remaining(), kLongestStep) : INFINITE);
+        changes += watch.wait(watch.step(deadline));
     }
     if (wanted != 0 && !isDone()) {
         throw Failure("the time is over");
