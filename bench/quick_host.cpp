@@ -12,6 +12,10 @@ std::atomic<tez::test::SystemCalls*> current;
 
 extern "C" {
 
+extern const SCARD_IO_REQUEST standInT0Pci = {SCARD_PROTOCOL_T0, sizeof(SCARD_IO_REQUEST)};
+extern const SCARD_IO_REQUEST standInT1Pci = {SCARD_PROTOCOL_T1, sizeof(SCARD_IO_REQUEST)};
+extern const SCARD_IO_REQUEST standInRawPci = {SCARD_PROTOCOL_RAW, sizeof(SCARD_IO_REQUEST)};
+
 // Exported under the platform's names, whose declarations are an application's: they import.
 // NOLINTNEXTLINE(bugprone-macro-parentheses): names and parameter lists are no expressions
 #define TEZ_FORWARD_CALL(Result, name, parameters, arguments)           \
