@@ -14,8 +14,9 @@ namespace tez::bench {
 namespace {
 
 std::string logPath() {
-    char* const folder = std::getenv("TEZ_PCSC_LOG_DIR");
-    if (folder == nullptr) {
+    char folder[MAX_PATH];
+    const DWORD length = GetEnvironmentVariableA("TEZ_PCSC_LOG_DIR", folder, sizeof folder);
+    if (length == 0 || length >= sizeof folder) {
         throw std::runtime_error("needs TEZ_PCSC_LOG_LEVEL=debug and TEZ_PCSC_LOG_DIR");
     }
     return std::string(folder) + "\\tez-pcsc.bench.exe." + std::to_string(GetCurrentProcessId()) +
