@@ -96,13 +96,12 @@ LONG WINAPI SCardIsValidContext(SCARDCONTEXT hContext) {
         if (state == ServiceState::RemoteOnly) {
             return isContextKnown(hContext) ? SCARD_S_SUCCESS : SCARD_E_INVALID_HANDLE;
         }
-        if (getLocalContext(hContext) == 0) {
+        const SCARDCONTEXT systemContext = getLocalContext(hContext);
+        if (systemContext == 0) {
             // Valid all the same, if it may be without.
             return hostlessResult(hContext) == SCARD_E_NO_SERVICE ? SCARD_S_SUCCESS
                                                                   : SCARD_E_INVALID_HANDLE;
         }
-        return withLocalContext(hContext, [](SCARDCONTEXT systemHandle) {
-            return callSystem(&WinscardTable::SCardIsValidContext, systemHandle);
-        });
+        return callSystem(&WinscardTable::SCardIsValidContext, systemContext);
     });
 }

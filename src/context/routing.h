@@ -34,7 +34,7 @@ constexpr bool isNoService(LONG rv) noexcept {
 /// What the host says of a context that has no system counterpart: with standard answers a context
 /// may be without one for as long as the host has no service.
 inline LONG hostlessResult(SCARDCONTEXT context) noexcept {
-    return isStandardCallsEnabled() && isContextKnown(context) ? SCARD_E_NO_SERVICE
+    return isContextKnown(context) && isStandardCallsEnabled() ? SCARD_E_NO_SERVICE
                                                                : SCARD_E_INVALID_HANDLE;
 }
 
