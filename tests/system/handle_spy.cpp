@@ -35,11 +35,17 @@ std::size_t HandleSpy::outstanding() const {
     return open_.size();
 }
 
+bool HandleSpy::wasClosed(HANDLE handle) const {
+    const std::scoped_lock lock(mutex_);
+    return closed_.contains(handle);
+}
+
 HANDLE HandleSpy::noteOpened(HANDLE handle) {
     if (handle != nullptr && handle != INVALID_HANDLE_VALUE) {
         const DWORD error = GetLastError();
         const std::scoped_lock lock(mutex_);
         open_.insert(handle);
+        closed_.erase(handle);
         SetLastError(error);
     }
     return handle;
@@ -48,6 +54,7 @@ HANDLE HandleSpy::noteOpened(HANDLE handle) {
 void HandleSpy::noteClosed(HANDLE handle) {
     const std::scoped_lock lock(mutex_);
     open_.erase(handle);
+    closed_.insert(handle);
 }
 
 }  // namespace tez::test

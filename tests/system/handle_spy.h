@@ -19,12 +19,16 @@ class HandleSpy {
     /// Events, files, pipes and threads that were opened since and are not closed.
     std::size_t outstanding() const;
 
+    /// Whether the library has closed this one, and opened none of the same number since.
+    bool wasClosed(HANDLE handle) const;
+
   private:
     HANDLE noteOpened(HANDLE handle);
     void noteClosed(HANDLE handle);
 
     mutable std::mutex mutex_;
     std::set<HANDLE> open_;
+    std::set<HANDLE> closed_;
 
     // Last, so that they are gone before what they tell is.
     ImportPatch<decltype(::CreateEventA)> createEvent_;

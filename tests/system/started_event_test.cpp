@@ -3,6 +3,7 @@
 #include <atomic>
 #include <thread>
 
+#include "handle_spy.h"
 #include "import_patch.h"
 #include "latch.h"
 #include "system_test.h"
@@ -23,10 +24,8 @@ constexpr const char* kRelease = "SCardReleaseStartedEvent";
 class StartedEventTest : public SystemTest {
   protected:
     static bool isSet(HANDLE event) { return WaitForSingleObject(event, 0) == WAIT_OBJECT_0; }
-    static bool isOpen(HANDLE event) {
-        DWORD flags = 0;
-        return GetHandleInformation(event, &flags) != FALSE;
-    }
+    /// As the library left it: another thread of the process may have got the number since.
+    bool isOpen(HANDLE event) const { return !handles_.wasClosed(event); }
     /// Waits for the event, kPatience at most.
     static bool becomesSet(HANDLE event) {
         const std::chrono::milliseconds patience = kPatience;
@@ -44,6 +43,9 @@ class StartedEventTest : public SystemTest {
     }
 
     std::size_t systemUsers() { return host.startedEvent().users(); }
+
+  private:
+    const HandleSpy handles_;
 };
 
 TEST_F(StartedEventTest, IsSetAtOnceWhileTheDaemonServes) {

@@ -5,9 +5,9 @@
 #include <sstream>
 #include <thread>
 
+#include "pipe/unique_handle.h"
 #include "status_waits.h"
 #include "system_test.h"
-#include "pipe/unique_handle.h"
 
 namespace tez::test {
 namespace {
