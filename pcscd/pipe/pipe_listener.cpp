@@ -49,7 +49,7 @@ std::shared_ptr<PipeConnection> PipeListener::enter(UniqueHandle instance) {
     if (!serving_) {
         return nullptr;
     }
-    const auto connection = std::make_shared<PipeConnection>(++accepted_, std::move(instance));
+    auto connection = std::make_shared<PipeConnection>(++accepted_, std::move(instance));
     if (paused_) {
         connection->pauseReading();
     }
