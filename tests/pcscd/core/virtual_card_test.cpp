@@ -41,7 +41,7 @@ class VirtualCardTest : public testing::Test {
             return 0;
         }
         const unsigned status = static_cast<unsigned>(data_[data_.size() - 2]) << 8 | data_.back();
-        data_.resize(data_.size() - 2);
+        data_.erase(data_.end() - 2, data_.end());
         return status;
     }
 
