@@ -165,12 +165,18 @@ TEST_F(TroubleshootingTest, AReaderOnBothSides) {
     expectDocumented("Both sides have a reader of one name");
 }
 
+/// An entry that tells what its reader's state is, so that a wait has nothing to tell.
+SCARD_READERSTATEA presentState(SCARDCONTEXT context, const char* reader) {
+    SCARD_READERSTATEA state = readerState(reader, SCARD_STATE_UNAWARE);
+    EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
+    state.dwCurrentState = state.dwEventState & ~DWORD{SCARD_STATE_CHANGED};
+    return state;
+}
+
 TEST_F(TroubleshootingTest, AWaitOfOneSideThatIsOver) {
     const SCARDCONTEXT context = establishWithDaemon();
     listReaders(context);
-    SCARD_READERSTATEA state = readerState(kRemoteReader, SCARD_STATE_UNAWARE);
-    ASSERT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
-    state.dwCurrentState = state.dwEventState & ~DWORD{SCARD_STATE_CHANGED};
+    SCARD_READERSTATEA state = presentState(context, kRemoteReader);
     EXPECT_THAT(SCardGetStatusChangeA(context, 100, &state, 1), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(state.dwEventState & SCARD_STATE_CHANGED, 0U);
     expectDocumented("A wait returns 0 though nothing has changed");
@@ -179,9 +185,7 @@ TEST_F(TroubleshootingTest, AWaitOfOneSideThatIsOver) {
 TEST_F(TroubleshootingTest, AWaitWithTimeOutZero) {
     const SCARDCONTEXT context = establish();
     listReaders(context);
-    SCARD_READERSTATEA state = readerState(kHostReader, SCARD_STATE_UNAWARE);
-    ASSERT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
-    state.dwCurrentState = state.dwEventState & ~DWORD{SCARD_STATE_CHANGED};
+    SCARD_READERSTATEA state = presentState(context, kHostReader);
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_E_TIMEOUT));
     expectDocumented("A wait with the time-out 0");
 }
