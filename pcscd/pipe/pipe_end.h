@@ -21,7 +21,7 @@ class PipeEnd {
     /// Reads what there is, at least a byte; fails when the client is gone.
     Outcome read(std::span<std::uint8_t> buffer, Interrupts interrupts);
     /// Writes the bytes with one WriteFile; returns when the client has taken what exceeds the
-    /// pipe's buffer. False when the client is gone, or when interrupted.
+    /// pipe's buffer. False when the client is gone, or when interrupted, before it had them all.
     bool write(std::span<const std::uint8_t> bytes, Interrupts interrupts);
 
   private:
