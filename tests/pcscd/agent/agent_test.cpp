@@ -14,6 +14,7 @@
 #include "core/text.h"
 #include "link/hello.h"
 #include "link_client.h"
+#include "packed_record.h"
 #include "simulated/virtual_card.h"
 #include "wire/attribute_records.h"
 
@@ -23,6 +24,8 @@ namespace {
 using namespace std::chrono_literals;
 using pcscd::Bytes;
 using pcscd::multiString;
+using test::copyOf;
+using test::resultOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Pair;
@@ -72,18 +75,16 @@ TEST_F(AgentTest, ServesTheReadersAndCardsOfTheService) {
     const auto context = client->establish();
     EXPECT_EQ(client->listReaders(context), multiString({kFirstReader, kSecondReader}));
     const ConnectRecord card = client->connect(context, kFirstReader);
-    ASSERT_EQ(card.rv, 0U);
-    EXPECT_EQ(card.dwActiveProtocol, pcscd::protocol::kT1);
+    ASSERT_EQ(resultOf(card), 0U);
+    EXPECT_EQ(copyOf(card.dwActiveProtocol), pcscd::protocol::kT1);
     EXPECT_THAT(client->transmit(card, kChallenge), SizeIs(10));
     const auto status = client->call(CMD_STATUS, StatusRecord{card.hCard, 0, 0, {}, 33, 1});
-    EXPECT_EQ(status.rv, 0U);
-    EXPECT_EQ(status.dwState,
-              unsigned{kWirePresent | kWirePowered | kWireNegotiable} & status.dwState);
-    EXPECT_NE(status.dwState & (kWireSpecific | kWireNegotiable), 0U);
+    EXPECT_EQ(resultOf(status), 0U);
+    EXPECT_EQ(copyOf(status.dwState), unsigned{kWirePresent | kWirePowered | kWireNegotiable});
     EXPECT_EQ(Bytes(status.pbAtr, status.pbAtr + status.cbAtrLen), pcscd::makeDemoCard("").atr());
-    EXPECT_EQ(client->connect(context, kSecondReader).rv, code(result::kNoSmartcard));
-    EXPECT_EQ(client->connect(context, "No Such Reader").rv, code(result::kUnknownReader));
-    EXPECT_EQ(client->call(CMD_DISCONNECT, DisconnectRecord{card.hCard, 0, 1}).rv, 0U);
+    EXPECT_EQ(resultOf(client->connect(context, kSecondReader)), code(result::kNoSmartcard));
+    EXPECT_EQ(resultOf(client->connect(context, "No Such Reader")), code(result::kUnknownReader));
+    EXPECT_EQ(resultOf(client->call(CMD_DISCONNECT, DisconnectRecord{card.hCard, 0, 1})), 0U);
     EXPECT_EQ(machine_.stopAgent(), 0);
 }
 
@@ -94,7 +95,7 @@ TEST_F(AgentTest, TellsOfTheReaderWhatTheServiceTellsUnderTheServedName) {
     const std::string name = std::string("Home: ") + kFirstReader;
     EXPECT_EQ(client->listReaders(context), multiString({name}));
     const ConnectRecord card = client->connect(context, name.c_str());
-    ASSERT_EQ(card.rv, 0U);
+    ASSERT_EQ(resultOf(card), 0U);
     const auto attribute = [&](std::uint32_t id) {
         const auto answer = client->call(CMD_GET_ATTRIB, AttribRecord{card.hCard, id, {}, 0, 1});
         return answer.rv == 0 ? client->receiveFrame().value_or(Bytes{}) : Bytes{};
@@ -103,9 +104,10 @@ TEST_F(AgentTest, TellsOfTheReaderWhatTheServiceTellsUnderTheServedName) {
     EXPECT_EQ(attribute(pcscd::attribute::kDeviceSystemNameW), pcscd::terminatedWide(name));
     EXPECT_EQ(attribute(pcscd::attribute::kAtrString), pcscd::makeDemoCard("").atr());
     const auto control = client->call(CMD_CONTROL, ControlRecord{card.hCard, 3400, 0, 100, 0, 0});
-    EXPECT_EQ(control.rv, code(result::kUnsupportedFeature)) << "the service has another code";
+    EXPECT_EQ(resultOf(control), code(result::kUnsupportedFeature))
+        << "the service has another code";
     const AttribRecord unknown{card.hCard, pcscd::attribute::kMaxInput, {}, 1, 0};
-    EXPECT_EQ(client->call(CMD_SET_ATTRIB, unknown, Bytes{7}).rv,
+    EXPECT_EQ(resultOf(client->call(CMD_SET_ATTRIB, unknown, Bytes{7})),
               code(result::kUnsupportedFeature));
 }
 
@@ -124,11 +126,12 @@ TEST_F(AgentTest, FollowsCardsThatComeAndGo) {
     machine_.removeCard();
     EXPECT_TRUE(removed.get());
     const TransmitRecord request{card.hCard, card.dwActiveProtocol, 5, 0, 258, 0};
-    EXPECT_EQ(client->call(CMD_TRANSMIT, request, kChallenge).rv, code(result::kRemovedCard));
+    EXPECT_EQ(resultOf(client->call(CMD_TRANSMIT, request, kChallenge)),
+              code(result::kRemovedCard));
     auto inserted = seen(state::kEmpty, state::kPresent);
     machine_.insertCard();
     EXPECT_TRUE(inserted.get());
-    EXPECT_EQ(client->connect(context, kFirstReader).rv, 0U);
+    EXPECT_EQ(resultOf(client->connect(context, kFirstReader)), 0U);
 }
 
 TEST_F(AgentTest, CancelsTheWaitsOfOneContextAndNoOthers) {
@@ -138,7 +141,8 @@ TEST_F(AgentTest, CancelsTheWaitsOfOneContextAndNoOthers) {
     const auto third = connected();
     const auto context = first->establish();
     const auto other = first->establish();
-    EXPECT_EQ(third->call(CMD_CANCEL, HandleRecord{context, 1}).rv, 0U) << "nothing waits yet";
+    EXPECT_EQ(resultOf(third->call(CMD_CANCEL, HandleRecord{context, 1})), 0U)
+        << "nothing waits yet";
     first->sendWait(context, kSecondReader, state::kEmpty, 100);
     EXPECT_THAT(first->receiveWait(), Pair(result::kTimeout, testing::_));
     first->sendWait(context, kSecondReader, state::kEmpty);
@@ -146,10 +150,10 @@ TEST_F(AgentTest, CancelsTheWaitsOfOneContextAndNoOthers) {
     // A cancel that comes before its wait is lost, as it should be: it is repeated.
     auto cancelled = std::async(std::launch::async, [&] { return first->receiveWait(); });
     while (cancelled.wait_for(10ms) != std::future_status::ready) {
-        ASSERT_EQ(third->call(CMD_CANCEL, HandleRecord{context, 1}).rv, 0U);
+        ASSERT_EQ(resultOf(third->call(CMD_CANCEL, HandleRecord{context, 1})), 0U);
     }
     EXPECT_THAT(cancelled.get(), Pair(result::kCancelled, testing::_));
-    EXPECT_EQ(third->call(CMD_RELEASE_CONTEXT, ReleaseRecord{other, 1}).rv, 0U);
+    EXPECT_EQ(resultOf(third->call(CMD_RELEASE_CONTEXT, ReleaseRecord{other, 1})), 0U);
     EXPECT_THAT(second->receiveWait(), Pair(result::kCancelled, testing::_));
 }
 
@@ -159,14 +163,14 @@ TEST_F(AgentTest, KeepsOthersOutOfATransaction) {
     const auto other = connected(kOtherProgram);
     const ConnectRecord owned = owner->connect(owner->establish(), kFirstReader);
     const ConnectRecord shared = other->connect(other->establish(), kFirstReader);
-    ASSERT_EQ(owner->call(CMD_BEGIN_TRANSACTION, HandleRecord{owned.hCard, 1}).rv, 0U);
+    ASSERT_EQ(resultOf(owner->call(CMD_BEGIN_TRANSACTION, HandleRecord{owned.hCard, 1})), 0U);
     auto response =
         std::async(std::launch::async, [&] { return other->transmit(shared, kChallenge); });
     EXPECT_EQ(response.wait_for(300ms), std::future_status::timeout);
     EXPECT_THAT(owner->transmit(owned, kChallenge), SizeIs(10));
-    EXPECT_EQ(owner->call(CMD_END_TRANSACTION, DisconnectRecord{owned.hCard, 0, 1}).rv, 0U);
+    EXPECT_EQ(resultOf(owner->call(CMD_END_TRANSACTION, DisconnectRecord{owned.hCard, 0, 1})), 0U);
     EXPECT_THAT(response.get(), SizeIs(10));
-    EXPECT_EQ(owner->call(CMD_END_TRANSACTION, DisconnectRecord{owned.hCard, 0, 0}).rv,
+    EXPECT_EQ(resultOf(owner->call(CMD_END_TRANSACTION, DisconnectRecord{owned.hCard, 0, 0})),
               code(result::kNotTransacted));
 }
 
@@ -179,12 +183,14 @@ TEST_F(AgentTest, GivesBackWhatAVanishedProgramHeld) {
         const auto context = vanishing->establish();
         const ConnectRecord held =
             vanishing->connect(context, kFirstReader, pcscd::share::kExclusive);
-        ASSERT_EQ(held.rv, 0U);
+        ASSERT_EQ(resultOf(held), 0U);
         if (inTransaction) {
-            ASSERT_EQ(vanishing->call(CMD_BEGIN_TRANSACTION, HandleRecord{held.hCard, 1}).rv, 0U);
+            ASSERT_EQ(resultOf(vanishing->call(CMD_BEGIN_TRANSACTION, HandleRecord{held.hCard, 1})),
+                      0U);
         }
         vanishing->sendWait(context, kSecondReader, state::kEmpty);
-        EXPECT_EQ(other->connect(otherContext, kFirstReader).rv, code(result::kSharingViolation));
+        EXPECT_EQ(resultOf(other->connect(otherContext, kFirstReader)),
+                  code(result::kSharingViolation));
         const auto end = std::chrono::steady_clock::now();
         vanishing.reset();
         ConnectRecord card;
@@ -193,7 +199,7 @@ TEST_F(AgentTest, GivesBackWhatAVanishedProgramHeld) {
             return card.rv == 0;
         }));
         EXPECT_LT(std::chrono::steady_clock::now() - end, 1s);
-        EXPECT_EQ(other->call(CMD_DISCONNECT, DisconnectRecord{card.hCard, 0, 1}).rv, 0U);
+        EXPECT_EQ(resultOf(other->call(CMD_DISCONNECT, DisconnectRecord{card.hCard, 0, 1})), 0U);
     }
 }
 
@@ -203,14 +209,14 @@ TEST_F(AgentTest, ResetsTheCardsOfAVanishedProgramAndLeavesThoseOfAReleasedConte
     const ConnectRecord shared = other->connect(other->establish(), kFirstReader);
     auto program = connected();
     const auto context = program->establish();
-    ASSERT_EQ(program->connect(context, kFirstReader).rv, 0U);
-    EXPECT_EQ(program->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1}).rv, 0U);
+    ASSERT_EQ(resultOf(program->connect(context, kFirstReader)), 0U);
+    EXPECT_EQ(resultOf(program->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1})), 0U);
     EXPECT_THAT(other->transmit(shared, kChallenge), SizeIs(10));
-    ASSERT_EQ(program->connect(program->establish(), kFirstReader).rv, 0U);
+    ASSERT_EQ(resultOf(program->connect(program->establish(), kFirstReader)), 0U);
     program.reset();
     EXPECT_TRUE(eventually([&] { return other->transmit(shared, kChallenge).empty(); }));
     const TransmitRecord request{shared.hCard, shared.dwActiveProtocol, 5, 0, 258, 0};
-    EXPECT_EQ(other->call(CMD_TRANSMIT, request, kChallenge).rv, code(result::kResetCard));
+    EXPECT_EQ(resultOf(other->call(CMD_TRANSMIT, request, kChallenge)), code(result::kResetCard));
 }
 
 TEST_F(AgentTest, KnowsNoHandleOfItsEarlierRun) {
@@ -222,10 +228,11 @@ TEST_F(AgentTest, KnowsNoHandleOfItsEarlierRun) {
     machine_.startAgent();
     client = connected();
     const auto newContext = client->establish();
-    EXPECT_EQ(client->connect(newContext, kFirstReader).rv, 0U);
-    EXPECT_EQ(client->connect(context, kFirstReader).rv, code(result::kInvalidHandle));
+    EXPECT_EQ(resultOf(client->connect(newContext, kFirstReader)), 0U);
+    EXPECT_EQ(resultOf(client->connect(context, kFirstReader)), code(result::kInvalidHandle));
     const TransmitRecord request{card.hCard, card.dwActiveProtocol, 5, 0, 258, 0};
-    EXPECT_EQ(client->call(CMD_TRANSMIT, request, kChallenge).rv, code(result::kInvalidHandle));
+    EXPECT_EQ(resultOf(client->call(CMD_TRANSMIT, request, kChallenge)),
+              code(result::kInvalidHandle));
 }
 
 TEST_F(AgentTest, OutlivesTheServiceAndGoesOnWithTheNext) {
@@ -241,7 +248,8 @@ TEST_F(AgentTest, OutlivesTheServiceAndGoesOnWithTheNext) {
     EXPECT_TRUE(gone.get());
     EXPECT_EQ(client->listReaders(context), multiString({}));
     const TransmitRecord request{card.hCard, card.dwActiveProtocol, 5, 0, 258, 0};
-    EXPECT_EQ(client->call(CMD_TRANSMIT, request, kChallenge).rv, code(result::kReaderUnavailable));
+    EXPECT_EQ(resultOf(client->call(CMD_TRANSMIT, request, kChallenge)),
+              code(result::kReaderUnavailable));
     auto back = std::async(std::launch::async, [&] {
         return awaitState(*watching, context, kFirstReader, state::kUnknown, state::kEmpty);
     });
@@ -254,7 +262,8 @@ TEST_F(AgentTest, OutlivesTheServiceAndGoesOnWithTheNext) {
         return again.rv == 0;
     }));
     EXPECT_THAT(client->transmit(again, kChallenge), SizeIs(10));
-    EXPECT_EQ(client->call(CMD_TRANSMIT, request, kChallenge).rv, code(result::kReaderUnavailable))
+    EXPECT_EQ(resultOf(client->call(CMD_TRANSMIT, request, kChallenge)),
+              code(result::kReaderUnavailable))
         << "not the next card";
 }
 
@@ -324,7 +333,8 @@ TEST_F(AgentTest, TellsTheProgramsOfOneRelayFromThoseOfAnother) {
     auto client = connected(kProgram, 1);
     const auto other = connected(kProgram, 2);
     const auto otherContext = other->establish();
-    ASSERT_EQ(client->connect(client->establish(), kFirstReader, pcscd::share::kExclusive).rv, 0U);
+    ASSERT_EQ(
+        resultOf(client->connect(client->establish(), kFirstReader, pcscd::share::kExclusive)), 0U);
     control.reset();
     EXPECT_TRUE(client->isClosed());
     EXPECT_TRUE(eventually([&] { return other->connect(otherContext, kFirstReader).rv == 0; }));
@@ -386,11 +396,14 @@ TEST_F(AgentTest, ServesSixteenProgramsAtOnce) {
     for (std::uint32_t process = 1; process <= 16; ++process) {
         programs.push_back(std::async(std::launch::async, [this, process] {
             const auto client = connected(process);
-            const ConnectRecord card = client->connect(client->establish(), kFirstReader);
+            const auto context = client->establish();
+            const ConnectRecord card = client->connect(context, kFirstReader);
             int answers = 0;
             for (int i = 0; i < 20; ++i) {
                 answers += client->transmit(card, kChallenge).size() == 10 ? 1 : 0;
             }
+            // Or else the card that the others still use would be reset once this one is gone.
+            client->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1});
             return answers;
         }));
     }

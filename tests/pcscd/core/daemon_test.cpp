@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "daemon_client.h"
+#include "packed_record.h"
 #include "patience.h"
 #include "simulated/simulated_service.h"
 
@@ -17,6 +18,8 @@ namespace tez::pcscd {
 namespace {
 
 using namespace std::chrono_literals;
+using test::copyOf;
+using test::resultOf;
 using testing::ElementsAre;
 using testing::Optional;
 using testing::SizeIs;
@@ -84,8 +87,8 @@ TEST_F(DaemonTest, WaitsForTheWholeOfARequestHoweverItIsCut) {
     // A scope that is none: the answer has the request's own bytes.
     const auto answer = client->receive<EstablishRecord>();
     ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->dwScope, 1U);
-    EXPECT_EQ(answer->rv, 0U);
+    EXPECT_EQ(copyOf(answer->dwScope), 1U);
+    EXPECT_EQ(resultOf(answer), 0U);
 }
 
 TEST_F(DaemonTest, WritesRecordAndDataInAPieceEach) {
@@ -93,7 +96,7 @@ TEST_F(DaemonTest, WritesRecordAndDataInAPieceEach) {
     const ListReadersRecord request{client->establish(), 0, 0};
     const auto record = client->call(CMD_LIST_READERS, request);
     ASSERT_TRUE(record);
-    EXPECT_EQ(record->cchReaders, 8U);
+    EXPECT_EQ(copyOf(record->cchReaders), 8U);
     EXPECT_THAT(client->stream().takePiece(), Optional(SizeIs(8)));
 }
 
@@ -158,22 +161,22 @@ TEST_F(DaemonTest, ContextsBelongToTheProgramAndNotToAConnection) {
     const auto second = connected();
     const Context context = first->establish();
     first.reset();
-    EXPECT_EQ(second->connect(context, kDaemonReader).rv, 0U);
+    EXPECT_EQ(resultOf(second->connect(context, kDaemonReader)), 0U);
 }
 
 TEST_F(DaemonTest, GivesBackWhatAVanishedProgramHeldExclusively) {
     auto vanishing = connected();
     const auto other = connected(kOtherProgram);
     const Context context = vanishing->establish();
-    ASSERT_EQ(vanishing->connect(context, kDaemonReader, share::kExclusive).rv, 0U);
+    ASSERT_EQ(resultOf(vanishing->connect(context, kDaemonReader, share::kExclusive)), 0U);
     const Context otherContext = other->establish();
-    EXPECT_EQ(other->connect(otherContext, kDaemonReader).rv,
+    EXPECT_EQ(resultOf(other->connect(otherContext, kDaemonReader)),
               static_cast<std::uint32_t>(result::kSharingViolation));
     const auto end = Clock::now();
     vanishing.reset();
     EXPECT_EQ(service_.isValidContext(context), result::kInvalidHandle);
     EXPECT_LT(Clock::now() - end, 1s);
-    EXPECT_EQ(other->connect(otherContext, kDaemonReader).rv, 0U);
+    EXPECT_EQ(resultOf(other->connect(otherContext, kDaemonReader)), 0U);
     EXPECT_EQ(service_.isValidContext(otherContext), result::kSuccess);
 }
 
@@ -181,14 +184,14 @@ TEST_F(DaemonTest, EndsTheTransactionOfAVanishedProgram) {
     auto vanishing = connected();
     const auto other = connected(kOtherProgram);
     const auto card = vanishing->connect(vanishing->establish(), kDaemonReader);
-    ASSERT_EQ(vanishing->call(CMD_BEGIN_TRANSACTION, HandleRecord{card.hCard, 1})->rv, 0U);
+    ASSERT_EQ(resultOf(vanishing->call(CMD_BEGIN_TRANSACTION, HandleRecord{card.hCard, 1})), 0U);
     const auto otherCard = other->connect(other->establish(), kDaemonReader);
     other->send(CMD_BEGIN_TRANSACTION, HandleRecord{otherCard.hCard, 0});
     ASSERT_TRUE(service_.waitForTransactionWaits(1, kPatience));
     vanishing.reset();
     const auto begun = other->receive<HandleRecord>();
     ASSERT_TRUE(begun);
-    EXPECT_EQ(begun->rv, static_cast<std::uint32_t>(result::kResetCard))
+    EXPECT_EQ(resultOf(begun), static_cast<std::uint32_t>(result::kResetCard))
         << "nobody has said that the card may be left as it is";
 }
 
@@ -196,10 +199,10 @@ TEST_F(DaemonTest, LeavesTheCardsOfAReleasedContextAsTheyAre) {
     const auto releasing = connected();
     const auto other = connected(kOtherProgram);
     const Context context = releasing->establish();
-    ASSERT_EQ(releasing->connect(context, kDaemonReader).rv, 0U);
+    ASSERT_EQ(resultOf(releasing->connect(context, kDaemonReader)), 0U);
     const auto shared = other->connect(other->establish(), kDaemonReader);
-    EXPECT_EQ(releasing->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1})->rv, 0U);
-    EXPECT_EQ(other->call(CMD_BEGIN_TRANSACTION, HandleRecord{shared.hCard, 1})->rv, 0U);
+    EXPECT_EQ(resultOf(releasing->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1})), 0U);
+    EXPECT_EQ(resultOf(other->call(CMD_BEGIN_TRANSACTION, HandleRecord{shared.hCard, 1})), 0U);
 }
 
 TEST_F(DaemonTest, NoticesTheEndOfAProgramThatWaits) {
@@ -220,13 +223,13 @@ TEST_F(DaemonTest, WaitsForAProgramThatOnlyChangesItsConnection) {
     first->stream().hangUp();
     const auto second = connected();
     first.reset();
-    EXPECT_EQ(second->connect(context, kDaemonReader).rv, 0U);
+    EXPECT_EQ(resultOf(second->connect(context, kDaemonReader)), 0U);
 }
 
 TEST_F(DaemonTest, ReleasedContextsAreNotKeptInMind) {
     auto client = connected();
     const Context context = client->establish();
-    EXPECT_EQ(client->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1})->rv, 0U);
+    EXPECT_EQ(resultOf(client->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1})), 0U);
     const auto end = Clock::now();
     client.reset();
     EXPECT_LT(Clock::now() - end, 400ms) << "there was nothing to wait for";
@@ -238,23 +241,23 @@ TEST_F(DaemonTest, ReleaseEndsTheWaitOfItsContext) {
     const Context context = waiting->establish();
     sendWait(*waiting, context);
     ASSERT_TRUE(service_.waitForStatusWaits(1, kPatience));
-    EXPECT_EQ(other->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1})->rv, 0U);
+    EXPECT_EQ(resultOf(other->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1})), 0U);
     const auto answer = waiting->receive<StatusChangeRecord>();
     ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->rv, static_cast<std::uint32_t>(result::kCancelled));
+    EXPECT_EQ(resultOf(answer), static_cast<std::uint32_t>(result::kCancelled));
 }
 
 TEST_F(DaemonTest, CancelEndsTheWaitsInProgressAndIsThenForgotten) {
     const auto waiting = connected();
     const auto other = connected();
     const Context context = waiting->establish();
-    EXPECT_EQ(other->call(CMD_CANCEL, HandleRecord{context, 1})->rv, 0U);
+    EXPECT_EQ(resultOf(other->call(CMD_CANCEL, HandleRecord{context, 1})), 0U);
     sendWait(*waiting, context);
     ASSERT_TRUE(service_.waitForStatusWaits(1, kPatience)) << "the cancel came before";
-    EXPECT_EQ(other->call(CMD_CANCEL, HandleRecord{context, 1})->rv, 0U);
+    EXPECT_EQ(resultOf(other->call(CMD_CANCEL, HandleRecord{context, 1})), 0U);
     const auto answer = waiting->receive<StatusChangeRecord>();
     ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->rv, static_cast<std::uint32_t>(result::kCancelled));
+    EXPECT_EQ(resultOf(answer), static_cast<std::uint32_t>(result::kCancelled));
 }
 
 TEST_F(DaemonTest, HandlesAreOfThisRunAlone) {
@@ -266,7 +269,7 @@ TEST_F(DaemonTest, HandlesAreOfThisRunAlone) {
         EXPECT_GT(context, 0xFFFFFFFFU);
         EXPECT_THAT(seen, testing::Not(testing::Contains(context)));
         seen.push_back(context);
-        EXPECT_EQ(client->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1})->rv, 0U);
+        EXPECT_EQ(resultOf(client->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1})), 0U);
         Context other = 0;
         ASSERT_EQ(nextRun.establishContext(scope::kUser, other), result::kSuccess);
         EXPECT_THAT(seen, testing::Not(testing::Contains(other)));
@@ -278,15 +281,19 @@ TEST_F(DaemonTest, ServesSixteenProgramsAtOnce) {
     for (Clients::Process process = 1; process <= 16; ++process) {
         programs.push_back(std::async(std::launch::async, [this, process] {
             const auto client = connected(process);
-            const auto card = client->connect(client->establish(), kDaemonReader);
+            const Context context = client->establish();
+            const auto card = client->connect(context, kDaemonReader);
             const Bytes command{0x00, 0x84, 0x00, 0x00, 0x08};
             int answers = 0;
             for (int i = 0; i < 50; ++i) {
                 const TransmitRecord request{card.hCard, card.dwActiveProtocol, 5, 0, 258, 0};
-                const auto record = client->call(CMD_TRANSMIT, request, command);
-                const auto data = client->stream().takePiece();
-                answers += record && record->rv == 0 && data && data->size() == 10 ? 1 : 0;
+                if (resultOf(client->call(CMD_TRANSMIT, request, command)) == 0U) {
+                    const auto data = client->stream().takePiece();
+                    answers += data && data->size() == 10 ? 1 : 0;
+                }
             }
+            // Or else the card that the others still use would be reset once this one is gone.
+            client->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1});
             return answers;
         }));
     }
