@@ -43,7 +43,8 @@ void enterService(bool isRepetition) {
 }
 
 /// The daemon has gone, and everything that it knew of us with it.
-void leaveService() {
+void leaveService(const FunctionLog& log) {
+    log.debug("%s pipe connection interrupted, invalidating all the remote contexts", kServiceName);
     setServiceState(ServiceState::LocalOnly);
     clearConnectionPool();
     invalidateRemoteContexts();
@@ -56,11 +57,23 @@ void leaveService() {
     mirrorStartedEvents();
 }
 
+/// The daemon cannot be reached now. Where it could at the last check, it went when nobody watched,
+/// and the state stays as it was: each call finds out for itself. Only a wait with standard answers
+/// goes on for as long as the state says that the daemon is there, so with these the state follows;
+/// not for a pipe that is merely busy, whose daemon still has all that it knew of us.
+void missService(const FunctionLog& log, const DaemonConnectionTEZ& connection) {
+    if (isStandardCallsEnabled() && connection.isPipeMissing() &&
+        getServiceState() == ServiceState::LocalFirst) {
+        leaveService(log);
+    }
+}
+
 /// One check: connects, and when that succeeds, enters the service. With watch it then stays until
 /// the pipe breaks. The connection is closed at the end, to be opened afresh by the next check.
-void checkServiceAvailability(DaemonConnection& connection, bool watch, bool isRepetition) {
+void checkServiceAvailability(DaemonConnectionTEZ& connection, bool watch, bool isRepetition) {
     static constexpr FunctionLog log("checkServiceAvailability");
     if (!connection.connect()) {
+        missService(log, connection);
         return;
     }
     log.debug("%s pipe connection established", kServiceName);
@@ -69,9 +82,7 @@ void checkServiceAvailability(DaemonConnection& connection, bool watch, bool isR
         // The daemon sends nothing here unasked; a read is how the end of the pipe is seen.
         char byte = 0;
         if (connection.readMessage(&byte, sizeof(byte)) != SCARD_S_SUCCESS) {
-            log.debug("%s pipe connection interrupted, invalidating all the remote contexts",
-                      kServiceName);
-            leaveService();
+            leaveService(log);
         }
     }
     connection.closeSocket();

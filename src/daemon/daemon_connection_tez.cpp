@@ -78,6 +78,7 @@ void DaemonConnectionTEZ::closeSocket() {
 
 bool DaemonConnectionTEZ::connectSocket(const char* path) {
     static constexpr FunctionLog log("DaemonConnectionTEZ::connectSocket");
+    isPipeMissing_ = false;
     for (;;) {
         pipeHandle_ = OwnedFile(CreateFileA(path, GENERIC_READ | GENERIC_WRITE,
                                             FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
@@ -88,6 +89,7 @@ bool DaemonConnectionTEZ::connectSocket(const char* path) {
         }
         const DWORD error = GetLastError();
         if (error != ERROR_PIPE_BUSY) {
+            isPipeMissing_ = error == ERROR_FILE_NOT_FOUND;
             log.debug("Failed to connect to pipe: 0x%08X", static_cast<unsigned>(error));
             return false;
         }

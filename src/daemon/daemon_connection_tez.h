@@ -40,6 +40,8 @@ class DaemonConnectionTEZ : public DaemonConnection {
 
     /// Opens the pipe, waiting while all its instances are busy. True when it is open.
     bool connectSocket(const char* path);
+    /// Whether there was no pipe to open the last time: no daemon runs.
+    bool isPipeMissing() const { return isPipeMissing_; }
 
     /// Introduces this library on a freshly opened pipe: the token with its NUL, the cache option
     /// (-1 unset, 0 disabled, 1 enabled), then reads the daemon's version. Any version will do. A
@@ -73,6 +75,7 @@ class DaemonConnectionTEZ : public DaemonConnection {
 
     std::uint32_t protocolMajor_ = 0;
     std::uint32_t protocolMinor_ = 0;
+    bool isPipeMissing_ = false;
     HeapPtr<char> socketPath_;
     HeapPtr<char> authToken_;
     OwnedFile pipeHandle_;

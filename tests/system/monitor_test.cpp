@@ -161,13 +161,30 @@ TEST_F(MonitorTest, AByteFromTheDaemonEndsOnePassAndChangesNothing) {
     context = establishWithDaemon();
     listReaders(context);
     daemon.clearRecords();
-    // The first call's own check was the daemon's first connection, the watch is its second.
-    ASSERT_TRUE(daemon.send(2, {{0x55}}));
+    ASSERT_TRUE(daemon.send(kWatch, {{0x55}}));
     ASSERT_TRUE(transport().waitForWatches(2));
     EXPECT_THAT(monitorMessages(), ElementsAre(kEstablished, kEstablished, kEstablished));
     listReaders(context);
     EXPECT_THAT(receivedCommands(daemon), ElementsAre(Command::kListReaders))
         << "the daemon's context is still the same";
+}
+
+TEST_F(MonitorTest, ADaemonThatGoesBetweenTwoPassesIsMissedByTheCallsThemselves) {
+    context = establishWithDaemon();
+    const ImportPatch<decltype(::CreateFileA)> create(
+        libraryModule(), "KERNEL32.dll", "CreateFileA",
+        [](LPCSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) {
+            SetLastError(ERROR_FILE_NOT_FOUND);
+            return INVALID_HANDLE_VALUE;
+        });
+    ASSERT_TRUE(daemon.send(kWatch, {{0x55}}));
+    ASSERT_TRUE(eventually([this] {
+        const auto tried = log().messages("DaemonConnectionTEZ::connectSocket");
+        return std::ranges::count(tried, "Failed to connect to pipe: 0x00000002") >= 2;
+    }));
+    EXPECT_THAT(monitorMessages(), ElementsAre(kEstablished, kEstablished));
+    EXPECT_THAT(connectToRemoteReader(context), Gives(SCARD_E_NO_SERVICE))
+        << "the daemon is still asked, as while it was there";
 }
 
 TEST_F(MonitorTest, FirstCallsAtOnceStartItOnce) {

@@ -17,9 +17,6 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
 
-/// The monitor's: the first call's own check was the first one.
-constexpr std::uint64_t kWatch = 2;
-
 class PoolTest : public RemoteCardTest {
   protected:
     void countTransmits() {

@@ -2,14 +2,37 @@
 // connection.
 #include <atomic>
 
+#include "remote_card_test.h"
 #include "standard_calls.h"
 
 namespace tez::test {
 namespace {
 
 using testing::_;
+using testing::SizeIs;
 
 class DaemonAndWait : public StandardTest {};
+
+/// Lets nobody open a pipe.
+class PipesClosed {
+  public:
+    explicit PipesClosed(DWORD error)
+        : create_(libraryModule(), "KERNEL32.dll", "CreateFileA",
+                  [this, error](LPCSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) {
+                      ++attempts_;
+                      SetLastError(error);
+                      return INVALID_HANDLE_VALUE;
+                  }),
+          await_(libraryModule(), "KERNEL32.dll", "WaitNamedPipeA",
+                 [](LPCSTR, DWORD) { return FALSE; }) {}
+
+    int attempts() const { return attempts_; }
+
+  private:
+    std::atomic<int> attempts_ = 0;
+    ImportPatch<decltype(::CreateFileA)> create_;
+    ImportPatch<decltype(::WaitNamedPipeA)> await_;
+};
 
 TEST_F(DaemonAndWait, ComingIsTwoReadersInsteadOfOne) {
     const SCARDCONTEXT context = establish();
@@ -58,6 +81,33 @@ TEST_F(DaemonAndWait, GoingTakesItsReadersAway) {
     EXPECT_EQ(wait.state(0).dwEventState, kGone);
     EXPECT_EQ(wait.state(0).cbAtr, 0U);
     EXPECT_EQ(wait.state(1).dwEventState, kFirstCard);
+}
+
+/// Between two passes of the monitor, which a byte from the daemon ends.
+TEST_F(DaemonAndWait, GoingUnwatchedTakesItsReadersAwayToo) {
+    const SCARDCONTEXT context = establishAndList();
+    const BackgroundWait wait(context, INFINITE, {unchangedRemote(), unchangedHost()});
+    waitForRemoteWait();
+    waitForHostWait();
+    const PipesClosed gone(ERROR_FILE_NOT_FOUND);
+    ASSERT_TRUE(daemon.send(kWatch, {{0}}));
+    closeWait();
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(0).dwEventState, kGone);
+    EXPECT_EQ(wait.state(1).dwEventState, kFirstCard);
+}
+
+TEST_F(DaemonAndWait, ABusyPipeTakesNothingAway) {
+    const SCARDCONTEXT context = establishAndList();
+    const ConnectedCard card = connect(context, kRemoteReader);
+    {
+        const PipesClosed busy(ERROR_PIPE_BUSY);
+        ASSERT_TRUE(daemon.send(kWatch, {{0}}));
+        while (busy.attempts() < 2) {
+            Sleep(1);
+        }
+    }
+    EXPECT_THAT(transmit(card, getChallenge()), SizeIs(10));
 }
 
 TEST_F(DaemonAndWait, ComingAndGoingDoesNotDisturbTheHostsReadersAlone) {

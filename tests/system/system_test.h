@@ -42,6 +42,9 @@ inline constexpr const char* kRemoteReader = "Remote Reader 0";
 /// truncated handle is unknown.
 inline constexpr std::uint64_t kFirstDaemonContext = 0x5'0000'0001;
 inline constexpr std::uint64_t kFirstDaemonCard = 0x6'0000'0001;
+/// The daemon's connection that the monitor watches, of a process that found the daemon there: the
+/// first call's own check was its first one.
+inline constexpr std::uint64_t kWatch = 2;
 inline constexpr const char* kRemoteCardHolder = "Remote User";
 
 /// A connection to a card, as SCardConnectA gave it.
