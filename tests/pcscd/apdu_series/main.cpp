@@ -25,6 +25,8 @@ using Microseconds = std::chrono::duration<double, std::micro>;
 
 constexpr std::uint8_t kGetChallenge = 0x84;  // its answer is another one each time
 constexpr DWORD kLongestAnswer = 65538;
+constexpr std::size_t kExtendedHeader = 7;
+constexpr std::size_t kLongestCommand = 65535;  // what the virtual reader carries
 
 void check(const char* call, LONG result) {
     if (result != SCARD_S_SUCCESS) {
@@ -42,21 +44,21 @@ class Series {
     Bytes next() {
         switch (below(4)) {
             case 0:  // READ BINARY
-                return {0x00, 0xB0, 0x00, offset(), byte()};
+                return {0x00, 0xB0, offset(), byte(), byte()};
             case 1:  // the same with a length of two bytes
-                return {0x00, 0xB0, 0x00, offset(), 0x00, byte(), byte()};
+                return {0x00, 0xB0, offset(), byte(), 0x00, byte(), byte()};
             case 2:
                 return withData(1 + below(255), false);
-            default:
-                return withData(1 + below(3000), true);
+            default:  // of every order of size
+                return withData(1 + below((kLongestCommand - kExtendedHeader) >> below(10)), true);
         }
     }
 
   private:
     // The standard library's distributions differ between the two sides.
     std::size_t below(std::size_t limit) { return random_() % limit; }
-    /// Into a file of the demo card, and a little beyond.
-    std::uint8_t offset() { return static_cast<std::uint8_t>(below(30)); }
+    /// The upper half of a place in a file.
+    std::uint8_t offset() { return static_cast<std::uint8_t>(below(0x80)); }
     std::uint8_t byte() { return static_cast<std::uint8_t>(below(256)); }
 
     Bytes withData(std::size_t length, bool extended) {

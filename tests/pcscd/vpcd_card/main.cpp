@@ -84,6 +84,19 @@ class Driver {
     int socket_;
 };
 
+/// The demo card's application with one file, for long answers.
+VirtualCard makeCardWithFile(std::size_t size, std::uint32_t protocols) {
+    namespace pcscd = tez::pcscd;
+    Bytes content(size);
+    for (std::size_t i = 0; i < size; ++i) {
+        content[i] = static_cast<std::uint8_t>(i % 251);
+    }
+    pcscd::CardApplication application;
+    application.aid.assign(std::begin(pcscd::kDemoAid), std::end(pcscd::kDemoAid));
+    application.files = {{pcscd::kDemoHolderFile, std::move(content), false}};
+    return {pcscd::makeAtr(protocols, "DEMO CARD"), {std::move(application)}};
+}
+
 void serve(const Driver& driver, VirtualCard card, std::chrono::milliseconds delay) {
     Bytes message;
     while (driver.receive(message)) {
@@ -116,18 +129,24 @@ int main(int argc, char** argv) {
     std::string holder = "Remote User";
     bool t0 = false;
     int delay = 0;
+    std::size_t fileSize = 0;
     app.add_option("--port", port, "The driver's port: 35963 is its first reader, 35964 its second")
         ->capture_default_str();
     app.add_option("--holder", holder, "The card holder's name")->capture_default_str();
     app.add_flag("--t0", t0, "A card of T=0 instead of T=1");
     app.add_option("--delay", delay, "Milliseconds that the card takes for each command")
         ->capture_default_str();
+    app.add_option("--file-size", fileSize,
+                   "Bytes of a file that takes the place of the holder's name");
     CLI11_PARSE(app, argc, argv);
     try {
         namespace protocol = tez::pcscd::protocol;
         const Driver driver(port);
         std::cout << "card inserted" << std::endl;
-        serve(driver, tez::pcscd::makeDemoCard(holder, t0 ? protocol::kT0 : protocol::kT1),
+        const std::uint32_t offered = t0 ? protocol::kT0 : protocol::kT1;
+        serve(driver,
+              fileSize == 0 ? tez::pcscd::makeDemoCard(holder, offered)
+                            : makeCardWithFile(fileSize, offered),
               std::chrono::milliseconds(delay));
         return EXIT_SUCCESS;
     } catch (const std::exception& error) {
