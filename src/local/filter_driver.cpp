@@ -50,13 +50,20 @@ bool IsFilterDriverPresent() {
         return false;
     }
     // A driver loaded between the two calls makes the second one ask for more than there is.
-    const DWORD filled = needed < room ? needed : room;
-    for (DWORD i = 0; i < filled / sizeof(LPVOID); ++i) {
+    const DWORD count = (needed < room ? needed : room) / sizeof(LPVOID);
+    bool isAnyVisible = count == 0;
+    for (DWORD i = 0; i < count; ++i) {
+        isAnyVisible = isAnyVisible || bases.get()[i] != nullptr;
         wchar_t name[256];
         if (K32GetDeviceDriverBaseNameW(bases.get()[i], name, 256) != 0 &&
             isFilterDriverName(name)) {
             return true;
         }
+    }
+    if (!isAnyVisible) {
+        // So do the newest systems for processes without privileges. The path of the library that
+        // is loaded now is the next line of the log: whether it is the right one can be seen there.
+        log.warning("Cannot enumerate drivers: their addresses are hidden from this process");
     }
     return false;
 }

@@ -37,7 +37,7 @@ BOOL FakeDrivers::enumerate(LPVOID* addresses, DWORD size, LPDWORD needed) {
     const std::size_t room = std::min<std::size_t>(size / sizeof(LPVOID), names_.size());
     for (std::size_t i = 0; i < room; ++i) {
         // NOLINTNEXTLINE(performance-no-int-to-ptr): an address in the kernel, not in this process
-        addresses[i] = reinterpret_cast<LPVOID>(kFirstAddress + i);
+        addresses[i] = areHidden_ ? nullptr : reinterpret_cast<LPVOID>(kFirstAddress + i);
     }
     *needed =
         addresses == nullptr ? static_cast<DWORD>(names_.size() * sizeof(LPVOID)) : secondSize_;
@@ -46,6 +46,9 @@ BOOL FakeDrivers::enumerate(LPVOID* addresses, DWORD size, LPDWORD needed) {
 
 DWORD FakeDrivers::nameOf(LPVOID address, LPWSTR name, DWORD size) {
     ++namesAsked_;
+    if (address == nullptr) {
+        return 0;
+    }
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): as enumerate made it
     const std::wstring& known =
         names_.at(reinterpret_cast<std::uintptr_t>(address) - kFirstAddress);

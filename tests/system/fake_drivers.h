@@ -20,6 +20,9 @@ class FakeDrivers {
     /// The second enumeration reports this size in bytes, not that of all drivers.
     void shrinkTo(DWORD size) { secondSize_ = size; }
 
+    /// The system tells how many drivers there are, and null for the address of each.
+    void hideAddresses() noexcept { areHidden_ = true; }
+
     /// The first or second enumeration fails, leaving this as last error.
     void failCall(int call, DWORD error);
 
@@ -32,6 +35,7 @@ class FakeDrivers {
 
     std::vector<std::wstring> names_;
     DWORD secondSize_;
+    bool areHidden_ = false;
     int calls_ = 0;
     int failingCall_ = 0;
     DWORD error_ = ERROR_SUCCESS;

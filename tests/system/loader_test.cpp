@@ -154,6 +154,16 @@ TEST_F(LoaderTest, NamesThatCannotBeReadAreSkippedSilently) {
     EXPECT_THAT(log().messages(kDriverCheck), IsEmpty());
 }
 
+TEST_F(LoaderTest, SaysThatTheDriversAreHiddenFromTheProcess) {
+    FakeDrivers drivers({L"first.sys", L"tezwscrd.sys"});
+    drivers.hideAddresses();
+    establish();
+    EXPECT_THAT(loaded, ElementsAre(kSystemLibraryPath));
+    EXPECT_THAT(
+        warnings(kDriverCheck),
+        ElementsAre("Cannot enumerate drivers: their addresses are hidden from this process"));
+}
+
 TEST_F(LoaderTest, DriversAreLookedAtAsFarAsTheSecondCallSays) {
     FakeDrivers drivers({L"first.sys", L"tezwscrd.sys"});
     drivers.shrinkTo(8);
