@@ -2,6 +2,7 @@
 #include <atomic>
 #include <memory>
 
+#include "latch.h"
 #include "status_waits.h"
 
 namespace tez::test {
@@ -9,6 +10,7 @@ namespace {
 
 using testing::_;
 using testing::Contains;
+using testing::DoAll;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Return;
@@ -228,7 +230,14 @@ TEST_F(StatusChangeAndDaemon, NotReadyLeavesWhatRemainsOfTheTimeoutForTheWait) {
     const SCARDCONTEXT context = establishWithDaemon();
     listReaders(context);
     const SkippedPauses pauses;
-    EXPECT_CALL(host, SCardGetStatusChangeA(_, 2500, _, 1)).WillOnce(Return(SCARD_E_TIMEOUT));
+    Latch hostAsked(1);
+    EXPECT_CALL(host, SCardGetStatusChangeA(_, 2500, _, 1))
+        .WillOnce(DoAll([&] { hostAsked.countDown(); }, Return(SCARD_E_TIMEOUT)));
+    // A thread that had not come to the host's half by then would be given what remains, too.
+    daemon.on(Command::kGetStatusChange, [&](const Request&) -> std::optional<Reply> {
+        hostAsked.wait();
+        return std::nullopt;
+    });
     SCARD_READERSTATEA state = readerState(kPnpReader, 7U << 16U);
     EXPECT_THAT(SCardGetStatusChangeA(context, 2500, &state, 1), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(pauses.durations(), ElementsAre(1000U, 1000U));
