@@ -14,9 +14,9 @@ std::string allow(const char* rights, const SecurityIdentifier& who) {
 
 }  // namespace
 
-AccessList::AccessList(const std::vector<std::string>& users) {
-    // Protected: nothing is inherited.
-    text_ = "D:P" + allow("GA", currentUser());
+// Protected: nothing is inherited.
+AccessList::AccessList(const std::vector<std::string>& users)
+    : text_("D:P" + allow("GA", currentUser())) {
     for (const std::string& user : users) {
         // What the library asks for. The right to write is also the one to make further instances
         // of a pipe: those who are admitted must be trusted with each other's cards.
