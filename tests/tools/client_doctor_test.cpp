@@ -192,6 +192,7 @@ TEST(ClientDoctorTest, TakesSettingsThatAreRight) {
     SetEnvironmentVariableA("TEZ_PCSC_LOG_LEVEL", "Error");
     SetEnvironmentVariableA("TEZ_PCSC_LOG_DIR", folder.string().c_str());
     SetEnvironmentVariableA("TEZ_PCSC_ENABLE_CACHE", "FALSE");
+    SetEnvironmentVariableA("TEZ_PCSC_STANDARD_CALLS", "1");
     EXPECT_THAT(complaints(examine()), IsEmpty());
 }
 

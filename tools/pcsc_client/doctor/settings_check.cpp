@@ -15,6 +15,7 @@ constexpr const char* kFolder = "TEZ_PCSC_LOG_DIR";
 constexpr const char* kLevel = "TEZ_PCSC_LOG_LEVEL";
 constexpr const char* kCache = "TEZ_PCSC_ENABLE_CACHE";
 constexpr const char* kRedirection = "TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION";
+constexpr const char* kStandardCalls = "TEZ_PCSC_STANDARD_CALLS";
 constexpr const char* kPrefix = "TEZ_PCSC_";
 
 struct Variable {
@@ -117,7 +118,8 @@ Finding checkSwitch(const Variable& variable) {
 }
 
 Finding unknownVariable(const Variable& variable) {
-    const std::string meant = suggest(variable.name, {kFolder, kLevel, kCache, kRedirection});
+    const std::string meant =
+        suggest(variable.name, {kFolder, kLevel, kCache, kRedirection, kStandardCalls});
     return wrong("settings", variable.name + " is none of the library's settings",
                  meant.empty() ? "remove it" : "if " + meant + " is meant, set that");
 }
@@ -131,7 +133,8 @@ Findings checkSettings() {
     } kChecks[] = {{kFolder, checkFolder},
                    {kLevel, checkLevel},
                    {kCache, checkSwitch},
-                   {kRedirection, checkSwitch}};
+                   {kRedirection, checkSwitch},
+                   {kStandardCalls, checkSwitch}};
     Findings findings;
     for (const Variable& variable : libraryVariables()) {
         // The library reads an empty value as one that is not set.
