@@ -89,7 +89,7 @@ void PipeServer::acceptClients() {
         if (woken == WAIT_OBJECT_0) {
             break;
         }
-        if (woken != WAIT_TIMEOUT) {
+        if (woken - WAIT_OBJECT_0 < count) {
             Waiting& source = *sources[woken - WAIT_OBJECT_0];
             UniqueHandle instance = source->take();
             source.reset();

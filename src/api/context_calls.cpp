@@ -73,6 +73,12 @@ LONG WINAPI SCardReleaseContext(SCARDCONTEXT hContext) {
         }
         // A failing system release keeps nothing alive: the application is done with the handle.
         if (const auto entry = unregisterContext(hContext)) {
+            endWaitsBegunInRelease(hContext);
+            if (systemHandle == 0 && entry->systemHandle != 0) {
+                // The monitor has given it one since.
+                static_cast<void>(
+                    callSystem(&WinscardTable::SCardReleaseContext, entry->systemHandle));
+            }
             if (entry->remote != NO_REMOTE_CONTEXT) {
                 static_cast<void>(releaseRemoteContext(entry->remote, true));
             }

@@ -28,9 +28,8 @@ std::atomic<bool> stopFlag = false;
 Thread pollThread;
 
 /// The daemon can be reached: its readers join those of the host.
-/// @param isRepetition  whether this is the poll thread's first pass, which repeats what the check
-/// of
-///                      the first call has just done.
+/// @param isRepetition  whether this is the poll thread's first pass, which repeats what the first
+///                      call's check has just done.
 void enterService(bool isRepetition) {
     setServiceState(ServiceState::LocalFirst);
     clearConnectionPool();

@@ -83,7 +83,12 @@ LONG getRemoteContextVolatile(SCARDCONTEXT context, std::uint64_t& remoteContext
             }
             // The whole entry goes back as it was read, deliberately: what other threads changed in
             // it during the exchange is overwritten, a context that was released meanwhile stands
-            // again, and of two daemon contexts made at once the later one stays.
+            // again, and of two daemon contexts made at once the later one stays. Only a system
+            // context that the monitor has given it stays, as nobody else knows of that.
+            const ContextEntry* const present = contexts->table.find(context);
+            if (present != nullptr && copy.systemHandle == 0) {
+                copy.systemHandle = present->systemHandle;
+            }
             contexts->table.put(context, copy);
         }
         log.debug("Local context %Ix mapped to %s context %ld", copy.systemHandle,

@@ -24,8 +24,7 @@ struct RemoteCard {
     /// - before a connection is taken, as a rule;
     /// - by SCardGetAttrib as soon as there is a connection;
     /// - by SCardTransmit, SCardControl and SCardSetAttrib right before the request, behind all
-    /// that
-    ///   they check with the daemon's version;
+    ///   that they check with the daemon's version;
     /// - by SCardStatus never.
     bool hasContext() const noexcept { return isContextKnown(entry.context); }
 };

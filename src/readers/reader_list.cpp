@@ -52,6 +52,7 @@ LONG fetchRemoteNames(const FunctionLog& log, SCARDCONTEXT context, std::string&
     if (context != 0) {
         const LONG rv = getRemoteContextVolatile(context, remoteContext, true);
         if (rv != SCARD_S_SUCCESS) {
+            isLost = rv == SCARD_E_NO_SERVICE;
             return rv;
         }
     }

@@ -120,11 +120,15 @@ class StandardWait {
     void rest(Question question) {
         const DWORD pause = std::min(std::exchange(pause_, std::min(pause_ * 2, kLongestPause)),
                                      deadline_.remaining());
+        const Deadline end(pause);
         ask(pause, question, isDaemonLost_ && local_.isThere, false);
+        if (!hasNews()) {
+            sleep(end.remaining());
+        }
     }
 
     std::optional<LONG> outcome(Question question, bool isAnyoneLeft) {
-        if (has(Place::Gone) || local_.hasChange() || remote_.hasChange() || hasNewCount()) {
+        if (hasNews()) {
             // No entry is to come back without its state because the other side was faster, or the
             // daemon came or went.
             call_.wait.resume();
@@ -175,21 +179,21 @@ class StandardWait {
         }
         const bool isByNames = hasPseudoReader_ && known_->areNamesToBeCompared();
         std::vector<ReaderSide> sides = findReaderSides(names);
-        bool isDaemonLost = false;
+        bool isListLost = false;
         if (isByNames || !isFirstRound_ || isListToBeRenewed(sides)) {
             const ListedReaders listed = listBothSides(call_.log, state_, call_.context, {});
-            isDaemonLost = listed.isDaemonLost;
+            isListLost = listed.isDaemonLost;
             for (std::size_t i = 0; i < names.size(); ++i) {
                 sides[i] = listed.sideOf(names[i]);
             }
-            if (isByNames && !isDaemonLost && areCountsKnown()) {
+            if (isByNames && !isListLost && areCountsKnown()) {
                 compareNames(listed);
             }
         }
         for (std::size_t i = 0; i < names.size(); ++i) {
-            places_[i] = placeOf(entries_[i], sides[i], isDaemonLost);
+            places_[i] = placeOf(entries_[i], sides[i], isListLost);
         }
-        isDaemonLost_ = isDaemonLost_ || has(Place::Unclear) || (isByNames && isDaemonLost);
+        isDaemonLost_ = isDaemonLost_ || has(Place::Unclear) || (isByNames && isListLost);
     }
 
     /// Whether what is known of the readers does not do for the entries.
@@ -246,6 +250,11 @@ class StandardWait {
                    return isCounted(entry) &&
                           (known_->isFirst(entry.dwCurrentState) || isNews(entry));
                });
+    }
+
+    /// Whether there is something to tell.
+    bool hasNews() const {
+        return has(Place::Gone) || local_.hasChange() || remote_.hasChange() || hasNewCount();
     }
 
     /// Asks the sides, and waits for them or for whoever ends the wait otherwise.

@@ -38,6 +38,7 @@ LONG WaitOwner::askDaemon() {
     isRemoteLost_ = true;  // until the daemon has answered
     rv = awaitRemoteContext(remoteContext);
     if (rv != SCARD_S_SUCCESS) {
+        isRemoteLost_ = rv == SCARD_E_NO_SERVICE;  // any other code is the daemon's
         return rv;
     }
     if (!remote_.connect()) {
@@ -71,6 +72,12 @@ LONG WaitOwner::awaitRemoteContext(std::uint64_t& remoteContext) {
             return rv;
         }
         log_.debug("Waiting for remote context: %Ix, timeout=%lu", context_, timeout_);
+        if (!local_.isOnWorker() && !wait_.isLocalOver()) {
+            // The daemon went since it was found that it has nothing to keep the host's half
+            // waiting.
+            wait_.openWake();
+            local_.startOnWorker();
+        }
         const bool isLastPause = timeout_ <= kContextRetry;
         const DWORD pause = std::min(timeout_, kContextRetry);
         const Deadline deadline(pause);

@@ -373,6 +373,10 @@ void endWaitsOfReleased(SCARDCONTEXT context) noexcept {
     }
 }
 
+void endWaitsBegunInRelease(SCARDCONTEXT context) noexcept {
+    registry.release(context);
+}
+
 void cancelPendingLocalWaits(bool all) noexcept {
     registry.interrupt(all);
     // Not under the lock: a system library that takes its time must not hold the waits up.

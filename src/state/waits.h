@@ -152,6 +152,10 @@ void cancelWaits(SCARDCONTEXT context) noexcept;
 /// them is inside the system library any more, or after a second.
 void endWaitsOfReleased(SCARDCONTEXT context) noexcept;
 
+/// Tells the waits that began while their context was being released, of which there can be no more
+/// once it is not registered any longer: what they asked for is gone.
+void endWaitsBegunInRelease(SCARDCONTEXT context) noexcept;
+
 /// The daemon has come, or gone: interrupts the host's half of every wait in progress, and with it
 /// the wait, unless that is undisturbed.
 /// @param all  false: only the waits that do not hear of the daemon's readers.

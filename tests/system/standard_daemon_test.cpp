@@ -1,7 +1,10 @@
 // With standard answers the daemon's coming and going is no error of a wait, and neither is a lost
 // connection.
 #include <atomic>
+#include <optional>
+#include <thread>
 
+#include "latch.h"
 #include "remote_card_test.h"
 #include "standard_calls.h"
 
@@ -9,6 +12,8 @@ namespace tez::test {
 namespace {
 
 using testing::_;
+using testing::Contains;
+using testing::Return;
 using testing::SizeIs;
 
 class DaemonAndWait : public StandardTest {};
@@ -147,6 +152,62 @@ TEST_F(DaemonAndWait, ADaemonThatHangsUpOnEveryWaitIsTriedAtGrowingPausesUntilAC
     EXPECT_LT(remoteAsks(), 30U);
     EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
+}
+
+TEST_F(DaemonAndWait, AHostThatAnswersAtOnceDoesNotCutThePausesShort) {
+    const SCARDCONTEXT context = establishAndList();
+    ON_CALL(host, SCardGetStatusChangeA).WillByDefault(Return(SCARD_E_TIMEOUT));
+    daemon.on(Command::kGetStatusChange, [](const Request&) { return Reply::closePipe(); });
+    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+    ASSERT_TRUE(daemon.waitForRequest(Command::kGetStatusChange, 3, kPatience));
+    EXPECT_FALSE(wait.isOver(std::chrono::milliseconds(1000)));
+    EXPECT_LT(remoteAsks(), 30U);
+    EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
+}
+
+TEST_F(DaemonAndWait, TheDaemonsRefusalOfAContextIsTheCodeOfASideThatIsAlone) {
+    establishAndList();
+    daemon.on(Command::kEstablishContext, [](const Request& request) {
+        Bytes record = request.body;
+        putU32(record, 12, static_cast<std::uint32_t>(SCARD_E_NO_MEMORY));
+        return Reply::of({record});
+    });
+    const BackgroundWait wait(establish(), INFINITE, {unchangedRemote()});
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_NO_MEMORY));
+}
+
+TEST_F(DaemonAndWait, EndsThoughItBeganWhileItsContextWasBeingReleased) {
+    const SCARDCONTEXT context = establishAndList();
+    std::optional<BackgroundWait> wait;
+    ON_CALL(host, SCardReleaseContext).WillByDefault([&](SCARDCONTEXT system) {
+        wait.emplace(context, INFINITE, std::vector{unchangedRemote()});
+        waitForRemoteWait();
+        return host.service().SCardReleaseContext(system);
+    });
+    EXPECT_THAT(SCardReleaseContext(context), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(wait.value().result(), Gives(SCARD_E_CANCELLED));
+}
+
+TEST_F(DaemonAndWait, AContextKeepsTheHostsPartThatItGetsWhileTheDaemonMakesIts) {
+    ON_CALL(host, SCardEstablishContext).WillByDefault(Return(SCARD_E_NO_SERVICE));
+    const SCARDCONTEXT context = establishWithDaemon();
+    Latch hostIsThere(1);
+    daemon.on(Command::kEstablishContext, [&](const Request&) -> std::optional<Reply> {
+        hostIsThere.wait();
+        return std::nullopt;
+    });
+    std::thread listing([&] { listReaders(context); });
+    ASSERT_TRUE(daemon.waitForRequest(Command::kEstablishContext, 1, kPatience));
+    ON_CALL(host, SCardEstablishContext)
+        .WillByDefault([this](DWORD scope, LPCVOID first, LPCVOID second, LPSCARDCONTEXT made) {
+            return host.service().SCardEstablishContext(scope, first, second, made);
+        });
+    EXPECT_TRUE(daemon.send(kWatch, {{0}}));
+    EXPECT_TRUE(transport().waitForWatches(2));
+    hostIsThere.countDown();
+    listing.join();
+    EXPECT_THAT(listReaders(context), Contains(kHostReader));
 }
 
 TEST_F(DaemonAndWait, TheHostIsHeardWhileTheDaemonHangsUpOnEveryWait) {

@@ -209,6 +209,26 @@ TEST_F(StatusChangeAndDaemon, GoneForTheNextCallMakesItOneOfTheHost) {
     EXPECT_EQ(states[1].dwEventState, 0x99U);
 }
 
+TEST_F(StatusChangeAndDaemon, GoneBeforeTheWaitHasBegunLeavesTheHostsHalf) {
+    const SCARDCONTEXT context = establishAndList();
+    // The copies of the host's entries are made when it has been found that the daemon has nothing
+    // to keep the host waiting.
+    std::atomic<bool> isGone = false;
+    const ImportPatch<void*(std::size_t)> allocate(
+        libraryModule(), "msvcrt.dll", "malloc", [&](std::size_t size) {
+            if (size == sizeof(SCARD_READERSTATEA) && !isGone.exchange(true)) {
+                stopDaemon();
+            }
+            return ::malloc(size);
+        });
+    const BackgroundWait wait(context, INFINITE, {unchangedHost()});
+    waitForHostWait();
+    ASSERT_TRUE(isGone);
+    host.pcsc().removeCard(kHostReader);
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(0).dwEventState, 0x00020012U);
+}
+
 TEST_F(StatusChangeAndDaemon, NotReadyIsWaitedForUntilTheTimeoutIsOver) {
     refuseContexts(1000);
     const SCARDCONTEXT context = establishWithDaemon();
