@@ -234,6 +234,29 @@ TEST_F(SharedWaits, OneThatHasLostTheDaemonIsInterruptedByTheMonitorsFirstPassTo
     EXPECT_THAT(wait.result(), Gives(SCARD_E_NO_SERVICE));
 }
 
+TEST_F(SharedWaits, OneThatHearsTheDaemonIsLeftAloneByTheMonitorsFirstPass) {
+    countHostCancels();
+    const Gate gate;
+    daemon.setObserver({.handshake =
+                            [gate](const Handshake& handshake) {
+                                if (handshake.connection == kWatch) {
+                                    gate.pass();
+                                }
+                            },
+                        .disconnected = {}});
+    startDaemon();
+    const SCARDCONTEXT context = establish();
+    ASSERT_TRUE(gate.waitUntilReached());
+    const BackgroundWait wait = waitOnBothSides(context);
+    gate.open();
+    waitForWatch();
+    EXPECT_EQ(hostCancels(), 0U);
+    EXPECT_FALSE(wait.isOver());
+    remote.removeCard(kRemoteReader);
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_NE(wait.state(1).dwEventState & SCARD_STATE_EMPTY, 0U);
+}
+
 TEST_F(SharedWaits, ReleasingTheContextEndsAWaitOnBothSides) {
     const SCARDCONTEXT context = establishAndList();
     daemon.on(Command::kReleaseContext,
