@@ -2,6 +2,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <string_view>
@@ -307,6 +308,24 @@ TEST_F(MonitorTest, WaitsForTheHostsReadersAreCancelledWhenTheDaemonComes) {
     waitForWatch();
 }
 
+/// Tells a test of each pipe that the library opens, on the thread that does.
+class PipeOpens {
+  public:
+    explicit PipeOpens(std::function<void(HANDLE pipe)> opened)
+        : create_(libraryModule(), "KERNEL32.dll", "CreateFileA",
+                  [this, opened = std::move(opened)](LPCSTR name, DWORD access, DWORD share,
+                                                     LPSECURITY_ATTRIBUTES security, DWORD creation,
+                                                     DWORD flags, HANDLE file) {
+                      const HANDLE pipe =
+                          create_.original()(name, access, share, security, creation, flags, file);
+                      opened(pipe);
+                      return pipe;
+                  }) {}
+
+  private:
+    ImportPatch<decltype(::CreateFileA)> create_;
+};
+
 TEST_F(MonitorTest, AByteFromTheDaemonClosesTheConnectionBeforeTheNextOneIsOpened) {
     std::mutex mutex;
     std::vector<std::string> done;  // by the monitor's thread, to the connections that it watches
@@ -317,18 +336,12 @@ TEST_F(MonitorTest, AByteFromTheDaemonClosesTheConnectionBeforeTheNextOneIsOpene
             done.emplace_back(what);
         }
     };
-    const ImportPatch<decltype(::CreateFileA)> create(
-        libraryModule(), "KERNEL32.dll", "CreateFileA",
-        [&](LPCSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security, DWORD creation,
-            DWORD flags, HANDLE file) {
-            const HANDLE pipe =
-                create.original()(name, access, share, security, creation, flags, file);
-            note("open", [&] {
-                watched = pipe;
-                return true;
-            });
-            return pipe;
+    const PipeOpens opens([&](HANDLE pipe) {
+        note("open", [&] {
+            watched = pipe;
+            return true;
         });
+    });
     const ImportPatch<decltype(::CloseHandle)> close(
         libraryModule(), "KERNEL32.dll", "CloseHandle", [&](HANDLE handle) {
             note("close", [&] { return handle == watched; });
@@ -356,26 +369,19 @@ TEST_F(MonitorTest, TheStateIsSetBeforePoolAndContextsAreClearedWhenTheDaemonGoe
         const std::scoped_lock lock(mutex);
         done.push_back(what + (rv == SCARD_E_INVALID_HANDLE ? " without" : " with") + " a daemon");
     };
-    const ImportPatch<decltype(::CreateFileA)> create(
-        libraryModule(), "KERNEL32.dll", "CreateFileA",
-        [&](LPCSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security, DWORD creation,
-            DWORD flags, HANDLE file) {
-            const HANDLE pipe =
-                create.original()(name, access, share, security, creation, flags, file);
-            const std::scoped_lock lock(mutex);
-            if (!isMonitor()) {
-                pooled.insert(pipe);
-            }
-            return pipe;
-        });
+    const PipeOpens opens([&](HANDLE pipe) {
+        const std::scoped_lock lock(mutex);
+        if (!isMonitor()) {
+            pooled.insert(pipe);
+        }
+    });
+    const auto takePooled = [&](HANDLE handle) {
+        const std::scoped_lock lock(mutex);
+        return pooled.erase(handle) != 0;
+    };
     const ImportPatch<decltype(::CloseHandle)> close(libraryModule(), "KERNEL32.dll", "CloseHandle",
                                                      [&](HANDLE handle) {
-                                                         bool isPooled = false;
-                                                         {
-                                                             const std::scoped_lock lock(mutex);
-                                                             isPooled = pooled.erase(handle) != 0;
-                                                         }
-                                                         if (isPooled && isMonitor()) {
+                                                         if (takePooled(handle) && isMonitor()) {
                                                              noteWithState("connection closed");
                                                          }
                                                          return ::CloseHandle(handle);

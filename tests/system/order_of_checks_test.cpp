@@ -102,7 +102,7 @@ LONG listGroupsOf(SCARDCONTEXT context, LPDWORD length) {
     return SCardListReaderGroupsA(context, reinterpret_cast<LPSTR>(bytes()), length);
 }
 
-/// Entries of kHostReader that do not wait, all of them without a name or ignored if so wished.
+/// The entries of a status change, which are all alike.
 struct Entries {
     const char* reader = kHostReader;
     DWORD state = SCARD_STATE_UNAWARE;
@@ -226,6 +226,22 @@ class OrderOfChecksTest : public CardDatabaseTest {
             SCOPED_TRACE(row.faults);
             EXPECT_THAT(row.make(handles_), Gives(row.wins));
         }
+    }
+
+    /// Over whatever keeps the daemon from being asked.
+    void expectArgumentsOfConnectToWin() {
+        expectWinners({
+            {"Connect: no place for the protocol", SCARD_E_INVALID_PARAMETER,
+             [](auto& given) {
+                 return connectTo({.context = given.context, .protocol = nullptr});
+             }},
+            {"Connect: no reader", SCARD_E_UNKNOWN_READER,
+             [](auto& given) { return connectTo({.context = given.context, .reader = nullptr}); }},
+            {"Connect: an unfitting reader", SCARD_E_INVALID_VALUE,
+             [](auto& given) {
+                 return connectTo({.context = given.context, .reader = kUnfittingReader.c_str()});
+             }},
+        });
     }
 
     Handles handles_ = {};
@@ -494,7 +510,7 @@ TEST_F(OrderOfChecksTest, OfWideForms) {
          [](auto&) { return SCardListCardsW(kUnknown, nullptr, nullptr, 0, nullptr, nullptr); }},
         {"GetDeviceTypeId: no reader, an unknown context", SCARD_E_INVALID_PARAMETER,
          [](auto&) { return SCardGetDeviceTypeIdW(kUnknown, nullptr, place()); }},
-        // As for all that reaches the narrow form, whose own check would leave these to the host.
+        // These the narrow form would leave to the host, which refuses the context.
         {"GetCardTypeProviderName: no length, an unknown context", SCARD_E_INVALID_PARAMETER,
          [](auto&) {
              return SCardGetCardTypeProviderNameW(kUnknown, L"A Card", SCARD_PROVIDER_CSP, nullptr,
@@ -515,15 +531,8 @@ TEST_F(OrderOfChecksTest, OfWideForms) {
 TEST_F(OrderOfChecksTest, OfCallsWithoutAConnection) {
     serveWithAnOldDaemon();
     const auto broken = breakConnections();
+    expectArgumentsOfConnectToWin();
     expectWinners({
-        {"Connect: no place for the protocol", SCARD_E_INVALID_PARAMETER,
-         [](auto& given) { return connectTo({.context = given.context, .protocol = nullptr}); }},
-        {"Connect: no reader", SCARD_E_UNKNOWN_READER,
-         [](auto& given) { return connectTo({.context = given.context, .reader = nullptr}); }},
-        {"Connect: an unfitting reader", SCARD_E_INVALID_VALUE,
-         [](auto& given) {
-             return connectTo({.context = given.context, .reader = kUnfittingReader.c_str()});
-         }},
         {"Reconnect: no place for the protocol", SCARD_E_INVALID_PARAMETER,
          [](auto& given) { return reconnect(given.card, nullptr); }},
         {"Reconnect: a released context", SCARD_E_INVALID_HANDLE,
@@ -604,15 +613,8 @@ TEST_F(OrderOfChecksTest, OfCallsWhoseContextTheDaemonRefuses) {
               answering(16, {{12, static_cast<std::uint32_t>(kDaemonsRefusal)}}));
     establishRedirected(kFixedForm);
     handles_ = {context, 0, 0};
+    expectArgumentsOfConnectToWin();
     expectWinners({
-        {"Connect: no place for the protocol", SCARD_E_INVALID_PARAMETER,
-         [](auto& given) { return connectTo({.context = given.context, .protocol = nullptr}); }},
-        {"Connect: no reader", SCARD_E_UNKNOWN_READER,
-         [](auto& given) { return connectTo({.context = given.context, .reader = nullptr}); }},
-        {"Connect: an unfitting reader", SCARD_E_INVALID_VALUE,
-         [](auto& given) {
-             return connectTo({.context = given.context, .reader = kUnfittingReader.c_str()});
-         }},
         {"Cancel: the daemon's refusal, the host's", kDaemonsRefusal,
          [](auto& given) { return SCardCancel(given.context); }},
         {"ListCards: a refused context, a malformed ATR", kHostsRefusal,

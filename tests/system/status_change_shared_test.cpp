@@ -68,6 +68,20 @@ class SharedWaits : public StatusChangeTest {
         return gate;
     }
 
+    /// Lets the monitor's first pass, which repeats the check of the first call, find the daemon
+    /// only behind a gate.
+    Gate holdFirstPass() {
+        Gate gate;
+        daemon.setObserver({.handshake =
+                                [gate](const Handshake& handshake) {
+                                    if (handshake.connection == kWatch) {
+                                        gate.pass();
+                                    }
+                                },
+                            .disconnected = {}});
+        return gate;
+    }
+
   private:
     std::atomic<std::size_t> hostCancels_ = 0;
 };
@@ -213,14 +227,7 @@ TEST_F(SharedWaits, ADaemonThatComesBackInterruptsThemEvenWhenItsLossWasNotSeen)
 }
 
 TEST_F(SharedWaits, OneThatHasLostTheDaemonIsInterruptedByTheMonitorsFirstPassToo) {
-    const Gate gate;
-    daemon.setObserver({.handshake =
-                            [gate](const Handshake& handshake) {
-                                if (handshake.connection == 2) {
-                                    gate.pass();
-                                }
-                            },
-                        .disconnected = {}});
+    const Gate gate = holdFirstPass();
     startDaemon();
     const SCARDCONTEXT context = establish();
     ASSERT_TRUE(gate.waitUntilReached());
@@ -236,14 +243,7 @@ TEST_F(SharedWaits, OneThatHasLostTheDaemonIsInterruptedByTheMonitorsFirstPassTo
 
 TEST_F(SharedWaits, OneThatHearsTheDaemonIsLeftAloneByTheMonitorsFirstPass) {
     countHostCancels();
-    const Gate gate;
-    daemon.setObserver({.handshake =
-                            [gate](const Handshake& handshake) {
-                                if (handshake.connection == kWatch) {
-                                    gate.pass();
-                                }
-                            },
-                        .disconnected = {}});
+    const Gate gate = holdFirstPass();
     startDaemon();
     const SCARDCONTEXT context = establish();
     ASSERT_TRUE(gate.waitUntilReached());
