@@ -1,5 +1,6 @@
 // SCardConnectA: the host first, the daemon where the host fails.
 #include "failing_writes.h"
+#include "heap_spy.h"
 #include "log_text.h"
 #include "remote_card_test.h"
 
@@ -238,6 +239,41 @@ TEST_F(ConnectTest, WarnsWhenTheRequestCannotBeSent) {
     const FailingWrites broken([](DWORD /*size*/) { return true; });
     EXPECT_THAT(connectTo(kRemoteReader), Gives(SCARD_E_NO_SERVICE));
     EXPECT_THAT(log().messages("SCardConnectA", 'W'), ElementsAre("Failed to send header"));
+}
+
+/// Readers whose name's copy, and nothing else that a connect needs, has a size of its own.
+class UnregisteredCardTest : public ConnectTest {
+  protected:
+    void SetUp() override { establishContext(); }
+
+    static void giveCard(SimulatedService& side) {
+        side.addReader(kReader);
+        side.insertCard(kReader, makeDemoCard("Anyone"));
+    }
+
+    LONG connectWithoutMemoryForTheName() {
+        HeapSpy heap;
+        heap.refuse(kReader.size() + 1);
+        const LONG rv = connectTo(kReader);
+        EXPECT_TRUE(heap.stopRefusing());
+        return rv;
+    }
+
+    static inline const std::string kReader = std::string(83, 'R');
+};
+
+TEST_F(UnregisteredCardTest, OfTheHostIsDisconnectedAsItIs) {
+    giveCard(host.pcsc());
+    EXPECT_CALL(host, SCardDisconnect(kHostCard, DWORD{SCARD_LEAVE_CARD}));
+    EXPECT_THAT(connectWithoutMemoryForTheName(), Gives(SCARD_E_NO_MEMORY));
+}
+
+TEST_F(UnregisteredCardTest, OfTheDaemonIsDisconnectedAsItIs) {
+    giveCard(remote);
+    EXPECT_THAT(connectWithoutMemoryForTheName(), Gives(SCARD_E_NO_MEMORY));
+    EXPECT_THAT(daemon.requests(Command::kDisconnect),
+                ElementsAre(IsRequest(Command::kDisconnect,
+                                      disconnectRecord(kDaemonCard, SCARD_LEAVE_CARD))));
 }
 
 }  // namespace

@@ -1,10 +1,10 @@
 // Where the library looks for the host's smart-card library, and what it makes of what it finds.
+#include <atomic>
 #include <cstdlib>
 #include <functional>
 #include <thread>
 
 #include "fake_drivers.h"
-#include "latch.h"
 #include "system_test.h"
 
 namespace tez::test {
@@ -305,22 +305,61 @@ TEST_F(LoaderTest, DoesNotTakeItselfForTheHostsLibrary) {
     EXPECT_NE(libraryModule(), nullptr);
 }
 
-TEST_F(LoaderTest, FirstLocalCallsAtOnceLoadOnce) {
-    constexpr int kCallers = 8;
-    Latch ready(kCallers);
-    std::vector<std::thread> callers;
-    callers.reserve(kCallers);
-    for (int i = 0; i < kCallers; ++i) {
-        callers.emplace_back([&] {
-            ready.arriveAndWait();
-            DWORD length = 0;
-            EXPECT_THAT(SCardListReadersA(0, nullptr, nullptr, &length), Gives(SCARD_S_SUCCESS));
+TEST_F(LoaderTest, GivesTheTextOfAnErrorBack) {
+    std::vector<HLOCAL> made;
+    std::vector<HLOCAL> givenBack;
+    const ImportPatch<DWORD(DWORD, LPCVOID, DWORD, DWORD, LPSTR, DWORD, void*)> format(
+        libraryModule(), "KERNEL32.dll", "FormatMessageA",
+        [&](DWORD flags, LPCVOID source, DWORD message, DWORD language, LPSTR text, DWORD size,
+            void* arguments) {
+            const DWORD length = ::FormatMessageA(flags, source, message, language, text, size,
+                                                  static_cast<va_list*>(arguments));
+            made.push_back(*reinterpret_cast<LPSTR*>(text));
+            return length;
         });
-    }
-    for (std::thread& caller : callers) {
-        caller.join();
-    }
-    EXPECT_THAT(loaded, SizeIs(1));
+    const ImportPatch<decltype(::LocalFree)> localFree(libraryModule(), "KERNEL32.dll", "LocalFree",
+                                                       [&](HLOCAL text) {
+                                                           givenBack.push_back(text);
+                                                           return ::LocalFree(text);
+                                                       });
+    provide = failing(ERROR_MOD_NOT_FOUND);
+    EXPECT_THAT(tryToEstablish(), Gives(SCARD_F_INTERNAL_ERROR));
+    EXPECT_THAT(made, ElementsAre(NotNull()));
+    EXPECT_EQ(givenBack, made);
+}
+
+TEST_F(LoaderTest, ACallThatComesDuringTheLoadWaitsForItsEnd) {
+    const auto listReaders = [] {
+        DWORD length = 0;
+        EXPECT_THAT(SCardListReadersA(0, nullptr, nullptr, &length), Gives(SCARD_S_SUCCESS));
+    };
+    std::atomic<PSRWLOCK> takenLast = nullptr;  // by this thread
+    std::atomic<PSRWLOCK> waitedFor = nullptr;  // by the other one
+    const ImportPatch<decltype(::AcquireSRWLockExclusive)> acquire(
+        libraryModule(), "KERNEL32.dll", "AcquireSRWLockExclusive",
+        [&, first = GetCurrentThreadId()](PSRWLOCK lock) {
+            if (GetCurrentThreadId() == first) {
+                ::AcquireSRWLockExclusive(lock);
+                takenLast = lock;
+            } else {
+                waitedFor = lock;
+                ::AcquireSRWLockExclusive(lock);
+                waitedFor = nullptr;
+            }
+        });
+    std::atomic<int> loads = 0;
+    std::thread second;
+    provide = [&](const std::string& path) {
+        if (++loads == 1) {
+            second = std::thread(listReaders);
+            EXPECT_TRUE(
+                eventually([&] { return loads > 1 || waitedFor.load() == takenLast.load(); }));
+        }
+        return ::LoadLibraryA(path.c_str());
+    };
+    listReaders();
+    second.join();
+    EXPECT_EQ(loads, 1);
     EXPECT_THAT(log().messages(kInitialize), SizeIs(1));
 }
 

@@ -1,8 +1,11 @@
 // The log of the built library: where it goes, which lines are in it, and what they look like.
+#include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <numeric>
 #include <regex>
+#include <set>
 #include <thread>
 
 #include "stdio_spy.h"
@@ -362,6 +365,56 @@ TEST_F(LogTest, ANullTextIsShownAsNull) {
     SCardConnectA(1, nullptr, 1, 2, nullptr, &protocol);
     EXPECT_THAT(log().messages("SCardConnectA").front(),
                 StartsWith("SCARD_CONNECT IN-PARAMS: 1, (null), 1, 2, 0000000000000000, "));
+}
+
+TEST_F(LogTest, FirstLinesAtOnceAreWrittenToOneFile) {
+    setEnvironment(kLevel, "debugging");  // is no level, which is told once
+    const StdioSpy stdio;
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::set<std::FILE*> open;
+    int opens = 0;
+    // Each of the two finds no log, and begins to make one.
+    const ImportPatch<std::FILE*(const char*, const char*)> openFile(
+        libraryModule(), "msvcrt.dll", "fopen", [&](const char* path, const char* mode) {
+            std::FILE* const file = std::fopen(path, mode);
+            std::unique_lock lock(mutex);
+            open.insert(file);
+            ++opens;
+            changed.notify_all();
+            EXPECT_TRUE(changed.wait_for(lock, kPatience, [&] { return opens == 2; }));
+            return file;
+        });
+    const ImportPatch<int(std::FILE*)> closeFile(libraryModule(), "msvcrt.dll", "fclose",
+                                                 [&](std::FILE* file) {
+                                                     const std::scoped_lock lock(mutex);
+                                                     open.erase(file);
+                                                     return std::fclose(file);
+                                                 });
+    const ImportPatch<decltype(::LoadLibraryA)> load(
+        libraryModule(), "KERNEL32.dll", "LoadLibraryA", [](LPCSTR) -> HMODULE { return nullptr; });
+    const auto warn = [] {
+        DWORD length = 0;
+        SCardListReadersA(0, nullptr, nullptr, &length);
+    };
+    std::thread other(warn);
+    warn();
+    other.join();
+    const std::scoped_lock lock(mutex);
+    EXPECT_EQ(opens, 2);
+    ASSERT_THAT(open, SizeIs(1));
+    std::vector<std::string> mistakes;
+    std::vector<std::string> warnings;
+    for (const StdioSpy::Write& write : stdio.writes()) {
+        EXPECT_EQ(write.stream, *open.begin());
+        if (write.text.starts_with(kLevel)) {
+            mistakes.push_back(write.text);
+        } else if (write.text.starts_with("Failed to load")) {
+            warnings.push_back(write.text);
+        }
+    }
+    EXPECT_THAT(mistakes, SizeIs(1));
+    EXPECT_THAT(warnings, SizeIs(2));
 }
 
 }  // namespace

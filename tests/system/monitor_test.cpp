@@ -1,6 +1,11 @@
 // The daemon comes and goes: what the library notices, when, and what it brings into line then.
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <string_view>
 #include <thread>
 
 #include "daemon_records.h"
@@ -301,6 +306,100 @@ TEST_F(MonitorTest, WaitsForTheHostsReadersAreCancelledWhenTheDaemonComes) {
     startDaemon();
     waiter.join();
     waitForWatch();
+}
+
+/// Tells a test of each pipe that the library opens, on the thread that does.
+class PipeOpens {
+  public:
+    explicit PipeOpens(std::function<void(HANDLE pipe)> opened)
+        : create_(libraryModule(), "KERNEL32.dll", "CreateFileA",
+                  [this, opened = std::move(opened)](LPCSTR name, DWORD access, DWORD share,
+                                                     LPSECURITY_ATTRIBUTES security, DWORD creation,
+                                                     DWORD flags, HANDLE file) {
+                      const HANDLE pipe =
+                          create_.original()(name, access, share, security, creation, flags, file);
+                      opened(pipe);
+                      return pipe;
+                  }) {}
+
+  private:
+    ImportPatch<decltype(::CreateFileA)> create_;
+};
+
+TEST_F(MonitorTest, AByteFromTheDaemonClosesTheConnectionBeforeTheNextOneIsOpened) {
+    std::mutex mutex;
+    std::vector<std::string> done;  // by the monitor's thread, to the connections that it watches
+    HANDLE watched = nullptr;
+    const auto note = [&, caller = GetCurrentThreadId()](const char* what, auto isMeant) {
+        const std::scoped_lock lock(mutex);
+        if (GetCurrentThreadId() != caller && isMeant()) {
+            done.emplace_back(what);
+        }
+    };
+    const PipeOpens opens([&](HANDLE pipe) {
+        note("open", [&] {
+            watched = pipe;
+            return true;
+        });
+    });
+    const ImportPatch<decltype(::CloseHandle)> close(
+        libraryModule(), "KERNEL32.dll", "CloseHandle", [&](HANDLE handle) {
+            note("close", [&] { return handle == watched; });
+            return ::CloseHandle(handle);
+        });
+    context = establishWithDaemon();
+    ASSERT_TRUE(daemon.send(kWatch, {{0x55}}));
+    ASSERT_TRUE(transport().waitForWatches(2));
+    const std::scoped_lock lock(mutex);
+    EXPECT_THAT(done, ElementsAre("open", "close", "open"));
+}
+
+TEST_F(MonitorTest, TheStateIsSetBeforePoolAndContextsAreClearedWhenTheDaemonGoes) {
+    std::mutex mutex;
+    std::set<HANDLE> pooled;  // opened by this thread's calls
+    std::vector<std::string> done;
+    const auto isMonitor = [caller = GetCurrentThreadId()] {
+        return GetCurrentThreadId() != caller;
+    };
+    // Of a card's call that cannot get further than its arguments: it touches none of what the
+    // monitor has locked meanwhile.
+    const auto noteWithState = [&](const std::string& what) {
+        const LONG rv = SCardReconnect(card.handle, SCARD_SHARE_SHARED, SCARD_PROTOCOL_Tx,
+                                       SCARD_LEAVE_CARD, nullptr);
+        const std::scoped_lock lock(mutex);
+        done.push_back(what + (rv == SCARD_E_INVALID_HANDLE ? " without" : " with") + " a daemon");
+    };
+    const PipeOpens opens([&](HANDLE pipe) {
+        const std::scoped_lock lock(mutex);
+        if (!isMonitor()) {
+            pooled.insert(pipe);
+        }
+    });
+    const auto takePooled = [&](HANDLE handle) {
+        const std::scoped_lock lock(mutex);
+        return pooled.erase(handle) != 0;
+    };
+    const ImportPatch<decltype(::CloseHandle)> close(libraryModule(), "KERNEL32.dll", "CloseHandle",
+                                                     [&](HANDLE handle) {
+                                                         if (takePooled(handle) && isMonitor()) {
+                                                             noteWithState("connection closed");
+                                                         }
+                                                         return ::CloseHandle(handle);
+                                                     });
+    const ImportPatch<std::size_t(const void*, std::size_t, std::size_t, std::FILE*)> write(
+        libraryModule(), "msvcrt.dll", "fwrite",
+        [&](const void* data, std::size_t size, std::size_t count, std::FILE* stream) {
+            const std::string_view text(static_cast<const char*>(data), size * count);
+            if (text.starts_with("Removed mapping of local context")) {
+                noteWithState("context cleared");
+            }
+            return write.original()(data, size, count, stream);
+        });
+    connectCard();
+    stopDaemon();
+    const std::scoped_lock lock(mutex);
+    EXPECT_THAT(done, ElementsAre("connection closed without a daemon",
+                                  "context cleared without a daemon"));
 }
 
 }  // namespace

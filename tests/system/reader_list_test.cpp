@@ -11,6 +11,7 @@ namespace {
 using testing::_;
 using testing::Contains;
 using testing::DoAll;
+using testing::DoDefault;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Return;
@@ -324,6 +325,24 @@ TEST_F(ReaderListTest, MayBeEmptyOnEitherSide) {
     EXPECT_EQ(list(context), "\0"s);
     setRemoteList("A\0\0"s);
     EXPECT_EQ(list(context), "A\0\0"s);
+}
+
+TEST_F(ReaderListTest, ThatTheDaemonsComingHasOvertakenIsNotTheLatest) {
+    context = establish();
+    // All that the monitor does when the daemon comes is over before the host has answered.
+    EXPECT_CALL(host, SCardListReadersA)
+        .WillOnce([this](SCARDCONTEXT system, LPCSTR groups, LPSTR readers, LPDWORD size) {
+            startDaemon();
+            waitForWatch();
+            return host.service().SCardListReadersA(system, groups, readers, size);
+        })
+        .WillRepeatedly(DoDefault());
+    EXPECT_THAT(listReaders(context), ElementsAre(kHostReader));
+    SCARD_READERSTATEA state = {};
+    state.szReader = kRemoteReader;
+    EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
+    EXPECT_NE(state.dwEventState & SCARD_STATE_PRESENT, 0U)
+        << "the wait lists the readers itself, the daemon's among them";
 }
 
 }  // namespace

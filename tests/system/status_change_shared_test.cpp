@@ -68,6 +68,20 @@ class SharedWaits : public StatusChangeTest {
         return gate;
     }
 
+    /// Lets the monitor's first pass, which repeats the check of the first call, find the daemon
+    /// only behind a gate.
+    Gate holdFirstPass() {
+        Gate gate;
+        daemon.setObserver({.handshake =
+                                [gate](const Handshake& handshake) {
+                                    if (handshake.connection == kWatch) {
+                                        gate.pass();
+                                    }
+                                },
+                            .disconnected = {}});
+        return gate;
+    }
+
   private:
     std::atomic<std::size_t> hostCancels_ = 0;
 };
@@ -213,14 +227,7 @@ TEST_F(SharedWaits, ADaemonThatComesBackInterruptsThemEvenWhenItsLossWasNotSeen)
 }
 
 TEST_F(SharedWaits, OneThatHasLostTheDaemonIsInterruptedByTheMonitorsFirstPassToo) {
-    const Gate gate;
-    daemon.setObserver({.handshake =
-                            [gate](const Handshake& handshake) {
-                                if (handshake.connection == 2) {
-                                    gate.pass();
-                                }
-                            },
-                        .disconnected = {}});
+    const Gate gate = holdFirstPass();
     startDaemon();
     const SCARDCONTEXT context = establish();
     ASSERT_TRUE(gate.waitUntilReached());
@@ -232,6 +239,22 @@ TEST_F(SharedWaits, OneThatHasLostTheDaemonIsInterruptedByTheMonitorsFirstPassTo
     EXPECT_FALSE(wait.isOver());
     gate.open();
     EXPECT_THAT(wait.result(), Gives(SCARD_E_NO_SERVICE));
+}
+
+TEST_F(SharedWaits, OneThatHearsTheDaemonIsLeftAloneByTheMonitorsFirstPass) {
+    countHostCancels();
+    const Gate gate = holdFirstPass();
+    startDaemon();
+    const SCARDCONTEXT context = establish();
+    ASSERT_TRUE(gate.waitUntilReached());
+    const BackgroundWait wait = waitOnBothSides(context);
+    gate.open();
+    waitForWatch();
+    EXPECT_EQ(hostCancels(), 0U);
+    EXPECT_FALSE(wait.isOver());
+    remote.removeCard(kRemoteReader);
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_NE(wait.state(1).dwEventState & SCARD_STATE_EMPTY, 0U);
 }
 
 TEST_F(SharedWaits, ReleasingTheContextEndsAWaitOnBothSides) {

@@ -16,6 +16,7 @@
 namespace tez::test {
 namespace {
 
+using testing::AllOf;
 using testing::AnyOf;
 using testing::Contains;
 using testing::Each;
@@ -347,6 +348,7 @@ TEST_F(TransportTest, AStalledWriteEndsAfterASecondAndTheNextCallTakesAFreshPipe
     HANDLE pipe = nullptr;
     OVERLAPPED* written = nullptr;
     bool cancelled = false;
+    std::vector<DWORD> timeouts;
     daemon.pauseReading();
     {
         const ImportPatch<decltype(::WriteFile)> write(
@@ -367,6 +369,14 @@ TEST_F(TransportTest, AStalledWriteEndsAfterASecondAndTheNextCallTakesAFreshPipe
                                                              cancelled = true;
                                                              return ::CancelIoEx(file, overlapped);
                                                          });
+        const ImportPatch<decltype(::WaitForSingleObject)> wait(
+            libraryModule(), "KERNEL32.dll", "WaitForSingleObject",
+            [&, thread = GetCurrentThreadId()](HANDLE object, DWORD timeout) {
+                if (GetCurrentThreadId() == thread) {
+                    timeouts.push_back(timeout);
+                }
+                return ::WaitForSingleObject(object, timeout);
+            });
         const auto begin = std::chrono::steady_clock::now();
         EXPECT_THAT(SCardTransmit(card.handle, card.pci(), command.data(), 30000, nullptr,
                                   response.data(), &length),
@@ -375,6 +385,7 @@ TEST_F(TransportTest, AStalledWriteEndsAfterASecondAndTheNextCallTakesAFreshPipe
         EXPECT_GE(elapsed, std::chrono::milliseconds(990));
     }
     EXPECT_TRUE(cancelled);
+    EXPECT_THAT(timeouts, AllOf(Not(IsEmpty()), Each(1000U)));
     EXPECT_TRUE(logged('D', "DaemonConnectionTEZ::writen", "Timeout while writing to pipe"));
     EXPECT_TRUE(logged('D', "DaemonConnectionTEZ::sendMessage", "Could not write data on socket"));
     daemon.resumeReading();

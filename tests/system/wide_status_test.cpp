@@ -141,6 +141,30 @@ TEST_F(WideStatusTest, ReturnsTheNarrowCallsFailureAndCopiesNothing) {
     EXPECT_TRUE(name.untouched());
 }
 
+TEST_F(WideStatusTest, ThatFailsLeavesThePlaceOfAnAllocatedAtr) {
+    establishContext();
+    const HeapSpy heap;
+    BYTE sentinel = 0;
+    const auto expectLeft = [&](const ConnectedCard& of, LONG code) {
+        card = of;
+        BYTE* atr = &sentinel;
+        nameLength = atrLength = SCARD_AUTOALLOCATE;
+        wchar_t* name = nullptr;
+        EXPECT_THAT(status(reinterpret_cast<LPWSTR>(&name), reinterpret_cast<LPBYTE>(&atr)),
+                    Gives(code));
+        EXPECT_EQ(atr, &sentinel);
+        EXPECT_EQ(atrLength, DWORD{SCARD_AUTOALLOCATE});
+        EXPECT_FALSE(heap.wasFreed(&sentinel));
+    };
+    const ConnectedCard onHost = connect(context, kHostReader);
+    const ConnectedCard atDaemon = connect(context, kRemoteReader);
+    expectLeft({4711, SCARD_PROTOCOL_T1}, SCARD_E_INVALID_HANDLE);
+    EXPECT_CALL(host, SCardStatusA).WillOnce(Return(SCARD_W_REMOVED_CARD));
+    expectLeft(onHost, SCARD_W_REMOVED_CARD);
+    daemon.on(Command::kStatus, closing());
+    expectLeft(atDaemon, SCARD_E_NO_SERVICE);
+}
+
 TEST_F(WideStatusTest, TellsForeignNamesOnBothSides) {
     establishContext();
     for (const WideName& reader : kForeignNames) {

@@ -89,6 +89,19 @@ TEST_F(RemoteOnlyAttributes, LeaveTheFriendlyNameOfAnOldDaemonAsItCame) {
     EXPECT_EQ(std::string(name.as<char>(), length), "Reader A\0"s);
 }
 
+TEST_F(RemoteOnlyAttributes, AreThoseThatWereAskedForWhateverTheDaemonEchoes) {
+    const SCARDHANDLE card = remoteCard();
+    const GuardedBuffer value(18);
+    DWORD length = 18;
+    answerWith(SCARD_ATTR_VENDOR_NAME, "Reader A\0"s);
+    EXPECT_EQ(SCardGetAttrib(card, SCARD_ATTR_DEVICE_FRIENDLY_NAME_W, value.data(), &length),
+              SCARD_S_SUCCESS);
+    EXPECT_EQ(length, 18U) << "converted";
+    answerWith(SCARD_ATTR_DEVICE_FRIENDLY_NAME_W, "Reader A\0"s);
+    EXPECT_EQ(SCardGetAttrib(card, SCARD_ATTR_VENDOR_NAME, value.data(), &length), SCARD_S_SUCCESS);
+    EXPECT_EQ(length, 9U) << "as it came";
+}
+
 TEST_F(RemoteOnlyAttributes, AreSetInTheNewerFormWhateverTheVersion) {
     daemon().versionMinor = 0;
     const SCARDHANDLE card = remoteCard();

@@ -44,6 +44,21 @@ TEST_F(RemoteOnlyContext, ReleasesBothOfItsBindings) {
     EXPECT_THAT(daemon().requests, IsEmpty());
 }
 
+TEST_F(RemoteOnlyContext, LeavesItsRemoteLocalBindingToTheDaemonInOtherStates) {
+    for (const ServiceState state : {ServiceState::LocalOnly, ServiceState::LocalFirst}) {
+        setServiceState(ServiceState::RemoteOnly);
+        const SCARDCONTEXT context = registerContext(0, 2);
+        daemon().answers = {establishAnswer()};
+        std::uint64_t remoteContext = 0;
+        EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, false), SCARD_S_SUCCESS);
+        setServiceState(state);
+        EXPECT_EQ(SCardReleaseContext(context), SCARD_S_SUCCESS);
+        EXPECT_FALSE(isContextKnown(context));
+    }
+    EXPECT_THAT(log().messages(),
+                testing::Not(testing::Contains(testing::HasSubstr("releaseRemoteContext"))));
+}
+
 TEST_F(RemoteOnlyContext, SwallowsTheFailureOfARemoteRelease) {
     const SCARDCONTEXT context = boundContext();
     daemon().answers = {ByteString().u64(0).u32(0x80100003).bytes()};
