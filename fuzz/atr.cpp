@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "holds.h"
+#include "support/holds.h"
 
 using namespace tez;
 using fuzz::holds;

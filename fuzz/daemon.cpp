@@ -10,9 +10,9 @@
 #include <mutex>
 #include <vector>
 
-#include "answer_shape.h"
-#include "holds.h"
 #include "simulated/simulated_service.h"
+#include "support/answer_shape.h"
+#include "support/holds.h"
 #include "wire/message_header.h"
 
 using namespace tez;

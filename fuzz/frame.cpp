@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "holds.h"
+#include "support/holds.h"
 
 using namespace tez::link;
 using tez::fuzz::holds;

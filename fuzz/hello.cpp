@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "holds.h"
+#include "support/holds.h"
 
 using namespace tez::link;
 using tez::fuzz::holds;

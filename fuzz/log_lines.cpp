@@ -5,9 +5,9 @@
 #include <string_view>
 #include <vector>
 
-#include "holds.h"
 #include "log/call_assembler.h"
 #include "log/line_parser.h"
+#include "support/holds.h"
 
 using namespace tez::client;
 using tez::fuzz::holds;

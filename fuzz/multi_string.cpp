@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "holds.h"
+#include "support/holds.h"
 
 using namespace tez;
 using fuzz::holds;

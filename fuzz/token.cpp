@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "holds.h"
+#include "support/holds.h"
 
 using namespace tez::link;
 using tez::fuzz::holds;

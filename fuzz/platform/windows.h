@@ -21,6 +21,7 @@ using ULONG = std::uint32_t;
 using LONG = std::int32_t;
 using HRESULT = std::int32_t;
 using BOOL = int;
+using WINBOOL = int;
 using ULONG_PTR = std::uintptr_t;
 using CHAR = char;
 using WCHAR = wchar_t;
@@ -29,6 +30,7 @@ using HANDLE = void*;
 using HMODULE = void*;
 using HWND = void*;
 using HICON = void*;
+using PVOID = void*;
 using PBYTE = BYTE*;
 using LPBYTE = BYTE*;
 using LPDWORD = DWORD*;
@@ -49,7 +51,10 @@ using UUID = GUID;
 using LPGUID = GUID*;
 using LPCGUID = const GUID*;
 
+#define BASETYPES  // they are above
 #define WINAPI
+#define __C89_NAMELESS
+#define DECLSPEC_IMPORT
 #define CALLBACK
 #define FALSE 0
 #define TRUE 1
@@ -70,10 +75,6 @@ int WideCharToMultiByte(unsigned codePage, DWORD flags, LPCWSTR text, int length
                         int room, LPCSTR substitute, BOOL* wasSubstituted) noexcept;
 int MultiByteToWideChar(unsigned codePage, DWORD flags, LPCSTR text, int length, LPWSTR target,
                         int room) noexcept;
-
-/// As the C runtime of Windows has them.
-int getenv_s(std::size_t* length, char* value, std::size_t size, const char* name) noexcept;
-int _stricmp(const char* one, const char* other) noexcept;
 
 inline DWORD GetLastError() noexcept {
     return ERROR_NOT_ENOUGH_MEMORY;

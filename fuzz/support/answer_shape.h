@@ -28,10 +28,13 @@ struct AnswerShape {
     std::size_t unit = 1;               ///< bytes of what it counts
     bool isDataOfFailures = false;      ///< whether there is data behind a failure too
 
+    std::uint32_t result(std::span<const std::uint8_t> record) const {
+        return field(record, resultOffset);
+    }
+
     /// The bytes of data that a record announces.
     std::uint64_t dataSize(std::span<const std::uint8_t> record) const {
-        const bool hasData =
-            countOffset != kNoData && (field(record, resultOffset) == 0 || isDataOfFailures);
+        const bool hasData = countOffset != kNoData && (result(record) == 0 || isDataOfFailures);
         return hasData ? std::uint64_t{field(record, countOffset)} * unit : 0;
     }
 
