@@ -13,6 +13,7 @@
 #include "common/scard_api.h"
 #include "context/card_handle_registry.h"
 #include "context/context_registry.h"
+#include "context/remote_context.h"
 #include "readers/remote_half.h"
 #include "state/reader_names.h"
 #include "support/holds.h"
@@ -110,6 +111,15 @@ void listReadersWide(const Caller& caller) {
     names.checkNames(SCardListReadersW(caller.context, nullptr, names.buffer(), names.length()));
 }
 
+void establish(const Caller& caller) {
+    std::uint64_t made = NO_REMOTE_CONTEXT;
+    const LONG rv = establishRemoteContext(SCARD_SCOPE_SYSTEM, made, caller.choice % 2 == 0);
+    if (rv == SCARD_S_SUCCESS) {
+        static_cast<void>(releaseRemoteContext(made, caller.choice % 2 == 0));
+    } else {
+        holds(made == NO_REMOTE_CONTEXT);
+    }
+}
 void connect(const Caller& caller) {
     SCARDHANDLE card = 0;
     DWORD protocol = kUntouched;
@@ -215,12 +225,15 @@ void getProviderNameWide(const Caller& caller) {
     name.result(SCardGetCardTypeProviderNameW(caller.context, L"Card A", SCARD_PROVIDER_CSP,
                                               name.buffer(), name.length()));
 }
-void updateCardTypes(const Caller& caller) {
-    static_cast<void>(SCardIntroduceCardTypeA(caller.context, "Card A", &kGuid, &kGuid, 1,
-                                              kAtr.data(), kAtr.data(), kAtr.size()));
-    static_cast<void>(
-        SCardSetCardTypeProviderNameA(caller.context, "Card A", SCARD_PROVIDER_CSP, "Provider"));
-    static_cast<void>(SCardForgetCardTypeA(caller.context, "Card A"));
+/// Updates go to the daemon without a context only.
+void updateCardTypes(const Caller& /*caller*/) {
+    static_cast<void>(SCardIntroduceCardTypeA(0, "Card A", &kGuid, &kGuid, 1, kAtr.data(),
+                                              kAtr.data(), kAtr.size()));
+    static_cast<void>(SCardSetCardTypeProviderNameA(0, "Card A", SCARD_PROVIDER_CSP, "Provider"));
+    static_cast<void>(SCardForgetCardTypeA(0, "Card A"));
+}
+void audit(const Caller& caller) {
+    static_cast<void>(SCardAudit(0, caller.choice));
 }
 
 void readCache(const Caller& caller) {
@@ -238,9 +251,6 @@ void writeCache(const Caller& caller) {
 void getReaderIcon(const Caller& caller) {
     Place<BYTE> icon(caller);
     icon.result(SCardGetReaderIconA(caller.context, "Reader A", icon.buffer(), icon.length()));
-}
-void audit(const Caller& caller) {
-    static_cast<void>(SCardAudit(caller.context, caller.choice));
 }
 
 /// The daemon's half of a wait, which goes about the exchange in its own way.
@@ -271,7 +281,8 @@ constexpr void (*kCalls[])(const Caller&) = {
     statusNarrow,     statusWide,          getAttribute,    setAttribute,
     getTransmitCount, listCards,           listCardsWide,   getDeviceTypeId,
     getProviderName,  getProviderNameWide, updateCardTypes, readCache,
-    writeCache,       getReaderIcon,       audit,           waitForReaders};
+    writeCache,       getReaderIcon,       audit,           waitForReaders,
+    establish};
 
 /// A context that the daemon knows, and a card of it.
 class Session {
