@@ -1,13 +1,13 @@
 // One exported call after the other, and whatever bytes for the daemon's answer: the call must keep
 // to the caller's buffers, tell the truth about them, and leave the connection fit for the next
 // one.
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "common/scard_api.h"
@@ -45,7 +45,7 @@ class Place {
         : asks_(caller.asks),
           length_(asks_ == Asks::ToAllocate ? SCARD_AUTOALLOCATE : caller.room),
           room_(length_),
-          buffer_(std::make_unique<Unit[]>(asks_ == Asks::IntoBuffer ? room_ : 0)) {}
+          buffer_(asks_ == Asks::IntoBuffer ? std::max<DWORD>(room_, 1) : 0) {}
     Place(const Place&) = delete;
     Place& operator=(const Place&) = delete;
     ~Place() { SCardFreeMemory(0, allocated_); }
@@ -53,7 +53,7 @@ class Place {
     Unit* buffer() {
         switch (asks_) {
             case Asks::IntoBuffer:
-                return buffer_.get();
+                return buffer_.data();
             case Asks::ToAllocate:
                 return reinterpret_cast<Unit*>(&allocated_);
             default:
@@ -70,7 +70,7 @@ class Place {
         }
         if (asks_ == Asks::IntoBuffer) {
             holds(length_ <= room_);
-            return {buffer_.get(), length_};
+            return {buffer_.data(), length_};
         }
         if (asks_ == Asks::ToAllocate && length_ != SCARD_AUTOALLOCATE) {
             holds(allocated_ != nullptr);
@@ -93,7 +93,7 @@ class Place {
     Asks asks_;
     DWORD length_;
     DWORD room_;
-    std::unique_ptr<Unit[]> buffer_;
+    std::vector<Unit> buffer_;  // not empty: without a place nothing is asked for but the length
     Unit* allocated_ = nullptr;
 };
 
@@ -289,7 +289,7 @@ class Session {
   public:
     explicit Session(ServiceState state) : context_(registerContext(0, SCARD_SCOPE_SYSTEM)) {
         const EstablishRecord established = {SCARD_SCOPE_SYSTEM, 0x10, 0};
-        std::array<std::uint8_t, 2 * sizeof established> answers;
+        std::array<std::uint8_t, 2 * sizeof established> answers = {};
         std::memcpy(answers.data(), &established, sizeof established);
         std::memcpy(answers.data() + sizeof established, &established, sizeof established);
         const ScriptedDaemon daemon({state, 4}, answers);

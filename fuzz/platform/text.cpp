@@ -38,7 +38,7 @@ std::uint32_t takeCharacter(Source<char>& source) {
 
 std::uint32_t takeCharacter(Source<wchar_t>& source) {
     const auto isLow = [](std::uint32_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; };
-    const auto unit = static_cast<std::uint32_t>(*source.next++);
+    const std::uint32_t unit = static_cast<char16_t>(*source.next++);
     if (unit < 0xD800 || unit > 0xDFFF) {
         return unit;
     }
