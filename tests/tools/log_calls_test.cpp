@@ -119,6 +119,18 @@ TEST(LogCallsTest, PutsTheLinesOfInterleavedThreadsTogether) {
     EXPECT_EQ(calls[1].lines[1].message, "of one");
 }
 
+TEST(LogCallsTest, LastsNoLessThanNothingWhenTheClockIsSetBack) {
+    LogText log;
+    log.line(1, "SCardTransmit", "TRANSMIT IN-PARAMS: 1, 00C0, 0000 (65538)");
+    log.wait(10).line(1, "SCardTransmit", "Used receive protocol 2").wait(-5);
+    log.line(1, "SCardTransmit", "TRANSMIT RV: 0x00000000");
+    const std::vector<Call> calls = log.calls();
+    ASSERT_THAT(calls, SizeIs(1));
+    EXPECT_EQ(calls[0].duration(), 11);
+    log.wait(100).line(1, "SCardTransmit", "TRANSMIT IN-PARAMS: 1, 00C0, 0000 (65538)").wait(-50);
+    EXPECT_EQ(log.line(1, "SCardTransmit", "TRANSMIT RV: 0x00000000").calls()[1].duration(), 0);
+}
+
 TEST(LogCallsTest, SeesCallsInsideOfCallsAndThoseThatNeverEnd) {
     LogText log;
     log.line(1, "SCardGetStatusChangeA", "GET_STATUS_CHANGE IN-PARAMS: 1, 0, 00A0, 1");

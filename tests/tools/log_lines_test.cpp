@@ -62,6 +62,16 @@ TEST(LogLinesTest, FindsNoPrefixInOtherText) {
     }
 }
 
+TEST(LogLinesTest, FindsNoPrefixWithATimeThatThereIsNot) {
+    for (const char* time :
+         {"Nov 0 23:13:00:000001", "Nov 32 23:13:00:000001", "Nov 4294967295 23:13:00:000001",
+          "Nov 15 24:13:00:000001", "Nov 15 4294967295:13:00:000001", "Nov 15 23:60:00:000001",
+          "Nov 15 23:13:60:000001", "Nov 15 23:13:00:1000000"}) {
+        EXPECT_FALSE(findPrefix(prefix(time, 1, "f"))) << time;
+    }
+    EXPECT_TRUE(findPrefix(prefix("Dec 31 23:59:59:999999", 1, "f")));
+}
+
 TEST(LogLinesTest, TakesTextInAnyPieces) {
     const std::string text = clearLines();
     LineParser parser;

@@ -165,7 +165,6 @@ void CallAssembler::takeResult(const LogLine& line, const FrameMessage& frame) {
         add(line);
     }
     open.back().result = parseResult(frame.text);
-    open.back().end = line.prefix.time;
     end(open, true);
 }
 

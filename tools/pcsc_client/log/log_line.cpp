@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 #include <cstdio>
+#include <limits>
 
 namespace tez::client {
 namespace {
@@ -33,14 +34,15 @@ class Scanner {
         return fits_ ? text_[position_++] : '\0';
     }
 
-    std::uint32_t number() {
+    std::uint32_t number(std::uint32_t least = 0,
+                         std::uint32_t most = std::numeric_limits<std::uint32_t>::max()) {
         std::uint32_t value = 0;
         const char* const begin = text_.data() + position_;
         const char* const end = text_.data() + text_.size();
         const auto [stop, error] = std::from_chars(begin, end, value);
-        fits_ = fits_ && error == std::errc();
+        fits_ = fits_ && error == std::errc() && value >= least && value <= most;
         position_ += fits_ ? static_cast<std::size_t>(stop - begin) : 0;
-        return value;
+        return fits_ ? value : 0;
     }
 
     std::size_t month() {
@@ -85,12 +87,12 @@ std::optional<FoundPrefix> parsePrefix(std::string_view text) {
     scanner.expect(" ");
     const std::size_t month = scanner.month();
     scanner.expect(" ");
-    const std::uint32_t day = scanner.number();
+    const std::uint32_t day = scanner.number(1, 31);
     LogTime time = 0;
-    for (const auto& [delimiter, unit] :
-         {std::pair(" ", 24), std::pair(":", 60), std::pair(":", 60), std::pair(":", 1'000'000)}) {
+    for (const auto& [delimiter, unit] : {std::pair(" ", 24U), std::pair(":", 60U),
+                                          std::pair(":", 60U), std::pair(":", 1'000'000U)}) {
         scanner.expect(delimiter);
-        time = time * unit + scanner.number();
+        time = time * unit + scanner.number(0, unit - 1);
     }
     scanner.expect(" ");
     found.prefix.process = scanner.number();

@@ -1,0 +1,2 @@
+// All of it that is needed is in <windows.h>.
+#include <windows.h>
