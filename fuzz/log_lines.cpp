@@ -56,7 +56,7 @@ void checkCalls(const std::vector<LogLine>& lines) {
         expected += line.isContinuation ? 0 : 1;
     }
     assembler.finish();
-    holds(found + assembler.otherLines().size() == expected);
+    holds(found + assembler.otherLineCount() == expected);
 }
 
 }  // namespace

@@ -110,7 +110,7 @@ void settleSide(Call& call) {
 
 void CallAssembler::take(const LogLine& line) {
     if (line.isContinuation) {
-        if (lastPlace_ != nullptr && !lastPlace_->empty()) {
+        if (lastPlace_ != nullptr) {
             lastPlace_->back().message += "\n" + line.message;
         }
         return;
@@ -207,8 +207,8 @@ void CallAssembler::add(const LogLine& line) {
         call = onlyOpenWait(line.prefix.process);
     }
     if (call == nullptr) {
-        otherLines_.push_back(line);
-        lastPlace_ = &otherLines_;
+        ++otherLineCount_;
+        lastPlace_ = nullptr;
         return;
     }
     call->end = std::max(call->end, line.prefix.time);

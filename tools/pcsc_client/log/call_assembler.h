@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <map>
 #include <string>
@@ -21,8 +22,9 @@ class CallAssembler {
     /// Gives the calls that have not ended.
     void finish();
 
-    /// The lines that belong to no call, such as those of the thread that watches the daemon.
-    const std::vector<LogLine>& otherLines() const { return otherLines_; }
+    /// How many lines belong to no call, such as those of the thread that watches the daemon. They
+    /// are not kept: while there is no daemon it writes more of them than all calls together.
+    std::size_t otherLineCount() const { return otherLineCount_; }
 
   private:
     /// What the log has told of a card handle.
@@ -48,8 +50,8 @@ class CallAssembler {
     std::function<void(Call)> ended_;
     std::map<Thread, std::vector<Call>> open_;
     std::map<std::pair<std::uint32_t, std::string>, CardNote> cards_;  ///< by process and handle
-    std::vector<LogLine> otherLines_;
-    std::vector<LogLine>* lastPlace_ = nullptr;  ///< where the line before went
+    std::size_t otherLineCount_ = 0;
+    std::vector<LogLine>* lastPlace_ = nullptr;  ///< where the line before went, if that was a call
 };
 
 }  // namespace tez::client

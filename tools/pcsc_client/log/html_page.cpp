@@ -111,8 +111,9 @@ std::string makeHtmlPage(const std::vector<Call>& calls) {
     std::string page(kPageFrame);
     replaceMark(page, "/*STYLE*/", kPageStyle);
     replaceMark(page, "/*SCRIPT*/", kPageScript);
-    replaceMark(page, "\"CALLS\"", toScriptText(callColumns(calls)));
+    // Behind each other in the page: what has been put in is not looked at for the next mark.
     replaceMark(page, "\"LINES\"", toScriptText(callLines(calls)));
+    replaceMark(page, "\"CALLS\"", toScriptText(callColumns(calls)));
     return page;
 }
 

@@ -27,7 +27,7 @@ class LogFile {
     void finish();
 
     /// How many lines belong to no call.
-    std::size_t otherLineCount() const { return assembler_.otherLines().size(); }
+    std::size_t otherLineCount() const { return assembler_.otherLineCount(); }
 
   private:
     void takeLines(const std::vector<LogLine>& lines);
