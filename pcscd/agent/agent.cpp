@@ -1,6 +1,6 @@
 #include "agent/agent.h"
 
-#include <system_error>
+#include <exception>
 #include <utility>
 
 #include "agent/log.h"
@@ -62,14 +62,14 @@ void Agent::run(const Listener& listener, int stop) {
             connection.thread = std::thread([this, &connection, name, number = accepted_] {
                 try {
                     serve(connection, number, name);
-                } catch (const std::system_error& error) {
+                } catch (const std::exception& error) {
                     logLine(name + "closed, " + error.what());
                 }
                 // Its descriptor may be the one that the next connection needs.
                 const std::scoped_lock ending(mutex_);
                 connection.stream.reset();
             });
-        } catch (const std::system_error& error) {
+        } catch (const std::exception& error) {
             logLine(name + "closed, " + error.what());
             connections_.pop_back();
         }
