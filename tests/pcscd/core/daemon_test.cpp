@@ -312,6 +312,17 @@ TEST_F(DaemonTest, EndsOnlyTheConnectionInWhoseServiceSomethingGoesWrong) {
     EXPECT_FALSE(other.awaitEnd());
 }
 
+TEST_F(DaemonTest, HandlesDoNotTellTheNextOnes) {
+    const auto client = connected();
+    const Context context = client->establish();
+    const ConnectRecord card = client->connect(context, kDaemonReader);
+    const auto apart = [](std::uint64_t one, std::uint64_t other) {
+        return std::max(one, other) - std::min(one, other);
+    };
+    EXPECT_GT(apart(client->establish(), context), 0xFFFFFFFFU);
+    EXPECT_GT(apart(client->connect(context, kDaemonReader).hCard, card.hCard), 0xFFFFFFFFU);
+}
+
 TEST_F(DaemonTest, ServesSixteenProgramsAtOnce) {
     std::vector<std::future<int>> programs;
     for (Clients::Process process = 1; process <= 16; ++process) {
