@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <thread>
 
+#include "agent/service_context.h"
 #include "agent/token_file.h"
 #include "card_machine.h"
 #include "core/text.h"
@@ -419,6 +420,27 @@ TEST_F(AgentTest, IsThereForThoseWithTheTokenWhateverOthersDo) {
     }
     EXPECT_NE(connected()->establish(), 0U);
     EXPECT_TRUE(crowd.front()->isClosed());
+}
+
+TEST_F(AgentTest, EndsWithASecondSignalWhereAConnectWaitsForAnotherProgram) {
+    machine_.startAgent();
+    const ServiceContext context;
+    SCARDHANDLE card = 0;
+    DWORD protocol = 0;
+    ASSERT_EQ(SCardConnect(context.get(), kFirstReader, SCARD_SHARE_SHARED, SCARD_PROTOCOL_T1,
+                           &card, &protocol),
+              SCARD_S_SUCCESS);
+    ASSERT_EQ(SCardBeginTransaction(card), SCARD_S_SUCCESS);
+    const auto client = connected();
+    const auto ownContext = client->establish();
+    auto answer =
+        std::async(std::launch::async, [&] { return client->connect(ownContext, kFirstReader); });
+    ASSERT_EQ(answer.wait_for(300ms), std::future_status::timeout);
+    machine_.askAgentToEnd();
+    ASSERT_TRUE(
+        eventually([this] { return machine_.agentLog().find("\nended\n") != std::string::npos; }));
+    EXPECT_EQ(machine_.stopAgent(), -1);
+    SCardEndTransaction(card, SCARD_LEAVE_CARD);
 }
 
 TEST_F(AgentTest, ServesSixteenProgramsAtOnce) {
