@@ -37,10 +37,16 @@ PcscService::~PcscService() = default;
 
 void PcscService::publish(std::vector<MonitoredReader> readers) {
     std::vector<ServedReader> served;
+    std::vector<std::string> leftOut;
     for (MonitoredReader& reader : readers) {
+        if (!choice_.isChosen(reader.name)) {
+            continue;
+        }
         if (std::optional<std::string> name = choice_.servedName(reader.name)) {
             served.push_back(
                 {std::move(*name), std::move(reader.name), std::move(reader.observed)});
+        } else {
+            leftOut.push_back(std::move(reader.name));
         }
     }
     const std::scoped_lock lock(mutex_);
@@ -49,7 +55,18 @@ void PcscService::publish(std::vector<MonitoredReader> readers) {
             logDetail("reader there: " + reader.name);
         }
     }
-    readers_ = std::move(served);
+    for (const std::string& reader : leftOut) {
+        if (std::ranges::find(leftOut_, reader) == leftOut_.end()) {
+            logLine("reader left out, with the prefix its name is too long: " + reader);
+        }
+    }
+    readers_.swap(served);
+    leftOut_ = std::move(leftOut);
+    for (const ServedReader& reader : served) {  // those that were there before
+        if (findReader(reader.name) == nullptr) {
+            logDetail("reader gone: " + reader.name);
+        }
+    }
     changed_.notify_all();
 }
 

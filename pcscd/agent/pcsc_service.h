@@ -84,6 +84,7 @@ class PcscService final : public pcscd::CardService {
     mutable std::mutex mutex_;  // guards what follows, but for the monitor
     std::condition_variable changed_;
     std::vector<ServedReader> readers_;
+    std::vector<std::string> leftOut_;  // chosen readers that cannot be served
     std::map<pcscd::Context, std::shared_ptr<pcscd::WaitEnds>> contexts_;
     std::map<pcscd::Card, ConnectionPointer> cards_;
     pcscd::HandleNumbers contextNumbers_;

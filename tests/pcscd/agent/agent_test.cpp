@@ -2,6 +2,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <csignal>
+#include <fstream>
 #include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -112,6 +114,25 @@ TEST_F(AgentTest, TellsOfTheReaderWhatTheServiceTellsUnderTheServedName) {
     const AttribRecord unknown{card.hCard, pcscd::attribute::kMaxInput, {}, 1, 0};
     EXPECT_EQ(resultOf(client->call(CMD_SET_ATTRIB, unknown, Bytes{7})),
               code(result::kUnsupportedFeature));
+}
+
+TEST_F(AgentTest, TellsOfAReaderWhoseNameIsTooLong) {
+    machine_.stopService();
+    const std::string name(80, 'R');
+    const std::filesystem::path readers = machine_.folder() / "readers";
+    std::ofstream(readers / "vpcd") << "FRIENDLYNAME \"" << name << "\"\n"
+                                    << "DEVICENAME /dev/null:0x8C7B\n"
+                                    << "LIBPATH /usr/lib/pcsc/drivers/serial/libifdvpcd.so\n"
+                                    << "CHANNELID 0x8C7B\n";
+    Child service("/usr/sbin/pcscd", {"--foreground", "--config", readers.string()},
+                  machine_.folder() / "pcscd.log");
+    machine_.startAgent({"--name-prefix", std::string(60, 'P')});
+    EXPECT_TRUE(eventually([&] {
+        return machine_.agentLog().find("name is too long: " + name) != std::string::npos;
+    }));
+    const auto client = connected();
+    EXPECT_EQ(client->listReaders(client->establish()), multiString({}));
+    service.end(SIGTERM);  // it removes its socket
 }
 
 TEST_F(AgentTest, FollowsCardsThatComeAndGo) {
@@ -250,6 +271,7 @@ TEST_F(AgentTest, OutlivesTheServiceAndGoesOnWithTheNext) {
     machine_.stopService();
     EXPECT_TRUE(gone.get());
     EXPECT_EQ(client->listReaders(context), multiString({}));
+    EXPECT_THAT(machine_.agentLog(), HasSubstr(std::string("reader gone: ") + kFirstReader));
     const TransmitRecord request{card.hCard, card.dwActiveProtocol, 5, 0, 258, 0};
     EXPECT_EQ(resultOf(client->call(CMD_TRANSMIT, request, kChallenge)),
               code(result::kReaderUnavailable));
