@@ -12,6 +12,14 @@ namespace attribute = pcscd::attribute;
 namespace result = pcscd::result;
 using pcscd::Result;
 
+namespace {
+
+// Each takes a context of the service, which has 200 for all programs by default: some must be left
+// for this machine's own.
+constexpr std::size_t kMostCards = 128;
+
+}  // namespace
+
 /// The served readers, as waits see them.
 class PcscService::Observed final : public pcscd::ObservedReaders {
   public:
@@ -174,13 +182,19 @@ Result PcscService::connect(pcscd::Context context, const std::string& reader,
         if (served == nullptr) {
             return result::kUnknownReader;
         }
+        if (cards_.size() + opening_ >= kMostCards) {
+            logLine("refused a connection to a card, there are too many");
+            return result::kNoMemory;
+        }
         connection = std::make_shared<CardConnection>(served->serviceName, served->name, context);
+        ++opening_;
     }
     const Result opened = connection->open(shareMode, preferredProtocols, activeProtocol);
+    const std::scoped_lock lock(mutex_);
+    --opening_;
     if (opened != result::kSuccess) {
         return opened;
     }
-    const std::scoped_lock lock(mutex_);
     if (!contexts_.contains(context)) {
         return result::kInvalidHandle;  // released meanwhile; the connection closes with its
                                         // pointer

@@ -465,6 +465,22 @@ TEST_F(AgentTest, EndsWithASecondSignalWhereAConnectWaitsForAnotherProgram) {
     SCardEndTransaction(card, SCARD_LEAVE_CARD);
 }
 
+TEST_F(AgentTest, LeavesContextsOfTheServiceForOtherPrograms) {
+    machine_.startAgent();
+    const auto client = connected();
+    const auto context = client->establish();
+    ConnectRecord card{};
+    for (int i = 0; i < 128; ++i) {
+        card = client->connect(context, kFirstReader);
+        ASSERT_EQ(resultOf(card), 0U) << i;
+    }
+    EXPECT_EQ(resultOf(client->connect(context, kFirstReader)), code(result::kNoMemory));
+    EXPECT_THAT(machine_.agentLog(), HasSubstr("too many"));
+    EXPECT_EQ(resultOf(client->call(CMD_DISCONNECT, DisconnectRecord{card.hCard, 0, 1})), 0U);
+    EXPECT_EQ(resultOf(client->connect(context, kSecondReader)), code(result::kNoSmartcard));
+    EXPECT_EQ(resultOf(client->connect(context, kFirstReader)), 0U);
+}
+
 TEST_F(AgentTest, ServesSixteenProgramsAtOnce) {
     machine_.startAgent();
     std::vector<std::future<int>> programs;
