@@ -1,6 +1,7 @@
 #include "agent/agent.h"
 
-#include <system_error>
+#include <algorithm>
+#include <exception>
 #include <utility>
 
 #include "agent/log.h"
@@ -12,6 +13,11 @@ namespace {
 // A program has some ten connections, each of which takes two threads here. Of the 1024 descriptors
 // that a process usually has, as many are left for the cards.
 constexpr std::size_t kMostConnections = 500;
+
+// Connections that have shown no token count by themselves, or whoever reaches the socket could
+// keep out those who have it. It is enough for all connections of a host's programs at once; the
+// wait for a hello is one trip through the tunnel.
+constexpr std::size_t kMostNewcomers = 100;
 
 }  // namespace
 
@@ -52,25 +58,28 @@ void Agent::run(const Listener& listener, int stop) {
     while (FileDescriptor socket = listener.accept(stop)) {
         removeEnded();
         const std::scoped_lock lock(mutex_);
-        if (connections_.size() == kMostConnections) {
-            logLine("closed a connection, there are too many");
-            continue;
+        if (newcomers_.size() == kMostNewcomers) {
+            newcomers_.front()->stream->close();
+            newcomers_.pop_front();
         }
         Connection& connection = connections_.emplace_back(std::move(socket));
+        newcomers_.push_back(&connection);
         const std::string name = "connection " + std::to_string(++accepted_) + ": ";
         try {
             connection.thread = std::thread([this, &connection, name, number = accepted_] {
                 try {
                     serve(connection, number, name);
-                } catch (const std::system_error& error) {
+                } catch (const std::exception& error) {
                     logLine(name + "closed, " + error.what());
                 }
                 // Its descriptor may be the one that the next connection needs.
                 const std::scoped_lock ending(mutex_);
+                newcomers_.remove(&connection);
                 connection.stream.reset();
             });
-        } catch (const std::system_error& error) {
+        } catch (const std::exception& error) {
             logLine(name + "closed, " + error.what());
+            newcomers_.pop_back();
             connections_.pop_back();
         }
     }
@@ -79,7 +88,7 @@ void Agent::run(const Listener& listener, int stop) {
 void Agent::serve(Connection& connection, std::uint64_t number, const std::string& name) {
     RelayStream& stream = *connection.stream;
     std::array<std::uint8_t, link::kRelayHelloSize> hello{};
-    stream.limitSilence(link::kHelloLimit);
+    stream.limitReads(link::kHelloLimit);
     if (stream.read(hello) != hello.size()) {
         logLine(name + "closed, it showed no token");
         return;
@@ -91,9 +100,9 @@ void Agent::serve(Connection& connection, std::uint64_t number, const std::strin
                             : "closed, it is no relay of this version"));
         return;
     }
-    {
-        const std::scoped_lock lock(mutex_);
-        connection.relay = origin.relay;
+    if (!admit(connection, origin.relay)) {
+        logLine(name + "closed, there are too many");
+        return;
     }
     if (!stream.writeRaw(link::encodeAgentHello(token_))) {
         return;
@@ -106,13 +115,26 @@ void Agent::serve(Connection& connection, std::uint64_t number, const std::strin
         return;
     }
     logDetail(name + "process " + std::to_string(origin.processId));
-    stream.limitSilence(std::nullopt);
+    stream.limitReads(std::nullopt);
     daemon_.serve(stream, number, pcscd::Clients::Process{origin.relay} << 32 | origin.processId);
     logDetail(name + "ended");
 }
 
+/// Counts a connection that has shown the token. False when there are too many of them.
+bool Agent::admit(Connection& connection, std::uint32_t relay) {
+    const std::scoped_lock lock(mutex_);
+    const auto admitted = std::ranges::count_if(
+        connections_, [](const Connection& each) { return each.stream && each.relay; });
+    if (static_cast<std::size_t>(admitted) >= kMostConnections) {
+        return false;
+    }
+    newcomers_.remove(&connection);
+    connection.relay = relay;
+    return true;
+}
+
 void Agent::serveControl(RelayStream& stream) {
-    stream.limitSilence(link::kSilenceLimit);
+    stream.limitReads(link::kSilenceLimit);
     std::uint8_t beat = 0;
     while (stream.read({&beat, 1}) == 1 && stream.write({&beat, 1})) {
     }

@@ -39,6 +39,7 @@ class Agent {
     };
 
     void serve(Connection& connection, std::uint64_t number, const std::string& name);
+    bool admit(Connection& connection, std::uint32_t relay);
     static void serveControl(RelayStream& stream);
     void closeAllOf(std::uint32_t relay);
     void removeEnded();
@@ -47,6 +48,7 @@ class Agent {
     const link::Token token_;
     std::mutex mutex_;  // guards what follows
     std::list<Connection> connections_;
+    std::list<Connection*> newcomers_;  // of them, in their order: those that have shown no token
     std::uint64_t accepted_ = 0;
 };
 

@@ -5,6 +5,7 @@
 #include <exception>
 #include <iostream>
 #include <sys/signalfd.h>
+#include <unistd.h>
 
 #include "agent/agent.h"
 #include "agent/log.h"
@@ -19,20 +20,34 @@ using namespace tez::agent;
 
 constexpr int kWrongArguments = 2;
 
-/// From now on the signals that end a program are read from this descriptor, by all threads.
-FileDescriptor signalsToEnd() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    return FileDescriptor(signalfd(-1, &signals, SFD_CLOEXEC));
-}
+/// The signals that end a program, read from a descriptor by this thread and those that it starts.
+class SignalsToEnd {
+  public:
+    SignalsToEnd() {
+        sigemptyset(&signals_);
+        sigaddset(&signals_, SIGINT);
+        sigaddset(&signals_, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
+        descriptor_ = FileDescriptor(signalfd(-1, &signals_, SFD_CLOEXEC));
+    }
+
+    int descriptor() const { return descriptor_.get(); }
+
+    /// Takes the signal that has come, and lets another one end the process at once.
+    void letNextEndTheProcess() const {
+        signalfd_siginfo taken{};
+        [[maybe_unused]] const ssize_t size = read(descriptor_.get(), &taken, sizeof taken);
+        pthread_sigmask(SIG_UNBLOCK, &signals_, nullptr);
+    }
+
+  private:
+    sigset_t signals_{};
+    FileDescriptor descriptor_;
+};
 
 void run(const Options& options) {
     // Calls that a transaction keeps out are to come back, as nothing could end their wait.
     setenv("PCSCLITE_NO_BLOCKING", "1", 1);
-    const FileDescriptor end = signalsToEnd();
     const tez::link::Token token = readTokenFile(options.token);
     std::optional<FileDescriptor> activated;
     if (!options.listen) {
@@ -44,11 +59,15 @@ void run(const Options& options) {
     } else {
         listener.emplace(options.listen ? *options.listen : defaultAddress());
     }
+    // Before the service is there a signal just ends the process: who knows when that answers.
     PcscService service(options.readers);
+    const SignalsToEnd end;
     tez::pcscd::Daemon daemon(service);
     Agent agent(daemon, token);
     logLine("serving");
-    agent.run(*listener, end.get());
+    agent.run(*listener, end.descriptor());
+    // Calls of the service that nothing can end may be in progress.
+    end.letNextEndTheProcess();
     logLine("ended");
 }
 

@@ -63,7 +63,7 @@ Options parseOptions(int argc, char** argv) {
         });
     app.add_flag("-v,--verbose", options.verbose, "Tell of each connection and reader");
     app.footer(
-        "Runs until it gets SIGINT or SIGTERM.\n"
+        "Runs until it gets SIGINT or SIGTERM; a second one ends it at once.\n"
         "Exit code: 0 after a clean end, 1 when it cannot serve, 2 for wrong arguments.");
     try {
         app.parse(argc, argv);

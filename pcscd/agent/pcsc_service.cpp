@@ -12,6 +12,14 @@ namespace attribute = pcscd::attribute;
 namespace result = pcscd::result;
 using pcscd::Result;
 
+namespace {
+
+// Each takes a context of the service, which has 200 for all programs by default: some must be left
+// for this machine's own.
+constexpr std::size_t kMostCards = 128;
+
+}  // namespace
+
 /// The served readers, as waits see them.
 class PcscService::Observed final : public pcscd::ObservedReaders {
   public:
@@ -37,10 +45,16 @@ PcscService::~PcscService() = default;
 
 void PcscService::publish(std::vector<MonitoredReader> readers) {
     std::vector<ServedReader> served;
+    std::vector<std::string> leftOut;
     for (MonitoredReader& reader : readers) {
+        if (!choice_.isChosen(reader.name)) {
+            continue;
+        }
         if (std::optional<std::string> name = choice_.servedName(reader.name)) {
             served.push_back(
                 {std::move(*name), std::move(reader.name), std::move(reader.observed)});
+        } else {
+            leftOut.push_back(std::move(reader.name));
         }
     }
     const std::scoped_lock lock(mutex_);
@@ -49,7 +63,18 @@ void PcscService::publish(std::vector<MonitoredReader> readers) {
             logDetail("reader there: " + reader.name);
         }
     }
-    readers_ = std::move(served);
+    for (const std::string& reader : leftOut) {
+        if (std::ranges::find(leftOut_, reader) == leftOut_.end()) {
+            logLine("reader left out, with the prefix its name is too long: " + reader);
+        }
+    }
+    readers_.swap(served);
+    leftOut_ = std::move(leftOut);
+    for (const ServedReader& reader : served) {  // those that were there before
+        if (findReader(reader.name) == nullptr) {
+            logDetail("reader gone: " + reader.name);
+        }
+    }
     changed_.notify_all();
 }
 
@@ -157,13 +182,19 @@ Result PcscService::connect(pcscd::Context context, const std::string& reader,
         if (served == nullptr) {
             return result::kUnknownReader;
         }
+        if (cards_.size() + opening_ >= kMostCards) {
+            logLine("refused a connection to a card, there are too many");
+            return result::kNoMemory;
+        }
         connection = std::make_shared<CardConnection>(served->serviceName, served->name, context);
+        ++opening_;
     }
     const Result opened = connection->open(shareMode, preferredProtocols, activeProtocol);
+    const std::scoped_lock lock(mutex_);
+    --opening_;
     if (opened != result::kSuccess) {
         return opened;
     }
-    const std::scoped_lock lock(mutex_);
     if (!contexts_.contains(context)) {
         return result::kInvalidHandle;  // released meanwhile; the connection closes with its
                                         // pointer

@@ -37,7 +37,7 @@ class PcscService final : public pcscd::CardService {
     pcscd::Result listReaders(pcscd::Context context,
                               std::vector<std::string>& names) const override;
     /// Waits, as the service does, while another program holds the card in a transaction; only the
-    /// transaction's end ends that.
+    /// transaction's end ends that. result::kNoMemory beyond 128 connections.
     pcscd::Result connect(pcscd::Context context, const std::string& reader,
                           std::uint32_t shareMode, std::uint32_t preferredProtocols,
                           pcscd::Card& card, std::uint32_t& activeProtocol) override;
@@ -84,8 +84,10 @@ class PcscService final : public pcscd::CardService {
     mutable std::mutex mutex_;  // guards what follows, but for the monitor
     std::condition_variable changed_;
     std::vector<ServedReader> readers_;
+    std::vector<std::string> leftOut_;  // chosen readers that cannot be served
     std::map<pcscd::Context, std::shared_ptr<pcscd::WaitEnds>> contexts_;
     std::map<pcscd::Card, ConnectionPointer> cards_;
+    std::size_t opening_ = 0;  // connections on their way into cards_
     pcscd::HandleNumbers contextNumbers_;
     pcscd::HandleNumbers cardNumbers_;
     ReaderMonitor monitor_;  // the last: it publishes to all that

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <fnmatch.h>
+#include <utility>
 
 #include "wire/card_records.h"
 
@@ -16,14 +17,13 @@ bool matchesAny(const std::vector<std::string>& patterns, const std::string& rea
 
 }  // namespace
 
+bool ReaderChoice::isChosen(const std::string& reader) const {
+    return (wanted.empty() || matchesAny(wanted, reader)) && !matchesAny(denied, reader);
+}
+
 std::optional<std::string> ReaderChoice::servedName(const std::string& reader) const {
-    const bool chosen =
-        (wanted.empty() || matchesAny(wanted, reader)) && !matchesAny(denied, reader);
     std::string name = prefix + reader;
-    if (!chosen || name.size() >= kWireReaderNameSize) {
-        return std::nullopt;
-    }
-    return name;
+    return name.size() < kWireReaderNameSize ? std::optional(std::move(name)) : std::nullopt;
 }
 
 }  // namespace tez::agent

@@ -12,8 +12,9 @@ struct ReaderChoice {
     std::vector<std::string> denied;
     std::string prefix;  ///< of the served names
 
-    /// The name under which a reader is served; nullopt when it is not: it is not chosen, or the
-    /// protocol has no room for its name.
+    bool isChosen(const std::string& reader) const;
+    /// The name under which a reader is served, if it is chosen; nullopt when the protocol has no
+    /// room for it.
     std::optional<std::string> servedName(const std::string& reader) const;
 };
 

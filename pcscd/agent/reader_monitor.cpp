@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <utility>
 
@@ -99,6 +100,10 @@ void ReaderMonitor::awaitFirst() {
 }
 
 void ReaderMonitor::run() {
+    // Signals are for the program's own threads.
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);
     bool told = false;
     while (!stopping()) {
         if (const ServiceContext context; context) {

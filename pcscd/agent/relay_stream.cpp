@@ -1,24 +1,30 @@
 #include "agent/relay_stream.h"
 
 #include <cerrno>
+#include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 #include "link/frame.h"
 
 namespace tez::agent {
 
-void RelayStream::limitSilence(std::optional<std::chrono::milliseconds> limit) {
-    const auto microseconds = std::chrono::duration_cast<std::chrono::microseconds>(
-                                  limit.value_or(std::chrono::milliseconds(0)))
-                                  .count();
-    const timeval time{microseconds / 1'000'000, microseconds % 1'000'000};
-    setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time);
+/// Whether there is something to read, if only the end; false when the time is over.
+bool RelayStream::awaitReadable(Clock::time_point deadline) const {
+    for (;;) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        pollfd waited{socket_.get(), POLLIN, 0};
+        const int count = left <= 0 ? 0 : poll(&waited, 1, static_cast<int>(left));
+        if (count >= 0 || errno != EINTR) {
+            return count > 0;
+        }
+    }
 }
 
 std::size_t RelayStream::read(std::span<std::uint8_t> buffer) {
+    const auto deadline = Clock::now() + readLimit_.value_or(std::chrono::milliseconds(0));
     std::size_t done = 0;
-    while (done < buffer.size()) {
+    while (done < buffer.size() && (!readLimit_ || awaitReadable(deadline))) {
         const ssize_t count = recv(socket_.get(), &buffer[done], buffer.size() - done, 0);
         if (count > 0) {
             done += static_cast<std::size_t>(count);

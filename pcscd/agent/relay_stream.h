@@ -14,8 +14,9 @@ class RelayStream final : public pcscd::ByteStream {
   public:
     explicit RelayStream(FileDescriptor socket) : socket_(std::move(socket)) {}
 
-    /// Lets reads that come to nothing for so long end the stream; nullopt: they wait for ever.
-    void limitSilence(std::optional<std::chrono::milliseconds> limit);
+    /// Gives each of the reading thread's further reads so long for all that it is to get; nullopt:
+    /// they wait for ever.
+    void limitReads(std::optional<std::chrono::milliseconds> limit) { readLimit_ = limit; }
 
     std::size_t read(std::span<std::uint8_t> buffer) override;
     /// Writes the bytes as one frame.
@@ -25,8 +26,13 @@ class RelayStream final : public pcscd::ByteStream {
     void close() override;
 
   private:
+    using Clock = std::chrono::steady_clock;
+
+    bool awaitReadable(Clock::time_point deadline) const;
+
     const FileDescriptor socket_;
-    std::mutex writing_;  // one frame at a time
+    std::optional<std::chrono::milliseconds> readLimit_;  // the reading thread's own
+    std::mutex writing_;                                  // one frame at a time
 };
 
 }  // namespace tez::agent

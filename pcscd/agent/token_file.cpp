@@ -29,10 +29,15 @@ void makeTokenFile(const std::filesystem::path& path) {
     const std::string text = link::formatToken({randomHalf(), randomHalf()});
     const FileDescriptor file(
         open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    // So short a text is written in one go or not at all.
-    if (!file || fchmod(file.get(), S_IRUSR | S_IWUSR) != 0 ||
-        write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+    if (!file) {
         throw std::system_error(errno, std::generic_category(), "cannot write " + path.string());
+    }
+    // So short a text is written in one go or not at all.
+    if (fchmod(file.get(), S_IRUSR | S_IWUSR) != 0 ||
+        write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        const int error = errno;
+        unlink(path.c_str());
+        throw std::system_error(error, std::generic_category(), "cannot write " + path.string());
     }
 }
 

@@ -40,7 +40,8 @@ struct CardStatus {
 /// Every operation may be called from any thread. Those that can block (getStatusChange;
 /// beginTransaction, reconnect, transmit and control while another connection holds a transaction;
 /// transmit while the card takes its time) let all others through, and end when their context is
-/// released.
+/// released. Connect can block, too, and then lets all others through, but where the service behind
+/// waits for a program of its own machine nothing ends it.
 class CardService {
   public:
     CardService() = default;

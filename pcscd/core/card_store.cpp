@@ -6,6 +6,32 @@
 namespace tez::pcscd {
 namespace {
 
+// What all programs together may leave here. Nobody knows when a program that introduced a card
+// type or wrote to the cache will want it again, so nothing is thrown away for what is new. A list
+// of all card types must fit into one answer, which is 16 MiB at the most.
+constexpr std::size_t kMostOfTypes = std::size_t{8} << 20;
+constexpr std::size_t kMostOfCache = std::size_t{64} << 20;
+
+// About what the containers take for an entry, so that empty ones are not for nothing.
+constexpr std::size_t kEntryCost = 256;
+
+std::size_t sizeOfProvider(const std::string& provider) {
+    return kEntryCost + provider.size();
+}
+
+std::size_t sizeOfType(const std::string& card, const CardType& type) {
+    std::size_t size = kEntryCost + card.size() + type.atr.size() + type.atrMask.size() +
+                       type.interfaces.size() * sizeof(Guid);
+    for (const auto& [id, provider] : type.providers) {
+        size += sizeOfProvider(provider);
+    }
+    return size;
+}
+
+std::size_t sizeOfItem(const std::string& name, const Bytes& data) {
+    return kEntryCost + name.size() + data.size();
+}
+
 bool matches(const CardType& type, std::span<const std::uint8_t> atr) {
     if (atr.size() != type.atr.size()) {
         return false;
@@ -48,12 +74,27 @@ CardType cardTypeOf(Bytes atr) {
 
 Result CardStore::introduce(const std::string& card, const CardType& type) {
     const std::lock_guard lock(mutex_);
-    return types_.try_emplace(card, type).second ? result::kSuccess : result::kAlreadyExists;
+    if (types_.contains(card)) {
+        return result::kAlreadyExists;
+    }
+    const std::size_t size = typesSize_ + sizeOfType(card, type);
+    if (size > kMostOfTypes) {
+        return result::kNoMemory;
+    }
+    types_.emplace(card, type);
+    typesSize_ = size;
+    return result::kSuccess;
 }
 
 Result CardStore::forget(const std::string& card) {
     const std::lock_guard lock(mutex_);
-    return types_.erase(card) == 1 ? result::kSuccess : result::kUnknownCard;
+    const auto type = types_.find(card);
+    if (type == types_.end()) {
+        return result::kUnknownCard;
+    }
+    typesSize_ -= sizeOfType(card, type->second);
+    types_.erase(type);
+    return result::kSuccess;
 }
 
 std::optional<CardType> CardStore::find(const std::string& card) const {
@@ -69,7 +110,15 @@ Result CardStore::setProvider(const std::string& card, std::uint32_t providerId,
     if (type == types_.end()) {
         return result::kUnknownCard;
     }
-    type->second.providers[providerId] = provider;
+    auto& providers = type->second.providers;
+    const auto former = providers.find(providerId);
+    const std::size_t size = typesSize_ + sizeOfProvider(provider) -
+                             (former == providers.end() ? 0 : sizeOfProvider(former->second));
+    if (size > kMostOfTypes) {
+        return result::kNoMemory;
+    }
+    providers.insert_or_assign(providerId, provider);
+    typesSize_ = size;
     return result::kSuccess;
 }
 
@@ -103,10 +152,18 @@ std::vector<std::string> CardStore::list(std::span<const std::uint8_t> atr,
     return cards;
 }
 
-void CardStore::writeCache(const Guid& card, const std::string& name, std::uint32_t freshness,
-                           Bytes data) {
+Result CardStore::writeCache(const Guid& card, const std::string& name, std::uint32_t freshness,
+                             Bytes data) {
     const std::lock_guard lock(mutex_);
-    cache_[{card, name}] = {freshness, std::move(data)};
+    const auto former = cache_.find({card, name});
+    const std::size_t size = cacheSize_ + sizeOfItem(name, data) -
+                             (former == cache_.end() ? 0 : sizeOfItem(name, former->second.data));
+    if (size > kMostOfCache) {
+        return result::kNoMemory;
+    }
+    cache_.insert_or_assign({card, name}, CacheItem{freshness, std::move(data)});
+    cacheSize_ = size;
+    return result::kSuccess;
 }
 
 Result CardStore::readCache(const Guid& card, const std::string& name, std::uint32_t freshness,

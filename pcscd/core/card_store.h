@@ -37,7 +37,8 @@ std::size_t atrLength(const std::uint8_t* atr);
 CardType cardTypeOf(Bytes atr);
 
 /// A card database and its cache of card data, in memory. Results are the platform's
-/// codes. Thread-safe.
+/// codes. Either has a limit: what would be beyond it is result::kNoMemory, and changes nothing. A
+/// list of all cards is at most 8 MiB long. Thread-safe.
 class CardStore {
   public:
     /// result::kAlreadyExists when there is a card of that name.
@@ -54,7 +55,8 @@ class CardStore {
     std::vector<std::string> list(std::span<const std::uint8_t> atr,
                                   std::span<const Guid> interfaces) const;
 
-    void writeCache(const Guid& card, const std::string& name, std::uint32_t freshness, Bytes data);
+    Result writeCache(const Guid& card, const std::string& name, std::uint32_t freshness,
+                      Bytes data);
     /// result::kCacheItemNotFound; result::kCacheItemStale when it was written with another
     /// freshness counter.
     Result readCache(const Guid& card, const std::string& name, std::uint32_t freshness,
@@ -71,6 +73,8 @@ class CardStore {
     mutable std::mutex mutex_;
     std::map<std::string, CardType> types_;
     std::map<CacheKey, CacheItem> cache_;
+    std::size_t typesSize_ = 0;
+    std::size_t cacheSize_ = 0;
 };
 
 }  // namespace tez::pcscd

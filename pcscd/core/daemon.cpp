@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <thread>
+#include <exception>
+#include <future>
 #include <utility>
 
 #include "core/commands.h"
@@ -55,6 +56,23 @@ std::optional<Request> readRequest(ByteStream& stream, std::uint64_t connection,
     return request;
 }
 
+/// Ends a connection with a scope, however that is left: neither of its two threads is of any use
+/// without the other.
+class Ending {
+  public:
+    Ending(ByteStream& stream, RequestQueue& requests) : stream_(stream), requests_(requests) {}
+    ~Ending() {
+        requests_.close();
+        stream_.close();
+    }
+    Ending(const Ending&) = delete;
+    Ending& operator=(const Ending&) = delete;
+
+  private:
+    ByteStream& stream_;
+    RequestQueue& requests_;
+};
+
 }  // namespace
 
 Reply Daemon::greet(const Handshake& handshake) {
@@ -94,30 +112,37 @@ void Daemon::serve(ByteStream& stream, std::uint64_t connection, Clients::Proces
     // one keeps an eye on the stream. It comes first: when there is none to be had, nothing has
     // happened yet.
     RequestQueue requests;
-    std::thread answering([&] {
+    std::future<void> answering = std::async(std::launch::async, [&] {
+        const Ending ending(stream, requests);
         while (const std::optional<Request> request = requests.take()) {
             const Reply reply = answer(*request, process);
             if (!writeAll(stream, reply.blocks) || reply.close) {
-                stream.close();
-                requests.close();
                 break;
             }
         }
     });
-    clients_.enter(process);
-    opened(connection);
-    if (const std::optional<ProtocolVersion> version = shakeHands(stream, connection)) {
-        std::optional<Request> request;
-        do {
-            request = readRequest(stream, connection, *version);
-        } while (request && requests.put(std::move(*request)));
+    std::exception_ptr failure;
+    try {
+        const Ending ending(stream, requests);
+        clients_.enter(process);
+        opened(connection);
+        if (const std::optional<ProtocolVersion> version = shakeHands(stream, connection)) {
+            std::optional<Request> request;
+            do {
+                request = readRequest(stream, connection, *version);
+            } while (request && requests.put(std::move(*request)));
+        }
+    } catch (...) {
+        failure = std::current_exception();
     }
-    requests.close();
-    stream.close();
     closed(connection);
     release(clients_.leave(process));
-    answering.join();
+    answering.wait();
     release(clients_.leftBehind(process));
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+    answering.get();
 }
 
 void Daemon::release(const Clients::Contexts& contexts) {

@@ -27,7 +27,8 @@ class Daemon {
 
     /// Serves one client until either end closes the stream, and closes it. Returns some time after
     /// that: when nothing that the client asked for is in progress any more. Throws
-    /// std::system_error, having done nothing, when the system has no thread to answer on.
+    /// std::system_error, having done nothing, when the system has no thread to answer on, and what
+    /// went wrong in serving this client, such as std::bad_alloc, when all of the above is done.
     ///
     /// @param connection a number of the user's choice, by which the hooks below tell connections.
     /// @param process the client's process: connections of one process share their contexts.
@@ -41,7 +42,8 @@ class Daemon {
 
   protected:
     // Called as things happen, on a connection's own threads, so blocking in one blocks that
-    // connection only.
+    // connection only. What greet and answer throw ends that connection only; the others throw
+    // nothing.
 
     virtual void opened(std::uint64_t /*connection*/) {}
     /// The stream is closed; what was asked for on it may still be in progress.

@@ -166,10 +166,10 @@ Reply writeCache(const Call& call, CacheRecord& record) {
         return Reply::closePipe();
     }
     const auto item = call.data.first(length);
-    const Result result = call.service.isValidContext(record.hContext);
+    Result result = call.service.isValidContext(record.hContext);
     if (result == result::kSuccess) {
-        call.service.cardStore().writeCache(record.cardIdentifier, *name, record.freshnessCounter,
-                                            Bytes(item.begin(), item.end()));
+        result = call.service.cardStore().writeCache(
+            record.cardIdentifier, *name, record.freshnessCounter, Bytes(item.begin(), item.end()));
     }
     return answered(record, result);
 }

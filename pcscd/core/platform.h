@@ -23,6 +23,7 @@ inline constexpr Result kInternalError = code(0x80100001);
 inline constexpr Result kCancelled = code(0x80100002);
 inline constexpr Result kInvalidHandle = code(0x80100003);
 inline constexpr Result kInvalidParameter = code(0x80100004);
+inline constexpr Result kNoMemory = code(0x80100006);
 inline constexpr Result kInsufficientBuffer = code(0x80100008);
 inline constexpr Result kUnknownReader = code(0x80100009);
 inline constexpr Result kTimeout = code(0x8010000A);

@@ -7,14 +7,17 @@ namespace {
 
 // A client that keeps to the protocol has one exchange on a connection at a time.
 constexpr std::size_t kMostWaiting = 16;
+// Two of the longest requests; without this limit one connection could take 256 MiB.
+constexpr std::size_t kMostBytes = std::size_t{32} << 20;
 
 }  // namespace
 
 bool RequestQueue::put(Request request) {
     const std::scoped_lock lock(mutex_);
-    if (closed_ || requests_.size() == kMostWaiting) {
+    if (closed_ || requests_.size() == kMostWaiting || bytes_ + request.body.size() > kMostBytes) {
         return false;
     }
+    bytes_ += request.body.size();
     requests_.push_back(std::move(request));
     changed_.notify_one();
     return true;
@@ -28,6 +31,7 @@ std::optional<Request> RequestQueue::take() {
     }
     Request next = std::move(requests_.front());
     requests_.pop_front();
+    bytes_ -= next.body.size();
     return next;
 }
 

@@ -24,6 +24,7 @@ class RequestQueue {
     std::mutex mutex_;  // guards what follows
     std::condition_variable changed_;
     std::deque<Request> requests_;
+    std::size_t bytes_ = 0;  // of their bodies
     bool closed_ = false;
 };
 

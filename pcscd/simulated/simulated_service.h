@@ -28,7 +28,7 @@ inline constexpr std::uint32_t kControlFeatures = 3400;    ///< answers with not
 /// tells which calls are blocked.
 class SimulatedService final : public CardService {
   public:
-    /// First handles issued.
+    /// First handles issued; those after them count up.
     struct HandleBases {
         Context context;
         Card card;

@@ -1,6 +1,9 @@
 // The agent program between relays of the test's making and a PC/SC service with virtual readers.
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <csignal>
+#include <fstream>
 #include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,7 +11,9 @@
 #include <random>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <thread>
 
+#include "agent/service_context.h"
 #include "agent/token_file.h"
 #include "card_machine.h"
 #include "core/text.h"
@@ -109,6 +114,25 @@ TEST_F(AgentTest, TellsOfTheReaderWhatTheServiceTellsUnderTheServedName) {
     const AttribRecord unknown{card.hCard, pcscd::attribute::kMaxInput, {}, 1, 0};
     EXPECT_EQ(resultOf(client->call(CMD_SET_ATTRIB, unknown, Bytes{7})),
               code(result::kUnsupportedFeature));
+}
+
+TEST_F(AgentTest, TellsOfAReaderWhoseNameIsTooLong) {
+    machine_.stopService();
+    const std::string name(80, 'R');
+    const std::filesystem::path readers = machine_.folder() / "readers";
+    std::ofstream(readers / "vpcd") << "FRIENDLYNAME \"" << name << "\"\n"
+                                    << "DEVICENAME /dev/null:0x8C7B\n"
+                                    << "LIBPATH /usr/lib/pcsc/drivers/serial/libifdvpcd.so\n"
+                                    << "CHANNELID 0x8C7B\n";
+    Child service("/usr/sbin/pcscd", {"--foreground", "--config", readers.string()},
+                  machine_.folder() / "pcscd.log");
+    machine_.startAgent({"--name-prefix", std::string(60, 'P')});
+    EXPECT_TRUE(eventually([&] {
+        return machine_.agentLog().find("name is too long: " + name) != std::string::npos;
+    }));
+    const auto client = connected();
+    EXPECT_EQ(client->listReaders(client->establish()), multiString({}));
+    service.end(SIGTERM);  // it removes its socket
 }
 
 TEST_F(AgentTest, FollowsCardsThatComeAndGo) {
@@ -247,6 +271,7 @@ TEST_F(AgentTest, OutlivesTheServiceAndGoesOnWithTheNext) {
     machine_.stopService();
     EXPECT_TRUE(gone.get());
     EXPECT_EQ(client->listReaders(context), multiString({}));
+    EXPECT_THAT(machine_.agentLog(), HasSubstr(std::string("reader gone: ") + kFirstReader));
     const TransmitRecord request{card.hCard, card.dwActiveProtocol, 5, 0, 258, 0};
     EXPECT_EQ(resultOf(client->call(CMD_TRANSMIT, request, kChallenge)),
               code(result::kReaderUnavailable));
@@ -277,11 +302,28 @@ TEST_F(AgentTest, ClosesOnARelayWithAWrongTokenOrNone) {
     const LinkClient stranger(machine_.socket());
     stranger.send(Bytes(100, 'x'));
     EXPECT_TRUE(stranger.isClosed());
-    const LinkClient silent(machine_.socket());
-    EXPECT_TRUE(silent.isClosed());
     EXPECT_THAT(machine_.agentLog(), HasSubstr("wrong token"));
-    EXPECT_THAT(machine_.agentLog(), HasSubstr("no token"));
     EXPECT_NE(connected()->establish(), 0U);
+}
+
+TEST_F(AgentTest, ClosesOnARelayWhoseHelloTakesTooLong) {
+    machine_.startAgent();
+    const LinkClient silent(machine_.socket());
+    const LinkClient slow(machine_.socket());
+    std::atomic<bool> over = false;
+    // The whole of it would take some twenty seconds.
+    auto hello = std::async(std::launch::async, [&] {
+        while (!over) {
+            slow.send(Bytes{'x'});
+            std::this_thread::sleep_for(400ms);
+        }
+    });
+    EXPECT_TRUE(silent.isClosed());
+    EXPECT_TRUE(slow.isClosed());
+    over = true;
+    hello.wait();
+    EXPECT_THAT(machine_.agentLog(), HasSubstr("connection 1: closed, it showed no token"));
+    EXPECT_THAT(machine_.agentLog(), HasSubstr("connection 2: closed, it showed no token"));
 }
 
 TEST_F(AgentTest, RefusesATokenThatOthersCanRead) {
@@ -378,18 +420,65 @@ TEST_F(AgentTest, ServesAgainWhenAllItsDescriptorsWereTaken) {
 TEST_F(AgentTest, ClosesTheConnectionsThatAreTooMany) {
     machine_.startAgent();
     const auto client = connected();
+    const link::Token token = readTokenFile(machine_.token());
+    std::vector<std::unique_ptr<LinkClient>> crowd;
+    for (int i = 0; i < 499; ++i) {
+        crowd.push_back(std::make_unique<LinkClient>(machine_.socket()));
+        ASSERT_TRUE(crowd.back()->sayHello(token, kProgram));
+    }
+    EXPECT_FALSE(LinkClient(machine_.socket()).sayHello(token, kProgram));
+    EXPECT_THAT(machine_.agentLog(), HasSubstr("too many"));
+    EXPECT_NE(client->establish(), 0U);
+    crowd.clear();
+    EXPECT_TRUE(
+        eventually([&] { return LinkClient(machine_.socket()).sayHello(token, kOtherProgram); }));
+}
+
+TEST_F(AgentTest, IsThereForThoseWithTheTokenWhateverOthersDo) {
+    machine_.startAgent();
     std::vector<std::unique_ptr<LinkClient>> crowd;
     for (int i = 0; i < 500; ++i) {
         crowd.push_back(std::make_unique<LinkClient>(machine_.socket()));
     }
-    EXPECT_TRUE(crowd.back()->isClosed());
+    EXPECT_NE(connected()->establish(), 0U);
+    EXPECT_TRUE(crowd.front()->isClosed());
+}
+
+TEST_F(AgentTest, EndsWithASecondSignalWhereAConnectWaitsForAnotherProgram) {
+    machine_.startAgent();
+    const ServiceContext context;
+    SCARDHANDLE card = 0;
+    DWORD protocol = 0;
+    ASSERT_EQ(SCardConnect(context.get(), kFirstReader, SCARD_SHARE_SHARED, SCARD_PROTOCOL_T1,
+                           &card, &protocol),
+              SCARD_S_SUCCESS);
+    ASSERT_EQ(SCardBeginTransaction(card), SCARD_S_SUCCESS);
+    const auto client = connected();
+    const auto ownContext = client->establish();
+    auto answer =
+        std::async(std::launch::async, [&] { return client->connect(ownContext, kFirstReader); });
+    ASSERT_EQ(answer.wait_for(300ms), std::future_status::timeout);
+    machine_.askAgentToEnd();
+    ASSERT_TRUE(
+        eventually([this] { return machine_.agentLog().find("\nended\n") != std::string::npos; }));
+    EXPECT_EQ(machine_.stopAgent(), -1);
+    SCardEndTransaction(card, SCARD_LEAVE_CARD);
+}
+
+TEST_F(AgentTest, LeavesContextsOfTheServiceForOtherPrograms) {
+    machine_.startAgent();
+    const auto client = connected();
+    const auto context = client->establish();
+    ConnectRecord card{};
+    for (int i = 0; i < 128; ++i) {
+        card = client->connect(context, kFirstReader);
+        ASSERT_EQ(resultOf(card), 0U) << i;
+    }
+    EXPECT_EQ(resultOf(client->connect(context, kFirstReader)), code(result::kNoMemory));
     EXPECT_THAT(machine_.agentLog(), HasSubstr("too many"));
-    EXPECT_NE(client->establish(), 0U);
-    crowd.clear();
-    EXPECT_TRUE(eventually([this] {
-        const LinkClient next(machine_.socket());
-        return next.sayHello(readTokenFile(machine_.token()), kOtherProgram);
-    }));
+    EXPECT_EQ(resultOf(client->call(CMD_DISCONNECT, DisconnectRecord{card.hCard, 0, 1})), 0U);
+    EXPECT_EQ(resultOf(client->connect(context, kSecondReader)), code(result::kNoSmartcard));
+    EXPECT_EQ(resultOf(client->connect(context, kFirstReader)), 0U);
 }
 
 TEST_F(AgentTest, ServesSixteenProgramsAtOnce) {

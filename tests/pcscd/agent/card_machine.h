@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -35,7 +36,9 @@ class CardMachine {
 
     /// Starts the agent and waits until it listens on socket().
     void startAgent(std::vector<std::string> options = {});
-    /// @return its exit code.
+    /// Lets the agent end, whether it can or not.
+    void askAgentToEnd() { agent_->send(SIGTERM); }
+    /// @return its exit code; -1 when it has ended by the signal.
     int stopAgent();
 
     std::filesystem::path socket() const { return folder_ / "agent.sock"; }

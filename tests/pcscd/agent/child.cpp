@@ -38,8 +38,12 @@ Child::~Child() {
     }
 }
 
-int Child::end(int signal) {
+void Child::send(int signal) const {
     kill(process_, signal);
+}
+
+int Child::end(int signal) {
+    send(signal);
     return wait();
 }
 

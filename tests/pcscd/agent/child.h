@@ -20,6 +20,7 @@ class Child {
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
+    void send(int signal) const;
     /// Sends the signal and waits for the end. @return the exit code; -1 after a signal's own end.
     int end(int signal);
     /// Waits for the end.

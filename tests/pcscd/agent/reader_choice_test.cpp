@@ -6,12 +6,14 @@ namespace tez::agent {
 namespace {
 
 TEST(ReaderChoiceTest, ServesAllReadersUnlessToldOtherwise) {
+    EXPECT_TRUE(ReaderChoice{}.isChosen("Reader 0"));
     EXPECT_EQ(ReaderChoice{}.servedName("Reader 0"), "Reader 0");
     const ReaderChoice choice{{"Reader *", "Pad"}, {"*1"}, "Home "};
     EXPECT_EQ(choice.servedName("Reader 0"), "Home Reader 0");
-    EXPECT_EQ(choice.servedName("Pad"), "Home Pad");
-    EXPECT_FALSE(choice.servedName("Reader 1")) << "denied";
-    EXPECT_FALSE(choice.servedName("Pad 2")) << "not chosen";
+    EXPECT_TRUE(choice.isChosen("Reader 0"));
+    EXPECT_TRUE(choice.isChosen("Pad"));
+    EXPECT_FALSE(choice.isChosen("Reader 1")) << "denied";
+    EXPECT_FALSE(choice.isChosen("Pad 2")) << "not chosen";
 }
 
 TEST(ReaderChoiceTest, LeavesOutWhatTheProtocolHasNoRoomFor) {

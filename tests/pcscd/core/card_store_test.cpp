@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "core/text.h"
 #include "simulated/virtual_card.h"
 
 namespace tez::pcscd {
@@ -81,6 +82,42 @@ TEST_F(CardStoreTest, CachesByCardNameAndFreshness) {
     store_.writeCache(kInterface, "name", 8, {3});
     EXPECT_EQ(store_.readCache(kInterface, "name", 8, data), result::kSuccess);
     EXPECT_THAT(data, ElementsAre(3));
+}
+
+TEST_F(CardStoreTest, TakesNoMoreTypesThanAListOfThemCanName) {
+    constexpr std::size_t kLongestList = std::size_t{16} << 20;
+    Result last = result::kSuccess;
+    std::size_t count = 0;
+    std::string name;
+    while (last == result::kSuccess && count * 1000 < kLongestList) {
+        name = std::to_string(count++) + std::string(1000, 'C');
+        last = store_.introduce(name, type_);
+    }
+    EXPECT_EQ(last, result::kNoMemory);
+    EXPECT_LT(multiString(store_.list({}, {})).size(), kLongestList);
+    EXPECT_FALSE(store_.find(name));
+    const std::string first = '0' + std::string(1000, 'C');
+    EXPECT_EQ(store_.setProvider(first, 1, std::string(1000, 'P')), result::kNoMemory);
+    EXPECT_EQ(store_.provider(first, 1, name), result::kFileNotFound);
+    EXPECT_EQ(store_.forget(first), result::kSuccess);
+    EXPECT_EQ(store_.introduce(first, type_), result::kSuccess) << "there is room for it again";
+}
+
+TEST_F(CardStoreTest, KeepsWhatIsCachedWhenThereIsNoRoomForMore) {
+    constexpr std::size_t kPiece = std::size_t{1} << 20;
+    Result last = result::kSuccess;
+    int count = 0;
+    while (last == result::kSuccess && count < 100) {
+        last = store_.writeCache(kInterface, std::to_string(count++), 1, Bytes(kPiece, 7));
+    }
+    EXPECT_EQ(last, result::kNoMemory);
+    EXPECT_GT(count, 32);
+    Bytes data;
+    EXPECT_EQ(store_.writeCache(kInterface, "0", 2, Bytes(2 * kPiece)), result::kNoMemory);
+    EXPECT_EQ(store_.readCache(kInterface, "0", 1, data), result::kSuccess);
+    EXPECT_EQ(data, Bytes(kPiece, 7));
+    EXPECT_EQ(store_.writeCache(kInterface, "0", 2, {}), result::kSuccess);
+    EXPECT_EQ(store_.writeCache(kInterface, "1", 2, Bytes(kPiece)), result::kSuccess);
 }
 
 TEST(AtrLengthTest, ComesFromTheStructure) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <span>
@@ -20,17 +21,27 @@ class DaemonClient {
   public:
     DaemonClient(Daemon& daemon, Clients::Process process)
         : serving_([this, &daemon, process] {
-              daemon.serve(stream_, reinterpret_cast<std::uintptr_t>(this), process);
+              try {
+                  daemon.serve(stream_, reinterpret_cast<std::uintptr_t>(this), process);
+              } catch (const std::exception&) {
+                  failed_ = true;
+              }
           }) {}
     /// Ends the connection and waits until it is served no more.
-    ~DaemonClient() {
-        stream_.hangUp();
-        serving_.join();
-    }
+    ~DaemonClient() { awaitEnd(); }
     DaemonClient(const DaemonClient&) = delete;
     DaemonClient& operator=(const DaemonClient&) = delete;
 
     MemoryStream& stream() { return stream_; }
+
+    /// Ends the connection. @return whether something went wrong in serving it.
+    bool awaitEnd() {
+        stream_.hangUp();
+        if (serving_.joinable()) {
+            serving_.join();
+        }
+        return failed_;
+    }
 
     /// @return the version record.
     std::optional<Bytes> shakeHands() {
@@ -84,6 +95,7 @@ class DaemonClient {
 
   private:
     MemoryStream stream_;
+    bool failed_ = false;  // written by the thread, to be read behind its end
     std::thread serving_;
 };
 

@@ -6,6 +6,7 @@
 #include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <new>
 #include <random>
 #include <vector>
 
@@ -13,6 +14,7 @@
 #include "packed_record.h"
 #include "patience.h"
 #include "simulated/simulated_service.h"
+#include "wire/database_records.h"
 
 namespace tez::pcscd {
 namespace {
@@ -274,6 +276,51 @@ TEST_F(DaemonTest, HandlesAreOfThisRunAlone) {
         ASSERT_EQ(nextRun.establishContext(scope::kUser, other), result::kSuccess);
         EXPECT_THAT(seen, testing::Not(testing::Contains(other)));
     }
+}
+
+/// A daemon without memory for audits, nor for the greeting of a client with a token.
+class ShortOfMemory final : public Daemon {
+  public:
+    using Daemon::Daemon;
+
+  protected:
+    Reply greet(const Handshake& handshake) override {
+        return handshake.token.size() == 1 ? Daemon::greet(handshake) : throw std::bad_alloc();
+    }
+    Reply answer(const Request& request, Clients::Process process) override {
+        return request.command == Command::kAudit ? throw std::bad_alloc()
+                                                  : Daemon::answer(request, process);
+    }
+};
+
+TEST_F(DaemonTest, EndsOnlyTheConnectionInWhoseServiceSomethingGoesWrong) {
+    ShortOfMemory daemon(service_);
+    DaemonClient other(daemon, kOtherProgram);
+    ASSERT_TRUE(other.shakeHands());
+    DaemonClient unlucky(daemon, kProgram);
+    ASSERT_TRUE(unlucky.shakeHands());
+    const Context context = unlucky.establish();
+    EXPECT_FALSE(unlucky.call(CMD_AUDIT, AuditRecord{context, 0, 0}));
+    EXPECT_TRUE(unlucky.stream().closed());
+    EXPECT_TRUE(unlucky.awaitEnd());
+    EXPECT_EQ(service_.isValidContext(context), result::kInvalidHandle);
+    DaemonClient ungreeted(daemon, kProgram);
+    ungreeted.stream().send(Bytes{'t', 0, 0xFF, 0xFF, 0xFF, 0xFF});
+    EXPECT_EQ(ungreeted.stream().takePiece(), std::nullopt);
+    EXPECT_TRUE(ungreeted.awaitEnd());
+    EXPECT_NE(other.establish(), 0U);
+    EXPECT_FALSE(other.awaitEnd());
+}
+
+TEST_F(DaemonTest, HandlesDoNotTellTheNextOnes) {
+    const auto client = connected();
+    const Context context = client->establish();
+    const ConnectRecord card = client->connect(context, kDaemonReader);
+    const auto apart = [](std::uint64_t one, std::uint64_t other) {
+        return std::max(one, other) - std::min(one, other);
+    };
+    EXPECT_GT(apart(client->establish(), context), 0xFFFFFFFFU);
+    EXPECT_GT(apart(client->connect(context, kDaemonReader).hCard, card.hCard), 0xFFFFFFFFU);
 }
 
 TEST_F(DaemonTest, ServesSixteenProgramsAtOnce) {

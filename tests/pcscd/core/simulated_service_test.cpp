@@ -271,13 +271,13 @@ TEST_F(SimulatedServiceTest, TransmitWaitsForAnothersTransaction) {
 }
 
 TEST_F(SimulatedServiceTest, WaitForATurnEndsWithTheCardOrTheContext) {
-    connected();
+    const auto first = connected();
     const auto other = connected();
-    ASSERT_EQ(service_.beginTransaction(other - 1), result::kSuccess);
-    auto first = std::async(std::launch::async, [&] { return service_.beginTransaction(other); });
+    ASSERT_EQ(service_.beginTransaction(first), result::kSuccess);
+    auto ended = std::async(std::launch::async, [&] { return service_.beginTransaction(other); });
     ASSERT_TRUE(service_.waitForTransactionWaits(1, kPatience));
     service_.removeCard(kFull);
-    EXPECT_EQ(first.get(), result::kRemovedCard);
+    EXPECT_EQ(ended.get(), result::kRemovedCard);
 
     service_.insertCard(kFull, makeDemoCard("Bob"));
     const auto owner = connected();

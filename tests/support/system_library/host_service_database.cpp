@@ -108,9 +108,8 @@ LONG HostService::SCardWriteCacheA(SCARDCONTEXT context, UUID* cardIdentifier, D
     if (const LONG result = pcsc_.isValidContext(context); result != SCARD_S_SUCCESS) {
         return result;
     }
-    pcsc_.cardStore().writeCache(std::bit_cast<Guid>(*cardIdentifier), lookupName, freshness,
-                                 Bytes(data, data + length));
-    return SCARD_S_SUCCESS;
+    return pcsc_.cardStore().writeCache(std::bit_cast<Guid>(*cardIdentifier), lookupName, freshness,
+                                        Bytes(data, data + length));
 }
 
 }  // namespace tez::test
