@@ -16,7 +16,19 @@ using testing::Contains;
 using testing::Return;
 using testing::SizeIs;
 
-class DaemonAndWait : public StandardTest {};
+class DaemonAndWait : public StandardTest {
+  protected:
+    /// Of a wait on whose every request the daemon hangs up.
+    void expectGrowingPausesUntilACancel(SCARDCONTEXT context) {
+        daemon.on(Command::kGetStatusChange, [](const Request&) { return Reply::closePipe(); });
+        const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+        ASSERT_TRUE(daemon.waitForRequest(Command::kGetStatusChange, 3, kPatience));
+        EXPECT_FALSE(wait.isOver(std::chrono::milliseconds(1000)));
+        EXPECT_LT(remoteAsks(), 30U);
+        EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
+        EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
+    }
+};
 
 /// Lets nobody open a pipe.
 class PipesClosed {
@@ -108,9 +120,7 @@ TEST_F(DaemonAndWait, ABusyPipeTakesNothingAway) {
     {
         const PipesClosed busy(ERROR_PIPE_BUSY);
         ASSERT_TRUE(daemon.send(kWatch, {{0}}));
-        while (busy.attempts() < 2) {
-            Sleep(1);
-        }
+        ASSERT_TRUE(eventually([&] { return busy.attempts() >= 2; }));
     }
     EXPECT_THAT(transmit(card, getChallenge()), SizeIs(10));
 }
@@ -144,26 +154,13 @@ TEST_F(DaemonAndWait, ALostConnectionIsReplacedAndTheWaitGoesOn) {
 }
 
 TEST_F(DaemonAndWait, ADaemonThatHangsUpOnEveryWaitIsTriedAtGrowingPausesUntilACancel) {
-    const SCARDCONTEXT context = establishAndList();
-    daemon.on(Command::kGetStatusChange, [](const Request&) { return Reply::closePipe(); });
-    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
-    ASSERT_TRUE(daemon.waitForRequest(Command::kGetStatusChange, 3, kPatience));
-    EXPECT_FALSE(wait.isOver(std::chrono::milliseconds(1000)));
-    EXPECT_LT(remoteAsks(), 30U);
-    EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
-    EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
+    expectGrowingPausesUntilACancel(establishAndList());
 }
 
 TEST_F(DaemonAndWait, AHostThatAnswersAtOnceDoesNotCutThePausesShort) {
     const SCARDCONTEXT context = establishAndList();
     ON_CALL(host, SCardGetStatusChangeA).WillByDefault(Return(SCARD_E_TIMEOUT));
-    daemon.on(Command::kGetStatusChange, [](const Request&) { return Reply::closePipe(); });
-    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
-    ASSERT_TRUE(daemon.waitForRequest(Command::kGetStatusChange, 3, kPatience));
-    EXPECT_FALSE(wait.isOver(std::chrono::milliseconds(1000)));
-    EXPECT_LT(remoteAsks(), 30U);
-    EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
-    EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
+    expectGrowingPausesUntilACancel(context);
 }
 
 TEST_F(DaemonAndWait, TheDaemonsRefusalOfAContextIsTheCodeOfASideThatIsAlone) {

@@ -21,12 +21,6 @@ void require(bool condition, const std::string& what) {
     }
 }
 
-std::filesystem::path freshFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "pcsc-agent-XXXXXX").string();
-    require(mkdtemp(pattern.data()) != nullptr, "no folder: " + pattern);
-    return pattern;
-}
-
 bool firstReaderHas(DWORD state) {
     const ServiceContext context;
     SCARD_READERSTATE reader{};
@@ -46,6 +40,14 @@ bool eventually(const std::function<bool()>& condition) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return true;
+}
+
+std::filesystem::path freshFolder() {
+    const std::string placeholder(6, 'X');  // mkdtemp puts something else there
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / ("pcsc-agent-" + placeholder)).string();
+    require(mkdtemp(pattern.data()) != nullptr, "no folder: " + pattern);
+    return pattern;
 }
 
 std::filesystem::path programFolder() {

@@ -54,6 +54,9 @@ class CardMachine {
     std::optional<Child> agent_;
 };
 
+/// Makes an empty folder under a name of its own. Throws std::runtime_error. The caller removes it.
+std::filesystem::path freshFolder();
+
 /// The folder of the built programs, where this one is too.
 std::filesystem::path programFolder();
 

@@ -1,18 +1,19 @@
 #include "agent/token_file.h"
 
 #include <csignal>
-#include <cstdlib>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <system_error>
+
+#include "card_machine.h"
 
 namespace tez::agent {
 namespace {
 
 TEST(TokenFileTest, LeavesNoFileBehindThatCouldNotBeWritten) {
-    std::string folder = (std::filesystem::temp_directory_path() / "token-XXXXXX").string();
-    ASSERT_NE(mkdtemp(folder.data()), nullptr);
-    const std::filesystem::path path = std::filesystem::path(folder) / "token";
+    const std::filesystem::path folder = freshFolder();
+    const std::filesystem::path path = folder / "token";
     rlimit usual{};
     ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &usual), 0);
     const auto usualAction = std::signal(SIGXFSZ, SIG_IGN);
