@@ -61,8 +61,8 @@ bool IsFilterDriverPresent() {
         }
     }
     if (!isAnyVisible) {
-        // So do the newest systems for processes without privileges. The path of the library that
-        // is loaded now is the next line of the log: whether it is the right one can be seen there.
+        // So do the newest systems for processes without privileges. Which library is loaded now is
+        // told at level info: whether that is the right one can be seen there.
         log.warning("Cannot enumerate drivers: their addresses are hidden from this process");
     }
     return false;
