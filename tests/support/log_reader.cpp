@@ -3,11 +3,14 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <ostream>
 #include <regex>
 #include <sstream>
+
+#include "environment.h"
 
 namespace tez::test {
 namespace {
@@ -94,6 +97,15 @@ bool LogReader::contains(char level, std::string_view function, std::string_view
 
 std::size_t LogReader::count(std::string_view function, std::string_view message) const {
     return static_cast<std::size_t>(std::ranges::count(messages(function), message));
+}
+
+std::string logToFreshDirectory() {
+    const std::string directory = "C:\\tez-tests\\" + std::to_string(GetCurrentProcessId());
+    std::filesystem::remove_all(directory);  // what another process of this number has left
+    std::filesystem::create_directories(directory);
+    setEnvironment("TEZ_PCSC_LOG_DIR", directory);
+    setEnvironment("TEZ_PCSC_LOG_LEVEL", "debug");
+    return directory;
 }
 
 }  // namespace tez::test

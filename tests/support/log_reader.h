@@ -54,4 +54,15 @@ class LogReader {
     std::string path_;
 };
 
+/// Lets a library that has logged nothing yet, in this process or in one started from now on, log
+/// everything to a directory that nobody has written to. @return the directory.
+std::string logToFreshDirectory();
+
+/// The log of the library in this process, which has logged nothing yet and logs everything from
+/// now on.
+class FreshLog : public LogReader {
+  public:
+    FreshLog() : LogReader(logToFreshDirectory()) {}
+};
+
 }  // namespace tez::test

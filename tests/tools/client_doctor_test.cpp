@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "child_process.h"
+#include "environment.h"
 #include "program_directory.h"
 #include "simulator_process.h"
 
@@ -170,11 +171,11 @@ TEST(ClientDoctorTest, TellsOfADaemonWithoutReadersAndOfANameThatBothSidesHave) 
 
 TEST(ClientDoctorTest, TellsWhatIsWrongWithTheSettings) {
     const SimulatorProcess simulator;
-    SetEnvironmentVariableA("TEZ_PCSC_LOG_LEVEL", "verbose");
-    SetEnvironmentVariableA("TEZ_PCSC_LOG_DIR", R"(C:\no such folder)");
-    SetEnvironmentVariableA("TEZ_PCSC_ENABLE_CACHE", "no");
-    SetEnvironmentVariableA("TEZ_PCSC_LOG_LEVL", "debug");
-    SetEnvironmentVariableA("TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION", std::string(200, '1').c_str());
+    setEnvironment("TEZ_PCSC_LOG_LEVEL", "verbose");
+    setEnvironment("TEZ_PCSC_LOG_DIR", R"(C:\no such folder)");
+    setEnvironment("TEZ_PCSC_ENABLE_CACHE", "no");
+    setEnvironment("TEZ_PCSC_LOG_LEVL", "debug");
+    setEnvironment("TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION", std::string(200, '1'));
     EXPECT_THAT(complaints(examine()),
                 testing::UnorderedElementsAre(
                     HasSubstr("settings: TEZ_PCSC_LOG_LEVEL=verbose is no level"),
@@ -182,17 +183,17 @@ TEST(ClientDoctorTest, TellsWhatIsWrongWithTheSettings) {
                     HasSubstr("settings: TEZ_PCSC_ENABLE_CACHE=no is taken for on"),
                     HasSubstr("settings: TEZ_PCSC_LOG_LEVL is none of the library's settings"),
                     HasSubstr("is longer than 127 characters and counts as not set")));
-    SetEnvironmentVariableA("TEZ_PCSC_LOG_DIR", R"("C:\Windows")");
+    setEnvironment("TEZ_PCSC_LOG_DIR", R"("C:\Windows")");
     EXPECT_THAT(complaints(examine()), Contains(HasSubstr("holds quotes")));
 }
 
 TEST(ClientDoctorTest, TakesSettingsThatAreRight) {
     const SimulatorProcess simulator;
     const std::filesystem::path folder = std::filesystem::temp_directory_path();
-    SetEnvironmentVariableA("TEZ_PCSC_LOG_LEVEL", "Error");
-    SetEnvironmentVariableA("TEZ_PCSC_LOG_DIR", folder.string().c_str());
-    SetEnvironmentVariableA("TEZ_PCSC_ENABLE_CACHE", "FALSE");
-    SetEnvironmentVariableA("TEZ_PCSC_STANDARD_CALLS", "1");
+    setEnvironment("TEZ_PCSC_LOG_LEVEL", "Error");
+    setEnvironment("TEZ_PCSC_LOG_DIR", folder.string());
+    setEnvironment("TEZ_PCSC_ENABLE_CACHE", "FALSE");
+    setEnvironment("TEZ_PCSC_STANDARD_CALLS", "1");
     EXPECT_THAT(complaints(examine()), IsEmpty());
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "environment.h"
 #include "simulator_process.h"
 
 namespace tez::test {
@@ -22,7 +23,7 @@ class ClientTest : public testing::Test {
   protected:
     ClientTest() {
         std::ofstream(cardFile()).close();
-        SetEnvironmentVariableA("TEZ_STAND_IN_CARD_FILE", cardFile().string().c_str());
+        setEnvironment("TEZ_STAND_IN_CARD_FILE", cardFile().string());
     }
     ~ClientTest() override { std::filesystem::remove(cardFile()); }
 

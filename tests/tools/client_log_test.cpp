@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "client_fixture.h"
+#include "log_reader.h"
 
 namespace tez::test {
 namespace {
@@ -18,11 +19,6 @@ using testing::Optional;
 
 class ClientLogTest : public ClientTest {
   protected:
-    ClientLogTest() {
-        std::filesystem::create_directory(folder_);
-        SetEnvironmentVariableA("TEZ_PCSC_LOG_LEVEL", "debug");
-        SetEnvironmentVariableA("TEZ_PCSC_LOG_DIR", folder_.string().c_str());
-    }
     ~ClientLogTest() override { std::filesystem::remove_all(folder_); }
 
     /// Runs lines in the shell, and has the log that this has left.
@@ -42,12 +38,11 @@ class ClientLogTest : public ClientTest {
     }
 
     static void stopLogging() {
-        SetEnvironmentVariableA("TEZ_PCSC_LOG_DIR", nullptr);
-        SetEnvironmentVariableA("TEZ_PCSC_LOG_LEVEL", nullptr);
+        setEnvironment("TEZ_PCSC_LOG_DIR", "");
+        setEnvironment("TEZ_PCSC_LOG_LEVEL", "");
     }
 
-    const std::filesystem::path folder_ =
-        std::filesystem::temp_directory_path() / ("log-" + std::to_string(GetCurrentProcessId()));
+    const std::filesystem::path folder_ = logToFreshDirectory();
 };
 
 TEST_F(ClientLogTest, TellsWhatCallsDidAndWhichSideAnswered) {

@@ -122,7 +122,7 @@ TEST_F(ClientTest, ListsCardTypesByAtr) {
     EXPECT_THAT(output("cards --reader \"Host Reader 0\""),
                 AllOf(HasSubstr(kDemoAtrText), HasSubstr("Demo Card")));
     EXPECT_THAT(output("cards --atr 3B00"), HasSubstr("no card types"));
-    SetEnvironmentVariableA("TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION", "1");
+    setEnvironment("TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION", "1");
     EXPECT_THAT(output("cards --reader 0"),
                 AllOf(HasSubstr("Remote Demo Card"), HasSubstr("\nDemo Card")));
     EXPECT_THAT(output("provider \"Remote Demo Card\""), HasSubstr("Remote Demo Provider"));

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "client_fixture.h"
+#include "log_reader.h"
 
 namespace tez::test {
 namespace {
@@ -30,7 +31,7 @@ std::size_t countCalls(const std::filesystem::path& folder) {
 /// Without and with standard answers of the library.
 class WatchTest : public ClientTest, public testing::WithParamInterface<bool> {
   protected:
-    WatchTest() { SetEnvironmentVariableA("TEZ_PCSC_STANDARD_CALLS", GetParam() ? "1" : nullptr); }
+    WatchTest() { setEnvironment("TEZ_PCSC_STANDARD_CALLS", GetParam() ? "1" : ""); }
 };
 
 INSTANTIATE_TEST_SUITE_P(Answers, WatchTest, testing::Bool(), [](const auto& test) {
@@ -73,7 +74,7 @@ TEST_F(ClientTest, FollowsReadersAndSidesThatComeAndGo) {
 }
 
 TEST_F(ClientTest, IsToldAtOnceOfSidesThatComeAndGoWithStandardAnswers) {
-    SetEnvironmentVariableA("TEZ_PCSC_STANDARD_CALLS", "1");
+    setEnvironment("TEZ_PCSC_STANDARD_CALLS", "1");
     ChildProcess watch("pcsc-client.exe", "watch --changes 5");
     waitUntilItWaits(watch);
     simulator.tell("stop-serving");
@@ -138,10 +139,7 @@ TEST_F(ClientTest, RefusesToWatchAReaderThatIsNotThere) {
 }
 
 TEST_P(WatchTest, RestsWhileANamedReaderIsMissing) {
-    const std::filesystem::path folder = cardFile().replace_extension(".log");
-    std::filesystem::create_directory(folder);
-    SetEnvironmentVariableA("TEZ_PCSC_LOG_LEVEL", "debug");
-    SetEnvironmentVariableA("TEZ_PCSC_LOG_DIR", folder.string().c_str());
+    const std::filesystem::path folder = logToFreshDirectory();
     output("watch \"No Such Reader\" --wait --timeout 1");
     const std::size_t calls = countCalls(folder);
     std::filesystem::remove_all(folder);

@@ -4,15 +4,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "captured_stderr.h"
 #include "fake_daemon.h"
 #include "fake_system_library.h"
+#include "log_matchers.h"
 
 using namespace tez;
 using test::Bytes;
 using test::ByteString;
-using test::CapturedLog;
 using test::FakeSystemLibrary;
+using test::FreshLog;
+using test::LogLine;
 using test::RemoteOnlyService;
 using test::SentRequest;
 using testing::ElementsAre;
@@ -72,7 +73,7 @@ TEST(ContextRegistry, HandsTheWholeEntryBack) {
 }
 
 TEST(ContextRegistry, TellsEachChangeOfTheCancelledMark) {
-    const CapturedLog log;
+    const FreshLog log;
     const SCARDCONTEXT context = registerContext(kSystemContext, 2);
     setContextCancelled(context, false);
     setContextCancelled(context, true);
@@ -80,10 +81,11 @@ TEST(ContextRegistry, TellsEachChangeOfTheCancelledMark) {
     setContextCancelled(context, false);
     setContextCancelled(context, true);
     setContextCancelled(context + 1, true);
-    EXPECT_THAT(log.messages(),
-                ElementsAre("D (setContextCancelled): Setting ContextCancelled 7a000001 to 1",
-                            "D (setContextCancelled): Setting ContextCancelled 7a000001 to 0",
-                            "D (setContextCancelled): Setting ContextCancelled 7a000001 to 1"));
+    EXPECT_THAT(
+        log.entries(),
+        ElementsAre(LogLine('D', "setContextCancelled", "Setting ContextCancelled 7a000001 to 1"),
+                    LogLine('D', "setContextCancelled", "Setting ContextCancelled 7a000001 to 0"),
+                    LogLine('D', "setContextCancelled", "Setting ContextCancelled 7a000001 to 1")));
     EXPECT_TRUE(unregisterContext(context)->cancelled);
 }
 
@@ -133,7 +135,7 @@ TEST(RemoteContext, HasTwoBindingsApartFromEachOther) {
 }
 
 TEST(RemoteContext, TellsWhatItIsMappedToWhenItIsMade) {
-    const CapturedLog log;
+    const FreshLog log;
     RemoteOnlyService service;
     service.daemon().answers = {establishAnswer(77), establishAnswer(78)};
     const SCARDCONTEXT context = registerContext(kSystemContext, 2);
@@ -141,17 +143,18 @@ TEST(RemoteContext, TellsWhatItIsMappedToWhenItIsMade) {
     EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, true), SCARD_S_SUCCESS);
     EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, false), SCARD_S_SUCCESS);
     EXPECT_THAT(
-        log.messages(),
-        ElementsAre("D (establishRemoteContext): ESTABLISH REMOTE CONTEXT IN-PARAMS: 2",
-                    "D (establishRemoteContext): ESTABLISH REMOTE CONTEXT OUT-PARAMS: 77",
-                    "D (establishRemoteContext): ESTABLISH REMOTE CONTEXT RV: 0x00000000",
-                    "D (getRemoteContextVolatile): Local context 7a000001 mapped to remote "
-                    "context 77",
-                    "D (establishRemoteContext): ESTABLISH REMOTE CONTEXT IN-PARAMS: 2",
-                    "D (establishRemoteContext): ESTABLISH REMOTE CONTEXT OUT-PARAMS: 78",
-                    "D (establishRemoteContext): ESTABLISH REMOTE CONTEXT RV: 0x00000000",
-                    "D (getRemoteContextVolatile): Local context 7a000001 mapped to remote-local "
-                    "context 78"));
+        log.entries(),
+        ElementsAre(
+            LogLine('D', "establishRemoteContext", "ESTABLISH REMOTE CONTEXT IN-PARAMS: 2"),
+            LogLine('D', "establishRemoteContext", "ESTABLISH REMOTE CONTEXT OUT-PARAMS: 77"),
+            LogLine('D', "establishRemoteContext", "ESTABLISH REMOTE CONTEXT RV: 0x00000000"),
+            LogLine('D', "getRemoteContextVolatile",
+                    "Local context 7a000001 mapped to remote context 77"),
+            LogLine('D', "establishRemoteContext", "ESTABLISH REMOTE CONTEXT IN-PARAMS: 2"),
+            LogLine('D', "establishRemoteContext", "ESTABLISH REMOTE CONTEXT OUT-PARAMS: 78"),
+            LogLine('D', "establishRemoteContext", "ESTABLISH REMOTE CONTEXT RV: 0x00000000"),
+            LogLine('D', "getRemoteContextVolatile",
+                    "Local context 7a000001 mapped to remote-local context 78")));
 }
 
 TEST(RemoteContext, IsTriedAgainAfterAFailure) {
@@ -193,7 +196,7 @@ TEST(RemoteContext, IsMadeAnewWithTheSameScopeAfterInvalidation) {
 
 TEST(ContextRegistry, UnbindsBothBindingsOfEveryContextAndTellsIt) {
     RemoteOnlyService service;
-    const CapturedLog log;
+    const FreshLog log;
     service.daemon().answers = {establishAnswer(1), establishAnswer(2), establishAnswer(3)};
     const SCARDCONTEXT first = registerContext(kSystemContext, 1);
     const SCARDCONTEXT second = registerContext(kSystemContext, 1);
@@ -201,13 +204,14 @@ TEST(ContextRegistry, UnbindsBothBindingsOfEveryContextAndTellsIt) {
     EXPECT_EQ(getRemoteContextVolatile(first, remoteContext, true), SCARD_S_SUCCESS);
     EXPECT_EQ(getRemoteContextVolatile(first, remoteContext, false), SCARD_S_SUCCESS);
     EXPECT_EQ(getRemoteContextVolatile(second, remoteContext, false), SCARD_S_SUCCESS);
-    const std::size_t before = log.messages().size();
+    const std::size_t before = log.entries().size();
     invalidateRemoteContexts();
-    std::vector<std::string> told = log.messages();
+    std::vector<test::LogEntry> told = log.entries();
     told.erase(told.begin(), told.begin() + static_cast<std::ptrdiff_t>(before));
-    EXPECT_THAT(told, UnorderedElementsAre(
-                          "D (invalidateRemoteContexts): Removed mapping of local context 1",
-                          "D (invalidateRemoteContexts): Removed mapping of local context 2"));
+    EXPECT_THAT(
+        told, UnorderedElementsAre(
+                  LogLine('D', "invalidateRemoteContexts", "Removed mapping of local context 1"),
+                  LogLine('D', "invalidateRemoteContexts", "Removed mapping of local context 2")));
     for (const SCARDCONTEXT context : {first, second}) {
         const auto entry = unregisterContext(context);
         EXPECT_EQ(entry->remote, NO_REMOTE_CONTEXT);

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "byte_string.h"
-#include "captured_stderr.h"
 #include "daemon/connection_pool.h"
+#include "log_matchers.h"
 #include "mock_daemon_connection.h"
 #include "wire/card_records.h"
 
@@ -15,8 +15,9 @@ using namespace tez;
 using test::Bytes;
 using test::bytesOf;
 using test::ByteString;
-using test::CapturedLog;
 using test::copyBytes;
+using test::FreshLog;
+using test::LogLine;
 using test::MockDaemonConnection;
 using testing::AnyNumber;
 using testing::ElementsAre;
@@ -67,7 +68,7 @@ class ExchangeTest : public testing::Test {
     }
 
     StrictMock<MockDaemonConnection>& connection() { return *connection_; }
-    const CapturedLog& log() const { return log_; }
+    const FreshLog& log() const { return log_; }
 
     /// What was expected must have happened by now, not just at the end.
     void verifyUntilHere() {
@@ -82,7 +83,7 @@ class ExchangeTest : public testing::Test {
         EXPECT_CALL(*connection_, connect()).WillRepeatedly(Return(true));
     }
 
-    CapturedLog log_;
+    FreshLog log_;
     StrictMock<MockDaemonConnection>* connection_ = nullptr;
 };
 
@@ -99,7 +100,7 @@ TEST_F(ExchangeTest, SendsTheRecordAndReadsItBack) {
     HandleRecord record = {0x5000001, 0};
     EXPECT_EQ(exchangeRecord(kCallLog, CMD_BEGIN_TRANSACTION, record), SCARD_S_SUCCESS);
     EXPECT_EQ(std::uint64_t{record.handle}, 7U);  // a copy: the field may stand anywhere
-    EXPECT_THAT(log().lines(), IsEmpty());
+    EXPECT_THAT(log().entries(), IsEmpty());
 }
 
 TEST_F(ExchangeTest, ReturnsTheDaemonsResult) {
@@ -108,14 +109,14 @@ TEST_F(ExchangeTest, ReturnsTheDaemonsResult) {
         .WillOnce(answer(ByteString().u64(7).u32(0x80100069).bytes()));
     HandleRecord record = {0x5000001, 0};
     EXPECT_EQ(exchangeRecord(kCallLog, CMD_BEGIN_TRANSACTION, record), SCARD_W_REMOVED_CARD);
-    EXPECT_THAT(log().lines(), IsEmpty());
+    EXPECT_THAT(log().entries(), IsEmpty());
 }
 
 TEST_F(ExchangeTest, WarnsOfAFailedSend) {
     EXPECT_CALL(connection(), sendRequest(_, _, _)).WillOnce(Return(SCARD_E_NO_SERVICE));
     HandleRecord record = {0x5000001, 0};
     EXPECT_EQ(exchangeRecord(kCallLog, CMD_CANCEL, record), SCARD_E_NO_SERVICE);
-    EXPECT_THAT(log().messages(), ElementsAre("W (aCall): Failed to send header"));
+    EXPECT_THAT(log().entries(), ElementsAre(LogLine('W', "aCall", "Failed to send header")));
 }
 
 TEST_F(ExchangeTest, WarnsOfAFailedRead) {
@@ -123,7 +124,7 @@ TEST_F(ExchangeTest, WarnsOfAFailedRead) {
     EXPECT_CALL(connection(), readMessage(_, _)).WillOnce(Return(SCARD_E_NO_SERVICE));
     HandleRecord record = {0x5000001, 0};
     EXPECT_EQ(exchangeRecord(kCallLog, CMD_CANCEL, record), SCARD_E_NO_SERVICE);
-    EXPECT_THAT(log().messages(), ElementsAre("W (aCall): Failed to receive data"));
+    EXPECT_THAT(log().entries(), ElementsAre(LogLine('W', "aCall", "Failed to receive data")));
 }
 
 TEST_F(ExchangeTest, PassesTheFlagOfARedirectedRequestOn) {
@@ -141,7 +142,7 @@ TEST_F(ExchangeTest, WarnsOfAFailedSendOfAFlaggedRequest) {
     EXPECT_CALL(connection(), sendRequestFlagged(_, _, _, _)).WillOnce(Return(SCARD_E_NO_SERVICE));
     HandleRecord record = {0x5000001, 0};
     EXPECT_EQ(Exchange(kCallLog).callFlagged(CMD_CANCEL, record, true), SCARD_E_NO_SERVICE);
-    EXPECT_THAT(log().messages(), ElementsAre("W (aCall): Failed to send header"));
+    EXPECT_THAT(log().entries(), ElementsAre(LogLine('W', "aCall", "Failed to send header")));
 }
 
 TEST_F(ExchangeTest, AnnouncesRecordAndDataThenSendsEach) {
@@ -212,7 +213,7 @@ TEST_P(FailingStepTest, EndsTheExchangeWithAWarning) {
                                               "Failed to send data for send buffer"),
               SCARD_E_NO_SERVICE);
     EXPECT_EQ(step, GetParam().failing + 1) << "steps after the failing one were made";
-    EXPECT_THAT(log().messages(), ElementsAre(std::string("W (aCall): ") + GetParam().warning));
+    EXPECT_THAT(log().entries(), ElementsAre(LogLine('W', "aCall", GetParam().warning)));
 }
 
 INSTANTIATE_TEST_SUITE_P(Steps, FailingStepTest,
@@ -264,7 +265,7 @@ TEST_F(ExchangeTest, WarnsOfAFailedReadOfAnnouncedBytesInTheCallersWords) {
                   SCARD_E_NO_SERVICE);
         EXPECT_CALL(connection(), closeSocket());
     }
-    EXPECT_THAT(log().messages(), ElementsAre("W (aCall): Failed to read names"));
+    EXPECT_THAT(log().entries(), ElementsAre(LogLine('W', "aCall", "Failed to read names")));
     verifyUntilHere();
 }
 
@@ -300,7 +301,7 @@ TEST_F(ExchangeTest, BeginsAnewWhenTheHeaderWasCarriedOverToTheOtherSideOfAGate)
                              }),
               SCARD_S_SUCCESS);
     EXPECT_THAT(attempts, ElementsAre(true, false));
-    EXPECT_THAT(log().lines(), IsEmpty());
+    EXPECT_THAT(log().entries(), IsEmpty());
 }
 
 TEST_F(ExchangeTest, DoesNotAskForAVersionWhereThereIsNoGate) {

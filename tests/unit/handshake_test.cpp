@@ -3,14 +3,16 @@
 #include <gtest/gtest.h>
 #include <string>
 
-#include "captured_stderr.h"
 #include "daemon/daemon_connection_tez.h"
+#include "environment.h"
+#include "log_matchers.h"
 #include "pipe_server.h"
 
 using namespace tez;
 using test::Bytes;
 using test::ByteString;
-using test::CapturedLog;
+using test::FreshLog;
+using test::LogLine;
 using test::PipeServer;
 using test::ServerPipe;
 using test::setEnvironment;
@@ -42,27 +44,27 @@ Bytes handshakeBytes(std::uint8_t option) {
 }  // namespace
 
 TEST(Handshake, SendsAnEmptyTokenAndAnUnsetOption) {
-    const CapturedLog log;
+    const FreshLog log;
     EXPECT_EQ(handshakeWith(""), (Bytes{0x00, 0xFF, 0xFF, 0xFF, 0xFF}));
-    EXPECT_THAT(log.messages(), Contains("D (DaemonConnectionTEZ::connect): "
-                                         "TEZ_PCSC_ENABLE_CACHE is not set"));
-    EXPECT_THAT(log.messages().back(), HasSubstr("cache unset"));
+    EXPECT_THAT(log.entries(), Contains(LogLine('D', "DaemonConnectionTEZ::connect",
+                                                "TEZ_PCSC_ENABLE_CACHE is not set")));
+    EXPECT_THAT(log.entries().back().message, HasSubstr("cache unset"));
 }
 
 TEST(Handshake, SendsZeroForASwitchThatIsOff) {
-    const CapturedLog log;
+    const FreshLog log;
     EXPECT_EQ(handshakeWith("FaLsE"), handshakeBytes(0));
     EXPECT_EQ(handshakeWith("0"), handshakeBytes(0));
-    EXPECT_THAT(log.messages(),
-                Contains("D (DaemonConnectionTEZ::connect): TEZ_PCSC_ENABLE_CACHE = FaLsE"));
-    EXPECT_THAT(log.messages().back(), HasSubstr("cache disabled"));
+    EXPECT_THAT(log.entries(), Contains(LogLine('D', "DaemonConnectionTEZ::connect",
+                                                "TEZ_PCSC_ENABLE_CACHE = FaLsE")));
+    EXPECT_THAT(log.entries().back().message, HasSubstr("cache disabled"));
 }
 
 TEST(Handshake, SendsOneForAnyOtherValueOfTheSwitch) {
-    const CapturedLog log;
+    const FreshLog log;
     for (const char* const value : {"1", "yes", "00", "no"}) {
         EXPECT_EQ(handshakeWith(value), handshakeBytes(1)) << value;
-        EXPECT_THAT(log.messages().back(), HasSubstr("cache enabled"));
+        EXPECT_THAT(log.entries().back().message, HasSubstr("cache enabled"));
     }
 }
 
@@ -72,7 +74,7 @@ TEST(Handshake, TakesASwitchOf128CharactersForUnset) {
 }
 
 TEST(Handshake, TakesAnyVersionAndTellsIt) {
-    const CapturedLog log;
+    const FreshLog log;
     PipeServer daemon([](ServerPipe& pipe) {
         pipe.accept();
         pipe.handshake(2, 7);
@@ -80,9 +82,11 @@ TEST(Handshake, TakesAnyVersionAndTellsIt) {
     setEnvironment(kCacheSwitch, "");
     DaemonConnectionTEZ connection;
     EXPECT_TRUE(connection.connect());
-    EXPECT_EQ(log.messages().back(),
-              "I (DaemonConnectionTEZ::handshake): Using TEZ's pcsclite library, version 0.0 "
-              "(r86), protocol version 2.7, cache unset");
+    EXPECT_THAT(
+        log.entries().back(),
+        LogLine(
+            'I', "DaemonConnectionTEZ::handshake",
+            "Using TEZ's pcsclite library, version 0.0 (r86), protocol version 2.7, cache unset"));
     EXPECT_TRUE(connection.isProtocolAtLeast(2, 7));
     EXPECT_TRUE(connection.isProtocolAtLeast(2, 6));
     EXPECT_TRUE(connection.isProtocolAtLeast(1, 9));
@@ -109,11 +113,11 @@ TEST(Handshake, LeavesTheVersionStandingAfterTheConnectionIsClosed) {
 }
 
 TEST(Handshake, NeedsAnOpenPipe) {
-    const CapturedLog log;
+    const FreshLog log;
     DaemonConnectionTEZ connection;
     EXPECT_FALSE(connection.handshake("", -1));
-    EXPECT_THAT(log.messages(),
-                Contains("W (DaemonConnectionTEZ::handshake): Socket not connected"));
+    EXPECT_THAT(log.entries(),
+                Contains(LogLine('W', "DaemonConnectionTEZ::handshake", "Socket not connected")));
 }
 
 TEST(Handshake, SendsATokenOfAnyLengthWithItsEnd) {
@@ -158,7 +162,7 @@ TEST(Handshake, TellsWhichMessageFailedAndClosesThePipe) {
         R"(Unable send auth token to socket '\\.\pipe\tez-pcscd-0')",
         R"(Unable to send options to socket '\\.\pipe\tez-pcscd-0')",
         R"(Unable to retrieve protocol info from socket '\\.\pipe\tez-pcscd-0')"};
-    const CapturedLog log;
+    const FreshLog log;
     int failing = 0;
     for (const char* const warning : kWarnings) {
         PipeServer daemon([](ServerPipe& pipe) {
@@ -168,23 +172,22 @@ TEST(Handshake, TellsWhichMessageFailedAndClosesThePipe) {
         FailingHandshake connection(failing++);
         EXPECT_FALSE(connection.connect());
         EXPECT_EQ(connection.timesClosed, 1);
-        EXPECT_EQ(log.messages().back(),
-                  std::string("W (DaemonConnectionTEZ::handshake): ") + warning);
+        EXPECT_THAT(log.entries().back(), LogLine('W', "DaemonConnectionTEZ::handshake", warning));
         daemon.finish();  // it has seen the pipe closed
     }
 }
 
 TEST(Handshake, FailsWhenTheDaemonClosesThePipeInsteadOfAnswering) {
-    const CapturedLog log;
+    const FreshLog log;
     PipeServer daemon([](ServerPipe& pipe) {
         pipe.accept();
         pipe.read(5);
     });
     DaemonConnectionTEZ connection;
     EXPECT_FALSE(connection.connect());
-    EXPECT_EQ(log.messages().back(),
-              "W (DaemonConnectionTEZ::handshake): Unable to retrieve protocol info from socket "
-              "'\\\\.\\pipe\\tez-pcscd-0'");
+    EXPECT_THAT(log.entries().back(),
+                LogLine('W', "DaemonConnectionTEZ::handshake",
+                        R"(Unable to retrieve protocol info from socket '\\.\pipe\tez-pcscd-0')"));
     char received = 0;
     EXPECT_EQ(connection.receiveMessage(&received, 1, 0), SCARD_E_NO_SERVICE);
 }

@@ -3,15 +3,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "captured_stderr.h"
 #include "common/scard_api.h"
 #include "context/context_registry.h"
 #include "daemon/service_state.h"
 #include "fake_system_library.h"
+#include "log_matchers.h"
 
 using namespace tez;
-using test::CapturedLog;
 using test::FakeSystemLibrary;
+using test::FreshLog;
+using test::LogLine;
 using testing::Contains;
 using testing::Not;
 using testing::StartsWith;
@@ -22,7 +23,7 @@ class HostlessContext : public testing::TestWithParam<ServiceState> {
   protected:
     void SetUp() override { setServiceState(GetParam()); }
 
-    CapturedLog log;
+    FreshLog log;
     SCARDCONTEXT context = registerContext(0, SCARD_SCOPE_SYSTEM);
     DWORD length = 77;
 
@@ -51,7 +52,8 @@ TEST_P(HostlessContext, ConnectsOnNeitherSide) {
         SCardConnectA(context, "Reader", SCARD_SHARE_SHARED, SCARD_PROTOCOL_Tx, &card, &length),
         SCARD_E_INVALID_HANDLE);
     EXPECT_EQ(card, 77U);
-    EXPECT_THAT(log.messages(), Not(Contains(StartsWith("D (SCardConnectA): local call failed"))));
+    EXPECT_THAT(log.entries(),
+                Not(Contains(LogLine('D', "SCardConnectA", StartsWith("local call failed")))));
 }
 
 TEST_P(HostlessContext, HasNothingToCancelOnTheHost) {

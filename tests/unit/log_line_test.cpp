@@ -5,16 +5,22 @@
 #include <regex>
 #include <string>
 
-#include "captured_stderr.h"
+#include "environment.h"
 #include "log/function_log.h"
 #include "log/log_sink.h"
+#include "log_matchers.h"
+#include "stdio_spy.h"
 
 using namespace tez;
-using test::CapturedLog;
-using test::CapturedStderr;
+using test::FreshLog;
+using test::LogLine;
 using test::setEnvironment;
+using test::StdioSpy;
+using testing::AllOf;
 using testing::ElementsAre;
-using testing::IsEmpty;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
 
 namespace {
 
@@ -25,14 +31,13 @@ void logAt(LogLevel level, const char* word, bool echo, const char* text) {
 }  // namespace
 
 TEST(LogLine, BeginsWithLevelTimeProcessThreadComponentAndFunction) {
-    const CapturedLog log;
+    const FreshLog log;
     logMessage("PART", LogLevel::Info, "INFO", "aCall", false, "%d of %s", 1, "two");
-    ASSERT_EQ(log.lines().size(), 1U);
-    const std::string line = log.lines()[0];
+    const std::string line = log.text();
     std::smatch parts;
     ASSERT_TRUE(std::regex_match(
         line, parts,
-        std::regex(R"((\w) ([A-Z][a-z]{2} \d\d \d\d:\d\d:\d\d:\d{6}) (\d+):(\d+) (.*))")))
+        std::regex(R"((\w) ([A-Z][a-z]{2} \d\d \d\d:\d\d:\d\d:\d{6}) (\d+):(\d+) (.*)\r\n)")))
         << line;
     EXPECT_EQ(parts[1], "I");
     EXPECT_EQ(parts[3], std::to_string(GetCurrentProcessId()));
@@ -41,62 +46,63 @@ TEST(LogLine, BeginsWithLevelTimeProcessThreadComponentAndFunction) {
 }
 
 TEST(LogLine, EndsWithALineFeedAlone) {
-    const CapturedStderr output;
+    const StdioSpy stdio(GetModuleHandleA(nullptr));
     logAt(LogLevel::Warning, "WARNING", false, "text");
-    EXPECT_EQ(output.text().substr(output.text().size() - 6), " text\n");
+    EXPECT_THAT(stdio.standardError(), EndsWith(" text\n"));
 }
 
 TEST(LogLine, KeepsMessagesOfSeveralLines) {
-    const CapturedLog log;
+    const FreshLog log;
     logAt(LogLevel::Debug, "DEBUG", false, "first\n    second");
-    EXPECT_THAT(log.messages(), ElementsAre("D (aCall): first", "    second"));
+    EXPECT_THAT(log.entries(), ElementsAre(LogLine('D', "aCall", "first\n    second")));
 }
 
 TEST(LogLine, KeepsLongMessagesWhole) {
-    const CapturedLog log;
+    const FreshLog log;
     const std::string text(5000, 'x');
     logAt(LogLevel::Debug, "DEBUG", false, text.c_str());
-    EXPECT_THAT(log.messages(), ElementsAre("D (aCall): " + text));
+    EXPECT_THAT(log.entries(), ElementsAre(LogLine('D', "aCall", text)));
 }
 
 TEST(LogLine, IsWrittenUpToTheLevelOnly) {
     setEnvironment("TEZ_PCSC_LOG_LEVEL", "info");
-    const CapturedStderr output;
+    const StdioSpy stdio(GetModuleHandleA(nullptr));
     logAt(LogLevel::Debug, "DEBUG", false, "too detailed");
-    EXPECT_EQ(output.text(), "");
+    EXPECT_EQ(stdio.standardError(), "");
     logAt(LogLevel::Info, "INFO", false, "wanted");
-    EXPECT_NE(output.text().find("(aCall): wanted\n"), std::string::npos);
+    EXPECT_THAT(stdio.standardError(), HasSubstr("(aCall): wanted\n"));
 }
 
 TEST(LogLine, IsEchoedWithItsLevelWordWhateverTheLevel) {
     setEnvironment("TEZ_PCSC_LOG_LEVEL", "warning");
-    const CapturedStderr output;
+    const StdioSpy stdio(GetModuleHandleA(nullptr));
     logAt(LogLevel::Debug, "DEBUG", true, "told aloud");
-    EXPECT_EQ(output.text(), "DEBUG: told aloud\n");
+    EXPECT_EQ(stdio.standardError(), "DEBUG: told aloud\n");
 }
 
 TEST(LogLine, IsEchoedInFrontOfBeingLogged) {
-    const CapturedLog log;
+    const StdioSpy stdio(GetModuleHandleA(nullptr));
     logAt(LogLevel::Warning, "WARNING", true, "both");
-    EXPECT_THAT(log.messages(), ElementsAre("WARNING: both", "W (aCall): both"));
+    EXPECT_THAT(stdio.standardError(),
+                AllOf(StartsWith("WARNING: both\nW "), EndsWith(" (aCall): both\n")));
 }
 
 TEST(LogLine, WithoutAFormatIsNotWrittenAtAll) {
-    const CapturedLog log;
+    const StdioSpy stdio(GetModuleHandleA(nullptr));
     const char* const none = nullptr;
     logMessage("TEZ", LogLevel::Warning, "WARNING", "aCall", true, none);
-    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_EQ(stdio.standardError(), "");
 }
 
 TEST(LogLine, ShowsANullTextAsTheWordNull) {
-    const CapturedLog log;
+    const FreshLog log;
     const char* const none = nullptr;
     logMessage("TEZ", LogLevel::Warning, "WARNING", "aCall", false, "name %s", none);
-    EXPECT_THAT(log.messages(), ElementsAre("W (aCall): name (null)"));
+    EXPECT_THAT(log.entries(), ElementsAre(LogLine('W', "aCall", "name (null)")));
 }
 
 TEST(LogLine, PutsTheLeadInFrontOfTheMessageAsItStands) {
-    const CapturedLog log;
+    const FreshLog log;
     // As the call frame does it, with the arguments already collected.
     const auto write = [](const char* format, ...) {
         std::va_list arguments;
@@ -105,27 +111,27 @@ TEST(LogLine, PutsTheLeadInFrontOfTheMessageAsItStands) {
         va_end(arguments);
     };
     write("%d", 3);
-    EXPECT_THAT(log.messages(), ElementsAre("D (aCall): 50%d: 3"));
+    EXPECT_THAT(log.entries(), ElementsAre(LogLine('D', "aCall", "50%d: 3")));
 }
 
 TEST(FunctionLog, WritesEachLevelUnderTheComponentAndItsName) {
-    const CapturedLog log;
+    const FreshLog log;
     static constexpr FunctionLog function("aFunction");
     function.debug("detail %d", 1);
     function.info("fact %d", 2);
     function.warning("trouble %d", 3);
-    EXPECT_THAT(log.messages(), ElementsAre("D (aFunction): detail 1", "I (aFunction): fact 2",
-                                            "W (aFunction): trouble 3"));
-    EXPECT_NE(log.lines()[0].find(" TEZ (aFunction)"), std::string::npos);
+    EXPECT_THAT(log.entries(), ElementsAre(LogLine('D', "aFunction", "detail 1"),
+                                           LogLine('I', "aFunction", "fact 2"),
+                                           LogLine('W', "aFunction", "trouble 3")));
 }
 
 TEST(FunctionLog, WritesWarningsButNoDetailsAtTheDefaultLevel) {
     setEnvironment("TEZ_PCSC_LOG_LEVEL", "");
-    const CapturedStderr output;
+    const StdioSpy stdio(GetModuleHandleA(nullptr));
     static constexpr FunctionLog function("aFunction");
     function.debug("OPERATION IN-PARAMS: %d", 1);
     function.info("fact");
-    EXPECT_EQ(output.text(), "");
+    EXPECT_EQ(stdio.standardError(), "");
     function.warning("Failed to send header");
-    EXPECT_NE(output.text().find("(aFunction): Failed to send header\n"), std::string::npos);
+    EXPECT_THAT(stdio.standardError(), HasSubstr("(aFunction): Failed to send header\n"));
 }

@@ -1,20 +1,32 @@
 #include <windows.h>
 
-#include <algorithm>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sstream>
 #include <string>
+#include <vector>
 
-#include "captured_stderr.h"
+#include "environment.h"
 #include "log/environment.h"
 #include "log/log_sink.h"
+#include "log_matchers.h"
+#include "stdio_spy.h"
 
 using namespace tez;
-using test::CapturedStderr;
+using test::FreshLog;
+using test::LogLine;
+using test::LogReader;
+using test::logToFreshDirectory;
 using test::setEnvironment;
+using test::StdioSpy;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::StartsWith;
 
 namespace {
 
@@ -30,29 +42,6 @@ int levelFor(const char* setting) {
         }
     }
     return highest;
-}
-
-std::string contentsOf(const std::string& path) {
-    std::ifstream file(path);
-    std::ostringstream contents;
-    contents << file.rdbuf();
-    return contents.str();
-}
-
-/// An empty directory for log files, without a separator at its end. An earlier process with this
-/// one's id may have left some there.
-std::string makeLogDirectory(const std::string& name) {
-    char temporary[MAX_PATH];
-    GetTempPathA(sizeof(temporary), temporary);
-    std::string path = temporary + name + "." + std::to_string(GetCurrentProcessId());
-    std::filesystem::remove_all(path);
-    std::filesystem::create_directory(path);
-    return path;
-}
-
-std::string logPathIn(const std::string& directory, const std::string& program) {
-    return directory + "/tez-pcsc." + program + "." + std::to_string(GetCurrentProcessId()) +
-           ".log";
 }
 
 void logWarning(const char* text) {
@@ -96,16 +85,14 @@ TEST(LogLevelSetting, UnsetIsTwo) {
 /// What the log tells of its own settings, on standard error.
 class LogSettingMistake : public testing::Test {
   protected:
-    std::string warnings() const {
+    std::vector<std::string> warnings() const {
         logWarning("first");
         logWarning("second");
-        std::string found;
-        std::istringstream lines(stderr_.text());
-        for (std::string line; std::getline(lines, line);) {
-            const std::size_t message = line.find("(settings): ");
-            if (message != std::string::npos) {
-                EXPECT_EQ(line[0], 'W');
-                found += line.substr(message + std::strlen("(settings): ")) + '\n';
+        std::vector<std::string> found;
+        for (const test::LogEntry& entry : test::parseLog(stdio_.standardError())) {
+            if (entry.function == "settings") {
+                EXPECT_EQ(entry.level, 'W');
+                found.push_back(entry.message);
             }
         }
         return found;
@@ -117,68 +104,66 @@ class LogSettingMistake : public testing::Test {
     }
 
   private:
-    CapturedStderr stderr_;
+    StdioSpy stdio_{GetModuleHandleA(nullptr)};
 };
 
 TEST_F(LogSettingMistake, IsNoneWithoutSettings) {
-    EXPECT_EQ(warnings(), "");
-}
-
-TEST_F(LogSettingMistake, IsNoneWithALevelAndAFolder) {
-    setEnvironment("TEZ_PCSC_LOG_LEVEL", "Debug");
-    setEnvironment("TEZ_PCSC_LOG_DIR", makeLogDirectory("tez-log"));
-    EXPECT_EQ(warnings(), "");
+    EXPECT_THAT(warnings(), IsEmpty());
 }
 
 TEST_F(LogSettingMistake, IsAnUnknownLevel) {
     setEnvironment("TEZ_PCSC_LOG_LEVEL", "debug ");
-    EXPECT_EQ(warnings(),
-              "TEZ_PCSC_LOG_LEVEL is not error, warning, info or debug but 'debug ': "
-              "using warning\n");
+    EXPECT_THAT(warnings(),
+                ElementsAre("TEZ_PCSC_LOG_LEVEL is not error, warning, info or debug but 'debug ': "
+                            "using warning"));
 }
 
 TEST_F(LogSettingMistake, IsALevelOf32Characters) {
     setEnvironment("TEZ_PCSC_LOG_LEVEL", std::string(32, 'd'));
-    EXPECT_EQ(warnings(),
-              "TEZ_PCSC_LOG_LEVEL is no level but a text of more than 31 characters: "
-              "using warning\n");
+    EXPECT_THAT(warnings(),
+                ElementsAre("TEZ_PCSC_LOG_LEVEL is no level but a text of more than 31 characters: "
+                            "using warning"));
 }
 
-TEST_F(LogSettingMistake, IsAFolderThatIsNotThere) {
-    setEnvironment("TEZ_PCSC_LOG_DIR", "C:\\no such folder");
-    EXPECT_EQ(warnings(), "TEZ_PCSC_LOG_DIR: cannot write to '" +
-                              logPathIn("C:\\no such folder", "unit_tests.exe") +
-                              "': using standard error\n");
+/// A folder that cannot be written to.
+class LogFolderMistake : public LogSettingMistake,
+                         public testing::WithParamInterface<std::string> {};
+
+TEST_P(LogFolderMistake, IsToldWithTheFilesName) {
+    setEnvironment("TEZ_PCSC_LOG_DIR", GetParam());
+    EXPECT_THAT(warnings(), ElementsAre("TEZ_PCSC_LOG_DIR: cannot write to '" +
+                                        LogReader(GetParam()).path() + "': using standard error"));
 }
 
-TEST_F(LogSettingMistake, IsAFolderInQuotes) {
-    const std::string quoted = '"' + makeLogDirectory("tez-log") + '"';
-    setEnvironment("TEZ_PCSC_LOG_DIR", quoted);
-    EXPECT_EQ(warnings(), "TEZ_PCSC_LOG_DIR: cannot write to '" +
-                              logPathIn(quoted, "unit_tests.exe") + "': using standard error\n");
-}
+INSTANTIATE_TEST_SUITE_P(Folders, LogFolderMistake,
+                         testing::Values(R"(C:\no such folder)", R"("C:\Windows")"));
 
 TEST_F(LogSettingMistake, IsAFolderOf256Characters) {
     setEnvironment("TEZ_PCSC_LOG_DIR", std::string(256, 'd'));
-    EXPECT_EQ(warnings(), "TEZ_PCSC_LOG_DIR has more than 255 characters: using standard error\n");
+    EXPECT_THAT(warnings(),
+                ElementsAre("TEZ_PCSC_LOG_DIR has more than 255 characters: using standard error"));
 }
 
 TEST_F(LogSettingMistake, IsToldOfEachSetting) {
     setEnvironment("TEZ_PCSC_LOG_LEVEL", "verbose");
     setEnvironment("TEZ_PCSC_LOG_DIR", "C:\\no such folder");
-    const std::string told = warnings();
-    EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 2) << told;
+    EXPECT_THAT(warnings(), SizeIs(2));
+}
+
+TEST(LogSettingMistakes, AreNoneWithALevelAndAFolder) {
+    const FreshLog log;
+    setEnvironment("TEZ_PCSC_LOG_LEVEL", "Debug");
+    logWarning("kept");
+    EXPECT_THAT(log.entries(), ElementsAre(LogLine('W', "someFunction", "kept")));
 }
 
 TEST(LogSettingMistakes, AreToldInTheFileWhenThereIsOne) {
-    const std::string directory = makeLogDirectory("tez-log");
-    setEnvironment("TEZ_PCSC_LOG_DIR", directory);
+    const FreshLog log;
     setEnvironment("TEZ_PCSC_LOG_LEVEL", "4");
     logWarning("kept");
-    EXPECT_NE(contentsOf(logPathIn(directory, "unit_tests.exe"))
-                  .find("TEZ (settings): TEZ_PCSC_LOG_LEVEL is not error, warning, info or debug "
-                        "but '4': using warning\n"),
-              std::string::npos);
+    EXPECT_THAT(log.messages("settings"),
+                ElementsAre("TEZ_PCSC_LOG_LEVEL is not error, warning, info or debug but '4': "
+                            "using warning"));
 }
 
 TEST(LogLevelSetting, IsReadOnce) {
@@ -206,82 +191,72 @@ TEST(Environment, CountsAnAbsentValueAsNotSet) {
 }
 
 TEST(LogFile, IsNamedAfterTheHostProgramAndTheProcess) {
-    const std::string directory = makeLogDirectory("tez-log");
-    setEnvironment("TEZ_PCSC_LOG_DIR", directory);
+    const FreshLog log;
     logWarning("kept");
-    const std::string contents = contentsOf(logPathIn(directory, "unit_tests.exe"));
-    EXPECT_EQ(contents.substr(0, 2), "W ");
-    EXPECT_NE(contents.find(" TEZ (someFunction): kept\n"), std::string::npos) << contents;
+    EXPECT_THAT(log.path(), EndsWith("/tez-pcsc.unit_tests.exe." +
+                                     std::to_string(GetCurrentProcessId()) + ".log"));
+    EXPECT_THAT(log.entries(), ElementsAre(LogLine('W', "someFunction", "kept")));
 }
 
 TEST(LogFile, IsAppendedTo) {
-    const std::string directory = makeLogDirectory("tez-log");
-    const std::string path = logPathIn(directory, "unit_tests.exe");
-    std::ofstream(path, std::ios::binary) << "from before\n";
-    setEnvironment("TEZ_PCSC_LOG_DIR", directory);
+    const FreshLog log;
+    std::ofstream(log.path(), std::ios::binary) << "from before\n";
     logWarning("kept");
-    EXPECT_EQ(contentsOf(path).substr(0, 13), "from before\nW");
+    EXPECT_THAT(log.text(), StartsWith("from before\nW"));
 }
 
 TEST(LogFile, HoldsEachLineAtOnce) {
-    const std::string directory = makeLogDirectory("tez-log");
-    setEnvironment("TEZ_PCSC_LOG_DIR", directory);
-    const std::string path = logPathIn(directory, "unit_tests.exe");
+    const FreshLog log;
     logWarning("first");
-    const std::size_t afterFirst = contentsOf(path).size();
+    EXPECT_THAT(log.messages("someFunction"), ElementsAre("first"));
     logWarning("second");
-    EXPECT_GT(afterFirst, 0U);
-    EXPECT_NE(contentsOf(path).find(": second\n", afterFirst), std::string::npos);
+    EXPECT_THAT(log.messages("someFunction"), ElementsAre("first", "second"));
 }
 
 TEST(LogFile, TakesTheLinesInPlaceOfStandardError) {
-    setEnvironment("TEZ_PCSC_LOG_DIR", makeLogDirectory("tez-log"));
-    const CapturedStderr output;
+    const FreshLog log;
+    const StdioSpy stdio(GetModuleHandleA(nullptr));
     logWarning("kept");
-    EXPECT_EQ(output.text(), "");
+    EXPECT_EQ(stdio.standardError(), "");
 }
 
 TEST(LogFile, IsNamedWithItsDirectoryInFullUpToALongOne) {
     // Long, yet with the file's name below the longest path of the platform.
-    const std::string directory = makeLogDirectory("tez-" + std::string(150, 'd'));
+    const std::string directory = logToFreshDirectory() + "\\" + std::string(180, 'd');
+    ASSERT_TRUE(CreateDirectoryA(directory.c_str(), nullptr));
     setEnvironment("TEZ_PCSC_LOG_DIR", directory);
     logWarning("kept");
-    EXPECT_NE(contentsOf(logPathIn(directory, "unit_tests.exe")), "");
+    EXPECT_NE(LogReader(directory).text(), "");
+}
+
+/// What standard error gets of two warnings, with a log directory that is made between them if it
+/// can be.
+std::string standardErrorInsteadOf(const std::string& directory) {
+    setEnvironment("TEZ_PCSC_LOG_DIR", directory);
+    const StdioSpy stdio(GetModuleHandleA(nullptr));
+    logWarning("first");
+    CreateDirectoryA(directory.c_str(), nullptr);
+    logWarning("second");
+    return stdio.standardError();
 }
 
 TEST(LogFile, GivesWayToStandardErrorWithoutADirectory) {
-    setEnvironment("TEZ_PCSC_LOG_DIR", "");
-    const CapturedStderr output;
-    logWarning("kept");
-    EXPECT_NE(output.text().find("TEZ (someFunction): kept\n"), std::string::npos);
-}
-
-TEST(LogFile, GivesWayToStandardErrorWhenItCannotBeOpened) {
-    setEnvironment("TEZ_PCSC_LOG_DIR", makeLogDirectory("tez-log") + "/absent");
-    const CapturedStderr output;
-    logWarning("kept");
-    EXPECT_NE(output.text().find("TEZ (someFunction): kept\n"), std::string::npos);
+    EXPECT_THAT(standardErrorInsteadOf(""), HasSubstr("TEZ (someFunction): first\n"));
 }
 
 TEST(LogFile, IsNotTriedAgainAfterAFailure) {
-    const std::string directory = makeLogDirectory("tez-log") + "\\later";
-    setEnvironment("TEZ_PCSC_LOG_DIR", directory);
-    const CapturedStderr output;
-    logWarning("first");
-    ASSERT_TRUE(CreateDirectoryA(directory.c_str(), nullptr));
-    logWarning("second");
-    EXPECT_NE(output.text().find(": second\n"), std::string::npos);
+    const std::string directory = logToFreshDirectory() + "\\later";
+    const std::string text = standardErrorInsteadOf(directory);
+    EXPECT_TRUE(std::filesystem::exists(directory));
+    EXPECT_THAT(text, AllOf(HasSubstr(": first\n"), HasSubstr(": second\n")));
 }
 
 TEST(LogFile, GivesWayToStandardErrorForADirectoryOf256Characters) {
-    // Would be the temporary directory, if it were taken.
-    std::string directory = makeLogDirectory("tez-log");
+    // Would be a directory that there is, if it were taken.
+    std::string directory = logToFreshDirectory();
     while (directory.size() < 256) {
         directory += directory.size() % 2 == 0 ? "\\" : ".";
     }
     ASSERT_EQ(directory.size(), 256U);
-    setEnvironment("TEZ_PCSC_LOG_DIR", directory);
-    const CapturedStderr output;
-    logWarning("kept");
-    EXPECT_NE(output.text().find("TEZ (someFunction): kept\n"), std::string::npos);
+    EXPECT_THAT(standardErrorInsteadOf(directory), HasSubstr("TEZ (someFunction): first\n"));
 }

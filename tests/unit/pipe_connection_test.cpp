@@ -4,22 +4,24 @@
 #include <memory>
 #include <string>
 
-#include "captured_stderr.h"
 #include "daemon/daemon_connection_tez.h"
 #include "import_patch.h"
+#include "log_matchers.h"
 #include "pipe_server.h"
 
 using namespace tez;
 using test::Bytes;
 using test::ByteString;
-using test::CapturedLog;
+using test::FreshLog;
 using test::ImportPatch;
 using test::kDaemonPipe;
+using test::LogLine;
 using test::PipeServer;
 using test::ServerPipe;
 using testing::Contains;
-using testing::HasSubstr;
-using testing::Not;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::MatchesRegex;
 
 TEST(PipeConnection, DoesNoInputOrOutputWhenItIsOpenAlready) {
     PipeServer daemon([](ServerPipe& pipe) {
@@ -34,25 +36,24 @@ TEST(PipeConnection, DoesNoInputOrOutputWhenItIsOpenAlready) {
 }
 
 TEST(PipeConnection, TellsTheErrorOfAPipeThatIsAbsent) {
-    const CapturedLog log;
+    const FreshLog log;
     DaemonConnectionTEZ connection;
     EXPECT_FALSE(connection.connect());
-    EXPECT_EQ(log.messages().back(),
-              "D (DaemonConnectionTEZ::connectSocket): Failed to connect to pipe: 0x00000002");
+    EXPECT_THAT(log.entries().back(), LogLine('D', "DaemonConnectionTEZ::connectSocket",
+                                              "Failed to connect to pipe: 0x00000002"));
     EXPECT_EQ(connection.sendMessage("", 1), SCARD_E_NO_SERVICE);
 }
 
 TEST(PipeConnection, TellsTheHandleOfThePipe) {
-    const CapturedLog log;
+    const FreshLog log;
     PipeServer daemon([](ServerPipe& pipe) {
         pipe.accept();
         pipe.handshake();
     });
     DaemonConnectionTEZ connection;
     EXPECT_TRUE(connection.connect());
-    EXPECT_THAT(log.messages(),
-                Contains(testing::MatchesRegex(
-                    "D .DaemonConnectionTEZ::connectSocket.: Pipe \\d+ connected")));
+    EXPECT_THAT(log.entries(), Contains(LogLine('D', "DaemonConnectionTEZ::connectSocket",
+                                                MatchesRegex("Pipe \\d+ connected"))));
 }
 
 TEST(PipeConnection, OpensThePipeForOverlappedReadingAndWriting) {
@@ -72,12 +73,12 @@ TEST(PipeConnection, OpensThePipeForOverlappedReadingAndWriting) {
             SetLastError(ERROR_ACCESS_DENIED);
             return INVALID_HANDLE_VALUE;
         });
-    const CapturedLog log;
+    const FreshLog log;
     DaemonConnectionTEZ connection;
     EXPECT_FALSE(connection.connect());
     EXPECT_EQ(opened, 1);
-    EXPECT_EQ(log.messages().back(),
-              "D (DaemonConnectionTEZ::connectSocket): Failed to connect to pipe: 0x00000005");
+    EXPECT_THAT(log.entries().back(), LogLine('D', "DaemonConnectionTEZ::connectSocket",
+                                              "Failed to connect to pipe: 0x00000005"));
 }
 
 /// Keeps the instance busy for as long as its client stays.
@@ -87,15 +88,15 @@ void serveOneClient(ServerPipe& pipe) {
 }
 
 TEST(PipeConnection, GivesABusyPipeUpAfterTheServersTime) {
-    const CapturedLog log;
+    const FreshLog log;
     PipeServer daemon(serveOneClient);
     const OwnedFile other(CreateFileA(kDaemonPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                       OPEN_EXISTING, 0, nullptr));
     ASSERT_TRUE(other.isOpen());
     DaemonConnectionTEZ connection;
     EXPECT_FALSE(connection.connect());
-    EXPECT_EQ(log.messages().back(),
-              "D (DaemonConnectionTEZ::connectSocket): Failed to connect to pipe: timed out");
+    EXPECT_THAT(log.entries().back(), LogLine('D', "DaemonConnectionTEZ::connectSocket",
+                                              "Failed to connect to pipe: timed out"));
 }
 
 TEST(PipeConnection, TriesABusyPipeAgainAsOftenAsTheWaitSucceeds) {
@@ -160,7 +161,7 @@ TEST(PipeConnection, WritesHeaderAndRecordAndReadsTheAnswer) {
 }
 
 TEST(PipeConnection, CarriesAHeaderOverToAFreshPipe) {
-    const CapturedLog log;
+    const FreshLog log;
     Bytes second;
     PipeServer daemon([&second](ServerPipe& pipe) {
         pipe.accept();
@@ -185,9 +186,9 @@ TEST(PipeConnection, CarriesAHeaderOverToAFreshPipe) {
     EXPECT_EQ(second,
               ByteString().fill(0, 1).u32(0xFFFFFFFF).u32(3).u32(7).u32(0).text("abc", 3).bytes());
     EXPECT_TRUE(connection.isProtocolAtLeast(1, 4)) << "the version is that of the fresh pipe";
-    EXPECT_THAT(log.messages(), Contains("D (DaemonConnectionTEZ::sendHeader): Could not write "
-                                         "header command 7"));
-    EXPECT_THAT(log.messages(), Not(Contains(HasSubstr("Could not write data"))));
+    EXPECT_THAT(log.entries(), Contains(LogLine('D', "DaemonConnectionTEZ::sendHeader",
+                                                "Could not write header command 7")));
+    EXPECT_THAT(log.messages("DaemonConnectionTEZ::sendMessage"), IsEmpty());
 }
 
 TEST(PipeConnection, AnswersNoServiceToAHeaderWhenTheDaemonHasGone) {
@@ -203,7 +204,7 @@ TEST(PipeConnection, AnswersNoServiceToAHeaderWhenTheDaemonHasGone) {
 }
 
 TEST(PipeConnection, DoesNotCarryABodyOver) {
-    const CapturedLog log;
+    const FreshLog log;
     PipeServer daemon([](ServerPipe& pipe) {
         pipe.accept();
         pipe.handshake();
@@ -212,12 +213,12 @@ TEST(PipeConnection, DoesNotCarryABodyOver) {
     EXPECT_TRUE(connection.connect());
     daemon.finish();
     EXPECT_EQ(connection.sendMessage("abc", 3), SCARD_E_NO_SERVICE);
-    EXPECT_EQ(log.messages().back(),
-              "D (DaemonConnectionTEZ::sendMessage): Could not write data on socket");
+    EXPECT_THAT(log.entries().back(),
+                LogLine('D', "DaemonConnectionTEZ::sendMessage", "Could not write data on socket"));
 }
 
 TEST(PipeConnection, DoesNothingWhileItIsClosed) {
-    const CapturedLog log;
+    const FreshLog log;
     DaemonConnectionTEZ connection;
     char received = 0;
     EXPECT_EQ(connection.sendMessage("a", 1), SCARD_E_NO_SERVICE);
@@ -226,7 +227,7 @@ TEST(PipeConnection, DoesNothingWhileItIsClosed) {
     EXPECT_EQ(connection.receiveMessage(&received, 1, 10), SCARD_E_NO_SERVICE);
     EXPECT_EQ(connection.readMessage(&received, 1), SCARD_E_NO_SERVICE);
     connection.closeSocket();
-    EXPECT_TRUE(log.lines().empty());
+    EXPECT_THAT(log.entries(), IsEmpty());
 }
 
 TEST(PipeConnection, KnowsItsPipeAndItsStateWithoutConnecting) {
@@ -338,11 +339,13 @@ class RefusedBlocks {
 };
 
 void expectNoConnectionWithout(std::size_t refusedSize, const std::string& message) {
-    const CapturedLog log;
-    const RefusedBlocks refused(refusedSize);
-    DaemonConnectionTEZ connection;
-    EXPECT_FALSE(connection.connect());
-    EXPECT_THAT(log.messages(), Contains("W (DaemonConnectionTEZ::connect): " + message));
+    const FreshLog log;
+    {
+        const RefusedBlocks refused(refusedSize);
+        DaemonConnectionTEZ connection;
+        EXPECT_FALSE(connection.connect());
+    }
+    EXPECT_THAT(log.messages("DaemonConnectionTEZ::connect", 'W'), ElementsAre(message));
 }
 
 TEST(PipeConnection, NeedsMemoryForThePipesName) {
@@ -354,12 +357,14 @@ TEST(PipeConnection, NeedsMemoryForTheToken) {
 }
 
 TEST(PipeConnection, WithoutAPipesNameThereIsNoDaemonToConnectTo) {
-    const CapturedLog log;
-    const RefusedBlocks refused(kDaemonPipeSize);
-    DaemonConnectionTEZ connection;
-    EXPECT_FALSE(connection.checkDaemonAvailability());
-    EXPECT_THAT(log.messages(), Contains("W (DaemonConnectionTEZ::checkDaemonAvailability): No "
-                                         "socket name is defined for PCSC service"));
+    const FreshLog log;
+    {
+        const RefusedBlocks refused(kDaemonPipeSize);
+        DaemonConnectionTEZ connection;
+        EXPECT_FALSE(connection.checkDaemonAvailability());
+    }
+    EXPECT_THAT(log.messages("DaemonConnectionTEZ::checkDaemonAvailability", 'W'),
+                ElementsAre("No socket name is defined for PCSC service"));
 }
 
 TEST(PipeConnection, ReconnectsThroughTheOverriddenOperations) {

@@ -3,16 +3,17 @@
 #include <gtest/gtest.h>
 #include <vector>
 
-#include "captured_stderr.h"
 #include "daemon/daemon_connection_tez.h"
 #include "import_patch.h"
+#include "log_matchers.h"
 #include "pipe_server.h"
 
 using namespace tez;
 using test::Bytes;
-using test::CapturedLog;
+using test::FreshLog;
 using test::ImportPatch;
 using test::kDaemonPipe;
+using test::LogLine;
 using test::PipeServer;
 using test::ServerPipe;
 using testing::MatchesRegex;
@@ -44,7 +45,7 @@ TEST(PipeTransfer, ReadsAnEmptyMessageFromAnOpenPipeOnly) {
 }
 
 TEST(PipeTransfer, GivesAReadUpAfterItsTimeAndOpensAFreshPipeForTheNextRequest) {
-    const CapturedLog log;
+    const FreshLog log;
     Bytes request;
     PipeServer daemon([&request](ServerPipe& pipe) {
         pipe.accept();
@@ -61,8 +62,8 @@ TEST(PipeTransfer, GivesAReadUpAfterItsTimeAndOpensAFreshPipeForTheNextRequest) 
     const Clock::time_point start = Clock::now();
     EXPECT_EQ(connection.receiveMessage(buffer.data(), 16, 100), SCARD_E_NO_SERVICE);
     EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(90));
-    EXPECT_EQ(log.messages().back(),
-              "D (DaemonConnectionTEZ::readn): Timeout while reading from pipe");
+    EXPECT_THAT(log.entries().back(),
+                LogLine('D', "DaemonConnectionTEZ::readn", "Timeout while reading from pipe"));
     EXPECT_TRUE(connection.connect());
     EXPECT_EQ(connection.sendRequest(7, "abc", 3), SCARD_S_SUCCESS);
     daemon.finish();
@@ -71,7 +72,7 @@ TEST(PipeTransfer, GivesAReadUpAfterItsTimeAndOpensAFreshPipeForTheNextRequest) 
 }
 
 TEST(PipeTransfer, GivesAStalledWriteUpAfterASecond) {
-    const CapturedLog log;
+    const FreshLog log;
     PipeServer daemon(acceptAndStall, 64);
     DaemonConnectionTEZ connection;
     EXPECT_TRUE(connection.connect());
@@ -81,8 +82,8 @@ TEST(PipeTransfer, GivesAStalledWriteUpAfterASecond) {
     const auto elapsed = Clock::now() - start;
     EXPECT_GE(elapsed, std::chrono::milliseconds(990));
     EXPECT_LT(elapsed, std::chrono::seconds(10));
-    EXPECT_EQ(log.messages().back(),
-              "D (DaemonConnectionTEZ::writen): Timeout while writing to pipe");
+    EXPECT_THAT(log.entries().back(),
+                LogLine('D', "DaemonConnectionTEZ::writen", "Timeout while writing to pipe"));
 }
 
 TEST(PipeTransfer, KeepsTheMemoryOfACancelledTransferUntilThePipeIsClosed) {
@@ -118,7 +119,7 @@ TEST(PipeTransfer, KeepsTheMemoryOfACancelledTransferUntilThePipeIsClosed) {
 }
 
 TEST(PipeTransfer, FailsAShortReadButTellsTheCountOfAShortWrite) {
-    const CapturedLog log;
+    const FreshLog log;
     PipeServer daemon([](ServerPipe& pipe) {
         pipe.accept();
         pipe.handshake();
@@ -129,8 +130,8 @@ TEST(PipeTransfer, FailsAShortReadButTellsTheCountOfAShortWrite) {
     EXPECT_TRUE(connection.connect());
     Bytes buffer(8);
     EXPECT_EQ(connection.readn(buffer.data(), 8, INFINITE), DaemonConnectionTEZ::kFailed);
-    EXPECT_EQ(log.messages().back(),
-              "D (DaemonConnectionTEZ::readn): Message read partially 3 < 8");
+    EXPECT_THAT(log.entries().back(),
+                LogLine('D', "DaemonConnectionTEZ::readn", "Message read partially 3 < 8"));
 
     // No pipe takes less than what is written, so the kernel's answer is altered.
     auto* const original = &::GetOverlappedResult;
@@ -143,13 +144,13 @@ TEST(PipeTransfer, FailsAShortReadButTellsTheCountOfAShortWrite) {
             return isDone;
         });
     EXPECT_EQ(connection.writen("abcd", 4), 3U);
-    EXPECT_EQ(log.messages().back(),
-              "D (DaemonConnectionTEZ::writen): Message written partially 3 < 4");
+    EXPECT_THAT(log.entries().back(),
+                LogLine('D', "DaemonConnectionTEZ::writen", "Message written partially 3 < 4"));
     EXPECT_EQ(connection.sendMessage("abcd", 4), SCARD_E_NO_SERVICE);
 }
 
 TEST(PipeTransfer, TellsWhyATransferWasRefusedAtOnce) {
-    const CapturedLog log;
+    const FreshLog log;
     PipeServer daemon([](ServerPipe& pipe) {
         pipe.accept();
         pipe.handshake();
@@ -159,17 +160,17 @@ TEST(PipeTransfer, TellsWhyATransferWasRefusedAtOnce) {
     daemon.finish();
     char received = 0;
     EXPECT_EQ(connection.readn(&received, 1, INFINITE), DaemonConnectionTEZ::kFailed);
-    EXPECT_THAT(log.messages().back(),
-                MatchesRegex("D .DaemonConnectionTEZ::readn.: Failed to read from pipe \\d+: "
-                             "0x0000006D"));
+    EXPECT_THAT(log.entries().back(),
+                LogLine('D', "DaemonConnectionTEZ::readn",
+                        MatchesRegex("Failed to read from pipe \\d+: 0x0000006D")));
     EXPECT_EQ(connection.writen(&received, 1), DaemonConnectionTEZ::kFailed);
-    EXPECT_THAT(log.messages().back(),
-                MatchesRegex("D .DaemonConnectionTEZ::writen.: Failed to write to pipe \\d+: "
-                             "0x000000\\w\\w"));
+    EXPECT_THAT(log.entries().back(),
+                LogLine('D', "DaemonConnectionTEZ::writen",
+                        MatchesRegex("Failed to write to pipe \\d+: 0x000000\\w\\w")));
 }
 
 TEST(PipeTransfer, TellsWhyTheResultOfAPendingReadCannotBeHad) {
-    const CapturedLog log;
+    const FreshLog log;
     HANDLE readPending = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     const OwnedHandle owner(readPending);
     PipeServer daemon([readPending](ServerPipe& pipe) {
@@ -192,7 +193,7 @@ TEST(PipeTransfer, TellsWhyTheResultOfAPendingReadCannotBeHad) {
         });
     char received = 0;
     EXPECT_EQ(connection.readn(&received, 1, INFINITE), DaemonConnectionTEZ::kFailed);
-    EXPECT_EQ(log.messages().back(),
-              "D (DaemonConnectionTEZ::readn): Could not get the result of the overlapped "
-              "operation: 0x0000006D");
+    EXPECT_THAT(log.entries().back(),
+                LogLine('D', "DaemonConnectionTEZ::readn",
+                        "Could not get the result of the overlapped operation: 0x0000006D"));
 }

@@ -3,10 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "captured_stderr.h"
+#include "log_matchers.h"
 
 using namespace tez;
-using test::CapturedLog;
+using test::FreshLog;
+using test::LogLine;
 using testing::ElementsAre;
 
 TEST(ProtocolMask, ExchangesTheRawBit) {
@@ -40,13 +41,15 @@ TEST(ProtocolMask, PassesTheOtherSidesRawBitToo) {
 }
 
 TEST(ProtocolMask, TellsEachConversion) {
-    const CapturedLog log;
+    const FreshLog log;
     convert_protocol_to_wire(0x10002);
     convert_protocol_from_wire(6);
     convert_protocol_to_wire(0x80000000);
-    EXPECT_THAT(log.messages(),
-                ElementsAre("D (convert_protocol_to_wire): Protocol converted from 65538 to 6",
-                            "D (convert_protocol_from_wire): Protocol converted from 6 to 65538",
-                            "D (convert_protocol_to_wire): Protocol converted from 2147483648 to "
-                            "2147483648"));
+    EXPECT_THAT(
+        log.entries(),
+        ElementsAre(
+            LogLine('D', "convert_protocol_to_wire", "Protocol converted from 65538 to 6"),
+            LogLine('D', "convert_protocol_from_wire", "Protocol converted from 6 to 65538"),
+            LogLine('D', "convert_protocol_to_wire",
+                    "Protocol converted from 2147483648 to 2147483648")));
 }

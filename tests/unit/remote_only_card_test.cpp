@@ -5,6 +5,7 @@
 using namespace tez;
 using test::Bytes;
 using test::ByteString;
+using test::LogLine;
 using test::SentRequest;
 using testing::Contains;
 using testing::IsEmpty;
@@ -104,8 +105,9 @@ TEST_F(RemoteOnlyCard, IsNotConnectedWithoutItsArguments) {
               SCARD_E_INVALID_PARAMETER);
     EXPECT_EQ(SCardConnectA(context, "Reader A", 2, 3, &handle, nullptr),
               SCARD_E_INVALID_PARAMETER);
-    EXPECT_THAT(log().messages(), Contains("W (SCardConnectA): phCard cannot be NULL"));
-    EXPECT_THAT(log().messages(), Contains("W (SCardConnectA): pdwActiveProtocol cannot be NULL"));
+    EXPECT_THAT(log().entries(), Contains(LogLine('W', "SCardConnectA", "phCard cannot be NULL")));
+    EXPECT_THAT(log().entries(),
+                Contains(LogLine('W', "SCardConnectA", "pdwActiveProtocol cannot be NULL")));
     EXPECT_EQ(connect(context, nullptr), SCARD_E_UNKNOWN_READER);
     EXPECT_EQ(connect(context + 1, "Reader A"), SCARD_E_INVALID_HANDLE);
     EXPECT_THAT(daemon().requests, IsEmpty());

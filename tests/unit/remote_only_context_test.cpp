@@ -3,6 +3,7 @@
 using namespace tez;
 using test::Bytes;
 using test::ByteString;
+using test::LogLine;
 using test::SentRequest;
 using testing::IsEmpty;
 
@@ -55,17 +56,16 @@ TEST_F(RemoteOnlyContext, LeavesItsRemoteLocalBindingToTheDaemonInOtherStates) {
         EXPECT_EQ(SCardReleaseContext(context), SCARD_S_SUCCESS);
         EXPECT_FALSE(isContextKnown(context));
     }
-    EXPECT_THAT(log().messages(),
-                testing::Not(testing::Contains(testing::HasSubstr("releaseRemoteContext"))));
+    EXPECT_THAT(log().messages("releaseRemoteContext"), IsEmpty());
 }
 
 TEST_F(RemoteOnlyContext, SwallowsTheFailureOfARemoteRelease) {
     const SCARDCONTEXT context = boundContext();
     daemon().answers = {ByteString().u64(0).u32(0x80100003).bytes()};
     EXPECT_EQ(SCardReleaseContext(context), SCARD_S_SUCCESS);
-    EXPECT_THAT(log().messages(),
-                testing::Contains("D (releaseRemoteContext): RELEASE REMOTE CONTEXT RV: "
-                                  "0x80100003"));
+    EXPECT_THAT(log().entries(),
+                testing::Contains(
+                    LogLine('D', "releaseRemoteContext", "RELEASE REMOTE CONTEXT RV: 0x80100003")));
     EXPECT_FALSE(isContextKnown(context));
 }
 

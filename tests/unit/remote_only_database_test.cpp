@@ -1,6 +1,7 @@
 // The card database of a service that takes all calls.
 #include <string>
 
+#include "environment.h"
 #include "guarded_buffer.h"
 #include "remote_only_test.h"
 

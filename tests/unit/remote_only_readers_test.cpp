@@ -9,6 +9,7 @@ using namespace std::string_literals;
 using test::Bytes;
 using test::ByteString;
 using test::GuardedBuffer;
+using test::LogLine;
 using test::SentRequest;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -133,7 +134,8 @@ TEST_F(RemoteOnlyReaders, HaveNoGroupsWithoutALengthOrAKnownContext) {
     DWORD length = 22;
     EXPECT_EQ(SCardListReaderGroupsA(context, nullptr, nullptr), SCARD_E_INVALID_PARAMETER);
     EXPECT_EQ(SCardListReaderGroupsA(context + 1, nullptr, &length), SCARD_E_INVALID_HANDLE);
-    EXPECT_THAT(log().messages(),
-                testing::IsSupersetOf({"W (SCardListReaderGroupsA): pcchGroups cannot be NULL",
-                                       "W (SCardListReaderGroupsA): Invalid context handle"}));
+    EXPECT_THAT(
+        log().entries(),
+        testing::IsSupersetOf({LogLine('W', "SCardListReaderGroupsA", "pcchGroups cannot be NULL"),
+                               LogLine('W', "SCardListReaderGroupsA", "Invalid context handle")}));
 }

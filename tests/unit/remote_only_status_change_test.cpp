@@ -7,6 +7,7 @@ using namespace tez;
 using namespace std::string_literals;
 using test::Bytes;
 using test::ByteString;
+using test::LogLine;
 using test::SentRequest;
 using testing::Contains;
 using testing::IsEmpty;
@@ -107,9 +108,9 @@ TEST_F(RemoteOnlyStatusChange, ListsTheReadersWhenNobodyDidBefore) {
     SCARD_READERSTATEA state = stateOf("Reader A", 0);
     EXPECT_EQ(SCardGetStatusChangeA(context, 0, &state, 1), SCARD_S_SUCCESS);
     EXPECT_THAT(daemon().requests, SizeIs(2));
-    EXPECT_THAT(log().messages(),
-                Contains("D (SCardGetStatusChangeA): List readers was never called, let's call it "
-                         "to update the list of local and remote readers"));
+    EXPECT_THAT(log().entries(), Contains(LogLine('D', "SCardGetStatusChangeA",
+                                                  "List readers was never called, let's call it to "
+                                                  "update the list of local and remote readers")));
 }
 
 TEST_F(RemoteOnlyStatusChange, RefusesMoreStatesThanItAskedForAndClosesThePipe) {

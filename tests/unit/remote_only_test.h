@@ -3,12 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "captured_stderr.h"
 #include "common/scard_api.h"
 #include "context/card_handle_registry.h"
 #include "context/context_registry.h"
 #include "fake_daemon.h"
 #include "fake_system_library.h"
+#include "log_matchers.h"
 
 namespace tez::test {
 
@@ -21,7 +21,7 @@ class RemoteOnlyTest : public testing::Test {
 
     FakeDaemonState& daemon() { return service_.daemon(); }
     SentRequest takeRequest() { return service_.takeRequest(); }
-    const CapturedLog& log() const { return log_; }
+    const FreshLog& log() const { return log_; }
 
     /// The daemon's answer to an ESTABLISH.
     static Bytes establishAnswer(std::uint64_t daemonContext = kDaemonContext) {
@@ -45,7 +45,7 @@ class RemoteOnlyTest : public testing::Test {
 
   private:
     FakeSystemLibrary system_;
-    CapturedLog log_;
+    FreshLog log_;
     RemoteOnlyService service_;
 };
 

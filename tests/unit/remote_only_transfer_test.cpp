@@ -5,6 +5,7 @@ using namespace tez;
 using test::Bytes;
 using test::ByteString;
 using test::GuardedBuffer;
+using test::LogLine;
 using test::SentRequest;
 using testing::Contains;
 using testing::IsEmpty;
@@ -104,9 +105,10 @@ TEST_F(RemoteOnlyTransfer, RefusesMoreThanTheLimitOfAnOldDaemon) {
     daemon().versionMinor = 2;
     EXPECT_EQ(transmit(kLimit + 1, 2), SCARD_E_INSUFFICIENT_BUFFER);
     EXPECT_EQ(transmit(5, kLimit + 1), SCARD_E_INSUFFICIENT_BUFFER);
-    EXPECT_THAT(log().messages(),
-                Contains("W (SCardTransmit): Provided buffers are too big: cbSendLength is 65549 "
-                         "and cbRecvLength is 2, maximum value is 65548"));
+    EXPECT_THAT(log().entries(),
+                Contains(LogLine('W', "SCardTransmit",
+                                 "Provided buffers are too big: cbSendLength is 65549 and "
+                                 "cbRecvLength is 2, maximum value is 65548")));
     EXPECT_THAT(daemon().requests, IsEmpty());
 }
 
@@ -181,8 +183,9 @@ TEST_F(RemoteOnlyTransfer, HoldsControlToTheSameLimits) {
     EXPECT_EQ(SCardControl(card, 0x313520, input.data(), kLimit + 1, nullptr, 0, &returned),
               SCARD_E_INSUFFICIENT_BUFFER);
     EXPECT_EQ(returned, 0U);
-    EXPECT_THAT(log().messages(),
-                Contains("W (SCardControl): Provided buffers are too big: cbSendLength is 65549 "
-                         "and cbRecvLength is 0, maximum value is 65548"));
+    EXPECT_THAT(log().entries(),
+                Contains(LogLine('W', "SCardControl",
+                                 "Provided buffers are too big: cbSendLength is 65549 and "
+                                 "cbRecvLength is 0, maximum value is 65548")));
     EXPECT_THAT(daemon().requests, IsEmpty());
 }

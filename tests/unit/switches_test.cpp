@@ -5,12 +5,15 @@
 #include <optional>
 #include <string>
 
-#include "captured_stderr.h"
+#include "environment.h"
+#include "log_matchers.h"
 
 using namespace tez;
-using test::CapturedLog;
+using test::FreshLog;
+using test::LogLine;
 using test::setEnvironment;
 using testing::ElementsAre;
+using testing::ElementsAreArray;
 using testing::IsEmpty;
 
 namespace {
@@ -27,9 +30,10 @@ std::optional<bool> switchFor(const std::string& value) {
 }
 
 /// What the log tells of a value that is probably a mistake.
-std::string warning(const std::string& value, const std::string& consequence) {
-    return "W (settings): TEZ_TEST_SWITCH is neither 0 or false nor 1 or true but '" + value +
-           "': " + consequence;
+auto warning(const std::string& value, const std::string& consequence) {
+    return LogLine(
+        'W', "settings",
+        "TEZ_TEST_SWITCH is neither 0 or false nor 1 or true but '" + value + "': " + consequence);
 }
 
 struct SwitchValue {
@@ -47,14 +51,14 @@ class SwitchRule : public testing::TestWithParam<SwitchValue> {};
 }  // namespace
 
 TEST_P(SwitchRule, DecidesByTheText) {
-    const CapturedLog log;
+    const FreshLog log;
     EXPECT_EQ(switchFor(GetParam().text), std::optional(GetParam().expected));
-    std::vector<std::string> expected{std::string("D (aFunction): TEZ_TEST_SWITCH = ") +
-                                      GetParam().text};
+    std::vector<testing::Matcher<test::LogEntry>> expected{
+        LogLine('D', "aFunction", std::string("TEZ_TEST_SWITCH = ") + GetParam().text)};
     if (!GetParam().isUnderstood) {
-        expected.push_back(warning(GetParam().text, "it counts as 1"));
+        expected.emplace_back(warning(GetParam().text, "it counts as 1"));
     }
-    EXPECT_EQ(log.messages(), expected);
+    EXPECT_THAT(log.entries(), ElementsAreArray(expected));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -69,92 +73,95 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& test) { return "Value" + std::to_string(test.index); });
 
 TEST(Switch, IsNotSetWhenAbsent) {
-    const CapturedLog log;
+    const FreshLog log;
     EXPECT_EQ(switchFor(""), std::nullopt);
-    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_THAT(log.entries(), IsEmpty());
 }
 
 TEST(Switch, TakesAValueOf127Characters) {
-    const CapturedLog log;
+    const FreshLog log;
     EXPECT_EQ(switchFor(std::string(127, 'n')), std::optional(true));
 }
 
 TEST(Switch, IsNotSetByAValueOf128Characters) {
-    const CapturedLog log;
+    const FreshLog log;
     EXPECT_EQ(switchFor(std::string(128, 'n')), std::nullopt);
-    EXPECT_THAT(log.messages(),
+    EXPECT_THAT(log.entries(),
                 ElementsAre(warning("a text of more than 127 characters", "it counts as not set")));
 }
 
 TEST(Switch, IsWarnedOfOnce) {
-    const CapturedLog log;
+    const FreshLog log;
     switchFor("no");
     switchFor("off");
-    EXPECT_THAT(log.messages(),
-                ElementsAre("D (aFunction): TEZ_TEST_SWITCH = no", warning("no", "it counts as 1"),
-                            "D (aFunction): TEZ_TEST_SWITCH = off"));
+    EXPECT_THAT(log.entries(), ElementsAre(LogLine('D', "aFunction", "TEZ_TEST_SWITCH = no"),
+                                           warning("no", "it counts as 1"),
+                                           LogLine('D', "aFunction", "TEZ_TEST_SWITCH = off")));
 }
 
 TEST(Switch, IsReadAfreshAtEveryCall) {
-    const CapturedLog log;
+    const FreshLog log;
     EXPECT_EQ(switchFor("1"), std::optional(true));
     EXPECT_EQ(switchFor("0"), std::optional(false));
 }
 
 TEST(AllCallsRedirection, IsReadOnceAndToldOnce) {
-    const CapturedLog log;
+    const FreshLog log;
     setEnvironment(kRedirection, "true");
     EXPECT_TRUE(isAllCallsRedirectionEnabled());
     setEnvironment(kRedirection, "0");
     EXPECT_TRUE(isAllCallsRedirectionEnabled());
-    EXPECT_THAT(log.messages(), ElementsAre("D (isAllCallsRedirectionEnabled): "
-                                            "TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION = true"));
+    EXPECT_THAT(log.entries(),
+                ElementsAre(LogLine('D', "isAllCallsRedirectionEnabled",
+                                    "TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION = true")));
 }
 
 TEST(AllCallsRedirection, IsOffWhenTheSwitchSaysSo) {
-    const CapturedLog log;
+    const FreshLog log;
     setEnvironment(kRedirection, "FaLsE");
     EXPECT_FALSE(isAllCallsRedirectionEnabled());
-    EXPECT_THAT(log.messages(), ElementsAre("D (isAllCallsRedirectionEnabled): "
-                                            "TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION = FaLsE"));
+    EXPECT_THAT(log.entries(),
+                ElementsAre(LogLine('D', "isAllCallsRedirectionEnabled",
+                                    "TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION = FaLsE")));
 }
 
 TEST(AllCallsRedirection, IsOffByDefaultForTheWholeProcess) {
-    const CapturedLog log;
+    const FreshLog log;
     setEnvironment(kRedirection, "");
     EXPECT_FALSE(isAllCallsRedirectionEnabled());
     setEnvironment(kRedirection, "1");
     EXPECT_FALSE(isAllCallsRedirectionEnabled());
-    EXPECT_THAT(log.messages(),
-                ElementsAre("D (isAllCallsRedirectionEnabled): "
-                            "TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION is not set, using default (0)"));
+    EXPECT_THAT(log.entries(),
+                ElementsAre(LogLine(
+                    'D', "isAllCallsRedirectionEnabled",
+                    "TEZ_PCSC_ENABLE_ALL_CALLS_REDIRECTION is not set, using default (0)")));
 }
 
 TEST(StandardCalls, IsReadOnceAndToldOnce) {
-    const CapturedLog log;
+    const FreshLog log;
     setEnvironment(kStandardCalls, "true");
     EXPECT_TRUE(isStandardCallsEnabled());
     setEnvironment(kStandardCalls, "0");
     EXPECT_TRUE(isStandardCallsEnabled());
-    EXPECT_THAT(log.messages(),
-                ElementsAre("D (isStandardCallsEnabled): TEZ_PCSC_STANDARD_CALLS = true"));
+    EXPECT_THAT(log.entries(), ElementsAre(LogLine('D', "isStandardCallsEnabled",
+                                                   "TEZ_PCSC_STANDARD_CALLS = true")));
 }
 
 TEST(StandardCalls, IsOffWhenTheSwitchSaysSo) {
-    const CapturedLog log;
+    const FreshLog log;
     setEnvironment(kStandardCalls, "FaLsE");
     EXPECT_FALSE(isStandardCallsEnabled());
-    EXPECT_THAT(log.messages(),
-                ElementsAre("D (isStandardCallsEnabled): TEZ_PCSC_STANDARD_CALLS = FaLsE"));
+    EXPECT_THAT(log.entries(), ElementsAre(LogLine('D', "isStandardCallsEnabled",
+                                                   "TEZ_PCSC_STANDARD_CALLS = FaLsE")));
 }
 
 TEST(StandardCalls, IsOffByDefaultForTheWholeProcess) {
-    const CapturedLog log;
+    const FreshLog log;
     setEnvironment(kStandardCalls, "");
     EXPECT_FALSE(isStandardCallsEnabled());
     setEnvironment(kStandardCalls, "1");
     EXPECT_FALSE(isStandardCallsEnabled());
-    EXPECT_THAT(log.messages(),
-                ElementsAre("D (isStandardCallsEnabled): "
-                            "TEZ_PCSC_STANDARD_CALLS is not set, using default (0)"));
+    EXPECT_THAT(log.entries(),
+                ElementsAre(LogLine('D', "isStandardCallsEnabled",
+                                    "TEZ_PCSC_STANDARD_CALLS is not set, using default (0)")));
 }

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <string>
 
-#include "captured_stderr.h"
+#include "stdio_spy.h"
 
 using namespace tez;
 
@@ -78,9 +78,9 @@ TEST(Timestamp, BeginsWithTheEpochOfThePlatform) {
 }
 
 TEST(Timestamp, TellsAMonthThatItCannotInterpretAndLeavesTheNameOut) {
-    const test::CapturedStderr output;
+    const test::StdioSpy stdio(GetModuleHandleA(nullptr));
     // The platform splits no time beyond the signed range.
     const std::string text = textOf(FILETIME{0, 0x80000000});
-    EXPECT_EQ(output.text(), "Could not interpret month 0");
+    EXPECT_EQ(stdio.standardError(), "Could not interpret month 0");
     EXPECT_EQ(text.substr(0, 13), " 00 00:00:00:");
 }

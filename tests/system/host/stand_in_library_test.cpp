@@ -76,7 +76,7 @@ TEST_F(StandInLibraryTest, HoldsACardWhileTheCardFileIsThere) {
     const std::filesystem::path file =
         std::filesystem::temp_directory_path() / ("card-" + std::to_string(GetCurrentProcessId()));
     std::filesystem::remove(file);
-    ASSERT_NE(SetEnvironmentVariableA(kCardFileVariable, file.string().c_str()), FALSE);
+    setEnvironment(kCardFileVariable, file.string());
     const SCARDCONTEXT context = establish();
     SCARD_READERSTATEA reader = {};
     reader.szReader = kHostReader;

@@ -1,8 +1,6 @@
 #include "system_test.h"
 
 #include <array>
-#include <cstdlib>
-#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 
@@ -23,17 +21,6 @@ void require(bool condition, const std::string& what) {
 
 void requireSuccess(LONG code, const std::string& call) {
     require(code == SCARD_S_SUCCESS, call + " gives " + inHex(code));
-}
-
-/// A directory that no earlier process has written to, and the variables that make the library log
-/// everything there.
-std::string logToFreshDirectory() {
-    std::string directory = "C:\\tez-system-tests\\" + std::to_string(GetCurrentProcessId());
-    std::filesystem::remove_all(directory);
-    std::filesystem::create_directories(directory);
-    setEnvironment("TEZ_PCSC_LOG_DIR", directory);
-    setEnvironment("TEZ_PCSC_LOG_LEVEL", "debug");
-    return directory;
 }
 
 class GivesMatcher {
@@ -63,10 +50,6 @@ HMODULE libraryModule() {
     return module;
 }
 
-void setEnvironment(const std::string& name, const std::string& value) {
-    require(_putenv_s(name.c_str(), value.c_str()) == 0, "cannot set " + name);
-}
-
 std::string textInName(const std::string& text) {
     constexpr std::size_t kMost = 20;
     return text.size() > kMost ? std::to_string(text.size()) + " characters" : "'" + text + "'";
@@ -88,7 +71,7 @@ const SCARD_IO_REQUEST* ConnectedCard::pci() const {
     return protocol == SCARD_PROTOCOL_T0 ? SCARD_PCI_T0 : SCARD_PCI_T1;
 }
 
-SystemTest::SystemTest() : log_(logToFreshDirectory()), transport_(libraryModule()) {
+SystemTest::SystemTest() : transport_(libraryModule()) {
     wholeLines_.emplace(libraryModule());
     remote.addReader(kRemoteReader);
     remote.insertCard(kRemoteReader, makeDemoCard(kRemoteCardHolder));

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "daemon_simulator.h"
+#include "environment.h"
 #include "log_matchers.h"
 #include "log_reader.h"
 #include "patience.h"
@@ -21,10 +22,6 @@ namespace tez::test {
 
 /// The library under test, as it was loaded with the test program.
 HMODULE libraryModule();
-
-/// Sets an environment variable for the library; an empty value removes it. The library reads most
-/// variables once in a process: set them before the first call.
-void setEnvironment(const std::string& name, const std::string& value);
 
 /// A text as the name of a test can show it: what is long only by its length.
 std::string textInName(const std::string& text);
@@ -96,7 +93,7 @@ class SystemTest : public testing::Test {
     static Bytes transmit(const ConnectedCard& card, const Bytes& command);
     static std::vector<std::string> listReaders(SCARDCONTEXT context);
 
-    const LogReader& log() const noexcept { return log_; }
+    const FreshLog& log() const noexcept { return log_; }
     const TransportSpy& transport() const noexcept { return transport_; }
     const StandInLibrary& standIn() const noexcept { return standIn_; }
 
@@ -104,7 +101,7 @@ class SystemTest : public testing::Test {
     void leaveLogLinesInPieces() { wholeLines_.reset(); }
 
   private:
-    LogReader log_;
+    FreshLog log_;
     std::optional<WholeLines> wholeLines_;
     TransportSpy transport_;
     StandInLibrary standIn_;

@@ -142,7 +142,7 @@ class LogFileNameTest : public LogTest {
     /// The path that the library opens.
     static std::string pathFor(const std::string& logDirectory, const std::string& program) {
         setEnvironment(kDirectory, logDirectory);
-        const StdioSpy stdio;
+        const StdioSpy stdio(libraryModule());
         const ImportPatch<decltype(::GetCurrentProcessId)> process(
             libraryModule(), "KERNEL32.dll", "GetCurrentProcessId", []() -> DWORD { return 42; });
         const ImportPatch<decltype(::GetModuleFileNameA)> name(
@@ -201,7 +201,7 @@ TEST_F(LogFileNameTest, TakesADirectoryOf255Characters) {
 
 TEST_F(LogTest, ADirectoryOf256CharactersCountsAsUnset) {
     setEnvironment(kDirectory, R"(C:\)" + std::string(253, 'x'));
-    const StdioSpy stdio;
+    const StdioSpy stdio(libraryModule());
     logTwoLines();
     EXPECT_THAT(stdio.opens(), IsEmpty());
     EXPECT_THAT(stdio.standardError(), HasSubstr("IS_VALID_CONTEXT IN-PARAMS: 12ab\n"));
@@ -209,7 +209,7 @@ TEST_F(LogTest, ADirectoryOf256CharactersCountsAsUnset) {
 
 TEST_F(LogTest, WithoutADirectoryLinesGoToStandardError) {
     setEnvironment(kDirectory, "");
-    const StdioSpy stdio;
+    const StdioSpy stdio(libraryModule());
     logTwoLines();
     EXPECT_THAT(stdio.opens(), IsEmpty());
     EXPECT_THAT(
@@ -222,7 +222,7 @@ TEST_F(LogTest, WithoutADirectoryLinesGoToStandardError) {
 TEST_F(LogTest, AFileThatCannotBeOpenedIsNotTriedAgain) {
     const std::string absent = directory() + "\\absent";
     setEnvironment(kDirectory, absent);
-    const StdioSpy stdio;
+    const StdioSpy stdio(libraryModule());
     logTwoLines();
     std::filesystem::create_directories(absent);
     logTwoLines();
@@ -299,7 +299,7 @@ TEST_F(LogTimeTest, EndsASecondWithItsLastMicrosecond) {
 }
 
 TEST_F(LogTimeTest, LeavesOutAMonthThatIsNone) {
-    const StdioSpy stdio;
+    const StdioSpy stdio(libraryModule());
     const ImportPatch<decltype(::FileTimeToSystemTime)> split(
         libraryModule(), "KERNEL32.dll", "FileTimeToSystemTime",
         [](const FILETIME* time, LPSYSTEMTIME parts) {
@@ -312,7 +312,7 @@ TEST_F(LogTimeTest, LeavesOutAMonthThatIsNone) {
 }
 
 TEST_F(LogTest, ALineIsThreeStdioCalls) {
-    const StdioSpy stdio;
+    const StdioSpy stdio(libraryModule());
     logTwoLines();
     std::vector<std::string> texts;
     for (const StdioSpy::Write& write : stdio.writes()) {
@@ -369,7 +369,7 @@ TEST_F(LogTest, ANullTextIsShownAsNull) {
 
 TEST_F(LogTest, FirstLinesAtOnceAreWrittenToOneFile) {
     setEnvironment(kLevel, "debugging");  // is no level, which is told once
-    const StdioSpy stdio;
+    const StdioSpy stdio(libraryModule());
     std::mutex mutex;
     std::condition_variable changed;
     std::set<std::FILE*> open;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <windows.h>
+
 #include <cstdio>
 #include <mutex>
 #include <string>
@@ -9,7 +11,7 @@
 
 namespace tez::test {
 
-/// Watches what the library under test does with the C runtime's streams. Thread-safe.
+/// Watches what a module does with the C runtime's streams. Thread-safe.
 class StdioSpy {
   public:
     struct Write {
@@ -21,7 +23,8 @@ class StdioSpy {
         std::string mode;
     };
 
-    StdioSpy();
+    /// @param module the library under test, or the program that has its parts within.
+    explicit StdioSpy(HMODULE module);
 
     /// Every fwrite, in order.
     std::vector<Write> writes() const;

@@ -1,18 +1,16 @@
 #include "stdio_spy.h"
 
-#include "system_test.h"
-
 namespace tez::test {
 
-StdioSpy::StdioSpy()
-    : fwrite_(libraryModule(), "msvcrt.dll", "fwrite",
+StdioSpy::StdioSpy(HMODULE module)
+    : fwrite_(module, "msvcrt.dll", "fwrite",
               [this](const void* data, std::size_t size, std::size_t count, std::FILE* stream) {
                   noteWrite(data, size * count, stream);
-                  return std::fwrite(data, size, count, stream);
+                  return fwrite_.original()(data, size, count, stream);
               }),
-      fopen_(libraryModule(), "msvcrt.dll", "fopen", [this](const char* path, const char* mode) {
+      fopen_(module, "msvcrt.dll", "fopen", [this](const char* path, const char* mode) {
           noteOpen(path, mode);
-          return std::fopen(path, mode);
+          return fopen_.original()(path, mode);
       }) {}
 
 void StdioSpy::noteWrite(const void* data, std::size_t size, std::FILE* stream) {
