@@ -100,7 +100,7 @@ std::size_t LogReader::count(std::string_view function, std::string_view message
 }
 
 std::string logToFreshDirectory() {
-    const std::string directory = "C:\\tez-tests\\" + std::to_string(GetCurrentProcessId());
+    std::string directory = "C:\\tez-tests\\" + std::to_string(GetCurrentProcessId());
     std::filesystem::remove_all(directory);  // what another process of this number has left
     std::filesystem::create_directories(directory);
     setEnvironment("TEZ_PCSC_LOG_DIR", directory);

@@ -39,7 +39,7 @@ TEST(ClientTestWithOwnDaemon, PrintsAnAttributeOfAnyLength) {
     daemon.start();
     ChildProcess client("pcsc-client.exe", "attributes \"" + reader + "\"");
     EXPECT_THAT(client.readRest(), HasSubstr("value     " + longNumber));
-    EXPECT_THAT(client.waitForEnd(kToolPatience), Optional(0U));
+    EXPECT_THAT(client.waitForEnd(kPatience), Optional(0U));
 }
 
 }  // namespace

@@ -6,7 +6,9 @@
 #include <nlohmann/json.hpp>
 
 #include "child_process.h"
+#include "daemon_pipe.h"
 #include "environment.h"
+#include "patience.h"
 #include "program_directory.h"
 #include "simulator_process.h"
 
@@ -22,14 +24,12 @@ using testing::IsSupersetOf;
 using testing::Optional;
 using testing::SizeIs;
 
-constexpr const wchar_t* kPipe = LR"(\\.\pipe\tez-pcscd-0)";
-
 /// The doctor's findings; a test failure when the exit code says something else than they do.
 std::vector<json> examine(const std::string& program = "pcsc-client.exe") {
     ChildProcess doctor(program, "doctor --json");
     const json report = json::parse(doctor.readRest());
     const bool isWell = report.at("ok");
-    EXPECT_THAT(doctor.waitForEnd(kToolPatience), Optional(isWell ? 0U : 1U));
+    EXPECT_THAT(doctor.waitForEnd(kPatience), Optional(isWell ? 0U : 1U));
     return report.at("findings");
 }
 
@@ -53,29 +53,6 @@ std::vector<std::string> texts(const std::vector<json>& findings) {
     }
     return list;
 }
-
-/// Some instances of the daemon's pipe, on which nobody answers.
-class MutePipe {
-  public:
-    explicit MutePipe(DWORD instances, DWORD direction = PIPE_ACCESS_DUPLEX) {
-        for (DWORD count = 0; count < instances; ++count) {
-            pipes_.emplace_back(CreateNamedPipeW(kPipe, direction, PIPE_TYPE_BYTE, instances, 4096,
-                                                 4096, 0, nullptr));
-            EXPECT_TRUE(pipes_.back());
-        }
-    }
-
-    /// Gives an instance to a client in this process, which keeps it.
-    void take() {
-        clients_.emplace_back(CreateFileW(kPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                                          OPEN_EXISTING, 0, nullptr));
-        EXPECT_TRUE(clients_.back());
-    }
-
-  private:
-    std::vector<UniqueHandle> pipes_;
-    std::vector<UniqueHandle> clients_;
-};
 
 TEST(ClientDoctorTest, FindsAllWell) {
     const SimulatorProcess simulator;
@@ -203,7 +180,7 @@ TEST(ClientDoctorTest, PrintsWhatToDo) {
         doctor.readRest(),
         AllOf(HasSubstr("ok     library   "), HasSubstr("WRONG  daemon    there is no pipe"),
               HasSubstr("\r\n                 what to do: start the daemon")));
-    EXPECT_THAT(doctor.waitForEnd(kToolPatience), Optional(1U));
+    EXPECT_THAT(doctor.waitForEnd(kPatience), Optional(1U));
 }
 
 }  // namespace

@@ -16,7 +16,7 @@ using testing::StartsWith;
 std::string explained(const std::string& arguments, DWORD exitCode = 0) {
     ChildProcess client("pcsc-client.exe", "explain " + arguments);
     std::string text = client.readRest();
-    EXPECT_THAT(client.waitForEnd(kToolPatience), Optional(exitCode)) << arguments;
+    EXPECT_THAT(client.waitForEnd(kPatience), Optional(exitCode)) << arguments;
     return text;
 }
 

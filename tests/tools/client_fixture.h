@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "environment.h"
+#include "patience.h"
 #include "simulator_process.h"
 
 namespace tez::test {
@@ -39,7 +40,7 @@ class ClientTest : public testing::Test {
     static std::string outputOf(const std::string& command, DWORD exitCode) {
         ChildProcess client("pcsc-client.exe", command);
         std::string text = client.readRest();
-        EXPECT_THAT(client.waitForEnd(kToolPatience), testing::Optional(exitCode)) << command;
+        EXPECT_THAT(client.waitForEnd(kPatience), testing::Optional(exitCode)) << command;
         return text;
     }
 
@@ -51,7 +52,7 @@ class ClientTest : public testing::Test {
         }
         client.writeLine("quit");
         std::string text = client.readRest();
-        EXPECT_THAT(client.waitForEnd(kToolPatience), testing::Optional(exitCode)) << text;
+        EXPECT_THAT(client.waitForEnd(kPatience), testing::Optional(exitCode)) << text;
         return text;
     }
 

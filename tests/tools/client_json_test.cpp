@@ -112,7 +112,7 @@ TEST_F(ClientJsonTest, WritesAnObjectForEachEventOfAWatch) {
     simulator.tell("insert Remote Reader 1");
     EXPECT_EQ(json::parse(watch.readLine().value()).at("atr"), kDemoAtrText);
     EXPECT_EQ(json::parse(watch.readLine().value()), json::parse(R"({"ok": true})"));
-    EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
+    EXPECT_THAT(watch.waitForEnd(kPatience), Optional(0U));
 }
 
 TEST_F(ClientJsonTest, ExplainsACode) {

@@ -36,7 +36,7 @@ TEST_F(ClientTest, EndsTheShellWithEitherWord) {
         client.writeLine(word);
         client.writeLine("readers");
         EXPECT_THAT(client.readRest(), Not(HasSubstr("[0]"))) << word;
-        EXPECT_THAT(client.waitForEnd(kToolPatience), Optional(0U)) << word;
+        EXPECT_THAT(client.waitForEnd(kPatience), Optional(0U)) << word;
     }
 }
 
@@ -74,7 +74,7 @@ TEST_F(ClientTest, OpensACardAgainWhenTheDaemonHasForgottenIt) {
     client.writeLine("quit");
     EXPECT_THAT(client.readRest(),
                 AllOf(HasSubstr("connected to Remote Reader 0"), HasSubstr("9000 success")));
-    EXPECT_THAT(client.waitForEnd(kToolPatience), Optional(0U));
+    EXPECT_THAT(client.waitForEnd(kPatience), Optional(0U));
 }
 
 }  // namespace

@@ -44,7 +44,7 @@ TEST_P(WatchTest, EndsAWatchWithACardOnTheRemoteSide) {
     simulator.tell("insert Remote Reader 1");
     EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 1: card present, ATR " +
                                                       std::string(kDemoAtrText))));
-    EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
+    EXPECT_THAT(watch.waitForEnd(kPatience), Optional(0U));
 }
 
 TEST_P(WatchTest, EndsAWatchWithACardOnTheHostsSide) {
@@ -53,7 +53,7 @@ TEST_P(WatchTest, EndsAWatchWithACardOnTheHostsSide) {
     waitUntilItWaits(watch);
     std::ofstream(cardFile()).close();
     EXPECT_THAT(watch.readLine(), Optional(StartsWith("Host Reader 0: card present")));
-    EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
+    EXPECT_THAT(watch.waitForEnd(kPatience), Optional(0U));
 }
 
 TEST_F(ClientTest, FollowsReadersAndSidesThatComeAndGo) {
@@ -70,7 +70,7 @@ TEST_F(ClientTest, FollowsReadersAndSidesThatComeAndGo) {
     EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 0: no card")));
     simulator.tell("insert Remote Reader 1");
     EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 1: card present")));
-    EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
+    EXPECT_THAT(watch.waitForEnd(kPatience), Optional(0U));
 }
 
 TEST_F(ClientTest, IsToldAtOnceOfSidesThatComeAndGoWithStandardAnswers) {
@@ -85,7 +85,7 @@ TEST_F(ClientTest, IsToldAtOnceOfSidesThatComeAndGoWithStandardAnswers) {
     EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 1: new reader, no card")));
     simulator.tell("insert Remote Reader 1");
     EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 1: card present")));
-    EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
+    EXPECT_THAT(watch.waitForEnd(kPatience), Optional(0U));
 }
 
 TEST_P(WatchTest, EndsAWatchWhenItsTimeIsOver) {
@@ -98,7 +98,7 @@ TEST_P(WatchTest, ToldOfAChangeDoesNotWaitForTheEndOfItsTime) {
     lineWith(watch, "watching");
     simulator.tell("insert Remote Reader 1");
     EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 1: card present")));
-    EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
+    EXPECT_THAT(watch.waitForEnd(kPatience), Optional(0U));
 }
 
 TEST_P(WatchTest, ShowsANamedReaderWhenItComes) {
@@ -107,7 +107,7 @@ TEST_P(WatchTest, ShowsANamedReaderWhenItComes) {
     lineWith(watch, "watching");
     simulator.tell("add Remote Reader 2");
     EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 2: new reader, no card")));
-    EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
+    EXPECT_THAT(watch.waitForEnd(kPatience), Optional(0U));
 }
 
 TEST_P(WatchTest, FollowsANamedReaderThatGoesAndComes) {
@@ -120,7 +120,7 @@ TEST_P(WatchTest, FollowsANamedReaderThatGoesAndComes) {
     EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 1: new reader, no card")));
     simulator.tell("insert Remote Reader 1");
     EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 1: card present")));
-    EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
+    EXPECT_THAT(watch.waitForEnd(kPatience), Optional(0U));
 }
 
 TEST_P(WatchTest, WatchesANamedReaderWhileTheDaemonGoesAndComes) {
@@ -130,7 +130,7 @@ TEST_P(WatchTest, WatchesANamedReaderWhileTheDaemonGoesAndComes) {
     EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 0: reader removed")));
     simulator.tell("serve");
     EXPECT_THAT(watch.readLine(), Optional(StartsWith("Remote Reader 0: new reader, card")));
-    EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
+    EXPECT_THAT(watch.waitForEnd(kPatience), Optional(0U));
 }
 
 TEST_F(ClientTest, RefusesToWatchAReaderThatIsNotThere) {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "patience.h"
+
 namespace tez::test {
 
 SimulatorProcess::SimulatorProcess(const std::string& arguments)
@@ -41,14 +43,14 @@ std::size_t SimulatorProcess::count(const std::string& text) const {
 
 void SimulatorProcess::waitFor(const std::string& text, std::size_t count) const {
     std::unique_lock lock(mutex_);
-    if (!changed_.wait_for(lock, kToolPatience, [&] { return countLocked(text) >= count; })) {
+    if (!changed_.wait_for(lock, kPatience, [&] { return countLocked(text) >= count; })) {
         throw std::runtime_error("the simulator does not say: " + text);
     }
 }
 
 std::optional<DWORD> SimulatorProcess::quit() {
     process_.writeLine("quit");
-    return process_.waitForEnd(kToolPatience);
+    return process_.waitForEnd(kPatience);
 }
 
 }  // namespace tez::test

@@ -41,7 +41,4 @@ class SimulatorProcess {
     std::thread reader_;
 };
 
-/// How long a test of a program waits for what must happen before it fails.
-inline constexpr std::chrono::seconds kToolPatience{20};
-
 }  // namespace tez::test

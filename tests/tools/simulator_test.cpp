@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "patience.h"
 #include "simulator_process.h"
 
 namespace tez::test {
@@ -73,7 +74,7 @@ TEST(SimulatorProgramTest, FailsAtItsEndWhenACommandHasFailed) {
 std::optional<DWORD> exitCodeWith(const std::string& arguments) {
     ChildProcess simulator("pcscd-sim.exe", arguments);
     EXPECT_EQ(simulator.readLine(), std::nullopt) << arguments;
-    return simulator.waitForEnd(kToolPatience);
+    return simulator.waitForEnd(kPatience);
 }
 
 TEST(SimulatorProgramTest, RefusesReadersThatCannotBe) {
@@ -105,7 +106,7 @@ TEST(SimulatorProgramTest, TakesBackWhatAProgramHeldThatHasDied) {
     holder.kill();
     EXPECT_THAT(line(), AllOf(HasSubstr("card present"), Not(HasSubstr("in use"))));
     EXPECT_LT(std::chrono::steady_clock::now() - end, std::chrono::seconds(1));
-    EXPECT_THAT(watch.waitForEnd(kToolPatience), Optional(0U));
+    EXPECT_THAT(watch.waitForEnd(kPatience), Optional(0U));
 }
 
 TEST(SimulatorProgramTest, FailsWithoutItsScript) {

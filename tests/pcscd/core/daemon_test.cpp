@@ -21,6 +21,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::copyOf;
+using test::kPatience;
 using test::resultOf;
 using testing::ElementsAre;
 using testing::Optional;

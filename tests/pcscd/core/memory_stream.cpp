@@ -7,6 +7,8 @@
 
 namespace tez::pcscd {
 
+using test::kPatience;
+
 std::size_t MemoryStream::read(std::span<std::uint8_t> buffer) {
     std::unique_lock lock(mutex_);
     std::size_t count = 0;

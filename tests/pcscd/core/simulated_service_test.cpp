@@ -12,6 +12,7 @@ namespace tez::pcscd {
 namespace {
 
 using namespace std::chrono_literals;
+using test::kPatience;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

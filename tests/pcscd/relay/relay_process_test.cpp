@@ -1,20 +1,19 @@
 // The program itself, as a person or the service manager starts it.
-#include <chrono>
 
 #include "../link/example_token.h"
 #include "child_process.h"
+#include "patience.h"
 #include "private_file.h"
 #include "relay_fixture.h"
 
 using namespace tez;
 using test::Bytes;
 using test::ChildProcess;
+using test::kPatience;
 using test::RelayTest;
 using testing::HasSubstr;
 
 namespace {
-
-constexpr std::chrono::seconds kPatience{30};
 
 class RelayProcess : public RelayTest {
   protected:

@@ -1,11 +1,12 @@
 // Causes each situation of docs/troubleshooting.md, and holds the log lines there against those
 // that the library writes.
 #include <fstream>
+#include <optional>
 #include <regex>
 #include <sstream>
 #include <thread>
 
-#include "pipe/unique_handle.h"
+#include "daemon_pipe.h"
 #include "status_waits.h"
 #include "system_test.h"
 
@@ -15,8 +16,6 @@ namespace {
 using testing::IsSupersetOf;
 using testing::Not;
 using testing::SizeIs;
-
-constexpr const wchar_t* kDaemonPipe = LR"(\\.\pipe\tez-pcscd-0)";
 
 /// The empty token's NUL, and the cache option.
 constexpr DWORD kHandshakeSize = 5;
@@ -56,21 +55,6 @@ class TroubleshootingTest : public SystemTest {
         EXPECT_THAT(lastingLines(log().text()), IsSupersetOf(documented)) << log().text();
     }
 
-    /// A pipe of the daemon's name that is none of the daemon's.
-    static UniqueHandle makePipe(DWORD direction, DWORD instances) {
-        UniqueHandle pipe(CreateNamedPipeW(kDaemonPipe, direction | FILE_FLAG_OVERLAPPED,
-                                           PIPE_TYPE_BYTE, instances, 4096, 4096, 0, nullptr));
-        EXPECT_TRUE(pipe);
-        return pipe;
-    }
-
-    /// How many bytes a client has written that nobody has read.
-    static DWORD unread(const UniqueHandle& pipe) {
-        DWORD count = 0;
-        PeekNamedPipe(pipe.get(), nullptr, 0, nullptr, &count, nullptr);
-        return count;
-    }
-
   private:
     static std::string section(const std::string& heading) {
         std::ifstream file(TEZ_TROUBLESHOOTING_PAGE);
@@ -98,26 +82,24 @@ TEST_F(TroubleshootingTest, ADaemonThatGoes) {
 }
 
 TEST_F(TroubleshootingTest, NoRightToThePipe) {
-    const UniqueHandle pipe = makePipe(PIPE_ACCESS_OUTBOUND, 4);
+    const MutePipe pipe(1, PIPE_ACCESS_OUTBOUND);
     establish();
     expectDocumented("The pipe does not admit the user");
 }
 
 TEST_F(TroubleshootingTest, NoFreeInstance) {
-    const UniqueHandle pipe = makePipe(PIPE_ACCESS_DUPLEX, 1);
-    const UniqueHandle taken(CreateFileW(kDaemonPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                                         OPEN_EXISTING, 0, nullptr));
-    ASSERT_TRUE(taken);
+    MutePipe pipe(1);
+    pipe.take();
     establish();
     expectDocumented("All instances of the pipe are taken");
 }
 
 TEST_F(TroubleshootingTest, NoHandshake) {
-    UniqueHandle pipe = makePipe(PIPE_ACCESS_DUPLEX, 1);
+    std::optional<MutePipe> pipe(1);
     std::jthread application([] { establish(); });
-    ASSERT_TRUE(eventually([&] { return unread(pipe) == kHandshakeSize; }));
+    ASSERT_TRUE(eventually([&] { return pipe->written() == kHandshakeSize; }));
     EXPECT_EQ(log().text().find("RV:"), std::string::npos);
-    pipe = UniqueHandle();
+    pipe.reset();
     application.join();
     expectDocumented("The daemon does not answer the handshake");
 }
