@@ -68,4 +68,37 @@ void putBytes(Bytes& record, std::size_t offset, std::span<const std::uint8_t> b
     std::copy(bytes.begin(), bytes.end(), record.begin() + static_cast<std::ptrdiff_t>(offset));
 }
 
+RecordBytes& RecordBytes::u32(std::size_t offset, std::uint32_t value) {
+    putU32(bytes_, offset, value);
+    return *this;
+}
+
+RecordBytes& RecordBytes::u64(std::size_t offset, std::uint64_t value) {
+    putU64(bytes_, offset, value);
+    return *this;
+}
+
+RecordBytes& RecordBytes::text(std::size_t offset, std::string_view value) {
+    return raw(offset, textBytes(value));
+}
+
+RecordBytes& RecordBytes::raw(std::size_t offset, const Bytes& value) {
+    putBytes(bytes_, offset, value);
+    return *this;
+}
+
+RecordBytes& RecordBytes::append(const Bytes& data) {
+    bytes_.insert(bytes_.end(), data.begin(), data.end());
+    return *this;
+}
+
+Bytes textBytes(std::string_view text) {
+    return {text.begin(), text.end()};
+}
+
+Bytes copyBytes(const void* data, std::size_t size) {
+    const auto* const bytes = static_cast<const std::uint8_t*>(data);
+    return {bytes, bytes + size};
+}
+
 }  // namespace tez::test

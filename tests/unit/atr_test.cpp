@@ -6,8 +6,8 @@
 #include <random>
 #include <string>
 
-#include "byte_string.h"
 #include "guarded_buffer.h"
+#include "record_codec.h"
 
 using namespace tez;
 using test::Bytes;

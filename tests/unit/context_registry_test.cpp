@@ -9,13 +9,12 @@
 #include "log_matchers.h"
 
 using namespace tez;
-using test::Bytes;
-using test::ByteString;
+using test::establishAnswer;
 using test::FakeSystemLibrary;
 using test::FreshLog;
+using test::IsSentEstablish;
 using test::LogLine;
 using test::RemoteOnlyService;
-using test::SentRequest;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -25,14 +24,6 @@ namespace {
 
 constexpr SCARDCONTEXT kSystemContext = 0x7A000001;
 constexpr std::uint64_t kDaemonContext = 0x5000001;
-
-Bytes establishAnswer(std::uint64_t daemonContext, std::uint32_t rv = 0) {
-    return ByteString().u32(2).u64(daemonContext).u32(rv).bytes();
-}
-
-SentRequest establishRequest(std::uint32_t scope, bool flag) {
-    return {1, 16, ByteString().u32(scope).u64(0).u32(0).bytes(), flag};
-}
 
 }  // namespace
 
@@ -109,7 +100,7 @@ TEST(RemoteContext, IsMadeOnFirstUseOnlyWithTheScopeOfTheContext) {
     std::uint64_t remoteContext = 0;
     EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, true), SCARD_S_SUCCESS);
     EXPECT_EQ(remoteContext, kDaemonContext);
-    EXPECT_THAT(service.daemon().requests, ElementsAre(establishRequest(0x11223344, true)));
+    EXPECT_THAT(service.daemon().requests, ElementsAre(IsSentEstablish(0x11223344, true)));
 
     remoteContext = 0;
     EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, true), SCARD_S_SUCCESS);
@@ -128,7 +119,7 @@ TEST(RemoteContext, HasTwoBindingsApartFromEachOther) {
     EXPECT_EQ(remoteLocal, 0x5000001U);
     EXPECT_EQ(remote, 0x5000002U);
     EXPECT_THAT(service.daemon().requests,
-                ElementsAre(establishRequest(2, false), establishRequest(2, true)));
+                ElementsAre(IsSentEstablish(2, false), IsSentEstablish(2, true)));
     const auto entry = unregisterContext(context);
     EXPECT_EQ(entry->remote, 0x5000002U);
     EXPECT_EQ(entry->remoteLocal, 0x5000001U);
@@ -191,7 +182,7 @@ TEST(RemoteContext, IsMadeAnewWithTheSameScopeAfterInvalidation) {
     EXPECT_THAT(service.daemon().requests, SizeIs(1)) << "the old one is not released";
     EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, true), SCARD_S_SUCCESS);
     EXPECT_EQ(remoteContext, 0x5000002U);
-    EXPECT_EQ(service.daemon().requests.back(), establishRequest(1, true));
+    EXPECT_THAT(service.daemon().requests.back(), IsSentEstablish(1, true));
 }
 
 TEST(ContextRegistry, UnbindsBothBindingsOfEveryContextAndTellsIt) {

@@ -3,10 +3,10 @@
 #include <cstring>
 #include <gtest/gtest.h>
 
-#include "byte_string.h"
 #include "common/heap.h"
 #include "guarded_buffer.h"
 #include "import_patch.h"
+#include "record_codec.h"
 
 using namespace tez;
 using test::Bytes;

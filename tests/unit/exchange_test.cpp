@@ -5,20 +5,22 @@
 #include <memory>
 #include <vector>
 
-#include "byte_string.h"
 #include "daemon/connection_pool.h"
 #include "log_matchers.h"
 #include "mock_daemon_connection.h"
+#include "record_codec.h"
+#include "record_layout.h"
 #include "wire/card_records.h"
 
 using namespace tez;
 using test::Bytes;
 using test::bytesOf;
-using test::ByteString;
 using test::copyBytes;
 using test::FreshLog;
+using test::HandleLayout;
 using test::LogLine;
 using test::MockDaemonConnection;
+using test::RecordBytes;
 using testing::AnyNumber;
 using testing::ElementsAre;
 using testing::InSequence;
@@ -91,12 +93,16 @@ class ExchangeTest : public testing::Test {
 
 TEST_F(ExchangeTest, SendsTheRecordAndReadsItBack) {
     const InSequence inOrder;
-    EXPECT_CALL(connection(),
-                sendRequest(CMD_BEGIN_TRANSACTION,
-                            PointsToBytes(ByteString().u64(0x5000001).u32(0).bytes()), 12))
+    EXPECT_CALL(
+        connection(),
+        sendRequest(
+            CMD_BEGIN_TRANSACTION,
+            PointsToBytes(
+                RecordBytes(HandleLayout::kSize).u64(HandleLayout::kHandle, 0x5000001).bytes()),
+            12))
         .WillOnce(Return(SCARD_S_SUCCESS));
     EXPECT_CALL(connection(), readMessage(NotNull(), 12))
-        .WillOnce(answer(ByteString().u64(7).u32(0).bytes()));
+        .WillOnce(answer(RecordBytes(HandleLayout::kSize).u64(HandleLayout::kHandle, 7).bytes()));
     HandleRecord record = {0x5000001, 0};
     EXPECT_EQ(exchangeRecord(kCallLog, CMD_BEGIN_TRANSACTION, record), SCARD_S_SUCCESS);
     EXPECT_EQ(std::uint64_t{record.handle}, 7U);  // a copy: the field may stand anywhere
@@ -106,7 +112,10 @@ TEST_F(ExchangeTest, SendsTheRecordAndReadsItBack) {
 TEST_F(ExchangeTest, ReturnsTheDaemonsResult) {
     EXPECT_CALL(connection(), sendRequest(_, _, _)).WillOnce(Return(SCARD_S_SUCCESS));
     EXPECT_CALL(connection(), readMessage(_, _))
-        .WillOnce(answer(ByteString().u64(7).u32(0x80100069).bytes()));
+        .WillOnce(answer(RecordBytes(HandleLayout::kSize)
+                             .u64(HandleLayout::kHandle, 7)
+                             .u32(HandleLayout::kResult, 0x80100069)
+                             .bytes()));
     HandleRecord record = {0x5000001, 0};
     EXPECT_EQ(exchangeRecord(kCallLog, CMD_BEGIN_TRANSACTION, record), SCARD_W_REMOVED_CARD);
     EXPECT_THAT(log().entries(), IsEmpty());

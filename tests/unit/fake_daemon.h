@@ -2,26 +2,41 @@
 
 #include <cstring>
 #include <deque>
-#include <gtest/gtest.h>
 #include <memory>
 #include <optional>
 
-#include "byte_string.h"
-#include "common/owned_handle.h"
 #include "daemon/connection_pool.h"
 #include "daemon/daemon_connection.h"
+#include "pipe/transfer.h"
+#include "request_matchers.h"
 
 namespace tez::test {
 
 /// A request as it left the library, and whether it was sent as a redirected one.
-struct SentRequest {
-    std::uint32_t command = 0;
-    std::uint64_t announced = 0;  ///< the size in the header
-    Bytes bytes;                  ///< the record and what followed it
-    std::optional<bool> flag;     ///< of sendRequestFlagged
-
-    friend bool operator==(const SentRequest&, const SentRequest&) = default;
+struct SentRequest : Request {
+    std::optional<bool> flag;  ///< of sendRequestFlagged
 };
+
+/// Matches a request as IsRequest does, and the flag that it was sent with, if with any.
+inline testing::Matcher<const SentRequest&> IsSent(Command command, const Bytes& body,
+                                                   std::optional<bool> flag = std::nullopt) {
+    return testing::AllOf(IsRequest(command, body),
+                          testing::Field("flag", &SentRequest::flag, flag));
+}
+
+/// Matches an ESTABLISH for a context of the scope.
+inline testing::Matcher<const SentRequest&> IsSentEstablish(std::uint32_t scope, bool flag) {
+    return IsSent(Command::kEstablishContext,
+                  RecordBytes(EstablishLayout::kSize).u32(EstablishLayout::kScope, scope), flag);
+}
+
+/// The daemon's answer to an ESTABLISH with SCARD_SCOPE_SYSTEM.
+inline RecordBytes establishAnswer(std::uint64_t daemonContext, std::uint32_t rv = 0) {
+    return RecordBytes(EstablishLayout::kSize)
+        .u32(EstablishLayout::kScope, SCARD_SCOPE_SYSTEM)
+        .u64(EstablishLayout::kContext, daemonContext)
+        .u32(EstablishLayout::kResult, rv);
+}
 
 /// What a FakeDaemon has received and what it is to answer.
 struct FakeDaemonState {
@@ -42,16 +57,18 @@ class FakeDaemonConnection : public DaemonConnection {
     bool connect() override { return true; }
     void closeSocket() override { ++state_.timesClosed; }
     LONG sendMessage(const void* data, std::uint64_t size) override {
-        Bytes& bytes = state_.requests.back().bytes;
+        Bytes& body = state_.requests.back().body;
         const Bytes more = copyBytes(data, size);
-        bytes.insert(bytes.end(), more.begin(), more.end());
+        body.insert(body.end(), more.begin(), more.end());
         return SCARD_S_SUCCESS;
     }
     LONG sendHeaderForward(std::uint32_t command, std::uint64_t size) override {
         return sendHeader(command, size);
     }
     LONG sendHeader(std::uint32_t command, std::uint64_t size) override {
-        state_.requests.push_back({command, size, {}, std::nullopt});
+        SentRequest& request = state_.requests.emplace_back();
+        request.command = static_cast<Command>(command);
+        request.header = requestHeader(request.command, size);
         return SCARD_S_SUCCESS;
     }
     LONG sendRequestFlagged(std::uint32_t command, const void* data, std::uint64_t size,
@@ -94,7 +111,7 @@ class FakeDaemonConnection : public DaemonConnection {
 
   private:
     FakeDaemonState& state_;
-    OwnedHandle ended_{CreateEventA(nullptr, TRUE, FALSE, nullptr)};
+    UniqueHandle ended_ = makeEvent();
     LONG received_ = SCARD_S_SUCCESS;
 };
 
@@ -128,12 +145,5 @@ class RemoteOnlyService {
   private:
     FakeDaemonState daemon_;
 };
-
-/// GoogleTest prints requests with it.
-inline void PrintTo(const SentRequest& request, std::ostream* stream) {
-    *stream << "command " << request.command << ", announced " << request.announced << ", "
-            << testing::PrintToString(request.bytes) << ", flag "
-            << testing::PrintToString(request.flag);
-}
 
 }  // namespace tez::test

@@ -4,82 +4,24 @@
 #include <string>
 
 #include "daemon/daemon_connection_tez.h"
-#include "environment.h"
 #include "log_matchers.h"
-#include "pipe_server.h"
+#include "scripted_daemon.h"
 
 using namespace tez;
 using test::Bytes;
-using test::ByteString;
 using test::FreshLog;
 using test::LogLine;
-using test::PipeServer;
-using test::ServerPipe;
-using test::setEnvironment;
+using test::RecordBytes;
+using test::ScriptedDaemon;
+using test::ScriptedPipe;
 using testing::Contains;
-using testing::HasSubstr;
-
-namespace {
-
-constexpr const char* kCacheSwitch = "TEZ_PCSC_ENABLE_CACHE";
-
-/// What a daemon receives while a client connects with a setting of the cache switch.
-Bytes handshakeWith(const std::string& setting) {
-    setEnvironment(kCacheSwitch, setting);
-    Bytes received;
-    PipeServer daemon([&received](ServerPipe& pipe) {
-        pipe.accept();
-        received = pipe.handshake();
-    });
-    DaemonConnectionTEZ connection;
-    EXPECT_TRUE(connection.connect());
-    daemon.finish();
-    return received;
-}
-
-Bytes handshakeBytes(std::uint8_t option) {
-    return ByteString().fill(0, 1).u32(option).bytes();
-}
-
-}  // namespace
-
-TEST(Handshake, SendsAnEmptyTokenAndAnUnsetOption) {
-    const FreshLog log;
-    EXPECT_EQ(handshakeWith(""), (Bytes{0x00, 0xFF, 0xFF, 0xFF, 0xFF}));
-    EXPECT_THAT(log.entries(), Contains(LogLine('D', "DaemonConnectionTEZ::connect",
-                                                "TEZ_PCSC_ENABLE_CACHE is not set")));
-    EXPECT_THAT(log.entries().back().message, HasSubstr("cache unset"));
-}
-
-TEST(Handshake, SendsZeroForASwitchThatIsOff) {
-    const FreshLog log;
-    EXPECT_EQ(handshakeWith("FaLsE"), handshakeBytes(0));
-    EXPECT_EQ(handshakeWith("0"), handshakeBytes(0));
-    EXPECT_THAT(log.entries(), Contains(LogLine('D', "DaemonConnectionTEZ::connect",
-                                                "TEZ_PCSC_ENABLE_CACHE = FaLsE")));
-    EXPECT_THAT(log.entries().back().message, HasSubstr("cache disabled"));
-}
-
-TEST(Handshake, SendsOneForAnyOtherValueOfTheSwitch) {
-    const FreshLog log;
-    for (const char* const value : {"1", "yes", "00", "no"}) {
-        EXPECT_EQ(handshakeWith(value), handshakeBytes(1)) << value;
-        EXPECT_THAT(log.entries().back().message, HasSubstr("cache enabled"));
-    }
-}
-
-TEST(Handshake, TakesASwitchOf128CharactersForUnset) {
-    EXPECT_EQ(handshakeWith(std::string(128, 'x')), (Bytes{0x00, 0xFF, 0xFF, 0xFF, 0xFF}));
-    EXPECT_EQ(handshakeWith(std::string(127, 'x')), handshakeBytes(1));
-}
 
 TEST(Handshake, TakesAnyVersionAndTellsIt) {
     const FreshLog log;
-    PipeServer daemon([](ServerPipe& pipe) {
+    ScriptedDaemon daemon([](ScriptedPipe& pipe) {
         pipe.accept();
         pipe.handshake(2, 7);
     });
-    setEnvironment(kCacheSwitch, "");
     DaemonConnectionTEZ connection;
     EXPECT_TRUE(connection.connect());
     EXPECT_THAT(
@@ -102,7 +44,7 @@ TEST(Handshake, HasVersionZeroBeforeIt) {
 }
 
 TEST(Handshake, LeavesTheVersionStandingAfterTheConnectionIsClosed) {
-    PipeServer daemon([](ServerPipe& pipe) {
+    ScriptedDaemon daemon([](ScriptedPipe& pipe) {
         pipe.accept();
         pipe.handshake(1, 3);
     });
@@ -123,10 +65,10 @@ TEST(Handshake, NeedsAnOpenPipe) {
 TEST(Handshake, SendsATokenOfAnyLengthWithItsEnd) {
     const Bytes expected = {'k', 'e', 'y', 0, 1, 0, 0, 0};
     Bytes received;
-    PipeServer daemon([&received](ServerPipe& pipe) {
+    ScriptedDaemon daemon([&received](ScriptedPipe& pipe) {
         pipe.accept();
         received = pipe.read(8);
-        pipe.write(ByteString().u32(1).u32(4).bytes());
+        pipe.write(RecordBytes(8).u32(0, 1).u32(4, 4).bytes());
     });
     DaemonConnectionTEZ connection;
     ASSERT_TRUE(connection.connectSocket(test::kDaemonPipe));
@@ -165,7 +107,7 @@ TEST(Handshake, TellsWhichMessageFailedAndClosesThePipe) {
     const FreshLog log;
     int failing = 0;
     for (const char* const warning : kWarnings) {
-        PipeServer daemon([](ServerPipe& pipe) {
+        ScriptedDaemon daemon([](ScriptedPipe& pipe) {
             pipe.accept();
             pipe.waitForClose();
         });
@@ -179,7 +121,7 @@ TEST(Handshake, TellsWhichMessageFailedAndClosesThePipe) {
 
 TEST(Handshake, FailsWhenTheDaemonClosesThePipeInsteadOfAnswering) {
     const FreshLog log;
-    PipeServer daemon([](ServerPipe& pipe) {
+    ScriptedDaemon daemon([](ScriptedPipe& pipe) {
         pipe.accept();
         pipe.read(5);
     });
@@ -193,7 +135,7 @@ TEST(Handshake, FailsWhenTheDaemonClosesThePipeInsteadOfAnswering) {
 }
 
 TEST(Handshake, FailsWithAnAnswerThatIsCutShort) {
-    PipeServer daemon([](ServerPipe& pipe) {
+    ScriptedDaemon daemon([](ScriptedPipe& pipe) {
         pipe.accept();
         pipe.read(5);
         pipe.write({1, 0, 0, 0});

@@ -50,37 +50,28 @@ void logWarning(const char* text) {
 
 }  // namespace
 
+struct LevelSetting {
+    const char* word;
+    int level;
+};
+
+void PrintTo(const LevelSetting& setting, std::ostream* stream) {
+    *stream << "'" << setting.word << "'";
+}
+
+class LogLevelSetting : public testing::TestWithParam<LevelSetting> {};
+
 // The settings are read once in a process, so each value has a test, and a process, of its own.
-TEST(LogLevelSetting, ErrorLeavesOutWhatTheLibraryWrites) {
-    EXPECT_EQ(levelFor("error"), 1);
+TEST_P(LogLevelSetting, SaysWhatIsWritten) {
+    EXPECT_EQ(levelFor(GetParam().word), GetParam().level);
 }
-TEST(LogLevelSetting, WarningIsTwo) {
-    EXPECT_EQ(levelFor("warning"), 2);
-}
-TEST(LogLevelSetting, InfoIsThree) {
-    EXPECT_EQ(levelFor("info"), 3);
-}
-TEST(LogLevelSetting, DebugIsFour) {
-    EXPECT_EQ(levelFor("debug"), 4);
-}
-TEST(LogLevelSetting, CaseDoesNotMatter) {
-    EXPECT_EQ(levelFor("DEBUG"), 4);
-}
-TEST(LogLevelSetting, MixedCaseDoesNotMatter) {
-    EXPECT_EQ(levelFor("ErRoR"), 1);
-}
-TEST(LogLevelSetting, AnUnknownWordIsTwo) {
-    EXPECT_EQ(levelFor("verbose"), 2);
-}
-TEST(LogLevelSetting, ANumberIsNoLevel) {
-    EXPECT_EQ(levelFor("4"), 2);
-}
-TEST(LogLevelSetting, AWordWithABlankIsUnknown) {
-    EXPECT_EQ(levelFor("debug "), 2);
-}
-TEST(LogLevelSetting, UnsetIsTwo) {
-    EXPECT_EQ(levelFor(""), 2);
-}
+
+INSTANTIATE_TEST_SUITE_P(Words, LogLevelSetting,
+                         testing::Values(LevelSetting{"error", 1}, LevelSetting{"warning", 2},
+                                         LevelSetting{"info", 3}, LevelSetting{"debug", 4},
+                                         LevelSetting{"DEBUG", 4}, LevelSetting{"ErRoR", 1},
+                                         LevelSetting{"verbose", 2}, LevelSetting{"4", 2},
+                                         LevelSetting{"debug ", 2}, LevelSetting{"", 2}));
 
 /// What the log tells of its own settings, on standard error.
 class LogSettingMistake : public testing::Test {
@@ -166,7 +157,7 @@ TEST(LogSettingMistakes, AreToldInTheFileWhenThereIsOne) {
                             "using warning"));
 }
 
-TEST(LogLevelSetting, IsReadOnce) {
+TEST(LogLevelSettings, AreReadOnce) {
     EXPECT_EQ(levelFor("info"), 3);
     EXPECT_EQ(levelFor("debug"), 3);
 }

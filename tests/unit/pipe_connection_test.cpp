@@ -7,27 +7,24 @@
 #include "daemon/daemon_connection_tez.h"
 #include "import_patch.h"
 #include "log_matchers.h"
-#include "pipe_server.h"
+#include "scripted_daemon.h"
 
 using namespace tez;
 using test::Bytes;
-using test::ByteString;
 using test::FreshLog;
 using test::ImportPatch;
 using test::kDaemonPipe;
 using test::LogLine;
-using test::PipeServer;
-using test::ServerPipe;
+using test::RecordBytes;
+using test::ScriptedDaemon;
+using test::ScriptedPipe;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 
 TEST(PipeConnection, DoesNoInputOrOutputWhenItIsOpenAlready) {
-    PipeServer daemon([](ServerPipe& pipe) {
-        pipe.accept();
-        pipe.handshake();
-    });
+    ScriptedDaemon daemon([](ScriptedPipe& pipe) { pipe.greet(); });
     DaemonConnectionTEZ connection;
     EXPECT_TRUE(connection.connect());
     daemon.finish();
@@ -46,10 +43,7 @@ TEST(PipeConnection, TellsTheErrorOfAPipeThatIsAbsent) {
 
 TEST(PipeConnection, TellsTheHandleOfThePipe) {
     const FreshLog log;
-    PipeServer daemon([](ServerPipe& pipe) {
-        pipe.accept();
-        pipe.handshake();
-    });
+    ScriptedDaemon daemon([](ScriptedPipe& pipe) { pipe.greet(); });
     DaemonConnectionTEZ connection;
     EXPECT_TRUE(connection.connect());
     EXPECT_THAT(log.entries(), Contains(LogLine('D', "DaemonConnectionTEZ::connectSocket",
@@ -82,17 +76,16 @@ TEST(PipeConnection, OpensThePipeForOverlappedReadingAndWriting) {
 }
 
 /// Keeps the instance busy for as long as its client stays.
-void serveOneClient(ServerPipe& pipe) {
+void serveOneClient(ScriptedPipe& pipe) {
     pipe.accept();
     pipe.waitForClose();
 }
 
 TEST(PipeConnection, GivesABusyPipeUpAfterTheServersTime) {
     const FreshLog log;
-    PipeServer daemon(serveOneClient);
-    const OwnedFile other(CreateFileA(kDaemonPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                                      OPEN_EXISTING, 0, nullptr));
-    ASSERT_TRUE(other.isOpen());
+    ScriptedDaemon daemon(serveOneClient);
+    const pcscd::UniqueHandle other = test::openDaemonPipe();
+    ASSERT_TRUE(other);
     DaemonConnectionTEZ connection;
     EXPECT_FALSE(connection.connect());
     EXPECT_THAT(log.entries().back(), LogLine('D', "DaemonConnectionTEZ::connectSocket",
@@ -100,21 +93,19 @@ TEST(PipeConnection, GivesABusyPipeUpAfterTheServersTime) {
 }
 
 TEST(PipeConnection, TriesABusyPipeAgainAsOftenAsTheWaitSucceeds) {
-    PipeServer daemon(serveOneClient);
-    const OwnedFile other(CreateFileA(kDaemonPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                                      OPEN_EXISTING, 0, nullptr));
-    ASSERT_TRUE(other.isOpen());
+    ScriptedDaemon daemon(serveOneClient);
+    const pcscd::UniqueHandle other = test::openDaemonPipe();
+    ASSERT_TRUE(other);
     int waits = 0;
-    std::unique_ptr<PipeServer> second;
+    std::unique_ptr<ScriptedDaemon> second;
     const ImportPatch<decltype(::WaitNamedPipeA)> patch(
         GetModuleHandleA(nullptr), "KERNEL32.dll", "WaitNamedPipeA",
         [&](LPCSTR path, DWORD timeout) -> BOOL {
             EXPECT_STREQ(path, kDaemonPipe);
             EXPECT_EQ(timeout, 0U);  // the server's default
             if (++waits == 3) {      // a free instance at last
-                second = std::make_unique<PipeServer>([](ServerPipe& pipe) {
-                    pipe.accept();
-                    pipe.handshake();
+                second = std::make_unique<ScriptedDaemon>([](ScriptedPipe& pipe) {
+                    pipe.greet();
                     pipe.waitForClose();
                 });
             }
@@ -129,9 +120,8 @@ TEST(PipeConnection, TriesABusyPipeAgainAsOftenAsTheWaitSucceeds) {
 
 TEST(PipeConnection, ClosesThePipeWhenItIsDestroyed) {
     bool wasClosed = false;
-    PipeServer daemon([&wasClosed](ServerPipe& pipe) {
-        pipe.accept();
-        pipe.handshake();
+    ScriptedDaemon daemon([&wasClosed](ScriptedPipe& pipe) {
+        pipe.greet();
         wasClosed = pipe.waitForClose();
     });
     {
@@ -144,9 +134,8 @@ TEST(PipeConnection, ClosesThePipeWhenItIsDestroyed) {
 
 TEST(PipeConnection, WritesHeaderAndRecordAndReadsTheAnswer) {
     Bytes request;
-    PipeServer daemon([&request](ServerPipe& pipe) {
-        pipe.accept();
-        pipe.handshake();
+    ScriptedDaemon daemon([&request](ScriptedPipe& pipe) {
+        pipe.greet();
         request = pipe.read(16);
         pipe.write({9, 8, 7});
     });
@@ -156,17 +145,17 @@ TEST(PipeConnection, WritesHeaderAndRecordAndReadsTheAnswer) {
     Bytes answer(3);
     EXPECT_EQ(connection.readMessage(answer.data(), 3), SCARD_S_SUCCESS);
     daemon.finish();
-    EXPECT_EQ(request, ByteString().u32(4).u32(0x801).u32(0).text("abcd", 4).bytes());
+    EXPECT_EQ(request, RecordBytes(16).u32(0, 4).u32(4, 0x801).text(12, "abcd").bytes());
     EXPECT_EQ(answer, (Bytes{9, 8, 7}));
 }
 
 TEST(PipeConnection, CarriesAHeaderOverToAFreshPipe) {
     const FreshLog log;
     Bytes second;
-    PipeServer daemon([&second](ServerPipe& pipe) {
+    ScriptedDaemon daemon([&second](ScriptedPipe& pipe) {
         pipe.accept();
         pipe.handshake(1, 1);
-        ServerPipe fresh = pipe.makeNext();
+        ScriptedPipe fresh = pipe.makeNext();
         pipe.close();
         fresh.accept();
         second = fresh.handshake(1, 4);
@@ -184,7 +173,7 @@ TEST(PipeConnection, CarriesAHeaderOverToAFreshPipe) {
     EXPECT_EQ(connection.readMessage(&answer, 1), SCARD_S_SUCCESS);
     daemon.finish();
     EXPECT_EQ(second,
-              ByteString().fill(0, 1).u32(0xFFFFFFFF).u32(3).u32(7).u32(0).text("abc", 3).bytes());
+              RecordBytes(20).u32(1, 0xFFFFFFFF).u32(5, 3).u32(9, 7).text(17, "abc").bytes());
     EXPECT_TRUE(connection.isProtocolAtLeast(1, 4)) << "the version is that of the fresh pipe";
     EXPECT_THAT(log.entries(), Contains(LogLine('D', "DaemonConnectionTEZ::sendHeader",
                                                 "Could not write header command 7")));
@@ -192,10 +181,7 @@ TEST(PipeConnection, CarriesAHeaderOverToAFreshPipe) {
 }
 
 TEST(PipeConnection, AnswersNoServiceToAHeaderWhenTheDaemonHasGone) {
-    PipeServer daemon([](ServerPipe& pipe) {
-        pipe.accept();
-        pipe.handshake();
-    });
+    ScriptedDaemon daemon([](ScriptedPipe& pipe) { pipe.greet(); });
     DaemonConnectionTEZ connection;
     EXPECT_TRUE(connection.connect());
     daemon.finish();
@@ -205,10 +191,7 @@ TEST(PipeConnection, AnswersNoServiceToAHeaderWhenTheDaemonHasGone) {
 
 TEST(PipeConnection, DoesNotCarryABodyOver) {
     const FreshLog log;
-    PipeServer daemon([](ServerPipe& pipe) {
-        pipe.accept();
-        pipe.handshake();
-    });
+    ScriptedDaemon daemon([](ScriptedPipe& pipe) { pipe.greet(); });
     DaemonConnectionTEZ connection;
     EXPECT_TRUE(connection.connect());
     daemon.finish();
@@ -368,7 +351,7 @@ TEST(PipeConnection, WithoutAPipesNameThereIsNoDaemonToConnectTo) {
 }
 
 TEST(PipeConnection, ReconnectsThroughTheOverriddenOperations) {
-    PipeServer daemon([](ServerPipe& pipe) { pipe.accept(); });
+    ScriptedDaemon daemon([](ScriptedPipe& pipe) { pipe.accept(); });
     UnconnectableConnection connection;
     ASSERT_TRUE(connection.connectSocket(kDaemonPipe));
     daemon.finish();

@@ -3,18 +3,17 @@
 #include <vector>
 
 #include "daemon/connection_pool.h"
-#include "pipe_server.h"
+#include "scripted_daemon.h"
 
 using namespace tez;
-using test::PipeServer;
-using test::ServerPipe;
+using test::ScriptedDaemon;
+using test::ScriptedPipe;
 
 TEST(PipePool, MakesAConnectionOfItsOwnInLocalFirstAndReusesIt) {
     setServiceState(ServiceState::LocalFirst);
     int handshakes = 0;
-    PipeServer daemon([&handshakes](ServerPipe& pipe) {
-        pipe.accept();
-        pipe.handshake();
+    ScriptedDaemon daemon([&handshakes](ScriptedPipe& pipe) {
+        pipe.greet();
         ++handshakes;
         pipe.waitForClose();
     });
@@ -31,7 +30,7 @@ TEST(PipePool, MakesAConnectionOfItsOwnInLocalFirstAndReusesIt) {
 }
 
 TEST(PipePool, DoesNotTouchThePipeInOtherStates) {
-    PipeServer daemon([](ServerPipe& pipe) {
+    ScriptedDaemon daemon([](ScriptedPipe& pipe) {
         pipe.accept();
         ADD_FAILURE() << "the pipe was opened";
     });
@@ -55,7 +54,7 @@ TEST(PipePool, ReconnectsAPooledConnectionThatWasClosed) {
     DaemonConnection* const first = connection.get();
     releaseConnection(std::move(connection));
 
-    PipeServer daemon([](ServerPipe& pipe) {
+    ScriptedDaemon daemon([](ScriptedPipe& pipe) {
         pipe.accept();
         pipe.handshake(1, 9);
         pipe.waitForClose();

@@ -6,7 +6,7 @@
 #include "daemon/daemon_connection_tez.h"
 #include "import_patch.h"
 #include "log_matchers.h"
-#include "pipe_server.h"
+#include "scripted_daemon.h"
 
 using namespace tez;
 using test::Bytes;
@@ -14,8 +14,8 @@ using test::FreshLog;
 using test::ImportPatch;
 using test::kDaemonPipe;
 using test::LogLine;
-using test::PipeServer;
-using test::ServerPipe;
+using test::ScriptedDaemon;
+using test::ScriptedPipe;
 using testing::MatchesRegex;
 
 namespace {
@@ -23,9 +23,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 /// A daemon that takes a connection and then says and reads nothing.
-void acceptAndStall(ServerPipe& pipe) {
-    pipe.accept();
-    pipe.handshake();
+void acceptAndStall(ScriptedPipe& pipe) {
+    pipe.greet();
     pipe.stall();
 }
 
@@ -39,7 +38,7 @@ TEST(PipeTransfer, ReadsNothingWithoutInputOrOutput) {
 TEST(PipeTransfer, ReadsAnEmptyMessageFromAnOpenPipeOnly) {
     DaemonConnectionTEZ connection;
     EXPECT_EQ(connection.readMessage(nullptr, 0), SCARD_E_NO_SERVICE);
-    PipeServer daemon(acceptAndStall);
+    ScriptedDaemon daemon(acceptAndStall);
     EXPECT_TRUE(connection.connect());
     EXPECT_EQ(connection.readMessage(nullptr, 0), SCARD_S_SUCCESS);
 }
@@ -47,13 +46,12 @@ TEST(PipeTransfer, ReadsAnEmptyMessageFromAnOpenPipeOnly) {
 TEST(PipeTransfer, GivesAReadUpAfterItsTimeAndOpensAFreshPipeForTheNextRequest) {
     const FreshLog log;
     Bytes request;
-    PipeServer daemon([&request](ServerPipe& pipe) {
+    ScriptedDaemon daemon([&request](ScriptedPipe& pipe) {
         pipe.accept();
-        ServerPipe fresh = pipe.makeNext();
+        ScriptedPipe fresh = pipe.makeNext();
         pipe.handshake();
         EXPECT_TRUE(pipe.waitForClose());
-        fresh.accept();
-        fresh.handshake();
+        fresh.greet();
         request = fresh.read(15);
     });
     DaemonConnectionTEZ connection;
@@ -73,7 +71,7 @@ TEST(PipeTransfer, GivesAReadUpAfterItsTimeAndOpensAFreshPipeForTheNextRequest) 
 
 TEST(PipeTransfer, GivesAStalledWriteUpAfterASecond) {
     const FreshLog log;
-    PipeServer daemon(acceptAndStall, 64);
+    ScriptedDaemon daemon(acceptAndStall, 64);
     DaemonConnectionTEZ connection;
     EXPECT_TRUE(connection.connect());
     const Bytes much(1 << 20, 0xAA);
@@ -87,7 +85,7 @@ TEST(PipeTransfer, GivesAStalledWriteUpAfterASecond) {
 }
 
 TEST(PipeTransfer, KeepsTheMemoryOfACancelledTransferUntilThePipeIsClosed) {
-    PipeServer daemon(acceptAndStall);
+    ScriptedDaemon daemon(acceptAndStall);
     std::vector<OVERLAPPED*> cancelled;
     const ImportPatch<decltype(::CancelIoEx)> patch(
         GetModuleHandleA(nullptr), "KERNEL32.dll", "CancelIoEx",
@@ -120,9 +118,8 @@ TEST(PipeTransfer, KeepsTheMemoryOfACancelledTransferUntilThePipeIsClosed) {
 
 TEST(PipeTransfer, FailsAShortReadButTellsTheCountOfAShortWrite) {
     const FreshLog log;
-    PipeServer daemon([](ServerPipe& pipe) {
-        pipe.accept();
-        pipe.handshake();
+    ScriptedDaemon daemon([](ScriptedPipe& pipe) {
+        pipe.greet();
         pipe.write({1, 2, 3});
         pipe.stall();
     });
@@ -151,10 +148,7 @@ TEST(PipeTransfer, FailsAShortReadButTellsTheCountOfAShortWrite) {
 
 TEST(PipeTransfer, TellsWhyATransferWasRefusedAtOnce) {
     const FreshLog log;
-    PipeServer daemon([](ServerPipe& pipe) {
-        pipe.accept();
-        pipe.handshake();
-    });
+    ScriptedDaemon daemon([](ScriptedPipe& pipe) { pipe.greet(); });
     DaemonConnectionTEZ connection;
     EXPECT_TRUE(connection.connect());
     daemon.finish();
@@ -171,11 +165,10 @@ TEST(PipeTransfer, TellsWhyATransferWasRefusedAtOnce) {
 
 TEST(PipeTransfer, TellsWhyTheResultOfAPendingReadCannotBeHad) {
     const FreshLog log;
-    HANDLE readPending = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    const OwnedHandle owner(readPending);
-    PipeServer daemon([readPending](ServerPipe& pipe) {
-        pipe.accept();
-        pipe.handshake();
+    const pcscd::UniqueHandle event = pcscd::makeEvent();
+    const HANDLE readPending = event.get();
+    ScriptedDaemon daemon([readPending](ScriptedPipe& pipe) {
+        pipe.greet();
         WaitForSingleObject(readPending, INFINITE);
     });
     DaemonConnectionTEZ connection;

@@ -5,16 +5,23 @@
 
 using namespace tez;
 using namespace std::string_literals;
+using test::AttributeLayout;
 using test::Bytes;
-using test::ByteString;
+using test::Command;
 using test::GuardedBuffer;
-using test::SentRequest;
+using test::IsSent;
+using test::RecordBytes;
+using test::TransmitCountLayout;
 using testing::IsEmpty;
 
 namespace {
 
-Bytes attribRecord(std::uint32_t attribute, std::uint32_t length, std::uint32_t rv = 0) {
-    return ByteString().u64(0x6000001).u32(attribute).fill(0, 264).u32(length).u32(rv).bytes();
+RecordBytes attribRecord(std::uint32_t attribute, std::uint32_t length, std::uint32_t rv = 0) {
+    return RecordBytes(AttributeLayout::kSize)
+        .u64(AttributeLayout::kCard, 0x6000001)
+        .u32(AttributeLayout::kId, attribute)
+        .u32(AttributeLayout::kLength, length)
+        .u32(AttributeLayout::kResult, rv);
 }
 
 }  // namespace
@@ -43,8 +50,8 @@ TEST_F(RemoteOnlyAttributes, AreAskedForInTheNewerFormWhateverTheVersion) {
     const GuardedBuffer value(300);
     DWORD length = 300;  // more than the fixed form could carry
     EXPECT_EQ(SCardGetAttrib(card, SCARD_ATTR_VENDOR_NAME, value.data(), &length), SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest(),
-              (SentRequest{15, 284, attribRecord(SCARD_ATTR_VENDOR_NAME, 300), std::nullopt}));
+    EXPECT_THAT(takeRequest(),
+                IsSent(Command::kGetAttribute, attribRecord(SCARD_ATTR_VENDOR_NAME, 300)));
     EXPECT_EQ(std::string(value.as<char>(), length), "Maker");
 }
 
@@ -109,24 +116,23 @@ TEST_F(RemoteOnlyAttributes, AreSetInTheNewerFormWhateverTheVersion) {
     daemon().answers = {attribRecord(SCARD_ATTR_SUPRESS_T1_IFS_REQUEST, 300)};
     EXPECT_EQ(SCardSetAttrib(card, SCARD_ATTR_SUPRESS_T1_IFS_REQUEST, value.data(), 300),
               SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest(),
-              (SentRequest{16, 584,
-                           ByteString()
-                               .append(attribRecord(SCARD_ATTR_SUPRESS_T1_IFS_REQUEST, 300))
-                               .append(value)
-                               .bytes(),
-                           std::nullopt}));
+    EXPECT_THAT(takeRequest(),
+                IsSent(Command::kSetAttribute,
+                       attribRecord(SCARD_ATTR_SUPRESS_T1_IFS_REQUEST, 300).append(value)));
 }
 
 TEST_F(RemoteOnlyAttributes, IncludeTheTransmitCountWhateverTheVersion) {
     daemon().versionMinor = 0;
     const SCARDHANDLE card = remoteCard();
-    daemon().answers = {ByteString().u64(0x6000001).u32(41).u32(0).bytes()};
+    daemon().answers = {RecordBytes(TransmitCountLayout::kSize)
+                            .u64(TransmitCountLayout::kCard, 0x6000001)
+                            .u32(TransmitCountLayout::kCount, 41)};
     DWORD count = 7;
     EXPECT_EQ(SCardGetTransmitCount(card, &count), SCARD_S_SUCCESS);
-    EXPECT_EQ(
-        takeRequest(),
-        (SentRequest{0x801, 16, ByteString().u64(0x6000001).u32(7).u32(0).bytes(), std::nullopt}));
+    EXPECT_THAT(takeRequest(),
+                IsSent(Command::kGetTransmitCount, RecordBytes(TransmitCountLayout::kSize)
+                                                       .u64(TransmitCountLayout::kCard, 0x6000001)
+                                                       .u32(TransmitCountLayout::kCount, 7)));
     EXPECT_EQ(count, 41U);
 }
 

@@ -8,9 +8,13 @@
 
 using namespace tez;
 using test::Bytes;
-using test::ByteString;
+using test::CacheLayout;
+using test::Command;
 using test::GuardedBuffer;
-using test::SentRequest;
+using test::IsSent;
+using test::ListLayout;
+using test::RecordBytes;
+using test::terminated;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -21,13 +25,21 @@ namespace {
 constexpr UUID kAskedCard = {0x01010101, 0x0202, 0x0303, {4, 4, 4, 4, 4, 4, 4, 4}};
 constexpr UUID kAnsweredCard = {0x05050505, 0x0606, 0x0707, {8, 8, 8, 8, 8, 8, 8, 8}};
 
-Bytes cacheBytes(std::uint64_t context, const UUID& card, std::uint32_t length,
-                 std::uint32_t rv = 0) {
-    return ByteString().u64(context).append(test::bytesOf(card)).u32(7).u32(length).u32(rv).bytes();
+RecordBytes cacheBytes(std::uint64_t context, const UUID& card, std::uint32_t length,
+                       std::uint32_t rv = 0) {
+    return RecordBytes(CacheLayout::kSize)
+        .u64(CacheLayout::kContext, context)
+        .raw(CacheLayout::kCard, test::bytesOf(card))
+        .u32(CacheLayout::kFreshness, 7)
+        .u32(CacheLayout::kLength, length)
+        .u32(CacheLayout::kResult, rv);
 }
 
-Bytes iconBytes(std::uint64_t context, std::uint32_t length, std::uint32_t rv = 0) {
-    return ByteString().u64(context).u32(length).u32(rv).bytes();
+RecordBytes iconBytes(std::uint64_t context, std::uint32_t length, std::uint32_t rv = 0) {
+    return RecordBytes(ListLayout::kSize)
+        .u64(ListLayout::kContext, context)
+        .u32(ListLayout::kLength, length)
+        .u32(ListLayout::kResult, rv);
 }
 
 }  // namespace
@@ -53,12 +65,9 @@ TEST_F(RemoteOnlyCache, ReadsAtTheDaemonWithoutTheSystemLibraryWhateverTheVersio
     const GuardedBuffer data(3);
     length = 3;
     EXPECT_EQ(read(context, data.data()), SCARD_S_SUCCESS);
-    EXPECT_EQ(
-        takeRequest(),
-        (SentRequest{
-            2053, 41,
-            ByteString().append(cacheBytes(kDaemonContext, kAskedCard, 0)).text("item", 5).bytes(),
-            std::nullopt}));
+    EXPECT_THAT(takeRequest(),
+                IsSent(Command::kReadCache,
+                       cacheBytes(kDaemonContext, kAskedCard, 0).append(terminated("item"))));
     EXPECT_EQ(test::copyBytes(data.data(), 3), (Bytes{1, 2, 3}));
     EXPECT_EQ(card, kAnsweredCard);
     EXPECT_THAT(log().text(), Not(HasSubstr("falling back")));
@@ -70,13 +79,11 @@ TEST_F(RemoteOnlyCache, WritesAtTheDaemonWithoutTheSystemLibraryWhateverTheVersi
     daemon().answers = {cacheBytes(kDaemonContext, kAnsweredCard, 2)};
     BYTE data[] = {9, 8};
     EXPECT_EQ(write(context, data, 2), SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest(), (SentRequest{2054, 43,
-                                          ByteString()
-                                              .append(cacheBytes(kDaemonContext, kAskedCard, 2))
-                                              .append({9, 8})
-                                              .text("item", 5)
-                                              .bytes(),
-                                          std::nullopt}));
+    EXPECT_THAT(
+        takeRequest(),
+        IsSent(
+            Command::kWriteCache,
+            cacheBytes(kDaemonContext, kAskedCard, 2).append({9, 8}).append(terminated("item"))));
     EXPECT_EQ(card, kAnsweredCard);
 }
 
@@ -87,11 +94,8 @@ TEST_F(RemoteOnlyCache, GetsIconsAtTheDaemonWithoutTheSystemLibraryWhateverTheVe
     const GuardedBuffer icon(3);
     length = 3;
     EXPECT_EQ(SCardGetReaderIconA(context, "Reader A", icon.data(), &length), SCARD_S_SUCCESS);
-    EXPECT_EQ(
-        takeRequest(),
-        (SentRequest{2055, 25,
-                     ByteString().append(iconBytes(kDaemonContext, 0)).text("Reader A", 9).bytes(),
-                     std::nullopt}));
+    EXPECT_THAT(takeRequest(), IsSent(Command::kGetReaderIcon,
+                                      iconBytes(kDaemonContext, 0).append(terminated("Reader A"))));
     EXPECT_EQ(test::copyBytes(icon.data(), 3), (Bytes{1, 2, 3}));
 }
 

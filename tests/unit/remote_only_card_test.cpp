@@ -4,38 +4,43 @@
 
 using namespace tez;
 using test::Bytes;
-using test::ByteString;
+using test::Command;
+using test::ConnectLayout;
+using test::DispositionLayout;
+using test::establishAnswer;
+using test::HandleLayout;
+using test::IsSent;
 using test::LogLine;
-using test::SentRequest;
+using test::multiString;
+using test::ReconnectLayout;
+using test::RecordBytes;
+using test::StatusLayout;
 using testing::Contains;
 using testing::IsEmpty;
 
 namespace {
 
-Bytes connectRecord(std::uint32_t protocols, std::uint64_t card, std::uint32_t activeProtocol,
-                    std::uint32_t rv = 0) {
-    return ByteString()
-        .u64(0x5000001)
-        .text("Reader A", 128)
-        .u32(SCARD_SHARE_SHARED)
-        .u32(protocols)
-        .u64(card)
-        .u32(activeProtocol)
-        .u32(rv)
-        .bytes();
+RecordBytes connectRecord(std::uint32_t protocols, std::uint64_t card, std::uint32_t activeProtocol,
+                          std::uint32_t rv = 0) {
+    return RecordBytes(ConnectLayout::kSize)
+        .u64(ConnectLayout::kContext, 0x5000001)
+        .text(ConnectLayout::kReader, "Reader A")
+        .u32(ConnectLayout::kShareMode, SCARD_SHARE_SHARED)
+        .u32(ConnectLayout::kProtocols, protocols)
+        .u64(ConnectLayout::kCard, card)
+        .u32(ConnectLayout::kActiveProtocol, activeProtocol)
+        .u32(ConnectLayout::kResult, rv);
 }
 
-Bytes statusRecord(std::uint32_t state, std::uint32_t protocol, std::uint32_t atrLength,
-                   std::uint32_t rv) {
-    return ByteString()
-        .u64(0x6000001)
-        .u32(state)
-        .u32(protocol)
-        .fill(0x3B, atrLength)
-        .fill(0, 264 - atrLength)
-        .u32(atrLength)
-        .u32(rv)
-        .bytes();
+RecordBytes statusRecord(std::uint32_t state, std::uint32_t protocol, std::uint32_t atrLength,
+                         std::uint32_t rv) {
+    return RecordBytes(StatusLayout::kSize)
+        .u64(StatusLayout::kCard, 0x6000001)
+        .u32(StatusLayout::kState, state)
+        .u32(StatusLayout::kProtocol, protocol)
+        .raw(StatusLayout::kAtr, Bytes(atrLength, 0x3B))
+        .u32(StatusLayout::kAtrLength, atrLength)
+        .u32(StatusLayout::kResult, rv);
 }
 
 }  // namespace
@@ -56,10 +61,10 @@ class RemoteOnlyCard : public test::RemoteOnlyTest {
 
 TEST_F(RemoteOnlyCard, IsConnectedAtTheDaemon) {
     const SCARDCONTEXT context = registerContext(0, 2);
-    daemon().answers = {establishAnswer(), connectRecord(3, kDaemonCard, 2)};
+    daemon().answers = {establishAnswer(kDaemonContext), connectRecord(3, kDaemonCard, 2)};
     EXPECT_EQ(connect(context, "Reader A"), SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest().command, 1U);
-    EXPECT_EQ(takeRequest(), (SentRequest{4, 160, connectRecord(3, 0, 0), std::nullopt}));
+    EXPECT_EQ(takeRequest().command, Command::kEstablishContext);
+    EXPECT_THAT(takeRequest(), IsSent(Command::kConnect, connectRecord(3, 0, 0)));
     EXPECT_EQ(activeProtocol(), static_cast<DWORD>(SCARD_PROTOCOL_T1));
     EXPECT_EQ(card(), 1U);
     const auto entry = findCardHandle(card());
@@ -75,7 +80,7 @@ TEST_F(RemoteOnlyCard, HasItsProtocolsConvertedFromVersionOneOn) {
     const SCARDCONTEXT context = boundContext();
     daemon().answers = {connectRecord(6, kDaemonCard, 4)};
     EXPECT_EQ(connect(context, "Reader A", 0x10002), SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest().bytes, connectRecord(6, 0, 0));
+    EXPECT_THAT(takeRequest(), IsSent(Command::kConnect, connectRecord(6, 0, 0)));
     EXPECT_EQ(activeProtocol(), 0x10000U);
 }
 
@@ -84,7 +89,7 @@ TEST_F(RemoteOnlyCard, HasItsProtocolsRawBelowVersionOne) {
     const SCARDCONTEXT context = boundContext();
     daemon().answers = {connectRecord(0x10002, kDaemonCard, 4)};
     EXPECT_EQ(connect(context, "Reader A", 0x10002), SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest().bytes, connectRecord(0x10002, 0, 0));
+    EXPECT_THAT(takeRequest(), IsSent(Command::kConnect, connectRecord(0x10002, 0, 0)));
     EXPECT_EQ(activeProtocol(), 4U);
 }
 
@@ -120,19 +125,26 @@ TEST_F(RemoteOnlyCard, IsConnectedByANameThatFitsWithItsEndOnly) {
     EXPECT_THAT(daemon().requests, IsEmpty());
     daemon().answers = {connectRecord(3, kDaemonCard, 1)};
     EXPECT_EQ(connect(context, std::string(127, 'r').c_str()), SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest().bytes[8 + 127], 0);
+    EXPECT_EQ(takeRequest().body[ConnectLayout::kReader + 127], 0);
 }
 
 TEST_F(RemoteOnlyCard, IsReconnected) {
     const SCARDHANDLE handle = remoteCard();
-    daemon().answers = {ByteString().u64(kDaemonCard).u32(2).u32(6).u32(1).u32(4).u32(0).bytes()};
+    daemon().answers = {RecordBytes(ReconnectLayout::kSize)
+                            .u64(ReconnectLayout::kCard, kDaemonCard)
+                            .u32(ReconnectLayout::kShareMode, 2)
+                            .u32(ReconnectLayout::kProtocols, 6)
+                            .u32(ReconnectLayout::kInitialization, 1)
+                            .u32(ReconnectLayout::kActiveProtocol, 4)};
     DWORD protocol = 0;
     EXPECT_EQ(SCardReconnect(handle, SCARD_SHARE_SHARED, 0x10002, SCARD_RESET_CARD, &protocol),
               SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest(),
-              (SentRequest{5, 28,
-                           ByteString().u64(kDaemonCard).u32(2).u32(6).u32(1).u32(0).u32(0).bytes(),
-                           std::nullopt}));
+    EXPECT_THAT(takeRequest(),
+                IsSent(Command::kReconnect, RecordBytes(ReconnectLayout::kSize)
+                                                .u64(ReconnectLayout::kCard, kDaemonCard)
+                                                .u32(ReconnectLayout::kShareMode, 2)
+                                                .u32(ReconnectLayout::kProtocols, 6)
+                                                .u32(ReconnectLayout::kInitialization, 1)));
     EXPECT_EQ(protocol, 0x10000U);
     EXPECT_EQ(SCardReconnect(handle, SCARD_SHARE_SHARED, 3, SCARD_RESET_CARD, nullptr),
               SCARD_E_INVALID_PARAMETER);
@@ -140,24 +152,35 @@ TEST_F(RemoteOnlyCard, IsReconnected) {
 
 TEST_F(RemoteOnlyCard, IsForgottenWhenTheDaemonHasDisconnectedIt) {
     const SCARDHANDLE handle = remoteCard();
-    const Bytes record = ByteString().u64(kDaemonCard).u32(SCARD_RESET_CARD).u32(0).bytes();
-    daemon().answers = {ByteString().u64(kDaemonCard).u32(1).u32(0x80100069).bytes(), record};
+    const Bytes record = RecordBytes(DispositionLayout::kSize)
+                             .u64(DispositionLayout::kCard, kDaemonCard)
+                             .u32(DispositionLayout::kDisposition, SCARD_RESET_CARD)
+                             .bytes();
+    daemon().answers = {RecordBytes(DispositionLayout::kSize)
+                            .u64(DispositionLayout::kCard, kDaemonCard)
+                            .u32(DispositionLayout::kDisposition, 1)
+                            .u32(DispositionLayout::kResult, 0x80100069),
+                        record};
     EXPECT_EQ(SCardDisconnect(handle, SCARD_RESET_CARD), SCARD_W_REMOVED_CARD);
     EXPECT_NE(findCardHandle(handle), nullptr);
     EXPECT_EQ(SCardDisconnect(handle, SCARD_RESET_CARD), SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest(), (SentRequest{6, 16, record, std::nullopt}));
+    EXPECT_THAT(takeRequest(), IsSent(Command::kDisconnect, record));
     EXPECT_EQ(SCardDisconnect(handle, SCARD_RESET_CARD), SCARD_E_INVALID_HANDLE);
 }
 
 TEST_F(RemoteOnlyCard, HasItsTransactionsAtTheDaemon) {
     const SCARDHANDLE handle = remoteCard();
-    const Bytes begin = ByteString().u64(kDaemonCard).u32(0).bytes();
-    const Bytes end = ByteString().u64(kDaemonCard).u32(SCARD_LEAVE_CARD).u32(0).bytes();
+    const Bytes begin =
+        RecordBytes(HandleLayout::kSize).u64(HandleLayout::kHandle, kDaemonCard).bytes();
+    const Bytes end = RecordBytes(DispositionLayout::kSize)
+                          .u64(DispositionLayout::kCard, kDaemonCard)
+                          .u32(DispositionLayout::kDisposition, SCARD_LEAVE_CARD)
+                          .bytes();
     daemon().answers = {begin, end};
     EXPECT_EQ(SCardBeginTransaction(handle), SCARD_S_SUCCESS);
     EXPECT_EQ(SCardEndTransaction(handle, SCARD_LEAVE_CARD), SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest(), (SentRequest{7, 12, begin, std::nullopt}));
-    EXPECT_EQ(takeRequest(), (SentRequest{8, 16, end, std::nullopt}));
+    EXPECT_THAT(takeRequest(), IsSent(Command::kBeginTransaction, begin));
+    EXPECT_THAT(takeRequest(), IsSent(Command::kEndTransaction, end));
 }
 
 TEST_F(RemoteOnlyCard, IsInvalidWhenTheHostServesIt) {
@@ -190,17 +213,12 @@ TEST_F(RemoteOnlyCard, TellsItsStatus) {
     DWORD atrLength = sizeof(atr);
     EXPECT_EQ(SCardStatusA(handle, names, &namesLength, &state, &protocol, atr, &atrLength),
               SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest(), (SentRequest{11, 288,
-                                          ByteString()
-                                              .u64(kDaemonCard)
-                                              .u32(0)
-                                              .u32(0)
-                                              .fill(0, 264)
-                                              .u32(264)
-                                              .u32(0x8010001D)
-                                              .bytes(),
-                                          std::nullopt}));
-    EXPECT_EQ(test::copyBytes(names, namesLength), ByteString().text("Reader A", 10).bytes());
+    EXPECT_THAT(takeRequest(),
+                IsSent(Command::kStatus, RecordBytes(StatusLayout::kSize)
+                                             .u64(StatusLayout::kCard, kDaemonCard)
+                                             .u32(StatusLayout::kAtrLength, 264)
+                                             .u32(StatusLayout::kResult, 0x8010001D)));
+    EXPECT_EQ(test::copyBytes(names, namesLength), multiString({"Reader A"}));
     EXPECT_EQ(state, static_cast<DWORD>(SCARD_NEGOTIABLE));
     EXPECT_EQ(protocol, 0x10000U);
     EXPECT_EQ(test::copyBytes(atr, atrLength), Bytes(11, 0x3B));

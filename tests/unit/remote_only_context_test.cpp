@@ -2,9 +2,12 @@
 
 using namespace tez;
 using test::Bytes;
-using test::ByteString;
+using test::Command;
+using test::establishAnswer;
+using test::HandleLayout;
+using test::IsSent;
 using test::LogLine;
-using test::SentRequest;
+using test::RecordBytes;
 using testing::IsEmpty;
 
 class RemoteOnlyContext : public test::RemoteOnlyTest {};
@@ -35,13 +38,17 @@ TEST_F(RemoteOnlyContext, ReleasesBothOfItsBindings) {
     EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, true), SCARD_S_SUCCESS);
     EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, false), SCARD_S_SUCCESS);
     daemon().requests.clear();
-    daemon().answers = {ByteString().u64(0x5000001).u32(0).bytes(),
-                        ByteString().u64(0x5000002).u32(0).bytes()};
+    daemon().answers = {RecordBytes(HandleLayout::kSize).u64(HandleLayout::kHandle, 0x5000001),
+                        RecordBytes(HandleLayout::kSize).u64(HandleLayout::kHandle, 0x5000002)};
     EXPECT_EQ(SCardReleaseContext(context), SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest(),
-              (SentRequest{2, 12, ByteString().u64(0x5000001).u32(0).bytes(), true}));
-    EXPECT_EQ(takeRequest(),
-              (SentRequest{2, 12, ByteString().u64(0x5000002).u32(0).bytes(), false}));
+    EXPECT_THAT(
+        takeRequest(),
+        IsSent(Command::kReleaseContext,
+               RecordBytes(HandleLayout::kSize).u64(HandleLayout::kHandle, 0x5000001), true));
+    EXPECT_THAT(
+        takeRequest(),
+        IsSent(Command::kReleaseContext,
+               RecordBytes(HandleLayout::kSize).u64(HandleLayout::kHandle, 0x5000002), false));
     EXPECT_THAT(daemon().requests, IsEmpty());
 }
 
@@ -49,7 +56,7 @@ TEST_F(RemoteOnlyContext, LeavesItsRemoteLocalBindingToTheDaemonInOtherStates) {
     for (const ServiceState state : {ServiceState::LocalOnly, ServiceState::LocalFirst}) {
         setServiceState(ServiceState::RemoteOnly);
         const SCARDCONTEXT context = registerContext(0, 2);
-        daemon().answers = {establishAnswer()};
+        daemon().answers = {establishAnswer(kDaemonContext)};
         std::uint64_t remoteContext = 0;
         EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, false), SCARD_S_SUCCESS);
         setServiceState(state);
@@ -61,7 +68,7 @@ TEST_F(RemoteOnlyContext, LeavesItsRemoteLocalBindingToTheDaemonInOtherStates) {
 
 TEST_F(RemoteOnlyContext, SwallowsTheFailureOfARemoteRelease) {
     const SCARDCONTEXT context = boundContext();
-    daemon().answers = {ByteString().u64(0).u32(0x80100003).bytes()};
+    daemon().answers = {RecordBytes(HandleLayout::kSize).u32(HandleLayout::kResult, 0x80100003)};
     EXPECT_EQ(SCardReleaseContext(context), SCARD_S_SUCCESS);
     EXPECT_THAT(log().entries(),
                 testing::Contains(
@@ -71,23 +78,28 @@ TEST_F(RemoteOnlyContext, SwallowsTheFailureOfARemoteRelease) {
 
 TEST_F(RemoteOnlyContext, IsCancelledAtTheDaemonAlone) {
     const SCARDCONTEXT context = boundContext();
-    daemon().answers = {ByteString().u64(kDaemonContext).u32(0).bytes()};
+    daemon().answers = {
+        RecordBytes(HandleLayout::kSize).u64(HandleLayout::kHandle, kDaemonContext)};
     EXPECT_EQ(SCardCancel(context), SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest(),
-              (SentRequest{13, 12, ByteString().u64(kDaemonContext).u32(0).bytes(), std::nullopt}));
+    EXPECT_THAT(
+        takeRequest(),
+        IsSent(Command::kCancel,
+               RecordBytes(HandleLayout::kSize).u64(HandleLayout::kHandle, kDaemonContext)));
     EXPECT_TRUE(unregisterContext(context)->cancelled);
 }
 
 TEST_F(RemoteOnlyContext, ReturnsTheDaemonsResultOfACancel) {
     const SCARDCONTEXT context = boundContext();
-    daemon().answers = {ByteString().u64(kDaemonContext).u32(0x80100003).bytes()};
+    daemon().answers = {RecordBytes(HandleLayout::kSize)
+                            .u64(HandleLayout::kHandle, kDaemonContext)
+                            .u32(HandleLayout::kResult, 0x80100003)};
     EXPECT_EQ(SCardCancel(context), SCARD_E_INVALID_HANDLE);
 }
 
 TEST_F(RemoteOnlyContext, TakesACancelWithoutTheDaemonForDone) {
     const SCARDCONTEXT context = boundContext();  // and there is no answer to the cancel
     EXPECT_EQ(SCardCancel(context), SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest().command, 13U);
+    EXPECT_EQ(takeRequest().command, Command::kCancel);
 }
 
 TEST_F(RemoteOnlyContext, IsNotCancelledWhenItIsUnknown) {

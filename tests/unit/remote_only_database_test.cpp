@@ -7,30 +7,40 @@
 
 using namespace tez;
 using namespace std::string_literals;
+using test::AuditLayout;
 using test::Bytes;
-using test::ByteString;
+using test::Command;
+using test::DeviceTypeLayout;
+using test::establishAnswer;
+using test::ForgetLayout;
 using test::GuardedBuffer;
-using test::SentRequest;
+using test::IntroduceLayout;
+using test::IsSent;
+using test::IsSentEstablish;
+using test::ListCardsLayout;
+using test::ProviderNameLayout;
+using test::RecordBytes;
+using test::textBytes;
 using testing::IsEmpty;
 
 namespace {
 
 const std::string kUnfittingName(1024, 'C');
 
-Bytes databaseBytes(const std::string& text) {
-    return {text.begin(), text.end()};
+RecordBytes listCardsRecord(std::uint64_t context, std::uint32_t length, std::uint32_t rv = 0) {
+    return RecordBytes(ListCardsLayout::kSize)
+        .u64(ListCardsLayout::kContext, context)
+        .u32(ListCardsLayout::kLength, length)
+        .u32(ListCardsLayout::kResult, rv);
 }
 
-Bytes listCardsRecord(std::uint64_t context, std::uint32_t length, std::uint32_t rv = 0) {
-    return ByteString().u64(context).fill(0, 34).u32(0).u32(length).u32(rv).bytes();
-}
-
-Bytes providerNameRecord(std::uint64_t context, std::uint32_t length, std::uint32_t rv = 0) {
-    return ByteString().u64(context).text("Card", 1024).u32(2).u32(length).u32(rv).bytes();
-}
-
-SentRequest establishRequest(bool flag) {
-    return {1, 16, ByteString().u32(2).u64(0).u32(0).bytes(), flag};
+RecordBytes providerNameRecord(std::uint64_t context, std::uint32_t length, std::uint32_t rv = 0) {
+    return RecordBytes(ProviderNameLayout::kSize)
+        .u64(ProviderNameLayout::kContext, context)
+        .text(ProviderNameLayout::kCard, "Card")
+        .u32(ProviderNameLayout::kProvider, 2)
+        .u32(ProviderNameLayout::kLength, length)
+        .u32(ProviderNameLayout::kResult, rv);
 }
 
 }  // namespace
@@ -51,14 +61,14 @@ class RemoteOnlyDatabase : public test::RemoteOnlyTest {
 TEST_F(RemoteOnlyDatabase, ListsTheDaemonsCardsUnchangedUnderTheRemoteLocalContext) {
     const SCARDCONTEXT context = boundContext();
     const std::string names = "B\0A\0\0"s;
-    daemon().answers = {establishAnswer(0x77), listCardsRecord(0x77, 5), databaseBytes(names)};
+    daemon().answers = {establishAnswer(0x77), listCardsRecord(0x77, 5), textBytes(names)};
     const GuardedBuffer cards(5);
     length_ = 5;
     EXPECT_EQ(SCardListCardsA(context, nullptr, nullptr, 0, cards.as<char>(), &length_),
               SCARD_S_SUCCESS);
-    EXPECT_EQ(test::copyBytes(cards.data(), 5), databaseBytes(names));
-    EXPECT_EQ(takeRequest(), establishRequest(false));
-    EXPECT_EQ(takeRequest(), (SentRequest{0x802, 54, listCardsRecord(0x77, 5), false}));
+    EXPECT_EQ(test::copyBytes(cards.data(), 5), textBytes(names));
+    EXPECT_THAT(takeRequest(), IsSentEstablish(SCARD_SCOPE_SYSTEM, false));
+    EXPECT_THAT(takeRequest(), IsSent(Command::kListCards, listCardsRecord(0x77, 5), false));
 }
 
 TEST_F(RemoteOnlyDatabase, UsesTheRemoteContextWhenAllCallsAreRedirected) {
@@ -66,7 +76,8 @@ TEST_F(RemoteOnlyDatabase, UsesTheRemoteContextWhenAllCallsAreRedirected) {
     const SCARDCONTEXT context = boundContext();
     daemon().answers = {listCardsRecord(kDaemonContext, 2), {0, 0}};
     EXPECT_EQ(listCards(context), SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest(), (SentRequest{0x802, 54, listCardsRecord(kDaemonContext, 0), true}));
+    EXPECT_THAT(takeRequest(),
+                IsSent(Command::kListCards, listCardsRecord(kDaemonContext, 0), true));
 }
 
 TEST_F(RemoteOnlyDatabase, ListsNoCardsForAnAtrWithAWrongCheckByteAndSendsNothing) {
@@ -82,7 +93,7 @@ TEST_F(RemoteOnlyDatabase, ListsNoCardsForAnAtrWithAWrongCheckByteAndSendsNothin
 
 TEST_F(RemoteOnlyDatabase, ListsCardsOfADaemonOfAnyVersion) {
     daemon().versionMinor = 0;
-    daemon().answers = {listCardsRecord(0, 3), databaseBytes("A\0\0"s)};
+    daemon().answers = {listCardsRecord(0, 3), textBytes("A\0\0"s)};
     EXPECT_EQ(listCards(0), SCARD_S_SUCCESS);
     EXPECT_EQ(length_, 3U);
 }
@@ -102,12 +113,13 @@ TEST_F(RemoteOnlyDatabase, HandsOnWhatKeptCardsFromBeingListed) {
 
 TEST_F(RemoteOnlyDatabase, GetsTheDaemonsProviderName) {
     const SCARDCONTEXT context = boundContext();
-    daemon().answers = {establishAnswer(0x77), providerNameRecord(0x77, 2), databaseBytes("P\0"s)};
+    daemon().answers = {establishAnswer(0x77), providerNameRecord(0x77, 2), textBytes("P\0"s)};
     daemon().versionMinor = 0;
     EXPECT_EQ(getProvider(context), SCARD_S_SUCCESS);
     EXPECT_EQ(length_, 2U);
-    EXPECT_EQ(takeRequest(), establishRequest(false));
-    EXPECT_EQ(takeRequest(), (SentRequest{0x804, 1044, providerNameRecord(0x77, 0), false}));
+    EXPECT_THAT(takeRequest(), IsSentEstablish(SCARD_SCOPE_SYSTEM, false));
+    EXPECT_THAT(takeRequest(),
+                IsSent(Command::kGetCardTypeProviderName, providerNameRecord(0x77, 0), false));
 }
 
 TEST_F(RemoteOnlyDatabase, HandsOnWhatKeptAProviderNameFromBeingGot) {
@@ -128,30 +140,34 @@ TEST_F(RemoteOnlyDatabase, HandsOnWhatKeptAProviderNameFromBeingGot) {
 TEST_F(RemoteOnlyDatabase, SetsProviderNamesWithoutAContext) {
     daemon().answers = {providerNameRecord(0, 2)};
     EXPECT_EQ(SCardSetCardTypeProviderNameA(0, "Card", 2, "P"), SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest(),
-              (SentRequest{0x809, 1046,
-                           ByteString().append(providerNameRecord(0, 2)).append({'P', 0}).bytes(),
-                           false}));
+    EXPECT_THAT(takeRequest(), IsSent(Command::kSetCardTypeProviderName,
+                                      providerNameRecord(0, 2).append({'P', 0}), false));
     daemon().answers = {providerNameRecord(0, 2, 0x8010000D)};
     EXPECT_EQ(SCardSetCardTypeProviderNameA(0, "Card", 2, "P"), SCARD_E_UNKNOWN_CARD);
 }
 
 TEST_F(RemoteOnlyDatabase, HandsOnWhatTheDaemonSaysOfUpdates) {
     daemon().versionMinor = 0;
-    daemon().answers = {ByteString().u64(0).u32(1).u32(0x80100003).bytes()};
+    daemon().answers = {RecordBytes(AuditLayout::kSize)
+                            .u32(AuditLayout::kEvent, 1)
+                            .u32(AuditLayout::kResult, 0x80100003)};
     EXPECT_EQ(SCardAudit(0, 1), SCARD_E_INVALID_HANDLE);
-    EXPECT_EQ(takeRequest(),
-              (SentRequest{0x808, 16, ByteString().u64(0).u32(1).u32(0).bytes(), false}));
-    daemon().answers = {ByteString().u64(0).text("Card", 1024).u32(0x8010000D).bytes()};
+    EXPECT_THAT(takeRequest(),
+                IsSent(Command::kAudit, RecordBytes(AuditLayout::kSize).u32(AuditLayout::kEvent, 1),
+                       false));
+    daemon().answers = {RecordBytes(ForgetLayout::kSize)
+                            .text(ForgetLayout::kCard, "Card")
+                            .u32(ForgetLayout::kResult, 0x8010000D)};
     EXPECT_EQ(SCardForgetCardTypeA(0, "Card"), SCARD_E_UNKNOWN_CARD);
-    EXPECT_EQ(
-        takeRequest(),
-        (SentRequest{0x80B, 1036, ByteString().u64(0).text("Card", 1024).u32(0).bytes(), false}));
-    const Bytes introduced = ByteString().u64(0).text("Card", 1024).fill(0, 97).bytes();
+    EXPECT_THAT(takeRequest(),
+                IsSent(Command::kForgetCardType,
+                       RecordBytes(ForgetLayout::kSize).text(ForgetLayout::kCard, "Card"), false));
+    const Bytes introduced =
+        RecordBytes(IntroduceLayout::kSize).text(IntroduceLayout::kCard, "Card").bytes();
     daemon().answers = {introduced};
     EXPECT_EQ(SCardIntroduceCardTypeA(0, "Card", nullptr, nullptr, 0, nullptr, nullptr, 0),
               SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest(), (SentRequest{0x80A, 1129, introduced, false}));
+    EXPECT_THAT(takeRequest(), IsSent(Command::kIntroduceCardType, introduced, false));
 }
 
 TEST_F(RemoteOnlyDatabase, RefusesUpdatesOfAKnownContext) {
@@ -177,14 +193,19 @@ TEST_F(RemoteOnlyDatabase, SendsNoUpdateWithANameThatDoesNotFitItsField) {
 TEST_F(RemoteOnlyDatabase, GetsTheDeviceTypeUnderTheRemoteContext) {
     const SCARDCONTEXT context = boundContext();
     const auto record = [](std::uint32_t type, std::uint32_t rv) {
-        return ByteString().u64(kDaemonContext).text("Reader", 128).u32(type).u32(rv).bytes();
+        return RecordBytes(DeviceTypeLayout::kSize)
+            .u64(DeviceTypeLayout::kContext, kDaemonContext)
+            .text(DeviceTypeLayout::kReader, "Reader")
+            .u32(DeviceTypeLayout::kType, type)
+            .u32(DeviceTypeLayout::kResult, rv)
+            .bytes();
     };
     daemon().versionMinor = 0;
     daemon().answers = {record(32, 0), record(1, 0x80100009)};
     DWORD type = 0;
     EXPECT_EQ(SCardGetDeviceTypeIdA(context, "Reader", &type), SCARD_S_SUCCESS);
     EXPECT_EQ(type, 32U);
-    EXPECT_EQ(takeRequest(), (SentRequest{0x803, 144, record(0, 0), std::nullopt}));
+    EXPECT_THAT(takeRequest(), IsSent(Command::kGetDeviceTypeId, record(0, 0)));
     EXPECT_EQ(SCardGetDeviceTypeIdA(context, "Reader", &type), SCARD_E_UNKNOWN_READER);
     EXPECT_EQ(type, 32U);
     EXPECT_EQ(SCardGetDeviceTypeIdA(4711, "Reader", &type), SCARD_E_INVALID_HANDLE);

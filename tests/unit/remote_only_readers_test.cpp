@@ -7,10 +7,13 @@
 using namespace tez;
 using namespace std::string_literals;
 using test::Bytes;
-using test::ByteString;
+using test::Command;
 using test::GuardedBuffer;
+using test::IsSent;
+using test::ListLayout;
 using test::LogLine;
-using test::SentRequest;
+using test::RecordBytes;
+using test::textBytes;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -18,12 +21,11 @@ namespace {
 
 const std::string kDefaultGroups = "SCard$DefaultReaders\0\0"s;
 
-Bytes listRecord(std::uint64_t context, std::uint32_t length, std::uint32_t rv = 0) {
-    return ByteString().u64(context).u32(length).u32(rv).bytes();
-}
-
-Bytes textBytes(const std::string& text) {
-    return {text.begin(), text.end()};
+RecordBytes listRecord(std::uint64_t context, std::uint32_t length, std::uint32_t rv = 0) {
+    return RecordBytes(ListLayout::kSize)
+        .u64(ListLayout::kContext, context)
+        .u32(ListLayout::kLength, length)
+        .u32(ListLayout::kResult, rv);
 }
 
 }  // namespace
@@ -37,7 +39,7 @@ TEST_F(RemoteOnlyReaders, AreThoseOfTheDaemonUnchanged) {
     const GuardedBuffer readers(6);
     DWORD length = 6;
     EXPECT_EQ(SCardListReadersA(context, nullptr, readers.as<char>(), &length), SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest(), (SentRequest{3, 16, listRecord(kDaemonContext, 0), std::nullopt}));
+    EXPECT_THAT(takeRequest(), IsSent(Command::kListReaders, listRecord(kDaemonContext, 0)));
     EXPECT_EQ(length, 6U);
     EXPECT_EQ(test::copyBytes(readers.data(), 6), textBytes(names));
     EXPECT_THAT(copyRemoteReaderNames(), ElementsAre("A", "Bc"));
@@ -49,7 +51,7 @@ TEST_F(RemoteOnlyReaders, AreAskedForUnderContextZeroWithoutAContext) {
     daemon().answers = {listRecord(0, 3), textBytes("A\0\0"s)};
     DWORD length = 0;
     EXPECT_EQ(SCardListReadersA(0, nullptr, nullptr, &length), SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest(), (SentRequest{3, 16, listRecord(0, 0), std::nullopt}));
+    EXPECT_THAT(takeRequest(), IsSent(Command::kListReaders, listRecord(0, 0)));
     EXPECT_EQ(length, 3U);
 }
 

@@ -23,15 +23,10 @@ class RemoteOnlyTest : public testing::Test {
     SentRequest takeRequest() { return service_.takeRequest(); }
     const FreshLog& log() const { return log_; }
 
-    /// The daemon's answer to an ESTABLISH.
-    static Bytes establishAnswer(std::uint64_t daemonContext = kDaemonContext) {
-        return ByteString().u32(2).u64(daemonContext).u32(0).bytes();
-    }
-
     /// A context without a system side, as this state makes them, that is bound to kDaemonContext.
     SCARDCONTEXT boundContext() {
         const SCARDCONTEXT context = registerContext(0, 2);
-        daemon().answers.push_back(establishAnswer());
+        daemon().answers.push_back(establishAnswer(kDaemonContext));
         std::uint64_t remoteContext = 0;
         EXPECT_EQ(getRemoteContextVolatile(context, remoteContext, true), SCARD_S_SUCCESS);
         takeRequest();

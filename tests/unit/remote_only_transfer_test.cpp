@@ -3,10 +3,13 @@
 
 using namespace tez;
 using test::Bytes;
-using test::ByteString;
+using test::Command;
+using test::ControlLayout;
 using test::GuardedBuffer;
+using test::IsSent;
 using test::LogLine;
-using test::SentRequest;
+using test::RecordBytes;
+using test::TransmitLayout;
 using testing::Contains;
 using testing::IsEmpty;
 
@@ -14,28 +17,26 @@ namespace {
 
 constexpr DWORD kLimit = 65548;
 
-Bytes transmitRecord(std::uint32_t sendLength, std::uint32_t receiveProtocol,
-                     std::uint32_t receiveLength, std::uint32_t rv = 0) {
-    return ByteString()
-        .u64(0x6000001)
-        .u32(2)
-        .u32(sendLength)
-        .u32(receiveProtocol)
-        .u32(receiveLength)
-        .u32(rv)
-        .bytes();
+RecordBytes transmitRecord(std::uint32_t sendLength, std::uint32_t receiveProtocol,
+                           std::uint32_t receiveLength, std::uint32_t rv = 0) {
+    return RecordBytes(TransmitLayout::kSize)
+        .u64(TransmitLayout::kCard, 0x6000001)
+        .u32(TransmitLayout::kSendProtocol, 2)
+        .u32(TransmitLayout::kSendLength, sendLength)
+        .u32(TransmitLayout::kReceiveProtocol, receiveProtocol)
+        .u32(TransmitLayout::kReceiveLength, receiveLength)
+        .u32(TransmitLayout::kResult, rv);
 }
 
-Bytes controlRecord(std::uint32_t inLength, std::uint32_t outLength, std::uint32_t returned,
-                    std::uint32_t rv = 0) {
-    return ByteString()
-        .u64(0x6000001)
-        .u32(0xD48)
-        .u32(inLength)
-        .u32(outLength)
-        .u32(returned)
-        .u32(rv)
-        .bytes();
+RecordBytes controlRecord(std::uint32_t inLength, std::uint32_t outLength, std::uint32_t returned,
+                          std::uint32_t rv = 0) {
+    return RecordBytes(ControlLayout::kSize)
+        .u64(ControlLayout::kCard, 0x6000001)
+        .u32(ControlLayout::kFunction, 0xD48)
+        .u32(ControlLayout::kInLength, inLength)
+        .u32(ControlLayout::kOutLength, outLength)
+        .u32(ControlLayout::kReturned, returned)
+        .u32(ControlLayout::kResult, rv);
 }
 
 }  // namespace
@@ -67,10 +68,8 @@ TEST_F(RemoteOnlyTransfer, TransmitsAtTheDaemon) {
     EXPECT_EQ(SCardTransmit(card, &g_rgSCardT1Pci, command.data(), 5, &receivePci, response.data(),
                             &length),
               SCARD_S_SUCCESS);
-    EXPECT_EQ(
-        takeRequest(),
-        (SentRequest{9, 33, ByteString().append(transmitRecord(5, 2, 258)).append(command).bytes(),
-                     std::nullopt}));
+    EXPECT_THAT(takeRequest(),
+                IsSent(Command::kTransmit, transmitRecord(5, 2, 258).append(command)));
     EXPECT_EQ(test::copyBytes(response.data(), length), answer);
     EXPECT_TRUE(response.untouchedFrom(4));
     EXPECT_EQ(receivePci.dwProtocol, static_cast<DWORD>(SCARD_PROTOCOL_T1));
@@ -86,10 +85,10 @@ TEST_F(RemoteOnlyTransfer, ConvertsTheProtocolsOfATransmitWhateverTheVersion) {
     DWORD length = sizeof(response);
     EXPECT_EQ(SCardTransmit(card, &g_rgSCardRawPci, response, 1, &receivePci, response, &length),
               SCARD_S_SUCCESS);
-    const Bytes sent = takeRequest().bytes;
-    ASSERT_EQ(sent.size(), 29U);
-    EXPECT_EQ(sent[8], 4);
-    EXPECT_EQ(sent[16], 4);
+    const Bytes sent = takeRequest().body;
+    ASSERT_EQ(sent.size(), TransmitLayout::kSize + 1);
+    EXPECT_EQ(sent[TransmitLayout::kSendProtocol], 4);
+    EXPECT_EQ(sent[TransmitLayout::kReceiveProtocol], 4);
     EXPECT_EQ(receivePci.dwProtocol, 0x10000U);
     EXPECT_EQ(length, 0U);
 }
@@ -98,7 +97,7 @@ TEST_F(RemoteOnlyTransfer, TransmitsUpToTheLimitOfAnOldDaemon) {
     daemon().versionMinor = 2;
     daemon().answers = {};
     EXPECT_EQ(transmit(kLimit, kLimit), SCARD_E_NO_SERVICE) << "no answer, but sent";
-    EXPECT_EQ(takeRequest().announced, 28U + kLimit);
+    EXPECT_THAT(takeRequest().body, SizeIs(TransmitLayout::kSize + kLimit));
 }
 
 TEST_F(RemoteOnlyTransfer, RefusesMoreThanTheLimitOfAnOldDaemon) {
@@ -115,7 +114,7 @@ TEST_F(RemoteOnlyTransfer, RefusesMoreThanTheLimitOfAnOldDaemon) {
 TEST_F(RemoteOnlyTransfer, HasNoLimitFromVersionThreeOn) {
     daemon().versionMinor = 3;
     EXPECT_EQ(transmit(kLimit + 1, kLimit + 1), SCARD_E_NO_SERVICE) << "no answer, but sent";
-    EXPECT_EQ(takeRequest().announced, 28U + kLimit + 1);
+    EXPECT_THAT(takeRequest().body, SizeIs(TransmitLayout::kSize + kLimit + 1));
 }
 
 TEST_F(RemoteOnlyTransfer, ClosesThePipeOverAnAnswerThatDoesNotFit) {
@@ -159,10 +158,7 @@ TEST_F(RemoteOnlyTransfer, ControlsAtTheDaemon) {
     DWORD returned = 77;
     EXPECT_EQ(SCardControl(card, 0x313520, input.data(), 3, out.data(), 4, &returned),
               SCARD_S_SUCCESS);
-    EXPECT_EQ(
-        takeRequest(),
-        (SentRequest{10, 31, ByteString().append(controlRecord(3, 4, 0)).append(input).bytes(),
-                     std::nullopt}));
+    EXPECT_THAT(takeRequest(), IsSent(Command::kControl, controlRecord(3, 4, 0).append(input)));
     EXPECT_EQ(returned, 2U);
     EXPECT_EQ(test::copyBytes(out.data(), 2), output);
     EXPECT_TRUE(out.untouchedFrom(2));
@@ -172,7 +168,7 @@ TEST_F(RemoteOnlyTransfer, ControlsWithoutInputOutputOrCount) {
     const SCARDHANDLE card = remoteCard();
     daemon().answers = {controlRecord(0, 0, 0), {}};
     EXPECT_EQ(SCardControl(card, 0x313520, nullptr, 0, nullptr, 0, nullptr), SCARD_S_SUCCESS);
-    EXPECT_EQ(takeRequest(), (SentRequest{10, 28, controlRecord(0, 0, 0), std::nullopt}));
+    EXPECT_THAT(takeRequest(), IsSent(Command::kControl, controlRecord(0, 0, 0)));
 }
 
 TEST_F(RemoteOnlyTransfer, HoldsControlToTheSameLimits) {

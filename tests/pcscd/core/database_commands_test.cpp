@@ -1,20 +1,19 @@
 // The daemon's answers about card types, cached data, icons, device types and audits.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <initializer_list>
 
 #include "core/commands.h"
 #include "core/reader_icon.h"
 #include "core/text.h"
 #include "record_codec.h"
+#include "record_layout.h"
 #include "simulated/simulated_service.h"
 
 namespace tez::pcscd {
 namespace {
 
-using test::putBytes;
-using test::putU32;
 using test::putU64;
+using test::RecordBytes;
 using test::u32At;
 using testing::AllOf;
 using testing::ElementsAre;
@@ -22,31 +21,19 @@ using testing::Field;
 using testing::IsEmpty;
 using testing::SizeIs;
 
+using Audit = test::AuditLayout;
+using Cache = test::CacheLayout;
+using Cards = test::ListCardsLayout;
+using Forget = test::ForgetLayout;
+using Icon = test::ListLayout;
+using Introduce = test::IntroduceLayout;
+using Provider = test::ProviderNameLayout;
+using Type = test::DeviceTypeLayout;
+
 constexpr const char* kDatabaseReader = "Reader";
 constexpr const char* kKnownCard = "Known Card";
 constexpr std::uint32_t kProviderId = 2;
 constexpr Clients::Process kProcess = 1;
-
-struct Filled {
-    std::size_t offset;
-    Bytes bytes;
-};
-
-Bytes numberBytes(std::uint32_t value) {
-    Bytes bytes(4);
-    putU32(bytes, 0, value);
-    return bytes;
-}
-
-/// A request's body: zero but for the fields, and a data phase.
-Bytes bodyOf(std::size_t recordSize, std::initializer_list<Filled> fields, const Bytes& data = {}) {
-    Bytes body(recordSize);
-    for (const Filled& field : fields) {
-        putBytes(body, field.offset, field.bytes);
-    }
-    body.insert(body.end(), data.begin(), data.end());
-    return body;
-}
 
 Bytes joined(Bytes first, const Bytes& second) {
     first.insert(first.end(), second.begin(), second.end());
@@ -79,23 +66,26 @@ class DaemonDatabaseTest : public testing::Test {
         return reply;
     }
 
-    /// What follows the record in an answer whose result, at its offset, is success.
-    static Bytes dataOf(const Reply& reply, std::size_t resultOffset) {
+    /// What follows the record in an answer whose result is success.
+    template <class Layout>
+    static Bytes dataOf(const Reply& reply) {
         EXPECT_THAT(reply.blocks, SizeIs(2));
         EXPECT_FALSE(reply.close);
         if (reply.blocks.size() != 2) {
             return {};
         }
-        EXPECT_EQ(u32At(reply.blocks[0], resultOffset), 0U);
+        EXPECT_THAT(reply.blocks[0], SizeIs(Layout::kSize));
+        EXPECT_EQ(u32At(reply.blocks[0], Layout::kResult), 0U);
         return reply.blocks[1];
     }
 
     /// The result in an answer without a data phase.
-    static Result resultOf(const Reply& reply, std::size_t resultOffset) {
-        EXPECT_THAT(reply.blocks, SizeIs(1));
+    template <class Layout>
+    static Result resultOf(const Reply& reply) {
+        EXPECT_THAT(reply.blocks, ElementsAre(SizeIs(Layout::kSize)));
         EXPECT_FALSE(reply.close);
         return reply.blocks.empty() ? -1
-                                    : static_cast<Result>(u32At(reply.blocks[0], resultOffset));
+                                    : static_cast<Result>(u32At(reply.blocks[0], Layout::kResult));
     }
 
     SimulatedService service_;
@@ -108,130 +98,155 @@ const auto kClosesThePipe = AllOf(Field(&Reply::blocks, IsEmpty()), Field(&Reply
 
 TEST_F(DaemonDatabaseTest, ListsCardsAsAMultiString) {
     service_.cardStore().introduce("Other", {});
-    const Bytes list = dataOf(ask(Command::kListCards, Bytes(54)), 50);
+    const Bytes list = dataOf<Cards>(ask(Command::kListCards, Bytes(Cards::kSize)));
     EXPECT_EQ(list, multiString({kKnownCard, "Other"}));
-    EXPECT_EQ(u32At(record_, 46), list.size());
-    EXPECT_EQ(dataOf(askAsIs(Command::kListCards, Bytes(54)), 50), list) << "without a context";
+    EXPECT_EQ(u32At(record_, Cards::kLength), list.size());
+    EXPECT_EQ(dataOf<Cards>(askAsIs(Command::kListCards, Bytes(Cards::kSize))), list)
+        << "without a context";
 }
 
 TEST_F(DaemonDatabaseTest, ListsCardsByAtr) {
     const Bytes atr = makeDemoCard("Ada").atr();
-    EXPECT_EQ(dataOf(ask(Command::kListCards, bodyOf(54, {{8, {1}}, {9, atr}})), 50),
+    EXPECT_EQ(dataOf<Cards>(
+                  ask(Command::kListCards,
+                      RecordBytes(Cards::kSize).raw(Cards::kHasAtr, {1}).raw(Cards::kAtr, atr))),
               multiString({kKnownCard}));
-    EXPECT_EQ(dataOf(ask(Command::kListCards, bodyOf(54, {{8, {1}}, {9, Bytes(33, 0xFF)}})), 50),
-              multiString({}))
+    EXPECT_EQ(
+        dataOf<Cards>(ask(
+            Command::kListCards,
+            RecordBytes(Cards::kSize).raw(Cards::kHasAtr, {1}).raw(Cards::kAtr, Bytes(33, 0xFF)))),
+        multiString({}))
         << "no ATR at all";
-    EXPECT_EQ(dataOf(ask(Command::kListCards,
-                         bodyOf(54, {{8, {1}}, {9, makeAtr(protocol::kT0, "other")}})),
-                     50),
+    EXPECT_EQ(dataOf<Cards>(
+                  ask(Command::kListCards, RecordBytes(Cards::kSize)
+                                               .raw(Cards::kHasAtr, {1})
+                                               .raw(Cards::kAtr, makeAtr(protocol::kT0, "other")))),
               multiString({}));
 }
 
 TEST_F(DaemonDatabaseTest, ListsCardsByInterface) {
-    const Bytes guid = bodyOf(16, {{0, {1}}, {4, {2}}, {6, {3}}, {8, {4}}});
+    const Bytes guid = RecordBytes(16).raw(0, {1}).raw(4, {2}).raw(6, {3}).raw(8, {4});
     const auto ask1 = [&](const Bytes& tail, std::uint32_t count) {
-        return dataOf(ask(Command::kListCards, bodyOf(54, {{42, numberBytes(count)}}, tail)), 50);
+        return dataOf<Cards>(
+            ask(Command::kListCards,
+                RecordBytes(Cards::kSize).u32(Cards::kInterfaces, count).append(tail)));
     };
     EXPECT_EQ(ask1(guid, 1), multiString({kKnownCard}));
     EXPECT_EQ(ask1(Bytes(16), 1), multiString({}));
     EXPECT_EQ(ask1(Bytes(16), 0), multiString({kKnownCard})) << "not counted";
-    EXPECT_THAT(ask(Command::kListCards, bodyOf(54, {{42, numberBytes(2)}}, guid)), kClosesThePipe);
-    EXPECT_THAT(ask(Command::kListCards, bodyOf(54, {}, Bytes(15))), kClosesThePipe);
+    EXPECT_THAT(
+        ask(Command::kListCards, RecordBytes(Cards::kSize).u32(Cards::kInterfaces, 2).append(guid)),
+        kClosesThePipe);
+    EXPECT_THAT(ask(Command::kListCards, RecordBytes(Cards::kSize).append(Bytes(15))),
+                kClosesThePipe);
 }
 
 TEST_F(DaemonDatabaseTest, RefusesAnUnknownContext) {
-    const auto refused = [this](Command command, std::size_t resultOffset, Bytes body) {
-        putU64(body, 0, 4711);
-        EXPECT_EQ(resultOf(askAsIs(command, body), resultOffset), result::kInvalidHandle);
+    const auto refused = [this]<class Layout>(Layout /*layout*/, Command command, Bytes body) {
+        putU64(body, Layout::kContext, 4711);
+        EXPECT_EQ(resultOf<Layout>(askAsIs(command, body)), result::kInvalidHandle);
     };
     const Bytes name = terminated("name");
-    refused(Command::kListCards, 50, Bytes(54));
-    refused(Command::kGetDeviceTypeId, 140, Bytes(144));
-    refused(Command::kGetCardTypeProviderName, 1040, Bytes(1044));
-    refused(Command::kReadCache, 32, bodyOf(36, {}, name));
-    refused(Command::kWriteCache, 32, bodyOf(36, {}, name));
-    refused(Command::kGetReaderIcon, 12, bodyOf(16, {}, name));
-    refused(Command::kAudit, 12, Bytes(16));
-    refused(Command::kSetCardTypeProviderName, 1040, bodyOf(1044, {{1036, {5}}}, name));
-    refused(Command::kIntroduceCardType, 1125,
-            bodyOf(1129, {{1053, {1}}, {1054, makeAtr(protocol::kT0, "")}}));
-    refused(Command::kForgetCardType, 1032, Bytes(1036));
+    refused(Cards(), Command::kListCards, Bytes(Cards::kSize));
+    refused(Type(), Command::kGetDeviceTypeId, Bytes(Type::kSize));
+    refused(Provider(), Command::kGetCardTypeProviderName, Bytes(Provider::kSize));
+    refused(Cache(), Command::kReadCache, RecordBytes(Cache::kSize).append(name));
+    refused(Cache(), Command::kWriteCache, RecordBytes(Cache::kSize).append(name));
+    refused(Icon(), Command::kGetReaderIcon, RecordBytes(Icon::kSize).append(name));
+    refused(Audit(), Command::kAudit, Bytes(Audit::kSize));
+    refused(Provider(), Command::kSetCardTypeProviderName,
+            RecordBytes(Provider::kSize).raw(Provider::kLength, {5}).append(name));
+    refused(Introduce(), Command::kIntroduceCardType,
+            RecordBytes(Introduce::kSize)
+                .raw(Introduce::kHasAtr, {1})
+                .raw(Introduce::kAtr, makeAtr(protocol::kT0, "")));
+    refused(Forget(), Command::kForgetCardType, Bytes(Forget::kSize));
 }
 
 TEST_F(DaemonDatabaseTest, TellsTheDeviceTypeOfAReader) {
     const Bytes reader = terminated(kDatabaseReader);
-    EXPECT_EQ(resultOf(ask(Command::kGetDeviceTypeId, bodyOf(144, {{8, reader}})), 140),
+    EXPECT_EQ(resultOf<Type>(ask(Command::kGetDeviceTypeId,
+                                 RecordBytes(Type::kSize).raw(Type::kReader, reader))),
               result::kSuccess);
-    EXPECT_EQ(u32At(record_, 136), kReaderTypeUsb);
-    EXPECT_EQ(resultOf(ask(Command::kGetDeviceTypeId, Bytes(144)), 140), result::kUnknownReader);
-    EXPECT_THAT(ask(Command::kGetDeviceTypeId, bodyOf(144, {{8, Bytes(128, 'R')}})),
+    EXPECT_EQ(u32At(record_, Type::kType), kReaderTypeUsb);
+    EXPECT_EQ(resultOf<Type>(ask(Command::kGetDeviceTypeId, Bytes(Type::kSize))),
+              result::kUnknownReader);
+    EXPECT_THAT(ask(Command::kGetDeviceTypeId,
+                    RecordBytes(Type::kSize).raw(Type::kReader, Bytes(128, 'R'))),
                 kClosesThePipe);
-    EXPECT_THAT(ask(Command::kGetDeviceTypeId, Bytes(145)), kClosesThePipe);
-    EXPECT_THAT(ask(Command::kGetDeviceTypeId, Bytes(143)), kClosesThePipe);
+    EXPECT_THAT(ask(Command::kGetDeviceTypeId, Bytes(Type::kSize + 1)), kClosesThePipe);
+    EXPECT_THAT(ask(Command::kGetDeviceTypeId, Bytes(Type::kSize - 1)), kClosesThePipe);
 }
 
 TEST_F(DaemonDatabaseTest, TellsAndTakesProviderNames) {
     const Bytes card = terminated(kKnownCard);
-    const Bytes asking = bodyOf(1044, {{8, card}, {1032, {kProviderId}}});
-    EXPECT_EQ(dataOf(ask(Command::kGetCardTypeProviderName, asking), 1040),
+    const Bytes asking = RecordBytes(Provider::kSize)
+                             .raw(Provider::kCard, card)
+                             .raw(Provider::kProvider, {kProviderId});
+    EXPECT_EQ(dataOf<Provider>(ask(Command::kGetCardTypeProviderName, asking)),
               terminated("A Provider"));
-    EXPECT_EQ(u32At(record_, 1036), 11U);
+    EXPECT_EQ(u32At(record_, Provider::kLength), 11U);
 
     const auto setting = [&](std::uint8_t length, const Bytes& name) {
-        return ask(Command::kSetCardTypeProviderName,
-                   bodyOf(1044, {{8, card}, {1032, {kProviderId}}, {1036, {length}}}, name));
+        return ask(Command::kSetCardTypeProviderName, RecordBytes(Provider::kSize)
+                                                          .raw(Provider::kCard, card)
+                                                          .raw(Provider::kProvider, {kProviderId})
+                                                          .raw(Provider::kLength, {length})
+                                                          .append(name));
     };
-    EXPECT_EQ(resultOf(setting(4, terminated("New")), 1040), result::kSuccess);
-    EXPECT_EQ(dataOf(ask(Command::kGetCardTypeProviderName, asking), 1040), terminated("New"));
-    EXPECT_EQ(resultOf(setting(1, terminated("")), 1040), result::kSuccess);
+    EXPECT_EQ(resultOf<Provider>(setting(4, terminated("New"))), result::kSuccess);
+    EXPECT_EQ(dataOf<Provider>(ask(Command::kGetCardTypeProviderName, asking)), terminated("New"));
+    EXPECT_EQ(resultOf<Provider>(setting(1, terminated(""))), result::kSuccess);
     EXPECT_THAT(setting(3, terminated("New")), kClosesThePipe);
     EXPECT_THAT(setting(3, {'N', 'e', 'w'}), kClosesThePipe);
     EXPECT_THAT(setting(4, {'N', 0, 'w', 0}), kClosesThePipe);
     EXPECT_THAT(setting(0, {}), kClosesThePipe);
 
-    EXPECT_EQ(resultOf(ask(Command::kGetCardTypeProviderName, Bytes(1044)), 1040),
+    EXPECT_EQ(resultOf<Provider>(ask(Command::kGetCardTypeProviderName, Bytes(Provider::kSize))),
               result::kUnknownCard);
-    EXPECT_EQ(resultOf(ask(Command::kGetCardTypeProviderName, bodyOf(1044, {{8, card}})), 1040),
+    EXPECT_EQ(resultOf<Provider>(ask(Command::kGetCardTypeProviderName,
+                                     RecordBytes(Provider::kSize).raw(Provider::kCard, card))),
               result::kFileNotFound);
 }
 
 TEST_F(DaemonDatabaseTest, IntroducesAndForgetsCardTypes) {
     const Bytes card = terminated("New Card");
     const Bytes atr = makeAtr(protocol::kT1, "new");
-    const Bytes guid = bodyOf(16, {{0, {9}}});
+    const Bytes guid = RecordBytes(16).raw(0, {9});
     const auto size = static_cast<std::uint8_t>(atr.size());
-    const Bytes whole = bodyOf(1129,
-                               {{8, card},
-                                {1032, {1}},
-                                {1033, {7}},
-                                {1049, {1}},
-                                {1053, {1}},
-                                {1054, atr},
-                                {1087, {1}},
-                                {1088, Bytes(size, 0xF0)},
-                                {1121, {size}}},
-                               guid);
-    EXPECT_EQ(resultOf(ask(Command::kIntroduceCardType, whole), 1125), result::kSuccess);
+    const Bytes whole = RecordBytes(Introduce::kSize)
+                            .raw(Introduce::kCard, card)
+                            .raw(Introduce::kHasProvider, {1})
+                            .raw(Introduce::kProvider, {7})
+                            .raw(Introduce::kInterfaces, {1})
+                            .raw(Introduce::kHasAtr, {1})
+                            .raw(Introduce::kAtr, atr)
+                            .raw(Introduce::kHasMask, {1})
+                            .raw(Introduce::kMask, Bytes(size, 0xF0))
+                            .raw(Introduce::kAtrLength, {size})
+                            .append(guid);
+    EXPECT_EQ(resultOf<Introduce>(ask(Command::kIntroduceCardType, whole)), result::kSuccess);
     const std::optional<CardType> type = service_.cardStore().find("New Card");
     ASSERT_TRUE(type);
     EXPECT_EQ(type->atr, atr);
     EXPECT_EQ(type->atrMask, Bytes(size, 0xF0));
     EXPECT_EQ(type->primaryProvider, Guid{7});
     EXPECT_THAT(type->interfaces, ElementsAre(Guid{9}));
-    EXPECT_EQ(resultOf(ask(Command::kIntroduceCardType, whole), 1125), result::kAlreadyExists);
+    EXPECT_EQ(resultOf<Introduce>(ask(Command::kIntroduceCardType, whole)), result::kAlreadyExists);
 
-    const Bytes forgetting = bodyOf(1036, {{8, card}});
-    EXPECT_EQ(resultOf(ask(Command::kForgetCardType, forgetting), 1032), result::kSuccess);
-    EXPECT_EQ(resultOf(ask(Command::kForgetCardType, forgetting), 1032), result::kUnknownCard);
+    const Bytes forgetting = RecordBytes(Forget::kSize).raw(Forget::kCard, card);
+    EXPECT_EQ(resultOf<Forget>(ask(Command::kForgetCardType, forgetting)), result::kSuccess);
+    EXPECT_EQ(resultOf<Forget>(ask(Command::kForgetCardType, forgetting)), result::kUnknownCard);
     EXPECT_FALSE(service_.cardStore().find("New Card"));
 }
 
 TEST_F(DaemonDatabaseTest, IntroducesACardTypeOfWhichOnlyTheAtrIsTold) {
     const Bytes card = terminated("New Card");
     const Bytes atr = makeAtr(protocol::kT1, "new");
-    EXPECT_EQ(resultOf(ask(Command::kIntroduceCardType,
-                           bodyOf(1129, {{8, card}, {1053, {1}}, {1054, atr}})),
-                       1125),
+    EXPECT_EQ(resultOf<Introduce>(ask(Command::kIntroduceCardType, RecordBytes(Introduce::kSize)
+                                                                       .raw(Introduce::kCard, card)
+                                                                       .raw(Introduce::kHasAtr, {1})
+                                                                       .raw(Introduce::kAtr, atr))),
               result::kSuccess);
     const std::optional<CardType> type = service_.cardStore().find("New Card");
     ASSERT_TRUE(type);
@@ -242,14 +257,20 @@ TEST_F(DaemonDatabaseTest, IntroducesACardTypeOfWhichOnlyTheAtrIsTold) {
 }
 
 TEST_F(DaemonDatabaseTest, TakesNoCardTypeWithoutAnAtrOrOfAnImpossibleForm) {
-    EXPECT_EQ(resultOf(ask(Command::kIntroduceCardType, Bytes(1129)), 1125),
+    EXPECT_EQ(resultOf<Introduce>(ask(Command::kIntroduceCardType, Bytes(Introduce::kSize))),
               result::kInvalidParameter);
-    EXPECT_THAT(ask(Command::kIntroduceCardType, bodyOf(1129, {{1121, {34}}})), kClosesThePipe);
-    EXPECT_THAT(ask(Command::kIntroduceCardType, bodyOf(1129, {{1049, {2}}}, Bytes(16))),
+    EXPECT_THAT(ask(Command::kIntroduceCardType,
+                    RecordBytes(Introduce::kSize).raw(Introduce::kAtrLength, {34})),
                 kClosesThePipe);
-    EXPECT_THAT(ask(Command::kIntroduceCardType, bodyOf(1129, {{8, Bytes(1024, 'C')}})),
+    EXPECT_THAT(
+        ask(Command::kIntroduceCardType,
+            RecordBytes(Introduce::kSize).raw(Introduce::kInterfaces, {2}).append(Bytes(16))),
+        kClosesThePipe);
+    EXPECT_THAT(ask(Command::kIntroduceCardType,
+                    RecordBytes(Introduce::kSize).raw(Introduce::kCard, Bytes(1024, 'C'))),
                 kClosesThePipe);
-    EXPECT_THAT(ask(Command::kForgetCardType, bodyOf(1036, {{8, Bytes(1024, 'C')}})),
+    EXPECT_THAT(ask(Command::kForgetCardType,
+                    RecordBytes(Forget::kSize).raw(Forget::kCard, Bytes(1024, 'C'))),
                 kClosesThePipe);
 }
 
@@ -257,54 +278,65 @@ TEST_F(DaemonDatabaseTest, CachesDataBehindTheRecord) {
     const Bytes name = terminated("name");
     const Bytes data{1, 0, 2};
     const auto writing = [&](std::uint8_t length, const Bytes& tail) {
-        return ask(Command::kWriteCache, bodyOf(36, {{8, {9}}, {24, {5}}, {28, {length}}}, tail));
+        return ask(Command::kWriteCache, RecordBytes(Cache::kSize)
+                                             .raw(Cache::kCard, {9})
+                                             .raw(Cache::kFreshness, {5})
+                                             .raw(Cache::kLength, {length})
+                                             .append(tail));
     };
     const auto reading = [&](std::uint8_t freshness) {
-        return ask(Command::kReadCache, bodyOf(36, {{8, {9}}, {24, {freshness}}}, name));
+        return ask(Command::kReadCache, RecordBytes(Cache::kSize)
+                                            .raw(Cache::kCard, {9})
+                                            .raw(Cache::kFreshness, {freshness})
+                                            .append(name));
     };
-    EXPECT_EQ(resultOf(reading(5), 32), result::kCacheItemNotFound);
-    EXPECT_EQ(resultOf(writing(3, joined(data, name)), 32), result::kSuccess);
-    EXPECT_EQ(dataOf(reading(5), 32), data);
-    EXPECT_EQ(u32At(record_, 28), 3U);
-    EXPECT_EQ(resultOf(reading(6), 32), result::kCacheItemStale);
-    EXPECT_EQ(resultOf(writing(0, name), 32), result::kSuccess);
-    EXPECT_THAT(dataOf(reading(5), 32), IsEmpty());
+    EXPECT_EQ(resultOf<Cache>(reading(5)), result::kCacheItemNotFound);
+    EXPECT_EQ(resultOf<Cache>(writing(3, joined(data, name))), result::kSuccess);
+    EXPECT_EQ(dataOf<Cache>(reading(5)), data);
+    EXPECT_EQ(u32At(record_, Cache::kLength), 3U);
+    EXPECT_EQ(resultOf<Cache>(reading(6)), result::kCacheItemStale);
+    EXPECT_EQ(resultOf<Cache>(writing(0, name)), result::kSuccess);
+    EXPECT_THAT(dataOf<Cache>(reading(5)), IsEmpty());
     EXPECT_THAT(writing(9, joined(data, name)), kClosesThePipe) << "more than there is";
     EXPECT_THAT(writing(1, joined(data, name)), kClosesThePipe) << "a NUL within";
     EXPECT_THAT(writing(3, data), kClosesThePipe);
-    EXPECT_THAT(ask(Command::kReadCache, Bytes(36)), kClosesThePipe);
+    EXPECT_THAT(ask(Command::kReadCache, Bytes(Cache::kSize)), kClosesThePipe);
 }
 
 TEST_F(DaemonDatabaseTest, GivesEveryReaderAnIcon) {
     const auto asking = [&](const Bytes& name) {
-        return ask(Command::kGetReaderIcon, bodyOf(16, {}, name));
+        return ask(Command::kGetReaderIcon, RecordBytes(Icon::kSize).append(name));
     };
-    const Bytes icon = dataOf(asking(terminated(kDatabaseReader)), 12);
+    const Bytes icon = dataOf<Icon>(asking(terminated(kDatabaseReader)));
     EXPECT_EQ(icon, Bytes(readerIcon().begin(), readerIcon().end()));
-    EXPECT_EQ(u32At(record_, 8), icon.size());
-    EXPECT_EQ(resultOf(asking({0}), 12), result::kUnknownReader);
+    EXPECT_EQ(u32At(record_, Icon::kLength), icon.size());
+    EXPECT_EQ(resultOf<Icon>(asking({0})), result::kUnknownReader);
     EXPECT_THAT(asking({'R'}), kClosesThePipe);
     EXPECT_THAT(asking({}), kClosesThePipe);
 }
 
 TEST_F(DaemonDatabaseTest, AuditsTheTwoEventsOfAContext) {
     const auto auditing = [&](std::uint8_t event) {
-        return resultOf(ask(Command::kAudit, bodyOf(16, {{8, {event}}})), 12);
+        return resultOf<Audit>(
+            ask(Command::kAudit, RecordBytes(Audit::kSize).raw(Audit::kEvent, {event})));
     };
     EXPECT_EQ(auditing(kAuditFailure), result::kSuccess);
     EXPECT_EQ(auditing(kAuditSuccess), result::kSuccess);
     EXPECT_EQ(auditing(2), result::kInvalidParameter);
-    EXPECT_EQ(resultOf(askAsIs(Command::kAudit, Bytes(16)), 12), result::kSuccess)
+    EXPECT_EQ(resultOf<Audit>(askAsIs(Command::kAudit, Bytes(Audit::kSize))), result::kSuccess)
         << "without a context";
 }
 
 TEST_F(DaemonDatabaseTest, TakesCardTypeChangesWithoutAContext) {
     const Bytes card = terminated(kKnownCard);
-    EXPECT_EQ(resultOf(askAsIs(Command::kSetCardTypeProviderName,
-                               bodyOf(1044, {{8, card}, {1036, {2}}}, terminated("X"))),
-                       1040),
+    EXPECT_EQ(resultOf<Provider>(
+                  askAsIs(Command::kSetCardTypeProviderName, RecordBytes(Provider::kSize)
+                                                                 .raw(Provider::kCard, card)
+                                                                 .raw(Provider::kLength, {2})
+                                                                 .append(terminated("X")))),
               result::kSuccess);
-    EXPECT_EQ(resultOf(askAsIs(Command::kForgetCardType, bodyOf(1036, {{8, card}})), 1032),
+    EXPECT_EQ(resultOf<Forget>(askAsIs(Command::kForgetCardType,
+                                       RecordBytes(Forget::kSize).raw(Forget::kCard, card))),
               result::kSuccess);
 }
 

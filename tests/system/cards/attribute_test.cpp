@@ -12,7 +12,6 @@ using testing::_;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr std::size_t kAttributeRecordSize = 284;
 constexpr DWORD kAttribute = SCARD_ATTR_VENDOR_NAME;
 constexpr std::uint32_t kAttributeOnWire = 0x00010100;
 
@@ -35,27 +34,25 @@ class AttributeTest : public RemoteCardTest {
     }
 
     static RecordBytes record(std::uint32_t size) {
-        return RecordBytes(kAttributeRecordSize)
-            .u64(0, kDaemonCard)
-            .u32(8, kAttributeOnWire)
-            .u32(276, size);
+        return RecordBytes(AttributeLayout::kSize)
+            .u64(AttributeLayout::kCard, kDaemonCard)
+            .u32(AttributeLayout::kId, kAttributeOnWire)
+            .u32(AttributeLayout::kLength, size);
     }
 
     /// Lets the daemon give a value in the fixed form, and say that it has `size` bytes.
     void answerInside(const Bytes& value, std::uint32_t size) {
         daemon.on(Command::kGetAttribute, [value, size](const Request& request) {
             Bytes answer = request.body;
-            putBytes(answer, 12, value);
-            putU32(answer, 276, size);
+            putBytes(answer, AttributeLayout::kValue, value);
+            putU32(answer, AttributeLayout::kLength, size);
             return Reply::of({answer});
         });
     }
 
     /// Lets the daemon give a value in the newer form.
     void answerBehind(const Bytes& value) {
-        daemon.on(Command::kGetAttribute,
-                  answering(kAttributeRecordSize, {{276, static_cast<std::uint32_t>(value.size())}},
-                            value));
+        daemon.on(Command::kGetAttribute, answering<AttributeLayout>(value));
     }
 
     DWORD length = 0;
@@ -152,13 +149,14 @@ TEST_F(AttributeTest, ThatIsTheWideFriendlyNameIsPassedOnAsItIs) {
         SCardGetAttrib(card.handle, SCARD_ATTR_DEVICE_FRIENDLY_NAME_W, value.data(), &length),
         Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(Bytes(value.bytes().begin(), value.bytes().end()), name);
-    EXPECT_EQ(u32At(daemon.requests().at(0).body, 8), 0x7FFF0005U);
+    EXPECT_EQ(u32At(daemon.requests().at(0).body, AttributeLayout::kId), 0x7FFF0005U);
 }
 
 TEST_F(AttributeTest, CutShortByTheDaemonIsNoService) {
     connectCard();
-    daemon.on(Command::kGetAttribute,
-              answeringAndClosing(kAttributeRecordSize, {{276, 5}}, {1, 2, 3, 4}));
+    daemon.on(
+        Command::kGetAttribute,
+        answeringAndClosing(AttributeLayout::kSize, {{AttributeLayout::kLength, 5}}, {1, 2, 3, 4}));
     const GuardedBuffer value(9);
     EXPECT_THAT(get(value), Gives(SCARD_E_NO_SERVICE));
     EXPECT_EQ(length, 9U);

@@ -123,9 +123,11 @@ TEST_F(CardPulledTest, TransmitsOnManyThreadsEachGetTheirOwnAnswer) {
     establishContext();
     // The daemon answers with what it was sent, so that answers of others are told apart.
     daemon.on(Command::kTransmit, [](const Request& request) {
-        const Bytes command(request.body.begin() + 28, request.body.end());
-        return Reply::of(
-            answerBlocks(request, 28, {{20, static_cast<std::uint32_t>(command.size())}}, command));
+        const Bytes command(request.body.begin() + TransmitLayout::kSize, request.body.end());
+        return Reply::of(answerBlocks(
+            request, TransmitLayout::kSize,
+            {{TransmitLayout::kReceiveLength, static_cast<std::uint32_t>(command.size())}},
+            command));
     });
     std::vector<std::future<int>> threads;
     for (std::uint8_t number = 0; number < 12; ++number) {

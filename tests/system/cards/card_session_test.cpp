@@ -23,11 +23,11 @@ class CardSessionTest : public RemoteCardTest {
 
     static RecordBytes reconnectRecord(std::uint32_t shareMode, std::uint32_t protocols,
                                        std::uint32_t initialization) {
-        return RecordBytes(28)
-            .u64(0, kDaemonCard)
-            .u32(8, shareMode)
-            .u32(12, protocols)
-            .u32(16, initialization);
+        return RecordBytes(ReconnectLayout::kSize)
+            .u64(ReconnectLayout::kCard, kDaemonCard)
+            .u32(ReconnectLayout::kShareMode, shareMode)
+            .u32(ReconnectLayout::kProtocols, protocols)
+            .u32(ReconnectLayout::kInitialization, initialization);
     }
 
     DWORD protocol = 0xDEAD;
@@ -48,7 +48,8 @@ TEST_F(CardSessionTest, ReconnectSendsItsRecordAndStoresTheProtocol) {
 
 TEST_F(CardSessionTest, ReconnectConvertsTheRawProtocolInBothDirections) {
     connectCard();
-    daemon.on(Command::kReconnect, answering(28, {{20, 6}}));
+    daemon.on(Command::kReconnect,
+              answering(ReconnectLayout::kSize, {{ReconnectLayout::kActiveProtocol, 6}}));
     EXPECT_THAT(SCardReconnect(card.handle, SCARD_SHARE_DIRECT, SCARD_PROTOCOL_RAW,
                                SCARD_LEAVE_CARD, &protocol),
                 Gives(SCARD_S_SUCCESS));
@@ -67,7 +68,9 @@ TEST_F(CardSessionTest, ReconnectNeedsAPlaceForTheProtocolOfARemoteCard) {
 
 TEST_F(CardSessionTest, AFailedReconnectLeavesTheCallersProtocolAlone) {
     connectCard();
-    daemon.on(Command::kReconnect, answering(28, {{20, 1}, {24, 0x8010000B}}));
+    daemon.on(Command::kReconnect,
+              answering(ReconnectLayout::kSize, {{ReconnectLayout::kActiveProtocol, 1},
+                                                 {ReconnectLayout::kResult, 0x8010000B}}));
     EXPECT_THAT(SCardReconnect(card.handle, SCARD_SHARE_SHARED, SCARD_PROTOCOL_Tx, SCARD_LEAVE_CARD,
                                &protocol),
                 Gives(SCARD_E_SHARING_VIOLATION));
@@ -112,7 +115,7 @@ TEST_F(CardSessionTest, DisconnectSendsItsRecordAndForgetsTheHandle) {
 
 TEST_F(CardSessionTest, ARefusedDisconnectKeepsTheHandle) {
     connectCard();
-    daemon.on(Command::kDisconnect, answering(16, {{12, 0x80100011}}));
+    daemon.on(Command::kDisconnect, refusing<DispositionLayout>(SCARD_E_INVALID_VALUE));
     EXPECT_THAT(SCardDisconnect(card.handle, 99), Gives(SCARD_E_INVALID_VALUE));
     daemon.on(Command::kDisconnect, closing());
     EXPECT_THAT(SCardDisconnect(card.handle, SCARD_LEAVE_CARD), Gives(SCARD_E_NO_SERVICE));
@@ -138,7 +141,8 @@ TEST_F(CardSessionTest, TransactionsBeginAndEndWithARecordEach) {
     EXPECT_THAT(
         daemon.requests(),
         ElementsAre(
-            IsRequest(Command::kBeginTransaction, RecordBytes(12).u64(0, kDaemonCard)),
+            IsRequest(Command::kBeginTransaction,
+                      RecordBytes(HandleLayout::kSize).u64(HandleLayout::kHandle, kDaemonCard)),
             IsRequest(Command::kEndTransaction, disconnectRecord(kDaemonCard, SCARD_RESET_CARD))));
     EXPECT_THAT(log().messages("SCardBeginTransaction"),
                 ElementsAre("BEGIN_TRANSACTION IN-PARAMS: 1", "BEGIN_TRANSACTION RV: 0x00000000"));

@@ -26,11 +26,11 @@ class ConnectTest : public RemoteCardTest {
 
     static RecordBytes connectRecord(const std::string& reader, std::uint32_t shareMode,
                                      std::uint32_t protocols) {
-        return RecordBytes(160)
-            .u64(0, kDaemonContext)
-            .text(8, reader)
-            .u32(136, shareMode)
-            .u32(140, protocols);
+        return RecordBytes(ConnectLayout::kSize)
+            .u64(ConnectLayout::kContext, kDaemonContext)
+            .text(ConnectLayout::kReader, reader)
+            .u32(ConnectLayout::kShareMode, shareMode)
+            .u32(ConnectLayout::kProtocols, protocols);
     }
 
     SCARDHANDLE handle = kUntouched;
@@ -169,7 +169,10 @@ TEST_F(ConnectTest, KnowsOnlyContextsOfItsOwn) {
 
 TEST_F(ConnectTest, ReturnsTheDaemonsResultUnchanged) {
     establishContext();
-    daemon.on(Command::kConnect, answering(160, {{144, 5}, {152, 2}, {156, 0x12345678}}));
+    daemon.on(Command::kConnect,
+              answering(ConnectLayout::kSize, {{ConnectLayout::kCard, 5},
+                                               {ConnectLayout::kActiveProtocol, 2},
+                                               {ConnectLayout::kResult, 0x12345678}}));
     EXPECT_THAT(connectTo(kRemoteReader), Gives(0x12345678));
     EXPECT_EQ(handle, 0U);
     EXPECT_EQ(protocol, kUntouched);
@@ -179,7 +182,7 @@ TEST_F(ConnectTest, ReturnsTheDaemonsResultUnchanged) {
 
 TEST_F(ConnectTest, ReturnsWhyTheDaemonGivesNoContext) {
     establishContext();
-    daemon.on(Command::kEstablishContext, answering(16, {{12, 0x80100006}}));
+    daemon.on(Command::kEstablishContext, refusing<EstablishLayout>(SCARD_E_NO_MEMORY));
     EXPECT_THAT(connectTo(kRemoteReader), Gives(SCARD_E_NO_MEMORY));
     EXPECT_EQ(handle, 0U);
     EXPECT_THAT(daemon.requests(Command::kConnect), IsEmpty());
@@ -187,7 +190,9 @@ TEST_F(ConnectTest, ReturnsWhyTheDaemonGivesNoContext) {
 
 TEST_F(ConnectTest, ConvertsTheRawProtocolInBothDirections) {
     establishContext();
-    daemon.on(Command::kConnect, answering(160, {{144, 5}, {152, 6}}));
+    daemon.on(Command::kConnect,
+              answering(ConnectLayout::kSize,
+                        {{ConnectLayout::kCard, 5}, {ConnectLayout::kActiveProtocol, 6}}));
     EXPECT_THAT(connectTo(kRemoteReader, SCARD_PROTOCOL_RAW | SCARD_PROTOCOL_T1),
                 Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(daemon.requests(Command::kConnect),
@@ -201,7 +206,9 @@ TEST_F(ConnectTest, ConvertsTheRawProtocolInBothDirections) {
 
 TEST_F(ConnectTest, PassesTheOtherProtocolsAsTheyAre) {
     establishContext();
-    daemon.on(Command::kConnect, answering(160, {{144, 5}, {152, 0x80000003}}));
+    daemon.on(Command::kConnect,
+              answering(ConnectLayout::kSize,
+                        {{ConnectLayout::kCard, 5}, {ConnectLayout::kActiveProtocol, 0x80000003}}));
     EXPECT_THAT(connectTo(kRemoteReader, SCARD_PROTOCOL_DEFAULT | SCARD_PROTOCOL_Tx),
                 Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(
@@ -216,7 +223,9 @@ TEST_F(ConnectTest, PassesTheOtherProtocolsAsTheyAre) {
 
 TEST_F(ConnectTest, ConvertsProtocolsForTheOldestDaemonToo) {
     establishContext({0, 0});
-    daemon.on(Command::kConnect, answering(160, {{144, 5}, {152, 4}}));
+    daemon.on(Command::kConnect,
+              answering(ConnectLayout::kSize,
+                        {{ConnectLayout::kCard, 5}, {ConnectLayout::kActiveProtocol, 4}}));
     EXPECT_THAT(connectTo(kRemoteReader, SCARD_PROTOCOL_RAW), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(daemon.requests(Command::kConnect),
                 ElementsAre(IsRequest(Command::kConnect, connectRecord(kRemoteReader, 2, 4))));

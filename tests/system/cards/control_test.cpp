@@ -11,8 +11,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Return;
 
-constexpr std::size_t kControlRecordSize = 28;
-
 class ControlTest : public RemoteCardTest {
   protected:
     LONG control(const Bytes& input, const GuardedBuffer& output,
@@ -22,18 +20,19 @@ class ControlTest : public RemoteCardTest {
     }
 
     static RecordBytes controlRecord(std::uint32_t function, const Bytes& input, std::size_t room) {
-        return RecordBytes(kControlRecordSize)
-            .u64(0, kDaemonCard)
-            .u32(8, function)
-            .u32(12, static_cast<std::uint32_t>(input.size()))
-            .u32(16, static_cast<std::uint32_t>(room))
+        return RecordBytes(ControlLayout::kSize)
+            .u64(ControlLayout::kCard, kDaemonCard)
+            .u32(ControlLayout::kFunction, function)
+            .u32(ControlLayout::kInLength, static_cast<std::uint32_t>(input.size()))
+            .u32(ControlLayout::kOutLength, static_cast<std::uint32_t>(room))
             .append(input);
     }
 
     /// Lets the daemon answer every control with these bytes.
     void answerWith(const Bytes& output) {
         daemon.on(Command::kControl,
-                  answering(kControlRecordSize, {{20, static_cast<std::uint32_t>(output.size())}},
+                  answering(ControlLayout::kSize,
+                            {{ControlLayout::kReturned, static_cast<std::uint32_t>(output.size())}},
                             output));
     }
 
@@ -120,7 +119,9 @@ TEST_F(ControlTest, RefusesAnInputThatNoHeaderCanAnnounce) {
 
 TEST_F(ControlTest, ClearsTheCountWhenTheDaemonRefuses) {
     connectCard();
-    daemon.on(Command::kControl, answering(kControlRecordSize, {{20, 3}, {24, 0x80100022}}));
+    daemon.on(Command::kControl,
+              answering(ControlLayout::kSize,
+                        {{ControlLayout::kReturned, 3}, {ControlLayout::kResult, 0x80100022}}));
     const GuardedBuffer output(10);
     EXPECT_THAT(control({1}, output), Gives(SCARD_E_UNSUPPORTED_FEATURE));
     EXPECT_EQ(returned, 0U);
@@ -163,7 +164,7 @@ TEST_F(ControlTest, HasNoLimitWithADaemonOfVersion13) {
 
 TEST_F(ControlTest, WarnsWhenThePipeBreaksAtTheRecord) {
     connectCard();
-    const FailingWrites broken([](DWORD size) { return size == kControlRecordSize; });
+    const FailingWrites broken([](DWORD size) { return size == ControlLayout::kSize; });
     EXPECT_THAT(control({1, 2}, GuardedBuffer(2)), Gives(SCARD_E_NO_SERVICE));
     EXPECT_EQ(returned, 0U);
     EXPECT_THAT(log().messages("SCardControl", 'W'), ElementsAre("Failed to send data"));
@@ -179,7 +180,8 @@ TEST_F(ControlTest, WarnsWhenThePipeBreaksAtTheInput) {
 
 TEST_F(ControlTest, WarnsWhenThePipeBreaksInTheMiddleOfTheOutput) {
     connectCard();
-    daemon.on(Command::kControl, answeringAndClosing(kControlRecordSize, {{20, 4}}, {1, 2, 3}));
+    daemon.on(Command::kControl, answeringAndClosing(ControlLayout::kSize,
+                                                     {{ControlLayout::kReturned, 4}}, {1, 2, 3}));
     const GuardedBuffer output(4);
     EXPECT_THAT(control({1}, output), Gives(SCARD_E_NO_SERVICE));
     EXPECT_EQ(returned, 0U);

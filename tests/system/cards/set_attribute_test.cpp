@@ -11,7 +11,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Return;
 
-constexpr std::size_t kSetAttributeRecordSize = 284;
 constexpr DWORD kSetAttribute = SCARD_ATTR_SUPRESS_T1_IFS_REQUEST;
 constexpr std::uint32_t kSetAttributeOnWire = 0x7FFF0007;
 
@@ -23,10 +22,10 @@ class SetAttributeTest : public RemoteCardTest {
     }
 
     static RecordBytes record(std::size_t size) {
-        return RecordBytes(kSetAttributeRecordSize)
-            .u64(0, kDaemonCard)
-            .u32(8, kSetAttributeOnWire)
-            .u32(276, static_cast<std::uint32_t>(size));
+        return RecordBytes(AttributeLayout::kSize)
+            .u64(AttributeLayout::kCard, kDaemonCard)
+            .u32(AttributeLayout::kId, kSetAttributeOnWire)
+            .u32(AttributeLayout::kLength, static_cast<std::uint32_t>(size));
     }
 };
 
@@ -41,7 +40,8 @@ TEST_F(SetAttributeTest, SendsTheValueInsideTheRecordInTheFixedForm) {
     connectCard(kFixedForm);
     EXPECT_THAT(set({1, 2, 3}), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(daemon.requests(),
-                ElementsAre(IsRequest(Command::kSetAttribute, record(3).raw(12, {1, 2, 3}))));
+                ElementsAre(IsRequest(Command::kSetAttribute,
+                                      record(3).raw(AttributeLayout::kValue, {1, 2, 3}))));
 }
 
 TEST_F(SetAttributeTest, SendsValuesOfAnyLengthInTheNewerForm) {
@@ -55,8 +55,9 @@ TEST_F(SetAttributeTest, SendsValuesOfAnyLengthInTheNewerForm) {
 TEST_F(SetAttributeTest, SendsUpTo264BytesInTheFixedForm) {
     connectCard(kFixedForm);
     EXPECT_THAT(set(sampleBytes(264)), Gives(SCARD_S_SUCCESS));
-    EXPECT_THAT(daemon.requests(), ElementsAre(IsRequest(Command::kSetAttribute,
-                                                         record(264).raw(12, sampleBytes(264)))));
+    EXPECT_THAT(daemon.requests(),
+                ElementsAre(IsRequest(Command::kSetAttribute,
+                                      record(264).raw(AttributeLayout::kValue, sampleBytes(264)))));
 }
 
 TEST_F(SetAttributeTest, DoesNotSupportMoreThan264BytesInTheFixedForm) {
@@ -107,7 +108,7 @@ TEST_F(SetAttributeTest, LogsItsParametersAndItsResultWithoutOutput) {
 
 TEST_F(SetAttributeTest, WarnsWhenThePipeBreaksAtTheRecord) {
     connectCard();
-    const FailingWrites broken([](DWORD size) { return size == kSetAttributeRecordSize; });
+    const FailingWrites broken([](DWORD size) { return size == AttributeLayout::kSize; });
     EXPECT_THAT(set({1, 2, 3}), Gives(SCARD_E_NO_SERVICE));
     EXPECT_THAT(log().messages("SCardSetAttrib", 'W'), ElementsAre("Failed to send data"));
 }

@@ -18,7 +18,6 @@ using testing::SizeIs;
 using namespace std::string_literals;
 
 constexpr DWORD kNameSize = 17;  // of kRemoteReader as a multi-string
-constexpr std::size_t kStatusRecordSize = 288;
 
 class StatusTest : public RemoteCardTest {
   protected:
@@ -37,13 +36,14 @@ class StatusTest : public RemoteCardTest {
 
 TEST_F(StatusTest, SendsARecordThatIsReadAsNoServiceWhenTheDaemonLeavesIt) {
     connectCard();
-    daemon.on(Command::kStatus, answering(kStatusRecordSize, {}));
+    daemon.on(Command::kStatus, answering(StatusLayout::kSize, {}));
     EXPECT_THAT(askForState(), Gives(SCARD_E_NO_SERVICE));
-    EXPECT_THAT(daemon.requests(),
-                ElementsAre(IsRequest(Command::kStatus, RecordBytes(kStatusRecordSize)
-                                                            .u64(0, kDaemonCard)
-                                                            .u32(280, 264)
-                                                            .u32(284, 0x8010001D))));
+    EXPECT_THAT(
+        daemon.requests(),
+        ElementsAre(IsRequest(Command::kStatus, RecordBytes(StatusLayout::kSize)
+                                                    .u64(StatusLayout::kCard, kDaemonCard)
+                                                    .u32(StatusLayout::kAtrLength, 264)
+                                                    .u32(StatusLayout::kResult, 0x8010001D))));
     EXPECT_EQ(state, 0U);
     EXPECT_EQ(protocol, 0U);
     EXPECT_THAT(log().messages("SCardStatusA", 'W'), IsEmpty());
@@ -115,7 +115,9 @@ TEST_F(StatusTest, TellsTheMostAdvancedOfTheDaemonsStates) {
         {0x80, 0}, {0x81, 0}, {0x82, 1}, {0x8000, 0}, {0xFFFFFF80, 0}};
     for (const auto& [bits, expected] : states) {
         SCOPED_TRACE(bits);
-        daemon.on(Command::kStatus, answering(kStatusRecordSize, {{8, bits}, {280, 0}, {284, 0}}));
+        daemon.on(Command::kStatus, answering(StatusLayout::kSize, {{StatusLayout::kState, bits},
+                                                                    {StatusLayout::kAtrLength, 0},
+                                                                    {StatusLayout::kResult, 0}}));
         EXPECT_THAT(askForState(), Gives(SCARD_S_SUCCESS));
         EXPECT_EQ(state, expected);
     }
@@ -123,7 +125,9 @@ TEST_F(StatusTest, TellsTheMostAdvancedOfTheDaemonsStates) {
 
 TEST_F(StatusTest, ConvertsTheProtocol) {
     connectCard();
-    daemon.on(Command::kStatus, answering(kStatusRecordSize, {{12, 4}, {280, 0}, {284, 0}}));
+    daemon.on(Command::kStatus, answering(StatusLayout::kSize, {{StatusLayout::kProtocol, 4},
+                                                                {StatusLayout::kAtrLength, 0},
+                                                                {StatusLayout::kResult, 0}}));
     EXPECT_THAT(askForState(), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(protocol, DWORD{SCARD_PROTOCOL_RAW});
 }
@@ -225,7 +229,9 @@ TEST_F(StatusTest, SaysWhenThereIsNoMemoryForTheName) {
 TEST_F(StatusTest, ClearsStateAndProtocolWhenTheDaemonRefuses) {
     connectCard();
     daemon.on(Command::kStatus,
-              answering(kStatusRecordSize, {{8, 0x54}, {12, 2}, {284, 0x80100069}}));
+              answering(StatusLayout::kSize, {{StatusLayout::kState, 0x54},
+                                              {StatusLayout::kProtocol, 2},
+                                              {StatusLayout::kResult, 0x80100069}}));
     EXPECT_THAT(askForState(), Gives(SCARD_W_REMOVED_CARD));
     EXPECT_EQ(state, 0U);
     EXPECT_EQ(protocol, 0U);

@@ -12,8 +12,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Return;
 
-constexpr std::size_t kTransmitCountRecordSize = 16;
-
 class TransmitCountTest : public RemoteCardTest {
   protected:
     LONG getCount() { return SCardGetTransmitCount(card.handle, &count); }
@@ -23,13 +21,15 @@ class TransmitCountTest : public RemoteCardTest {
 
 TEST_F(TransmitCountTest, SendsTheCallersValueAndStoresTheDaemons) {
     connectCard();
-    daemon.on(Command::kGetTransmitCount, answering(kTransmitCountRecordSize, {{8, 1234}}));
+    daemon.on(Command::kGetTransmitCount,
+              answering(TransmitCountLayout::kSize, {{TransmitCountLayout::kCount, 1234}}));
     EXPECT_THAT(getCount(), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(count, 1234U);
     EXPECT_THAT(daemon.requests(),
-                ElementsAre(IsRequest(
-                    Command::kGetTransmitCount,
-                    RecordBytes(kTransmitCountRecordSize).u64(0, kDaemonCard).u32(8, 77))));
+                ElementsAre(IsRequest(Command::kGetTransmitCount,
+                                      RecordBytes(TransmitCountLayout::kSize)
+                                          .u64(TransmitCountLayout::kCard, kDaemonCard)
+                                          .u32(TransmitCountLayout::kCount, 77))));
     EXPECT_THAT(
         log().messages("SCardGetTransmitCount"),
         ElementsAre("GET_TRANSMIT_COUNT IN-PARAMS: 1, " + logged(&count),
@@ -73,7 +73,8 @@ TEST_F(TransmitCountTest, NeedsAPlaceForTheCountOfARemoteCard) {
 TEST_F(TransmitCountTest, IsLeftAloneWhenTheDaemonRefuses) {
     connectCard();
     daemon.on(Command::kGetTransmitCount,
-              answering(kTransmitCountRecordSize, {{8, 5}, {12, 0x80100069}}));
+              answering(TransmitCountLayout::kSize, {{TransmitCountLayout::kCount, 5},
+                                                     {TransmitCountLayout::kResult, 0x80100069}}));
     EXPECT_THAT(getCount(), Gives(SCARD_W_REMOVED_CARD));
     EXPECT_EQ(count, 77U);
 }

@@ -13,8 +13,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Return;
 
-constexpr std::size_t kTransmitRecordSize = 28;
-
 class TransmitTest : public RemoteCardTest {
   protected:
     /// Transmits on `card`; the answer goes to `receive`, whose size is told as its room.
@@ -29,7 +27,7 @@ class TransmitTest : public RemoteCardTest {
     /// Lets the daemon answer every transmit with these bytes, sent by this protocol.
     void answerWith(const Bytes& response, std::uint32_t protocol = 2) {
         daemon.on(Command::kTransmit,
-                  answering(kTransmitRecordSize,
+                  answering(TransmitLayout::kSize,
                             {{16, protocol}, {20, static_cast<std::uint32_t>(response.size())}},
                             response));
     }
@@ -37,12 +35,12 @@ class TransmitTest : public RemoteCardTest {
     static RecordBytes transmitRecord(const Bytes& send, std::size_t room,
                                       std::uint32_t sendProtocol = 2,
                                       std::uint32_t receiveProtocol = 0xFFFFFFFF) {
-        return RecordBytes(kTransmitRecordSize)
-            .u64(0, kDaemonCard)
-            .u32(8, sendProtocol)
-            .u32(12, static_cast<std::uint32_t>(send.size()))
-            .u32(16, receiveProtocol)
-            .u32(20, static_cast<std::uint32_t>(room))
+        return RecordBytes(TransmitLayout::kSize)
+            .u64(TransmitLayout::kCard, kDaemonCard)
+            .u32(TransmitLayout::kSendProtocol, sendProtocol)
+            .u32(TransmitLayout::kSendLength, static_cast<std::uint32_t>(send.size()))
+            .u32(TransmitLayout::kReceiveProtocol, receiveProtocol)
+            .u32(TransmitLayout::kReceiveLength, static_cast<std::uint32_t>(room))
             .append(send);
     }
 
@@ -304,7 +302,9 @@ TEST_F(TransmitTest, AllocatesNoAnswer) {
 TEST_F(TransmitTest, LeavesTheCallersLengthAndBufferWhenTheDaemonRefuses) {
     connectCard();
     daemon.on(Command::kTransmit,
-              answering(kTransmitRecordSize, {{16, 1}, {20, 1}, {24, 0x80100069}}));
+              answering(TransmitLayout::kSize, {{TransmitLayout::kReceiveProtocol, 1},
+                                                {TransmitLayout::kReceiveLength, 1},
+                                                {TransmitLayout::kResult, 0x80100069}}));
     const GuardedBuffer receive(20);
     SCARD_IO_REQUEST receivePci = {SCARD_PROTOCOL_T1, 99};
     EXPECT_THAT(transmitTo(receive, getChallenge(), &receivePci), Gives(SCARD_W_REMOVED_CARD));

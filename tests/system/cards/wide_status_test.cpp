@@ -231,7 +231,8 @@ TEST_F(WideStatusChangeTest, PassesEveryFieldInAndOut) {
     const SCARDCONTEXT context = establish();
     listReaders(context);
     int given = 0;
-    std::vector states{wideState(L"Host Reader 0", 0x20, 0x22)};
+    std::vector states{
+        wideState(L"Host Reader 0", SCARD_STATE_PRESENT, SCARD_STATE_PRESENT | kChanged)};
     states[0].pvUserData = &given;
     states[0].cbAtr = 36;
     std::memset(states[0].rgbAtr, 0x33, sizeof states[0].rgbAtr);
@@ -239,8 +240,8 @@ TEST_F(WideStatusChangeTest, PassesEveryFieldInAndOut) {
         .WillOnce([&](SCARDCONTEXT, DWORD, LPSCARD_READERSTATEA narrow, DWORD count) {
             EXPECT_EQ(count, 1U);
             EXPECT_STREQ(narrow->szReader, kHostReader);
-            EXPECT_EQ(narrow->dwCurrentState, 0x20U);
-            EXPECT_EQ(narrow->dwEventState, 0x22U);
+            EXPECT_EQ(narrow->dwCurrentState, DWORD{SCARD_STATE_PRESENT});
+            EXPECT_EQ(narrow->dwEventState, DWORD{SCARD_STATE_PRESENT} | kChanged);
             EXPECT_EQ(narrow->cbAtr, 36U);
             EXPECT_THAT(narrow->rgbAtr, testing::Each(0x33));
             narrow->dwEventState = 0x44;
@@ -251,7 +252,7 @@ TEST_F(WideStatusChangeTest, PassesEveryFieldInAndOut) {
     EXPECT_THAT(wait(context, states), Gives(SCARD_S_SUCCESS));
     EXPECT_STREQ(states[0].szReader, L"Host Reader 0");
     EXPECT_EQ(states[0].pvUserData, &given);
-    EXPECT_EQ(states[0].dwCurrentState, 0x20U);
+    EXPECT_EQ(states[0].dwCurrentState, DWORD{SCARD_STATE_PRESENT});
     EXPECT_EQ(states[0].dwEventState, 0x44U);
     EXPECT_EQ(states[0].cbAtr, 35U);
     EXPECT_THAT(states[0].rgbAtr, testing::Each(0x55));
@@ -266,7 +267,7 @@ TEST_F(WideStatusChangeTest, SendsForeignNamesInUtf8) {
         const GuardedText& text =
             texts.emplace_back(std::wstring_view(name.wide, std::wcslen(name.wide) + 1));
         states.push_back(wideState(text.get(), SCARD_STATE_EMPTY, 0x99));
-        narrow.push_back(readerState(name.utf8, SCARD_STATE_EMPTY, 0x99));
+        narrow.push_back(readerState(name.utf8, SCARD_STATE_EMPTY, kUntouched));
     }
     const SCARDCONTEXT context = establishAndList();
     EXPECT_THAT(wait(context, states), Gives(SCARD_S_SUCCESS));
@@ -299,7 +300,7 @@ TEST_F(WideStatusChangeTest, SendsNoNameThatIsTooLongInUtf8) {
     std::vector states{wideState(name.wide.c_str(), SCARD_STATE_UNAWARE, 0x99)};
     wait(context, states);
     EXPECT_THAT(log().messages(kStatusChange), testing::Contains("intermediate rv: 0x80100011"));
-    EXPECT_EQ(states[0].dwEventState, 0x99U);
+    EXPECT_EQ(states[0].dwEventState, kUntouched);
     EXPECT_THAT(daemon.requests(), IsEmpty());
 }
 
@@ -326,7 +327,7 @@ TEST_F(WideStatusChangeTest, TakesSixteenReaders) {
     listReaders(context);
     std::vector states(16, wideState(L"Host Reader 0", SCARD_STATE_UNAWARE));
     EXPECT_THAT(wait(context, states), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(states[15].dwEventState, 0x00010022U);
+    EXPECT_EQ(states[15].dwEventState, kFirstCard | kChanged);
 }
 
 TEST_F(WideStatusChangeTest, WithNoReadersReturnsAtOnceWithoutWaiting) {
@@ -377,7 +378,7 @@ TEST_F(WideStatusChangeTest, ReturnsTheNarrowCallsFailure) {
     establish();
     std::vector states{wideState(L"Host Reader 0", SCARD_STATE_UNAWARE, 0x99)};
     EXPECT_THAT(wait(4711, states), Gives(SCARD_E_INVALID_HANDLE));
-    EXPECT_EQ(states[0].dwEventState, 0x99U);
+    EXPECT_EQ(states[0].dwEventState, kUntouched);
 }
 
 }  // namespace

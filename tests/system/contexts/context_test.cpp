@@ -141,7 +141,9 @@ TEST_F(ContextTest, TheFirstRemoteUseMakesADaemonContextWithTheContextsScope) {
     EXPECT_THAT(receivedCommands(daemon),
                 ElementsAre(Command::kEstablishContext, Command::kConnect));
     EXPECT_THAT(daemon.requests(Command::kEstablishContext),
-                ElementsAre(IsRequest(Command::kEstablishContext, RecordBytes(16).u32(0, 2))));
+                ElementsAre(IsRequest(
+                    Command::kEstablishContext,
+                    RecordBytes(EstablishLayout::kSize).u32(EstablishLayout::kScope, 2))));
     EXPECT_THAT(log().messages("establishRemoteContext", 'D'),
                 ElementsAre("ESTABLISH REMOTE CONTEXT IN-PARAMS: 2",
                             "ESTABLISH REMOTE CONTEXT OUT-PARAMS: 21474836481",
@@ -177,8 +179,10 @@ TEST_F(ContextTest, ReleaseAfterRemoteUseGivesTheDaemonContextBackOnce) {
     listReaders(context);
     daemon.clearRecords();
     EXPECT_THAT(SCardReleaseContext(context), Gives(SCARD_S_SUCCESS));
-    EXPECT_THAT(daemon.requests(), ElementsAre(IsRequest(Command::kReleaseContext,
-                                                         RecordBytes(12).u64(0, kDaemonContext))));
+    EXPECT_THAT(daemon.requests(),
+                ElementsAre(IsRequest(
+                    Command::kReleaseContext,
+                    RecordBytes(HandleLayout::kSize).u64(HandleLayout::kHandle, kDaemonContext))));
     EXPECT_THAT(log().messages("releaseRemoteContext", 'D'),
                 ElementsAre("RELEASE REMOTE CONTEXT IN-PARAMS: 0000000500000001",
                             "RELEASE REMOTE CONTEXT RV: 0x00000000"));
@@ -228,8 +232,11 @@ TEST_F(ContextTest, StaysValidWhenTheDaemonGoes) {
 
 TEST_F(ContextTest, ADaemonThatRefusesAContextIsAskedAgainByTheNextCall) {
     const SCARDCONTEXT context = establishWithDaemon();
-    daemon.on(Command::kEstablishContext,
-              answering(16, {{4, 99}, {12, static_cast<std::uint32_t>(SCARD_E_SERVER_TOO_BUSY)}}));
+    daemon.on(
+        Command::kEstablishContext,
+        answering(EstablishLayout::kSize, {{EstablishLayout::kContext, 99},
+                                           {EstablishLayout::kResult,
+                                            static_cast<std::uint32_t>(SCARD_E_SERVER_TOO_BUSY)}}));
     SCARDHANDLE card = 0;
     DWORD protocol = 0;
     EXPECT_THAT(SCardConnectA(context, kRemoteReader, SCARD_SHARE_SHARED, SCARD_PROTOCOL_Tx, &card,
@@ -247,8 +254,7 @@ TEST_F(ContextTest, ADaemonThatRefusesAContextIsAskedAgainByTheNextCall) {
 TEST_F(ContextTest, AResultOfTheDaemonsReleaseIsLoggedOnly) {
     const SCARDCONTEXT context = establishWithDaemon();
     listReaders(context);
-    daemon.on(Command::kReleaseContext,
-              answering(12, {{8, static_cast<std::uint32_t>(SCARD_E_INVALID_HANDLE)}}));
+    daemon.on(Command::kReleaseContext, refusing<HandleLayout>(SCARD_E_INVALID_HANDLE));
     EXPECT_THAT(SCardReleaseContext(context), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(log().messages("releaseRemoteContext").back(),
               "RELEASE REMOTE CONTEXT RV: 0x80100003");

@@ -130,12 +130,16 @@ TEST_F(MonitorTest, AnOldContextGetsANewDaemonContextWithItsScopeAndTheOldOneIsN
     EXPECT_THAT(receivedCommands(daemon),
                 ElementsAre(Command::kEstablishContext, Command::kListReaders));
     EXPECT_THAT(daemon.requests(Command::kEstablishContext),
-                ElementsAre(IsRequest(Command::kEstablishContext, RecordBytes(16).u32(0, 1))));
+                ElementsAre(IsRequest(
+                    Command::kEstablishContext,
+                    RecordBytes(EstablishLayout::kSize).u32(EstablishLayout::kScope, 1))));
     EXPECT_EQ(u64At(daemon.requests().back().body, 0), kDaemonContext + 1);
     EXPECT_THAT(SCardReleaseContext(context), Gives(SCARD_S_SUCCESS));
-    EXPECT_THAT(daemon.requests(Command::kReleaseContext),
-                ElementsAre(IsRequest(Command::kReleaseContext,
-                                      RecordBytes(12).u64(0, kDaemonContext + 1))));
+    EXPECT_THAT(
+        daemon.requests(Command::kReleaseContext),
+        ElementsAre(IsRequest(
+            Command::kReleaseContext,
+            RecordBytes(HandleLayout::kSize).u64(HandleLayout::kHandle, kDaemonContext + 1))));
 }
 
 TEST_F(MonitorTest, FollowsADaemonThatComesAndGoesAgainAndAgain) {

@@ -17,7 +17,6 @@ using testing::StartsWith;
 constexpr DWORD kReadable = SCARD_ATTR_VENDOR_NAME;
 constexpr DWORD kWritable = SCARD_ATTR_SUPRESS_T1_IFS_REQUEST;
 constexpr std::uint32_t kWritableOnWire = 0x7FFF0007;
-constexpr std::size_t kAttributeSize = 284;
 
 class OtherVersionTest : public CardDatabaseTest {
   protected:
@@ -93,8 +92,10 @@ TEST_P(OtherAttributeFormTest, IsWrittenInTheFormOfTheDaemonThatAnswers) {
     const BYTE value[] = {1, 2, 3};
     EXPECT_THAT(SCardSetAttrib(card.handle, kWritable, value, sizeof value),
                 Gives(SCARD_S_SUCCESS));
-    RecordBytes record =
-        RecordBytes(kAttributeSize).u64(0, kDaemonCard).u32(8, kWritableOnWire).u32(276, 3);
+    RecordBytes record = RecordBytes(AttributeLayout::kSize)
+                             .u64(AttributeLayout::kCard, kDaemonCard)
+                             .u32(AttributeLayout::kId, kWritableOnWire)
+                             .u32(AttributeLayout::kLength, 3);
     if (isFixedNow()) {
         record.raw(12, {1, 2, 3});
     } else {

@@ -80,20 +80,20 @@ class DaemonFromThePage {
         const PageRecord& table = page_.records.at(command);
         Record record(table, bytesAt(request.body, 0, table.size));
         const Bytes data = bytesAt(request.body, table.size, request.body.size() - table.size);
-        switch (command) {
-            case 1:
+        switch (static_cast<Command>(command)) {
+            case Command::kEstablishContext:
                 return record.set("hContext", kContext).succeed();
-            case 3: {
+            case Command::kListReaders: {
                 const Bytes names = multiString({kPageReader});
                 return record.set("cchReaders", names.size()).succeed(names);
             }
-            case 4:
+            case Command::kConnect:
                 return record.set("hCard", kCard).set("dwActiveProtocol", 2).succeed();
-            case 9:
+            case Command::kTransmit:
                 return record.set("ioRecvPciProtocol", 2)
                     .set("pcbRecvLength", 2)
                     .succeed(Bytes{0x90, 0x00});
-            case 11: {
+            case Command::kStatus: {
                 const Bytes atr = makeDemoCard("").atr();
                 return record.set("dwState", 0x54)
                     .set("dwProtocol", 2)
@@ -101,14 +101,14 @@ class DaemonFromThePage {
                     .set("cbAtrLen", atr.size())
                     .succeed();
             }
-            case 12: {
+            case Command::kGetStatusChange: {
                 Record state(page_.readerState, data);
-                state.set("dwEventState", 0x22);
+                state.set("dwEventState", SCARD_STATE_PRESENT | SCARD_STATE_CHANGED);
                 return record.succeed(state.bytes());
             }
-            case 2:
-            case 6:
-            case 13:
+            case Command::kReleaseContext:
+            case Command::kDisconnect:
+            case Command::kCancel:
                 return record.succeed();
             default:
                 return record.set("rv", 0x80100022).answer();

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <thread>
 
+#include "daemon_pipe.h"
 #include "daemon_records.h"
 #include "failing_writes.h"
 #include "guarded_buffer.h"
@@ -28,8 +29,6 @@ using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
 using testing::UnorderedElementsAre;
-
-constexpr const char* kPipe = R"(\\.\pipe\tez-pcscd-0)";
 
 using CreateFilePatch = ImportPatch<decltype(::CreateFileA)>;
 using OverlappedResultPatch = ImportPatch<decltype(::GetOverlappedResult)>;
@@ -56,7 +55,7 @@ TEST_F(TransportTest, OpensThePipeForOverlappedReadingAndWriting) {
         libraryModule(), "KERNEL32.dll", "CreateFileA",
         [&](LPCSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security, DWORD creation,
             DWORD flags, HANDLE file) {
-            EXPECT_STREQ(name, kPipe);
+            EXPECT_STREQ(name, kDaemonPipe);
             EXPECT_EQ(access, 0xC0000000);
             EXPECT_EQ(share, 3U);
             EXPECT_EQ(security, nullptr);
@@ -87,15 +86,14 @@ TEST_F(TransportTest, ABusyPipeIsWaitedForAndOpened) {
     ASSERT_TRUE(transport().waitForWatches(1));
     // The only other instance is ours until the library waits for it: as soon as the daemon has put
     // the connection away on which the library looked for it first.
-    ASSERT_TRUE(
-        WaitNamedPipeA(kPipe, static_cast<DWORD>(std::chrono::milliseconds(kPatience).count())));
-    UniqueHandle taken(
-        CreateFileA(kPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(WaitNamedPipeA(kDaemonPipe,
+                               static_cast<DWORD>(std::chrono::milliseconds(kPatience).count())));
+    UniqueHandle taken = openDaemonPipe();
     ASSERT_TRUE(taken);
     int waits = 0;
     const ImportPatch<decltype(::WaitNamedPipeA)> wait(
         libraryModule(), "KERNEL32.dll", "WaitNamedPipeA", [&](LPCSTR name, DWORD timeout) {
-            EXPECT_STREQ(name, kPipe);
+            EXPECT_STREQ(name, kDaemonPipe);
             EXPECT_EQ(timeout, DWORD{NMPWAIT_USE_DEFAULT_WAIT});
             ++waits;
             taken.reset();
@@ -132,8 +130,11 @@ TEST_F(TransportTest, ARequestOnAStalePipeIsCarriedOverToAFreshOne) {
     const std::uint64_t stale = daemon.openConnections().back();
     ASSERT_TRUE(daemon.closeConnection(stale));
     EXPECT_THAT(transmitCountOf(card), Gives(SCARD_S_SUCCESS));
-    EXPECT_THAT(daemon.requests(), ElementsAre(IsRequest(Command::kGetTransmitCount,
-                                                         RecordBytes(16).u64(0, kDaemonCard))));
+    EXPECT_THAT(
+        daemon.requests(),
+        ElementsAre(IsRequest(
+            Command::kGetTransmitCount,
+            RecordBytes(TransmitCountLayout::kSize).u64(TransmitCountLayout::kCard, kDaemonCard))));
     EXPECT_GT(lastConnection(), stale);
     EXPECT_EQ(daemon.handshakes().back().connection, lastConnection());
     EXPECT_THAT(log().messages("DaemonConnectionTEZ::writen", 'D'),
@@ -290,7 +291,7 @@ TEST_F(TransportTest, AHeaderWrittenInPartIsRepeatedOnAFreshPipe) {
 
 TEST_F(TransportTest, AnEmptyDataPhaseIsNotRead) {
     establishContext();
-    daemon.on(Command::kListReaders, answering(16, {{8, 0}}));
+    daemon.on(Command::kListReaders, answering(ListLayout::kSize, {{ListLayout::kLength, 0}}));
     std::vector<DWORD> sizes;
     const ImportPatch<decltype(::ReadFile)> read(
         libraryModule(), "KERNEL32.dll", "ReadFile",

@@ -214,7 +214,7 @@ TEST_F(CardCacheWriteTest, HasNoDataBehindItsAnswerWhateverLengthThatNames) {
 
 TEST_F(CardCacheWriteTest, ReturnsWhyTheDaemonGivesNoContext) {
     establishForTheDaemon();
-    daemon.on(Command::kEstablishContext, answering(16, {{12, 0x80100006}}));
+    daemon.on(Command::kEstablishContext, refusing<EstablishLayout>(SCARD_E_NO_MEMORY));
     EXPECT_THAT(write({1}), Gives(SCARD_E_NO_MEMORY));
     EXPECT_THAT(daemon.requests(Command::kWriteCache), IsEmpty());
 }

@@ -17,9 +17,6 @@ using testing::IsNull;
 using testing::Return;
 using testing::StrEq;
 
-constexpr std::size_t kIntroduceSize = 1129;
-constexpr std::size_t kForgetSize = 1036;
-constexpr std::size_t kAuditSize = 16;
 constexpr GUID kPrimaryProvider{0x01020304, 0x0506, 0x0708, {9, 10, 11, 12, 13, 14, 15, 16}};
 constexpr GUID kTypeInterfaces[] = {{1, 0, 0, {}}, {2, 0, 0, {}}};
 
@@ -30,7 +27,9 @@ class IntroduceCardTypeTest : public CardDatabaseTest {
                                        atr.data(), mask, atrLength);
     }
 
-    RecordBytes record() const { return RecordBytes(kIntroduceSize).text(8, name); }
+    RecordBytes record() const {
+        return RecordBytes(IntroduceLayout::kSize).text(IntroduceLayout::kCard, name);
+    }
 
     std::string name = "New Card";
     const GUID* provider = nullptr;
@@ -159,7 +158,7 @@ TEST_F(IntroduceCardTypeTest, TakesTheLengthOfTheAtrFromItsStructureButSendsWhat
 TEST_F(IntroduceCardTypeTest, SendsNoMaskWithoutAnAtr) {
     establishRedirected();
     const Bytes maskBytes(7, 0xF0);
-    daemon.on(Command::kIntroduceCardType, answering(kIntroduceSize, {}));
+    daemon.on(Command::kIntroduceCardType, answering(IntroduceLayout::kSize, {}));
     EXPECT_THAT(
         SCardIntroduceCardTypeA(0, "New Card", nullptr, nullptr, 0, nullptr, maskBytes.data(), 7),
         Gives(SCARD_S_SUCCESS));
@@ -205,7 +204,7 @@ TEST_F(IntroduceCardTypeTest, RefusesACardNameThatDoesNotFitItsField) {
 
 TEST_F(IntroduceCardTypeTest, WarnsWhenTheRequestCannotBeSent) {
     establishRedirected();
-    const FailingWrites broken([](DWORD size) { return size == kIntroduceSize; });
+    const FailingWrites broken([](DWORD size) { return size == IntroduceLayout::kSize; });
     EXPECT_THAT(introduce(0, 0), Gives(SCARD_E_NO_SERVICE));
     EXPECT_THAT(log().messages("SCardIntroduceCardTypeA", 'W'),
                 ElementsAre("Failed to send header"));
@@ -263,8 +262,9 @@ TEST_F(ForgetCardTypeTest, SendsTheCardsName) {
     establishRedirected({1, 0});
     EXPECT_THAT(forget(kRemoteCardType), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(daemon.requests(),
-                ElementsAre(IsRequest(Command::kForgetCardType,
-                                      RecordBytes(kForgetSize).text(8, kRemoteCardType))));
+                ElementsAre(IsRequest(
+                    Command::kForgetCardType,
+                    RecordBytes(ForgetLayout::kSize).text(ForgetLayout::kCard, kRemoteCardType))));
     EXPECT_FALSE(remote.cardStore().find(kRemoteCardType));
 }
 
@@ -278,7 +278,7 @@ TEST_F(ForgetCardTypeTest, TurnsTheDaemonsRefusalIntoAnInvalidHandle) {
 
 TEST_F(ForgetCardTypeTest, TurnsAFailureToSendIntoAnInvalidHandle) {
     establishRedirected();
-    const FailingWrites broken([](DWORD size) { return size == kForgetSize; });
+    const FailingWrites broken([](DWORD size) { return size == ForgetLayout::kSize; });
     EXPECT_THAT(forget(kRemoteCardType), Gives(SCARD_E_INVALID_HANDLE));
     EXPECT_THAT(log().messages("SCardForgetCardTypeA"),
                 ElementsAre(_, "Could not send forget_card_type message", _));
@@ -340,9 +340,11 @@ TEST_F(AuditTest, OfAnUnknownContextSendsNothing) {
 TEST_F(AuditTest, SendsTheEvent) {
     establishRedirected({1, 2});
     EXPECT_THAT(SCardAudit(0, SCARD_AUDIT_CHV_SUCCESS), Gives(SCARD_S_SUCCESS));
-    EXPECT_THAT(daemon.requests(),
-                ElementsAre(IsRequest(Command::kAudit,
-                                      RecordBytes(kAuditSize).u32(8, SCARD_AUDIT_CHV_SUCCESS))));
+    EXPECT_THAT(
+        daemon.requests(),
+        ElementsAre(IsRequest(
+            Command::kAudit,
+            RecordBytes(AuditLayout::kSize).u32(AuditLayout::kEvent, SCARD_AUDIT_CHV_SUCCESS))));
 }
 
 TEST_F(AuditTest, HandsTheDaemonsRefusalOn) {
@@ -361,7 +363,7 @@ TEST_F(AuditTest, IsNotSentToADaemonOlderThan12) {
 
 TEST_F(AuditTest, WarnsWhenTheRequestCannotBeSent) {
     establishRedirected();
-    const FailingWrites broken([](DWORD size) { return size == kAuditSize; });
+    const FailingWrites broken([](DWORD size) { return size == AuditLayout::kSize; });
     EXPECT_THAT(SCardAudit(0, SCARD_AUDIT_CHV_SUCCESS), Gives(SCARD_E_NO_SERVICE));
     EXPECT_THAT(log().messages("SCardAudit", 'W'), ElementsAre("Failed to send header"));
 }

@@ -13,7 +13,6 @@ using testing::IsEmpty;
 using testing::Return;
 using testing::StrEq;
 
-constexpr std::size_t kDeviceTypeSize = 144;
 constexpr const char* kDeviceType = "SCardGetDeviceTypeIdA";
 constexpr const char* kUnknownReaderFallback =
     "local call failed with 0x80100009, falling back to remote call";
@@ -42,13 +41,15 @@ TEST_F(DeviceTypeTest, OfAHostsReaderNeverReachesTheDaemon) {
 
 TEST_F(DeviceTypeTest, OfARemoteReaderIsAskedOfTheDaemonWithoutRedirectionToo) {
     establishContext();
-    daemon.on(Command::kGetDeviceTypeId, answering(kDeviceTypeSize, {{136, 0x1234}}));
+    daemon.on(Command::kGetDeviceTypeId,
+              answering(DeviceTypeLayout::kSize, {{DeviceTypeLayout::kType, 0x1234}}));
     EXPECT_THAT(get(), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(type, 0x1234U);
     EXPECT_THAT(daemon.requests(Command::kGetDeviceTypeId),
-                ElementsAre(IsRequest(
-                    Command::kGetDeviceTypeId,
-                    RecordBytes(kDeviceTypeSize).u64(0, kDaemonContext).text(8, kRemoteReader))));
+                ElementsAre(IsRequest(Command::kGetDeviceTypeId,
+                                      RecordBytes(DeviceTypeLayout::kSize)
+                                          .u64(DeviceTypeLayout::kContext, kDaemonContext)
+                                          .text(DeviceTypeLayout::kReader, kRemoteReader))));
     EXPECT_THAT(
         log().messages(kDeviceType, 'D'),
         ElementsAre("GET_DEVICE_TYPE_ID IN-PARAMS: 1, Remote Reader 0", kUnknownReaderFallback,
@@ -134,7 +135,9 @@ TEST_F(DeviceTypeTest, IsAskedOfADaemonOfVersion12) {
 
 TEST_F(DeviceTypeTest, IsLeftAloneWhenTheDaemonRefuses) {
     establishContext();
-    daemon.on(Command::kGetDeviceTypeId, answering(kDeviceTypeSize, {{136, 5}, {140, 0x80100009}}));
+    daemon.on(Command::kGetDeviceTypeId,
+              answering(DeviceTypeLayout::kSize,
+                        {{DeviceTypeLayout::kType, 5}, {DeviceTypeLayout::kResult, 0x80100009}}));
     EXPECT_THAT(get(), Gives(SCARD_E_UNKNOWN_READER));
     EXPECT_EQ(type, kUntouched);
     EXPECT_THAT(log().messages(kDeviceType, 'W'), IsEmpty());
@@ -154,14 +157,14 @@ TEST_F(DeviceTypeTest, WithoutAConnectionIsNoService) {
 
 TEST_F(DeviceTypeTest, WithoutADaemonsContextIsWhatItsEstablishmentGave) {
     establishContext();
-    daemon.on(Command::kEstablishContext, answering(16, {{12, 0x80100019}}));
+    daemon.on(Command::kEstablishContext, refusing<EstablishLayout>(SCARD_E_PCI_TOO_SMALL));
     EXPECT_THAT(get(), Gives(static_cast<LONG>(0x80100019)));
     EXPECT_THAT(daemon.requests(Command::kGetDeviceTypeId), IsEmpty());
 }
 
 TEST_F(DeviceTypeTest, WarnsWhenTheRequestCannotBeSent) {
     establishContext();
-    const FailingWrites broken([](DWORD size) { return size == kDeviceTypeSize; });
+    const FailingWrites broken([](DWORD size) { return size == DeviceTypeLayout::kSize; });
     EXPECT_THAT(get(), Gives(SCARD_E_NO_SERVICE));
     EXPECT_THAT(log().messages(kDeviceType, 'W'), ElementsAre("Failed to send header"));
 }

@@ -20,7 +20,6 @@ using testing::Not;
 using testing::Return;
 using namespace std::string_literals;
 
-constexpr std::size_t kListCardsSize = 54;
 constexpr GUID kListedInterfaces[] = {{1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}},
                                       {0x11223344, 0x5566, 0x7788, {1}}};
 
@@ -47,7 +46,8 @@ class ListCardsTest : public CardDatabaseTest {
     }
 
     void announceCards(std::uint32_t size, const Bytes& names) {
-        daemon.on(Command::kListCards, answering(kListCardsSize, {{46, size}}, names));
+        daemon.on(Command::kListCards,
+                  answering(ListCardsLayout::kSize, {{ListCardsLayout::kLength, size}}, names));
     }
 
     void expectHostsListInsteadOf(const std::string& failure) {
@@ -141,13 +141,14 @@ TEST_F(ListCardsTest, SendsTheAtrTheInterfacesAndTheCallersLength) {
         SCardListCardsA(context, guarded.data(), kListedInterfaces, 2, buffer.as<char>(), &length),
         Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(daemon.requests(Command::kListCards),
-                ElementsAre(IsRequest(Command::kListCards, RecordBytes(kListCardsSize)
-                                                               .u64(0, kDaemonContext)
-                                                               .raw(8, {1})
-                                                               .raw(9, atr)
-                                                               .u32(42, 2)
-                                                               .u32(46, 77)
-                                                               .append(listedInterfaceBytes()))));
+                ElementsAre(IsRequest(Command::kListCards,
+                                      RecordBytes(ListCardsLayout::kSize)
+                                          .u64(ListCardsLayout::kContext, kDaemonContext)
+                                          .raw(ListCardsLayout::kHasAtr, {1})
+                                          .raw(ListCardsLayout::kAtr, atr)
+                                          .u32(ListCardsLayout::kInterfaces, 2)
+                                          .u32(ListCardsLayout::kLength, 77)
+                                          .append(listedInterfaceBytes()))));
     std::string hex;
     for (const std::uint8_t byte : atr) {
         hex += {"0123456789ABCDEF"[byte / 16], "0123456789ABCDEF"[byte % 16]};
@@ -161,7 +162,8 @@ TEST_F(ListCardsTest, SendsZerosForInterfacesThatAreCountedButNotGiven) {
                 Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(daemon.requests(Command::kListCards),
                 ElementsAre(IsRequest(Command::kListCards,
-                                      RecordBytes(kListCardsSize + 32).u64(0, kDaemonContext))));
+                                      RecordBytes(ListCardsLayout::kSize + 32)
+                                          .u64(ListCardsLayout::kContext, kDaemonContext))));
 }
 
 TEST_F(ListCardsTest, FiltersByAtrOnBothSides) {
@@ -181,7 +183,7 @@ TEST_F(ListCardsTest, NeedsNoContext) {
     EXPECT_EQ(cards(), "Remote Card\0Demo Card\0\0"s);
     EXPECT_THAT(daemon.requests(Command::kEstablishContext), IsEmpty());
     EXPECT_THAT(daemon.requests(Command::kListCards),
-                Contains(IsRequest(Command::kListCards, RecordBytes(kListCardsSize))));
+                Contains(IsRequest(Command::kListCards, RecordBytes(ListCardsLayout::kSize))));
 }
 
 TEST_F(ListCardsTest, RefusesAnUnknownContext) {
@@ -267,13 +269,15 @@ TEST_F(ListCardsTest, GivesTheDaemonsCardsAloneForAContextUnknownToTheHost) {
     establishRemoteContextOnly();
     EXPECT_CALL(host, SCardListCardsA(_, _, _, _, _, _)).Times(0);
     EXPECT_EQ(cards(), "Remote Card\0\0"s);
-    daemon.on(Command::kListCards, answering(kListCardsSize, {{50, 0x80100069}}));
+    daemon.on(Command::kListCards, refusing<ListCardsLayout>(SCARD_W_REMOVED_CARD));
     EXPECT_THAT(list(nullptr), Gives(SCARD_E_INVALID_HANDLE)) << "now neither side has it";
 }
 
 TEST_F(ListCardsTest, AsksTheHostAsTheCallerDidWhenTheDaemonRefuses) {
     establishRedirected();
-    daemon.on(Command::kListCards, answering(kListCardsSize, {{46, 9}, {50, 0x80100069}}));
+    daemon.on(Command::kListCards,
+              answering(ListCardsLayout::kSize,
+                        {{ListCardsLayout::kLength, 9}, {ListCardsLayout::kResult, 0x80100069}}));
     const GuardedBuffer buffer(30);
     length = 30;
     EXPECT_CALL(host, SCardListCardsA(kHostContext, _, _, _, buffer.as<char>(), &length))
@@ -293,7 +297,7 @@ TEST_F(ListCardsTest, AsksTheHostWhenThereIsNoConnection) {
 
 TEST_F(ListCardsTest, AsksTheHostWhenTheRequestCannotBeSent) {
     establishRedirected();
-    const FailingWrites broken([](DWORD size) { return size == kListCardsSize; });
+    const FailingWrites broken([](DWORD size) { return size == ListCardsLayout::kSize; });
     EXPECT_EQ(cards(), "Demo Card\0\0"s);
     EXPECT_THAT(log().messages("SCardListCardsA", 'W'),
                 ElementsAre("Failed to send header", "Failed to send header"));
@@ -308,7 +312,8 @@ TEST_F(ListCardsTest, AsksTheHostWhenTheDaemonHangsUpInsteadOfAnswering) {
 TEST_F(ListCardsTest, AsksTheHostWhenTheDaemonHangsUpInTheMiddleOfTheNames) {
     establishRedirected();
     daemon.on(Command::kListCards,
-              answeringAndClosing(kListCardsSize, {{46, 10}}, {'R', 'e', 'm'}));
+              answeringAndClosing(ListCardsLayout::kSize, {{ListCardsLayout::kLength, 10}},
+                                  {'R', 'e', 'm'}));
     expectHostsListInsteadOf("Failed to read data for card names");
 }
 
@@ -358,11 +363,11 @@ TEST_F(ListCardsTest, AllocatesTheListForACallerWhoWantsThat) {
     const HeapSpy heap;
     ASSERT_THAT(list(reinterpret_cast<LPSTR>(&allocated)), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(std::string(allocated, length), "Remote Card\0Demo Card\0\0"s);
-    EXPECT_THAT(
-        daemon.requests(Command::kListCards),
-        ElementsAre(IsRequest(
-            Command::kListCards,
-            RecordBytes(kListCardsSize).u64(0, kDaemonContext).u32(46, SCARD_AUTOALLOCATE))));
+    EXPECT_THAT(daemon.requests(Command::kListCards),
+                ElementsAre(IsRequest(Command::kListCards,
+                                      RecordBytes(ListCardsLayout::kSize)
+                                          .u64(ListCardsLayout::kContext, kDaemonContext)
+                                          .u32(ListCardsLayout::kLength, SCARD_AUTOALLOCATE))));
     EXPECT_THAT(
         log().messages("SCardListCardsA"),
         ElementsAre("LIST_CARDS IN-PARAMS: 1, 0, " + logged(&length) + ", 4294967295",

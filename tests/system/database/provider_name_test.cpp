@@ -16,16 +16,15 @@ using testing::Return;
 using testing::StrEq;
 using namespace std::string_literals;
 
-constexpr std::size_t kProviderNameSize = 1044;
 constexpr const char* kHostProvider = "Host Provider";
 constexpr const char* kGetProvider = "SCardGetCardTypeProviderNameA";
 constexpr const char* kSetProvider = "SCardSetCardTypeProviderNameA";
 
 RecordBytes providerRecord(std::uint64_t daemonContext, const std::string& card) {
-    return RecordBytes(kProviderNameSize)
-        .u64(0, daemonContext)
-        .text(8, card)
-        .u32(1032, SCARD_PROVIDER_CSP);
+    return RecordBytes(ProviderNameLayout::kSize)
+        .u64(ProviderNameLayout::kContext, daemonContext)
+        .text(ProviderNameLayout::kCard, card)
+        .u32(ProviderNameLayout::kProvider, SCARD_PROVIDER_CSP);
 }
 
 /// Both sides know kRemoteCardType, each with a provider of its own.
@@ -49,8 +48,9 @@ class GetProviderNameTest : public CardDatabaseTest {
     }
 
     void announceProvider(std::uint32_t size, const Bytes& name) {
-        daemon.on(Command::kGetCardTypeProviderName,
-                  answering(kProviderNameSize, {{1036, size}}, name));
+        daemon.on(
+            Command::kGetCardTypeProviderName,
+            answering(ProviderNameLayout::kSize, {{ProviderNameLayout::kLength, size}}, name));
     }
 
     void expectHostsNameInsteadOf(const std::string& failure) {
@@ -196,7 +196,8 @@ TEST_F(GetProviderNameTest, AsksADaemonOfVersion12) {
 TEST_F(GetProviderNameTest, AsksTheHostWhenTheDaemonRefuses) {
     establishRedirected();
     daemon.on(Command::kGetCardTypeProviderName,
-              answering(kProviderNameSize, {{1036, 9}, {1040, 0x8010000D}}));
+              answering(ProviderNameLayout::kSize, {{ProviderNameLayout::kLength, 9},
+                                                    {ProviderNameLayout::kResult, 0x8010000D}}));
     EXPECT_EQ(provider(), "Host Provider\0"s);
 }
 
@@ -217,7 +218,7 @@ TEST_F(GetProviderNameTest, AsksTheHostWhenThereIsNoConnection) {
 
 TEST_F(GetProviderNameTest, AsksTheHostWhenTheRequestCannotBeSent) {
     establishRedirected();
-    const FailingWrites broken([](DWORD size) { return size == kProviderNameSize; });
+    const FailingWrites broken([](DWORD size) { return size == ProviderNameLayout::kSize; });
     EXPECT_THAT(get(nullptr), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(length, 14U);
     EXPECT_THAT(log().messages(kGetProvider, 'W'), ElementsAre("Failed to send header"));
@@ -232,7 +233,8 @@ TEST_F(GetProviderNameTest, AsksTheHostWhenTheDaemonHangsUpInsteadOfAnswering) {
 TEST_F(GetProviderNameTest, AsksTheHostWhenTheDaemonHangsUpInTheMiddleOfTheName) {
     establishRedirected();
     daemon.on(Command::kGetCardTypeProviderName,
-              answeringAndClosing(kProviderNameSize, {{1036, 10}}, {'R', 'e', 'm'}));
+              answeringAndClosing(ProviderNameLayout::kSize, {{ProviderNameLayout::kLength, 10}},
+                                  {'R', 'e', 'm'}));
     expectHostsNameInsteadOf("Failed to read data for provider name");
 }
 
@@ -418,7 +420,7 @@ TEST_F(SetProviderNameTest, TellsTheHostWhenTheRequestCannotBeSent) {
     establishRedirected();
     context = 0;
     expectHostAsked(SCARD_S_SUCCESS);
-    const FailingWrites broken([](DWORD size) { return size == kProviderNameSize + 4; });
+    const FailingWrites broken([](DWORD size) { return size == ProviderNameLayout::kSize + 4; });
     EXPECT_THAT(set("New"), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(log().messages(kSetProvider, 'W'), ElementsAre("Failed to send header"));
 }

@@ -15,7 +15,6 @@ using testing::IsEmpty;
 using testing::StrEq;
 
 constexpr const char* kGetIcon = "SCardGetReaderIconA";
-constexpr std::size_t kIconRecordSize = 16;
 
 class ReaderIconTest : public RemoteCardTest {
   protected:
@@ -24,15 +23,15 @@ class ReaderIconTest : public RemoteCardTest {
     }
 
     void answerWith(const Bytes& icon) {
-        daemon.on(Command::kGetReaderIcon,
-                  answering(kIconRecordSize, {{8, static_cast<std::uint32_t>(icon.size())}}, icon));
+        daemon.on(Command::kGetReaderIcon, answering<ListLayout>(icon));
     }
 
     static testing::Matcher<const Request&> isIconRequest(const std::string& reader) {
         Bytes name(reader.begin(), reader.end());
         name.push_back(0);
-        return IsRequest(Command::kGetReaderIcon,
-                         RecordBytes(kIconRecordSize).u64(0, kDaemonContext).append(name));
+        return IsRequest(
+            Command::kGetReaderIcon,
+            RecordBytes(ListLayout::kSize).u64(ListLayout::kContext, kDaemonContext).append(name));
     }
 
     std::string inLine(const void* reader, const void* icon) const {

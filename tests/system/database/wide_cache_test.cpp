@@ -153,8 +153,7 @@ class WideIconTest : public RemoteCardTest {
     }
 
     void answerWith(const Bytes& icon) {
-        daemon.on(Command::kGetReaderIcon,
-                  answering(16, {{8, static_cast<std::uint32_t>(icon.size())}}, icon));
+        daemon.on(Command::kGetReaderIcon, answering<ListLayout>(icon));
     }
 
     DWORD length = 0;
@@ -201,7 +200,9 @@ TEST_F(WideIconTest, OfTheDaemonIsAskedForInUtf8) {
         EXPECT_EQ(Bytes(buffer.data(), buffer.data() + 5), sampleBytes(5));
         EXPECT_THAT(daemon.requests(Command::kGetReaderIcon),
                     ElementsAre(IsRequest(Command::kGetReaderIcon,
-                                          RecordBytes(16).u64(0, kDaemonContext).append(text))));
+                                          RecordBytes(ListLayout::kSize)
+                                              .u64(ListLayout::kContext, kDaemonContext)
+                                              .append(text))));
     }
     EXPECT_THAT(log().messages("SCardGetReaderIconW"), IsEmpty());
 }

@@ -17,7 +17,6 @@ using namespace std::string_literals;
 
 constexpr GUID kWideInterfaces[] = {{1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}},
                                     {12, 13, 14, {15, 16, 17, 18, 19, 20, 21, 22}}};
-constexpr std::size_t kProviderRecordSize = 1044;
 
 class WideDatabaseTest : public RemoteCardTest {
   protected:
@@ -127,11 +126,12 @@ TEST_F(WideCardListTest, HasTheCardsOfBothSidesWhenCallsAreRedirected) {
     redirectAllCalls();
     establishContext();
     const std::string names = "Remote Card\0\0"s;
-    daemon.on(Command::kListCards, answering(54, {{46, static_cast<std::uint32_t>(names.size())}},
-                                             Bytes(names.begin(), names.end())));
+    daemon.on(Command::kListCards, answering<ListCardsLayout>(textBytes(names)));
     EXPECT_EQ(wholeList(), L"Remote Card\0Demo Card\0\0"s);
     const auto request =
-        IsRequest(Command::kListCards, RecordBytes(54).u64(0, kDaemonContext).u32(46, 0xFFFFFFFF));
+        IsRequest(Command::kListCards, RecordBytes(ListCardsLayout::kSize)
+                                           .u64(ListCardsLayout::kContext, kDaemonContext)
+                                           .u32(ListCardsLayout::kLength, 0xFFFFFFFF));
     EXPECT_THAT(daemon.requests(Command::kListCards), ElementsAre(request, request));
 }
 
@@ -155,8 +155,7 @@ TEST_F(WideCardListTest, TellsForeignNamesOfTheDaemon) {
         SCOPED_TRACE(name.utf8);
         Bytes names(name.utf8, name.utf8 + std::strlen(name.utf8) + 1);
         names.push_back(0);
-        daemon.on(Command::kListCards,
-                  answering(54, {{46, static_cast<std::uint32_t>(names.size())}}, names));
+        daemon.on(Command::kListCards, answering<ListCardsLayout>(names));
         EXPECT_THAT(splitMultiString(wholeList().c_str()), ElementsAre(name.wide));
     }
 }
@@ -175,7 +174,9 @@ class WideDeviceTypeTest : public WideDatabaseTest {
     LONG ask(const wchar_t* reader) { return SCardGetDeviceTypeIdW(context, reader, &deviceType); }
 
     static RecordBytes deviceTypeRecord(const std::string& reader) {
-        return RecordBytes(144).u64(0, kDaemonContext).text(8, reader);
+        return RecordBytes(DeviceTypeLayout::kSize)
+            .u64(DeviceTypeLayout::kContext, kDaemonContext)
+            .text(DeviceTypeLayout::kReader, reader);
     }
 
     std::vector<std::string> logged() const { return log().messages("SCardGetDeviceTypeIdW"); }
@@ -198,7 +199,8 @@ TEST_F(WideDeviceTypeTest, OfTheHostIsAskedForInUtf8) {
 
 TEST_F(WideDeviceTypeTest, OfTheDaemonIsAskedForInUtf8) {
     establishContext();
-    daemon.on(Command::kGetDeviceTypeId, answering(144, {{136, 77}}));
+    daemon.on(Command::kGetDeviceTypeId,
+              answering(DeviceTypeLayout::kSize, {{DeviceTypeLayout::kType, 77}}));
     for (const WideName& name : kForeignNames) {
         SCOPED_TRACE(name.utf8);
         daemon.clearRecords();
@@ -211,7 +213,8 @@ TEST_F(WideDeviceTypeTest, OfTheDaemonIsAskedForInUtf8) {
 
 TEST_F(WideDeviceTypeTest, MeasuresNamesInUtf8) {
     establishContext();
-    daemon.on(Command::kGetDeviceTypeId, answering(144, {{136, 77}}));
+    daemon.on(Command::kGetDeviceTypeId,
+              answering(DeviceTypeLayout::kSize, {{DeviceTypeLayout::kType, 77}}));
     const LongWideName fitting(42);
     EXPECT_THAT(ask(fitting.wide.c_str()), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(daemon.requests(Command::kGetDeviceTypeId),
@@ -265,11 +268,11 @@ class WideProviderTest : public WideDatabaseTest {
 
     static RecordBytes providerRecord(std::uint64_t remoteContext, const std::string& cardName,
                                       std::size_t nameLength) {
-        return RecordBytes(kProviderRecordSize)
-            .u64(0, remoteContext)
-            .text(8, cardName)
-            .u32(1032, SCARD_PROVIDER_CSP)
-            .u32(1036, static_cast<std::uint32_t>(nameLength));
+        return RecordBytes(ProviderNameLayout::kSize)
+            .u64(ProviderNameLayout::kContext, remoteContext)
+            .text(ProviderNameLayout::kCard, cardName)
+            .u32(ProviderNameLayout::kProvider, SCARD_PROVIDER_CSP)
+            .u32(ProviderNameLayout::kLength, static_cast<std::uint32_t>(nameLength));
     }
 
     static Bytes withEnd(const char* text) { return {text, text + std::strlen(text) + 1}; }
@@ -305,9 +308,7 @@ TEST_F(WideProviderTest, OfTheDaemonIsAskedForInUtf8) {
         SCOPED_TRACE(name.utf8);
         daemon.clearRecords();
         const Bytes provider = withEnd(name.utf8);
-        daemon.on(Command::kGetCardTypeProviderName,
-                  answering(kProviderRecordSize,
-                            {{1036, static_cast<std::uint32_t>(provider.size())}}, provider));
+        daemon.on(Command::kGetCardTypeProviderName, answering<ProviderNameLayout>(provider));
         EXPECT_EQ(wholeName(name.wide), name.wide + L"\0"s);
         const auto request = IsRequest(Command::kGetCardTypeProviderName,
                                        providerRecord(kDaemonContext, name.utf8, 0));
@@ -320,12 +321,12 @@ TEST_F(WideProviderTest, EndsWhereTheDaemonsNameDoes) {
     redirectAllCalls();
     establishContext();
     daemon.on(Command::kGetCardTypeProviderName,
-              answering(kProviderRecordSize, {{1036, 5}}, {'A', 0, 'B', 'C', 'D'}));
+              answering<ProviderNameLayout>({'A', 0, 'B', 'C', 'D'}));
     EXPECT_EQ(wholeName(L"Card"), L"A\0"s);
-    daemon.on(Command::kGetCardTypeProviderName,
-              answering(kProviderRecordSize, {{1036, 3}}, {'A', 0xF0, 0x9F}));
+    daemon.on(Command::kGetCardTypeProviderName, answering<ProviderNameLayout>({'A', 0xF0, 0x9F}));
     EXPECT_EQ(wholeName(L"Card"), L"A\uFFFD\0"s) << "a character that the end cuts short";
-    daemon.on(Command::kGetCardTypeProviderName, answering(kProviderRecordSize, {{1036, 0}}));
+    daemon.on(Command::kGetCardTypeProviderName,
+              answering(ProviderNameLayout::kSize, {{ProviderNameLayout::kLength, 0}}));
     EXPECT_EQ(wholeName(L"Card"), L"\0"s);
 }
 
@@ -391,7 +392,7 @@ TEST_F(WideProviderTest, ReturnsTheNarrowCallsFailureAndCopiesNothing) {
 TEST_F(WideProviderTest, IsSetAtTheDaemonInUtf8) {
     redirectAllCalls();
     establishContext();
-    daemon.on(Command::kSetCardTypeProviderName, answering(kProviderRecordSize, {}));
+    daemon.on(Command::kSetCardTypeProviderName, answering(ProviderNameLayout::kSize, {}));
     context = 0;  // a context of the library's own is refused
     for (const WideName& name : kForeignNames) {
         SCOPED_TRACE(name.utf8);
@@ -435,8 +436,8 @@ TEST_F(WideDatabaseTest, IntroducesAndForgetsCardsUnderNamesInUtf8) {
 TEST_F(WideDatabaseTest, IntroducesAndForgetsCardsAtTheDaemonUnderNamesInUtf8) {
     redirectAllCalls();
     establishContext();
-    daemon.on(Command::kIntroduceCardType, answering(1129, {}));
-    daemon.on(Command::kForgetCardType, answering(1036, {}));
+    daemon.on(Command::kIntroduceCardType, answering(IntroduceLayout::kSize, {}));
+    daemon.on(Command::kForgetCardType, answering(ForgetLayout::kSize, {}));
     for (const WideName& name : kForeignNames) {
         SCOPED_TRACE(name.utf8);
         daemon.clearRecords();
@@ -447,8 +448,11 @@ TEST_F(WideDatabaseTest, IntroducesAndForgetsCardsAtTheDaemonUnderNamesInUtf8) {
         EXPECT_THAT(
             daemon.requests(),
             ElementsAre(
-                IsRequest(Command::kIntroduceCardType, RecordBytes(1129).text(8, name.utf8)),
-                IsRequest(Command::kForgetCardType, RecordBytes(1036).text(8, name.utf8))));
+                IsRequest(
+                    Command::kIntroduceCardType,
+                    RecordBytes(IntroduceLayout::kSize).text(IntroduceLayout::kCard, name.utf8)),
+                IsRequest(Command::kForgetCardType,
+                          RecordBytes(ForgetLayout::kSize).text(ForgetLayout::kCard, name.utf8))));
     }
 }
 

@@ -15,7 +15,9 @@ using testing::SizeIs;
 
 class CancelTest : public RemoteCardTest {
   protected:
-    static RecordBytes cancelRecord() { return RecordBytes(12).u64(0, kDaemonContext); }
+    static RecordBytes cancelRecord() {
+        return RecordBytes(HandleLayout::kSize).u64(HandleLayout::kHandle, kDaemonContext);
+    }
 };
 
 TEST_F(CancelTest, CancelsBothSides) {
@@ -30,9 +32,9 @@ TEST_F(CancelTest, CancelsBothSides) {
 TEST_F(CancelTest, EstablishesTheDaemonsContextWhenThereIsNoneYet) {
     establishContext();
     EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
-    EXPECT_THAT(daemon.requests(),
-                ElementsAre(IsRequest(Command::kEstablishContext, RecordBytes(16)),
-                            IsRequest(Command::kCancel, cancelRecord())));
+    EXPECT_THAT(daemon.requests(), ElementsAre(IsRequest(Command::kEstablishContext,
+                                                         RecordBytes(EstablishLayout::kSize)),
+                                               IsRequest(Command::kCancel, cancelRecord())));
 }
 
 TEST_F(CancelTest, KnowsOnlyContextsOfItsOwn) {
@@ -86,14 +88,14 @@ TEST_F(CancelTest, TakesADaemonThatCannotBeReachedForOneThatIsAway) {
 
 TEST_F(CancelTest, TakesADaemonThatSaysNoServiceForOneThatIsAway) {
     connectCard();
-    daemon.on(Command::kCancel, answering(12, {{8, 0x8010001D}}));
+    daemon.on(Command::kCancel, refusing<HandleLayout>(SCARD_E_NO_SERVICE));
     EXPECT_CALL(host, SCardCancel(kHostContext));
     EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
 }
 
 TEST_F(CancelTest, KeepsTheDaemonsErrorAndCancelsTheHostAllTheSame) {
     connectCard();
-    daemon.on(Command::kCancel, answering(12, {{8, 0x80100003}}));
+    daemon.on(Command::kCancel, refusing<HandleLayout>(SCARD_E_INVALID_HANDLE));
     EXPECT_CALL(host, SCardCancel(kHostContext))
         .WillOnce(Return(SCARD_S_SUCCESS))
         .WillOnce(Return(SCARD_E_INVALID_VALUE));
@@ -110,7 +112,7 @@ TEST_F(CancelTest, ReturnsTheHostsErrorAfterTheDaemonsSuccess) {
 
 TEST_F(CancelTest, KeepsTheErrorOfADaemonThatGivesNoContext) {
     establishContext();
-    daemon.on(Command::kEstablishContext, answering(16, {{12, 0x80100006}}));
+    daemon.on(Command::kEstablishContext, refusing<EstablishLayout>(SCARD_E_NO_MEMORY));
     EXPECT_CALL(host, SCardCancel(kHostContext));
     EXPECT_THAT(SCardCancel(context), Gives(SCARD_E_NO_MEMORY));
     EXPECT_THAT(daemon.requests(Command::kCancel), IsEmpty());

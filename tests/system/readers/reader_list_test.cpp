@@ -19,19 +19,11 @@ using testing::SetArgPointee;
 using testing::StrEq;
 using namespace std::string_literals;
 
-constexpr std::size_t kReaderListRecordSize = 16;
-
-Bytes asBytes(const std::string& text) {
-    return {text.begin(), text.end()};
-}
-
 class ReaderListTest : public RemoteCardTest {
   protected:
     /// Lets the daemon announce this list.
     void setRemoteList(const std::string& list) {
-        daemon.on(Command::kListReaders,
-                  answering(kReaderListRecordSize, {{8, static_cast<std::uint32_t>(list.size())}},
-                            asBytes(list)));
+        daemon.on(Command::kListReaders, answering<ListLayout>(textBytes(list)));
     }
 
     /// Lets the host have these readers instead of its own.
@@ -77,7 +69,8 @@ TEST_F(ReaderListTest, IsAskedForWithOneRecordOnTheDaemonsContext) {
     establishContext();
     const auto buffer = list(context);
     const auto request =
-        IsRequest(Command::kListReaders, RecordBytes(kReaderListRecordSize).u64(0, kDaemonContext));
+        IsRequest(Command::kListReaders,
+                  RecordBytes(ListLayout::kSize).u64(ListLayout::kContext, kDaemonContext));
     EXPECT_THAT(daemon.requests(Command::kListReaders), ElementsAre(request, request));
 }
 
@@ -85,7 +78,7 @@ TEST_F(ReaderListTest, IsAskedForWithContextZeroByCallersWithoutAContext) {
     establishContext();
     EXPECT_CALL(host, SCardListReadersA(0, nullptr, _, _)).Times(2);
     EXPECT_EQ(list(0), "Remote Reader 0\0Host Reader 0\0\0"s);
-    const auto request = IsRequest(Command::kListReaders, RecordBytes(kReaderListRecordSize));
+    const auto request = IsRequest(Command::kListReaders, RecordBytes(ListLayout::kSize));
     EXPECT_THAT(daemon.requests(), ElementsAre(request, request));
 }
 
@@ -183,7 +176,9 @@ TEST_F(ReaderListTest, KeepsTheHostsNamesThatItKnewWhenTheHostFails) {
 
 TEST_F(ReaderListTest, IsTheHostsAloneWhenTheDaemonRefuses) {
     establishContext();
-    daemon.on(Command::kListReaders, answering(kReaderListRecordSize, {{8, 5}, {12, 0x8010002E}}));
+    daemon.on(Command::kListReaders,
+              answering(ListLayout::kSize,
+                        {{ListLayout::kLength, 5}, {ListLayout::kResult, 0x8010002E}}));
     const GuardedBuffer buffer(100);
     length = 100;
     // Straight into the caller's own buffer.
@@ -246,7 +241,7 @@ TEST_F(ReaderListTest, OfTheHostAloneIsNotNotedByASizeQuery) {
 TEST_F(ReaderListTest, KeepsTheDaemonsNamesThatItKnewWhenTheDaemonRefuses) {
     establishContext();
     listReaders(context);
-    daemon.on(Command::kListReaders, answering(kReaderListRecordSize, {{12, 0x80100001}}));
+    daemon.on(Command::kListReaders, refusing<ListLayout>(SCARD_F_INTERNAL_ERROR));
     EXPECT_THAT(listReaders(context), ElementsAre(kHostReader));
     EXPECT_EQ(log().count("SCardListReadersA", "    Remote Reader 0"), 2U);
 }
@@ -298,7 +293,8 @@ TEST_F(ReaderListTest, WarnsWhenTheDaemonHangsUpInsteadOfAnswering) {
 TEST_F(ReaderListTest, WarnsWhenTheDaemonHangsUpInTheMiddleOfTheNames) {
     establishContext();
     daemon.on(Command::kListReaders,
-              answeringAndClosing(kReaderListRecordSize, {{8, 17}}, asBytes("Remote Reader 0\0"s)));
+              answeringAndClosing(ListLayout::kSize, {{ListLayout::kLength, 17}},
+                                  textBytes("Remote Reader 0\0"s)));
     EXPECT_THAT(listReaders(context), ElementsAre(kHostReader));
     EXPECT_THAT(log().messages("SCardListReadersA", 'W'),
                 ElementsAre("Failed to read data for reader names"));
@@ -309,7 +305,7 @@ TEST_F(ReaderListTest, WarnsWhenTheDaemonHangsUpInTheMiddleOfTheNames) {
 
 TEST_F(ReaderListTest, FailsOnlyForTheHostsJudgementWhenTheDaemonGivesNoContext) {
     establishContext();
-    daemon.on(Command::kEstablishContext, answering(16, {{12, 0x80100006}}));
+    daemon.on(Command::kEstablishContext, refusing<EstablishLayout>(SCARD_E_NO_MEMORY));
     EXPECT_THAT(listReaders(context), ElementsAre(kHostReader));
     EXPECT_THAT(daemon.requests(Command::kListReaders), IsEmpty());
 }

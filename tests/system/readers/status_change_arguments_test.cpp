@@ -75,7 +75,7 @@ TEST_F(StatusChangeArguments, AcceptSixteenEntries) {
     listReaders(context);
     std::vector states(16, readerState(kHostReader, SCARD_STATE_UNAWARE));
     EXPECT_THAT(wait(context, 0, states), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(states.back().dwEventState, 0x00010022U);
+    EXPECT_EQ(states.back().dwEventState, kFirstCard | kChanged);
 }
 
 TEST_F(StatusChangeArguments, RefuseANullArrayWithACount) {
@@ -106,11 +106,11 @@ TEST_F(StatusChangeArguments, LetAnEmptyListSleepForTheWholeTimeout) {
 TEST_F(StatusChangeArguments, RefuseAnEntryWithoutAName) {
     const SCARDCONTEXT context = establish();
     std::vector states{readerState(kHostReader, SCARD_STATE_UNAWARE),
-                       readerState(nullptr, SCARD_STATE_UNAWARE, 0x55)};
+                       readerState(nullptr, SCARD_STATE_UNAWARE, kUntouched)};
     EXPECT_CALL(host, SCardGetStatusChangeA).Times(0);
     EXPECT_THAT(wait(context, 0, states), Gives(SCARD_E_INVALID_VALUE));
     EXPECT_EQ(states[0].dwEventState, 0U);
-    EXPECT_EQ(states[1].dwEventState, 0x55U);
+    EXPECT_EQ(states[1].dwEventState, kUntouched);
     expectRefusal('W', "Invalid value", "0x80100011");
 }
 
@@ -123,12 +123,13 @@ TEST_F(StatusChangeArguments, JudgeAMissingNameBeforeTheIgnoredStates) {
 TEST_F(StatusChangeArguments, ReturnAtOnceWhenAllReadersAreIgnored) {
     const SCARDCONTEXT context = establishWithDaemon();
     daemon.clearRecords();
-    std::vector states{readerState(kHostReader, SCARD_STATE_IGNORE | SCARD_STATE_PRESENT, 0x77),
-                       readerState(kRemoteReader, SCARD_STATE_IGNORE)};
+    std::vector states{
+        readerState(kHostReader, SCARD_STATE_IGNORE | SCARD_STATE_PRESENT, kUntouched),
+        readerState(kRemoteReader, SCARD_STATE_IGNORE)};
     EXPECT_CALL(host, SCardGetStatusChangeA).Times(0);
     EXPECT_CALL(host, SCardListReadersA).Times(0);
     EXPECT_THAT(wait(context, INFINITE, states), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(states[0].dwEventState, 0x77U);
+    EXPECT_EQ(states[0].dwEventState, kUntouched);
     EXPECT_THAT(daemon.requests(), IsEmpty());
     expectRefusal('D', "All readers ignored", "0x00000000");
 }
@@ -140,7 +141,7 @@ TEST_F(StatusChangeArguments, PassAnIgnoredEntryOnWhenAnotherOneIsNot) {
     EXPECT_CALL(host, SCardGetStatusChangeA(kFirstHostContext, 0, _, 1));
     EXPECT_THAT(wait(context, 0, states), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(states[0].dwEventState, static_cast<DWORD>(SCARD_STATE_IGNORE));
-    EXPECT_EQ(states[1].dwEventState, 0x00010022U);
+    EXPECT_EQ(states[1].dwEventState, kFirstCard | kChanged);
 }
 
 TEST_F(StatusChangeArguments, ClearTheCancelledMarkBeforeTheyAreJudged) {
@@ -157,7 +158,7 @@ TEST_F(StatusChangeArguments, ListTheReadersOnceWhenNobodyDidBefore) {
     const SCARDCONTEXT context = establishWithDaemon();
     std::vector states{readerState(kRemoteReader, SCARD_STATE_UNAWARE)};
     EXPECT_THAT(wait(context, 0, states), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(states[0].dwEventState, 0x00010022U);
+    EXPECT_EQ(states[0].dwEventState, kFirstCard | kChanged);
     EXPECT_THAT(wait(context, 0, states), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(log().count(kStatusChange, kListing), 1U);
     EXPECT_THAT(log().entries(), Contains(LogLine('D', kStatusChange, kListing)));
@@ -209,7 +210,7 @@ TEST_F(StatusChangeArguments, TakeANameOfBothSidesForTheHosts) {
     std::vector states{readerState(kHostReader, SCARD_STATE_UNAWARE)};
     EXPECT_CALL(host, SCardGetStatusChangeA(_, _, _, 1));
     EXPECT_THAT(wait(context, 0, states), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(states[0].dwEventState, 0x00010022U);  // the remote one is empty
+    EXPECT_EQ(states[0].dwEventState, kFirstCard | kChanged);  // the remote one is empty
     EXPECT_THAT(daemon.requests(Command::kGetStatusChange), IsEmpty());
 }
 

@@ -251,7 +251,7 @@ TEST_F(StatusChangeCancel, OfTheHostIsRepeatedSoonWhenItCameTooEarly) {
     ASSERT_TRUE(eventually([&] { return !hostCancels().empty(); }));
     gate.open();
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(wait.state(1).dwEventState, 0x00020012U);
+    EXPECT_EQ(wait.state(1).dwEventState, kFirstCardPulled | kChanged);
     const std::vector<ULONGLONG> cancels = hostCancels();
     ASSERT_GE(cancels.size(), 2U);
     EXPECT_EQ(log().count(kStatusChange, kCancelLocal), 1U);
@@ -287,7 +287,7 @@ TEST_F(StatusChangeCancel, OfTheDaemonIsRepeatedSoonWhenItCameTooEarly) {
     ASSERT_TRUE(eventually([&] { return cancelled >= 1; }));
     gate.open();
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(wait.state(0).dwEventState, 0x00020012U);
+    EXPECT_EQ(wait.state(0).dwEventState, kFirstCardPulled | kChanged);
     EXPECT_GE(cancelled, 2U);
     EXPECT_EQ(log().count(kLocalStatusChange, kCancelRemote), 1U);
     EXPECT_GE(log().count(kLocalStatusChange, kCancelRemoteAgain), 1U);
@@ -339,7 +339,7 @@ TEST_F(StatusChangeCancel, OfTheDaemonIsNotSentBeforeTheRequestItIsToCancel) {
     EXPECT_EQ(remoteCancels(), 0U);
     gate.open();
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(wait.state(0).dwEventState, 0x00010022U);
+    EXPECT_EQ(wait.state(0).dwEventState, kFirstCard | kChanged);
     std::vector<Command> order;
     for (const Request& request : daemon.requests()) {
         order.push_back(request.command);

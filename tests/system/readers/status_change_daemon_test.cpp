@@ -28,7 +28,8 @@ class StatusChangeAndDaemon : public StatusChangeTest {
                           return std::nullopt;
                       }
                       Bytes record = request.body;
-                      putU32(record, 12, static_cast<std::uint32_t>(SCARD_E_NO_SERVICE));
+                      putU32(record, EstablishLayout::kResult,
+                             static_cast<std::uint32_t>(SCARD_E_NO_SERVICE));
                       return Reply::of({record});
                   });
     }
@@ -68,7 +69,7 @@ TEST_F(StatusChangeAndDaemon, ComingEndsAWaitOnTheHostAloneAsATimeout) {
     // The next call sees the new reader without the application listing anything.
     SCARD_READERSTATEA state = readerState(kRemoteReader, SCARD_STATE_UNAWARE);
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(state.dwEventState, 0x00010022U);
+    EXPECT_EQ(state.dwEventState, kFirstCard | kChanged);
     EXPECT_THAT(listReaders(context), UnorderedElementsAre(kHostReader, kRemoteReader));
 }
 
@@ -175,7 +176,7 @@ TEST_F(StatusChangeAndDaemon, GoingLeavesTheHostsHalfOfAWait) {
     EXPECT_FALSE(wait.isOver());
     host.pcsc().removeCard(kHostReader);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(wait.state(0).dwEventState, 0x00020012U);
+    EXPECT_EQ(wait.state(0).dwEventState, kFirstCardPulled | kChanged);
 }
 
 TEST_F(StatusChangeAndDaemon, GoingAndComingBackEndsTheHostsHalfOfAWait) {
@@ -187,7 +188,7 @@ TEST_F(StatusChangeAndDaemon, GoingAndComingBackEndsTheHostsHalfOfAWait) {
     waitForWatch();
     std::vector states{unchangedHost(), readerState(kRemoteReader, SCARD_STATE_UNAWARE)};
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, states.data(), 2), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(states[1].dwEventState, 0x00010022U);
+    EXPECT_EQ(states[1].dwEventState, kFirstCard | kChanged);
 }
 
 TEST_F(StatusChangeAndDaemon, GoingLetsABoundedWaitRunItsTime) {
@@ -203,10 +204,10 @@ TEST_F(StatusChangeAndDaemon, GoneForTheNextCallMakesItOneOfTheHost) {
     const SCARDCONTEXT context = establishAndList();
     stopDaemon();
     std::vector states{readerState(kHostReader, SCARD_STATE_UNAWARE),
-                       readerState(kRemoteReader, SCARD_STATE_PRESENT, 0x99)};
+                       readerState(kRemoteReader, SCARD_STATE_PRESENT, kUntouched)};
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, states.data(), 2), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(states[0].dwEventState, 0x00010022U);
-    EXPECT_EQ(states[1].dwEventState, 0x99U);
+    EXPECT_EQ(states[0].dwEventState, kFirstCard | kChanged);
+    EXPECT_EQ(states[1].dwEventState, kUntouched);
 }
 
 TEST_F(StatusChangeAndDaemon, GoneBeforeTheWaitHasBegunLeavesTheHostsHalf) {
@@ -226,7 +227,7 @@ TEST_F(StatusChangeAndDaemon, GoneBeforeTheWaitHasBegunLeavesTheHostsHalf) {
     ASSERT_TRUE(isGone);
     host.pcsc().removeCard(kHostReader);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(wait.state(0).dwEventState, 0x00020012U);
+    EXPECT_EQ(wait.state(0).dwEventState, kFirstCardPulled | kChanged);
 }
 
 TEST_F(StatusChangeAndDaemon, NotReadyIsWaitedForUntilTheTimeoutIsOver) {
@@ -263,7 +264,7 @@ TEST_F(StatusChangeAndDaemon, NotReadyLeavesWhatRemainsOfTheTimeoutForTheWait) {
     EXPECT_THAT(pauses.durations(), ElementsAre(1000U, 1000U));
     const std::vector<Request> requests = daemon.requests(Command::kGetStatusChange);
     ASSERT_EQ(requests.size(), 1U);
-    EXPECT_EQ(u32At(requests[0].body, 8), 500U);
+    EXPECT_EQ(u32At(requests[0].body, StatusChangeLayout::kTimeout), 500U);
 }
 
 TEST_F(StatusChangeAndDaemon, NotReadyIsAskedAgainEverySecondWithoutATimeout) {
@@ -287,7 +288,7 @@ TEST_F(StatusChangeAndDaemon, NotReadyDoesNotKeepAHostChangeBack) {
     host.pcsc().removeCard(kHostReader);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
     EXPECT_LT(GetTickCount64() - changed, 3000U);
-    EXPECT_EQ(wait.state(1).dwEventState, 0x00020012U);
+    EXPECT_EQ(wait.state(1).dwEventState, kFirstCardPulled | kChanged);
     EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x80100002"));
     EXPECT_EQ(log().count(kLocalStatusChange,
                           "canceling remote SCardGetStatusChange by invoking remote SCardCancel"),
@@ -311,7 +312,7 @@ TEST_F(StatusChangeAndDaemon, NotReadyDoesNotHideTheHostsReadersThatNobodyListed
     waitForHostWait();
     host.pcsc().removeCard(kHostReader);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(wait.state(0).dwEventState, 0x00020012U);
+    EXPECT_EQ(wait.state(0).dwEventState, kFirstCardPulled | kChanged);
 }
 
 TEST_F(StatusChangeAndDaemon, NotReadyDoesNotLoseACancelThatTheNextWaitFollows) {
@@ -333,10 +334,10 @@ TEST_F(StatusChangeAndDaemon, NotReadyDoesNotKeepAHostChangeBackThatTheNextWaitF
     ASSERT_TRUE(eventually([this] {
         return log().count("setContextCancelled", "Setting ContextCancelled 7a000001 to 1") == 1;
     }));
-    SCARD_READERSTATEA state = readerState(kHostReader, 0x00020010);
+    SCARD_READERSTATEA state = readerState(kHostReader, kFirstCardPulled);
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_E_TIMEOUT));
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(wait.state(1).dwEventState, 0x00020012U);
+    EXPECT_EQ(wait.state(1).dwEventState, kFirstCardPulled | kChanged);
 }
 
 TEST_F(StatusChangeAndDaemon, ComingAnewEndsAWaitForItsContextAsATimeout) {
@@ -362,7 +363,7 @@ TEST_F(StatusChangeAndDaemon, ThatLosesTheWatchAloneEndsBothHalvesOfAWait) {
     waitForHostWait();
     host.pcsc().removeCard(kHostReader);
     EXPECT_THAT(next.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(next.state(0).dwEventState, 0x00020012U);
+    EXPECT_EQ(next.state(0).dwEventState, kFirstCardPulled | kChanged);
 }
 
 TEST_F(StatusChangeAndDaemon, AwayDoesNotHideTheHostsReadersThatNobodyListed) {
@@ -371,13 +372,13 @@ TEST_F(StatusChangeAndDaemon, AwayDoesNotHideTheHostsReadersThatNobodyListed) {
     waitForHostWait();
     host.pcsc().removeCard(kHostReader);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(wait.state(0).dwEventState, 0x00020012U);
+    EXPECT_EQ(wait.state(0).dwEventState, kFirstCardPulled | kChanged);
 }
 
 TEST_F(StatusChangeAndDaemon, RefusingAContextOtherwiseEndsTheRemoteHalf) {
     daemon.on(Command::kEstablishContext, [](const Request& request) {
         Bytes record = request.body;
-        putU32(record, 12, static_cast<std::uint32_t>(SCARD_E_NO_MEMORY));
+        putU32(record, EstablishLayout::kResult, static_cast<std::uint32_t>(SCARD_E_NO_MEMORY));
         return Reply::of({record});
     });
     const SCARDCONTEXT context = establishWithDaemon();
@@ -396,7 +397,7 @@ TEST_F(StatusChangeAndDaemon, ThatComesLaterIsSeenByAnApplicationStartedBefore) 
     const BackgroundWait wait = waitOnBothSides(context);
     remote.removeCard(kRemoteReader);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(wait.state(1).dwEventState, 0x00020012U);
+    EXPECT_EQ(wait.state(1).dwEventState, kFirstCardPulled | kChanged);
 }
 
 TEST_F(StatusChangeAndDaemon, EndAWaitForACardWhenItComesNotWhenItGoesAgain) {
@@ -408,13 +409,13 @@ TEST_F(StatusChangeAndDaemon, EndAWaitForACardWhenItComesNotWhenItGoesAgain) {
     waitForHostWait();
     remote.insertCard(kRemoteReader, makeDemoCard(kRemoteCardHolder));
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(wait.state(1).dwEventState, 0x00030022U);
+    EXPECT_EQ(wait.state(1).dwEventState, kSecondCard | kChanged);
     const BackgroundWait next(context, INFINITE,
-                              {unchangedHost(), readerState(kRemoteReader, 0x00030020)});
+                              {unchangedHost(), readerState(kRemoteReader, kSecondCard)});
     waitForRemoteWait();
     remote.removeCard(kRemoteReader);
     EXPECT_THAT(next.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(next.state(1).dwEventState, 0x00040012U);
+    EXPECT_EQ(next.state(1).dwEventState, count(4) | SCARD_STATE_EMPTY | kChanged);
 }
 
 }  // namespace

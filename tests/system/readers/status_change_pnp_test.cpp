@@ -9,10 +9,8 @@ using testing::_;
 using testing::Contains;
 
 constexpr const char* kSecondHostReader = "Host Reader 1";
-
-constexpr DWORD count(DWORD readers) {
-    return readers << 16U;
-}
+/// What a count is to leave alone.
+constexpr DWORD kOtherBits = SCARD_STATE_IGNORE | SCARD_STATE_UNKNOWN;
 
 class PseudoReader : public StatusChangeTest {
   protected:
@@ -28,9 +26,10 @@ class PseudoReader : public StatusChangeTest {
 
     void answerRemotely(DWORD event) {
         daemon.on(Command::kGetStatusChange, [event](const Request& request) {
-            Bytes readers = bytesAt(request.body, 20, request.body.size() - 20);
-            putU32(readers, 132, static_cast<std::uint32_t>(event));
-            return Reply::of({bytesAt(request.body, 0, 20), readers});
+            Bytes readers = bytesAt(request.body, StatusChangeLayout::kSize,
+                                    request.body.size() - StatusChangeLayout::kSize);
+            putU32(readers, ReaderStateLayout::kEvent, static_cast<std::uint32_t>(event));
+            return Reply::of({bytesAt(request.body, 0, StatusChangeLayout::kSize), readers});
         });
     }
 
@@ -54,28 +53,32 @@ class PseudoReader : public StatusChangeTest {
                 given = states[0].dwCurrentState;
                 return SCARD_E_TIMEOUT;
             });
-        std::vector states{readerState(kPnpReader, count(applicationCount) | 0x5), unchangedHost(),
-                           readerState(kSecondHostReader, SCARD_STATE_EMPTY), unchangedRemote()};
+        std::vector states{readerState(kPnpReader, count(applicationCount) | kOtherBits),
+                           unchangedHost(), readerState(kSecondHostReader, SCARD_STATE_EMPTY),
+                           unchangedRemote()};
         SCardGetStatusChangeA(context, 0, states.data(), 4);
         const std::vector<Request> requests = daemon.requests(Command::kGetStatusChange);
         EXPECT_EQ(requests.size(), 1U);
-        EXPECT_EQ(u32At(requests.at(0).body, 12), 2U);
-        EXPECT_EQ(textAt(requests.at(0).body, 20, 128), kPnpReader);
-        EXPECT_EQ(states[0].dwCurrentState, count(applicationCount) | 0x5);
-        return {u32At(requests.at(0).body, 20 + 128), given};
+        EXPECT_EQ(u32At(requests.at(0).body, StatusChangeLayout::kReaders), 2U);
+        EXPECT_EQ(
+            textAt(requests.at(0).body, StatusChangeLayout::kSize, ReaderStateLayout::kCurrent),
+            kPnpReader);
+        EXPECT_EQ(states[0].dwCurrentState, count(applicationCount) | kOtherBits);
+        return {u32At(requests.at(0).body, StatusChangeLayout::kSize + ReaderStateLayout::kCurrent),
+                given};
     }
 };
 
 TEST_F(PseudoReader, HasEachSidesCountWithoutTheOthersReaders) {
-    EXPECT_EQ(countsGiven(5), std::make_pair(count(3) | 0x5, count(4) | 0x5));
+    EXPECT_EQ(countsGiven(5), std::make_pair(count(3) | kOtherBits, count(4) | kOtherBits));
 }
 
 TEST_F(PseudoReader, KeepsACountThatIsNotAboveTheReduction) {
-    EXPECT_EQ(countsGiven(1), std::make_pair(count(1) | 0x5, count(1) | 0x5));
+    EXPECT_EQ(countsGiven(1), std::make_pair(count(1) | kOtherBits, count(1) | kOtherBits));
 }
 
 TEST_F(PseudoReader, KeepsACountThatEqualsTheReductionOfOneSide) {
-    EXPECT_EQ(countsGiven(2), std::make_pair(count(2) | 0x5, count(1) | 0x5));
+    EXPECT_EQ(countsGiven(2), std::make_pair(count(2) | kOtherBits, count(1) | kOtherBits));
 }
 
 TEST_F(PseudoReader, SumsTheCountsOfAnUnchangedSystem) {
@@ -113,36 +116,37 @@ TEST_F(PseudoReader, EndsAWaitWhenAHostReaderGoes) {
 }
 
 TEST_F(PseudoReader, HasTheFlagsOfBothSidesAndTheSumOfTheirCounts) {
-    EXPECT_EQ(merged(0xFFFFFFFF, count(2) | 0x6, count(3) | 0x2), count(5) | 0x6);
+    EXPECT_EQ(merged(0xFFFFFFFF, count(2) | SCARD_STATE_UNKNOWN | kChanged, count(3) | kChanged),
+              count(5) | SCARD_STATE_UNKNOWN | kChanged);
 }
 
 TEST_F(PseudoReader, CountsTheStateGivenToTheHostWhenTheHostReportsNothing) {
-    EXPECT_EQ(merged(0, count(1) | 0x2, 0), count(8) | 0x2);
+    EXPECT_EQ(merged(0, count(1) | kChanged, 0), count(8) | kChanged);
 }
 
 TEST_F(PseudoReader, CountsTheStateGivenToTheHostWhenTheHostReportsThatOne) {
-    EXPECT_EQ(merged(0, count(1) | 0x2, count(7)), count(8) | 0x2);
+    EXPECT_EQ(merged(0, count(1) | kChanged, count(7)), count(8) | kChanged);
 }
 
 TEST_F(PseudoReader, TakesTheCurrentStateFromARemoteAnswerWithoutAnEvent) {
-    EXPECT_EQ(merged(0xFFFFFFFF, 0, count(1) | 0x2), count(8) | 0x2);
+    EXPECT_EQ(merged(0xFFFFFFFF, 0, count(1) | kChanged), count(8) | kChanged);
 }
 
 TEST_F(PseudoReader, IsAddedToWhatTheApplicationPassedWhileTheDaemonIsAway) {
     const SCARDCONTEXT context = establish();
-    answerOnHost(count(2) | 0x2);
-    SCARD_READERSTATEA state = readerState(kPnpReader, count(1), count(5) | 0x4);
+    answerOnHost(count(2) | kChanged);
+    SCARD_READERSTATEA state = readerState(kPnpReader, count(1), count(5) | SCARD_STATE_UNKNOWN);
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(state.dwEventState, count(7) | 0x6);
+    EXPECT_EQ(state.dwEventState, count(7) | SCARD_STATE_UNKNOWN | kChanged);
 }
 
 TEST_F(PseudoReader, IsAddedToWhatTheApplicationPassedWhenTheDaemonFails) {
     const SCARDCONTEXT context = establishAndList();
     daemon.on(Command::kGetStatusChange, [](const Request&) { return Reply::closePipe(); });
-    answerOnHost(count(2) | 0x2);
-    SCARD_READERSTATEA state = readerState(kPnpReader, count(1), count(5) | 0x4);
+    answerOnHost(count(2) | kChanged);
+    SCARD_READERSTATEA state = readerState(kPnpReader, count(1), count(5) | SCARD_STATE_UNKNOWN);
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(state.dwEventState, count(7) | 0x6);
+    EXPECT_EQ(state.dwEventState, count(7) | SCARD_STATE_UNKNOWN | kChanged);
 }
 
 TEST_F(PseudoReader, KeepsItsAtrFieldsAsTheDaemonLeftThem) {

@@ -30,18 +30,19 @@ class StatusChangeRecord : public StatusChangeTest {
     /// An answer that echoes the request with a result, a count and event states of the test's own.
     static Reply answer(const Request& request, LONG result, std::uint32_t count,
                         std::size_t records) {
-        Bytes record = bytesAt(request.body, 0, 20);
-        putU32(record, 12, count);
-        putU32(record, 16, static_cast<std::uint32_t>(result));
-        Bytes readers = bytesAt(request.body, 20, request.body.size() - 20);
-        readers.resize(records * 173);
+        Bytes record = bytesAt(request.body, 0, StatusChangeLayout::kSize);
+        putU32(record, StatusChangeLayout::kReaders, count);
+        putU32(record, StatusChangeLayout::kResult, static_cast<std::uint32_t>(result));
+        Bytes readers = bytesAt(request.body, StatusChangeLayout::kSize,
+                                request.body.size() - StatusChangeLayout::kSize);
+        readers.resize(records * ReaderStateLayout::kSize);
         return Reply::of({record, readers});
     }
 };
 
 TEST_F(StatusChangeRecord, StandsOnThePipeByteForByte) {
     const SCARDCONTEXT context = establishAndList();
-    SCARD_READERSTATEA state = readerState(kRemoteReader, 0x00010010, 0xA1B2C3D4);
+    SCARD_READERSTATEA state = readerState(kRemoteReader, count(1) | SCARD_STATE_EMPTY, 0xA1B2C3D4);
     state.cbAtr = 36;
     for (std::size_t i = 0; i < sizeof state.rgbAtr; ++i) {
         state.rgbAtr[i] = static_cast<BYTE>(0x80 + i);
@@ -91,7 +92,7 @@ TEST_F(StatusChangeRecord, LogsEachReaderGoingOutAndComingBack) {
 TEST_F(StatusChangeRecord, LogsEachLocalReaderBeforeAndAfterTheWait) {
     const SCARDCONTEXT context = establishAndList();
     std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT),
-                       readerState(kHostReader, SCARD_STATE_EMPTY, 0x4)};
+                       readerState(kHostReader, SCARD_STATE_EMPTY, SCARD_STATE_UNKNOWN)};
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, states.data(), 2), Gives(SCARD_S_SUCCESS));
     const std::string atrLength = std::to_string(states[1].cbAtr);
     EXPECT_THAT(log().messages("LocalSCardGetStatusChange", 'D'),
@@ -107,11 +108,12 @@ TEST_F(StatusChangeRecord, TakesStateAtrLengthAnd33BytesFromTheAnswer) {
     daemon.on(Command::kGetStatusChange, [](const Request& request) {
         Reply reply = answer(request, SCARD_S_SUCCESS, 1, 1);
         Bytes& reader = reply.blocks[1];
-        putU32(reader, 128, 0x11111111);
-        putU32(reader, 132, 0x00050022);
-        putU32(reader, 136, 33);
+        putU32(reader, ReaderStateLayout::kCurrent, 0x11111111);
+        putU32(reader, ReaderStateLayout::kEvent,
+               static_cast<std::uint32_t>(count(5) | SCARD_STATE_PRESENT | kChanged));
+        putU32(reader, ReaderStateLayout::kAtrLength, 33);
         for (std::size_t i = 0; i < 33; ++i) {
-            reader[140 + i] = static_cast<std::uint8_t>(0xC0 + i);
+            reader[ReaderStateLayout::kAtr + i] = static_cast<std::uint8_t>(0xC0 + i);
         }
         return reply;
     });
@@ -119,7 +121,7 @@ TEST_F(StatusChangeRecord, TakesStateAtrLengthAnd33BytesFromTheAnswer) {
     std::memset(state.rgbAtr, 0x5A, sizeof state.rgbAtr);
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(state.dwCurrentState, static_cast<DWORD>(SCARD_STATE_PRESENT));
-    EXPECT_EQ(state.dwEventState, 0x00050022U);
+    EXPECT_EQ(state.dwEventState, count(5) | SCARD_STATE_PRESENT | kChanged);
     EXPECT_EQ(state.cbAtr, 33U);
     for (std::size_t i = 0; i < 33; ++i) {
         EXPECT_EQ(state.rgbAtr[i], 0xC0 + i);
@@ -134,15 +136,17 @@ TEST_F(StatusChangeRecord, MatchesTheAnswerByPositionNotByName) {
     daemon.on(Command::kGetStatusChange, [](const Request& request) {
         Reply reply = answer(request, SCARD_S_SUCCESS, 2, 2);
         Bytes& readers = reply.blocks[1];
-        std::swap_ranges(readers.begin(), readers.begin() + 128, readers.begin() + 173);
-        putU32(readers, 132, 0x10002);
-        putU32(readers, 173 + 132, 0x20002);
+        std::swap_ranges(readers.begin(), readers.begin() + ReaderStateLayout::kCurrent,
+                         readers.begin() + ReaderStateLayout::kSize);
+        putU32(readers, ReaderStateLayout::kEvent, static_cast<std::uint32_t>(count(1) | kChanged));
+        putU32(readers, ReaderStateLayout::kSize + ReaderStateLayout::kEvent,
+               static_cast<std::uint32_t>(count(2) | kChanged));
         return reply;
     });
     std::vector states{unchangedRemote(), readerState("Another Reader", SCARD_STATE_EMPTY)};
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, states.data(), 2), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(states[0].dwEventState, 0x10002U);
-    EXPECT_EQ(states[1].dwEventState, 0x20002U);
+    EXPECT_EQ(states[0].dwEventState, count(1) | kChanged);
+    EXPECT_EQ(states[1].dwEventState, count(2) | kChanged);
     EXPECT_STREQ(states[0].szReader, kRemoteReader);
     EXPECT_THAT(log().messages(kStatusChange),
                 Contains("NEW REMOTE READER STATE 0: Another Reader, curr:PRESENT:0 (0x20), "
@@ -154,18 +158,18 @@ TEST_F(StatusChangeRecord, OfNoReadersLeavesTheEntriesAndTheResultStands) {
     daemon.on(Command::kGetStatusChange, [](const Request& request) {
         return answer(request, SCARD_E_READER_UNAVAILABLE, 0, 0);
     });
-    std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, 0x99)};
+    std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, kUntouched)};
     EXPECT_THAT(remoteResultFor(context, states), Gives(SCARD_E_READER_UNAVAILABLE));
-    EXPECT_EQ(states[0].dwEventState, 0x99U);
+    EXPECT_EQ(states[0].dwEventState, kUntouched);
 }
 
 TEST_F(StatusChangeRecord, OfMoreReadersThanAskedForIsRefusedAndThePipeClosed) {
     const SCARDCONTEXT context = establishAndList();
     daemon.on(Command::kGetStatusChange,
               [](const Request& request) { return answer(request, SCARD_S_SUCCESS, 2, 2); });
-    std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, 0x99)};
+    std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, kUntouched)};
     EXPECT_THAT(remoteResultFor(context, states), Gives(SCARD_F_INTERNAL_ERROR));
-    EXPECT_EQ(states[0].dwEventState, 0x99U);
+    EXPECT_EQ(states[0].dwEventState, kUntouched);
     EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x80100001"));
     const std::uint64_t used = daemon.requests().back().connection;
     EXPECT_TRUE(daemon.waitUntil(
@@ -190,20 +194,22 @@ TEST_F(StatusChangeRecord, OfFewerReadersThanAskedForFillsTheFirstEntries) {
     const SCARDCONTEXT context = establishAndList();
     daemon.on(Command::kGetStatusChange, [](const Request& request) {
         Reply reply = answer(request, SCARD_S_SUCCESS, 1, 1);
-        putU32(reply.blocks[1], 132, 0x10002);
+        putU32(reply.blocks[1], ReaderStateLayout::kEvent,
+               static_cast<std::uint32_t>(count(1) | kChanged));
         return reply;
     });
-    std::vector states{unchangedRemote(), readerState("Another Reader", SCARD_STATE_EMPTY, 0x99)};
+    std::vector states{unchangedRemote(),
+                       readerState("Another Reader", SCARD_STATE_EMPTY, kUntouched)};
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, states.data(), 2), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(states[0].dwEventState, 0x10002U);
-    EXPECT_EQ(states[1].dwEventState, 0x99U);
+    EXPECT_EQ(states[0].dwEventState, count(1) | kChanged);
+    EXPECT_EQ(states[1].dwEventState, kUntouched);
 }
 
 TEST_F(StatusChangeRecord, KeepsAnAtrLengthToWhatTheEntryHolds) {
     const SCARDCONTEXT context = establishAndList();
     daemon.on(Command::kGetStatusChange, [](const Request& request) {
         Reply reply = answer(request, SCARD_S_SUCCESS, 1, 1);
-        putU32(reply.blocks[1], 136, 0x7FFFFFFF);
+        putU32(reply.blocks[1], ReaderStateLayout::kAtrLength, 0x7FFFFFFF);
         return reply;
     });
     SCARD_READERSTATEA state = unchangedRemote();
@@ -214,15 +220,15 @@ TEST_F(StatusChangeRecord, KeepsAnAtrLengthToWhatTheEntryHolds) {
 TEST_F(StatusChangeRecord, OfAFailureHasNoReadersBeforeVersion11) {
     daemon.setVersion({1, 0});
     const SCARDCONTEXT context = establishAndList();
-    std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, 0x99)};
+    std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, kUntouched)};
     EXPECT_THAT(remoteResultFor(context, states), Gives(SCARD_E_TIMEOUT));
-    EXPECT_EQ(states[0].dwEventState, 0x99U);
+    EXPECT_EQ(states[0].dwEventState, kUntouched);
     // The connection stays in step.
     states.pop_back();
     states[0].dwCurrentState = SCARD_STATE_UNAWARE;
     const std::uint64_t used = daemon.requests().back().connection;
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, states.data(), 1), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(states[0].dwEventState, 0x00010022U);
+    EXPECT_EQ(states[0].dwEventState, kFirstCard | kChanged);
     EXPECT_EQ(daemon.requests().back().connection, used);
 }
 
@@ -231,15 +237,15 @@ TEST_F(StatusChangeRecord, OfASuccessHasReadersBeforeVersion11Too) {
     const SCARDCONTEXT context = establishAndList();
     SCARD_READERSTATEA state = readerState(kRemoteReader, SCARD_STATE_UNAWARE);
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(state.dwEventState, 0x00010022U);
+    EXPECT_EQ(state.dwEventState, kFirstCard | kChanged);
 }
 
 TEST_F(StatusChangeRecord, OfAFailureHasReadersFromVersion11On) {
     daemon.setVersion({1, 1});
     const SCARDCONTEXT context = establishAndList();
-    std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, 0x99)};
+    std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, kUntouched)};
     EXPECT_THAT(remoteResultFor(context, states), Gives(SCARD_E_TIMEOUT));
-    EXPECT_EQ(states[0].dwEventState, 0x00010020U);
+    EXPECT_EQ(states[0].dwEventState, kFirstCard);
     EXPECT_GT(states[0].cbAtr, 0U);
 }
 
@@ -247,9 +253,10 @@ TEST_F(StatusChangeRecord, OfATooLongNameIsNotSent) {
     const std::string name(128, 'n');
     remote.addReader(name);
     const SCARDCONTEXT context = establishAndList();
-    std::vector states{unchangedRemote(), readerState(name.c_str(), SCARD_STATE_UNAWARE, 0x99)};
+    std::vector states{unchangedRemote(),
+                       readerState(name.c_str(), SCARD_STATE_UNAWARE, kUntouched)};
     EXPECT_THAT(remoteResultFor(context, states), Gives(SCARD_E_INVALID_VALUE));
-    EXPECT_EQ(states[1].dwEventState, 0x99U);
+    EXPECT_EQ(states[1].dwEventState, kUntouched);
     EXPECT_THAT(daemon.requests(), IsEmpty());
     EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x80100011"));
 }
@@ -262,26 +269,28 @@ TEST_F(StatusChangeRecord, OfTheLongestNameThatFitsIsSentWhole) {
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, states.data(), 1), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(states[0].dwEventState, static_cast<DWORD>(SCARD_STATE_EMPTY | SCARD_STATE_CHANGED));
     ASSERT_EQ(daemon.requests().size(), 1U);
-    EXPECT_EQ(textAt(daemon.requests()[0].body, 20, 128), name);
+    EXPECT_EQ(
+        textAt(daemon.requests()[0].body, StatusChangeLayout::kSize, ReaderStateLayout::kCurrent),
+        name);
 }
 
 TEST_F(StatusChangeRecord, ThatIsNotAnsweredGivesNoService) {
     const SCARDCONTEXT context = establishAndList();
     daemon.on(Command::kGetStatusChange, [](const Request&) { return Reply::closePipe(); });
-    std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, 0x99)};
+    std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, kUntouched)};
     EXPECT_THAT(remoteResultFor(context, states), Gives(kNoService));
     EXPECT_THAT(log().entries(), Contains(LogLine('W', kStatusChange, "Failed to receive data")));
-    EXPECT_EQ(states[0].dwEventState, 0x99U);
+    EXPECT_EQ(states[0].dwEventState, kUntouched);
 }
 
 TEST_F(StatusChangeRecord, ThatIsAnsweredInPartGivesNoService) {
     const SCARDCONTEXT context = establishAndList();
     daemon.on(Command::kGetStatusChange, [](const Request& request) {
         Bytes record = bytesAt(request.body, 0, 16);
-        putU32(record, 12, 200);  // a count that nobody asked for
+        putU32(record, StatusChangeLayout::kReaders, 200);  // a count that nobody asked for
         return Reply::closePipe({record});
     });
-    std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, 0x99)};
+    std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, kUntouched)};
     EXPECT_THAT(remoteResultFor(context, states), Gives(kNoService));
     EXPECT_THAT(log().messages(kStatusChange, 'W'), ElementsAre("Failed to receive data"));
 }
@@ -291,16 +300,18 @@ TEST_F(StatusChangeRecord, WhoseReadersBreakOffGivesNoService) {
     const SCARDCONTEXT context = establishAndList();
     daemon.on(Command::kGetStatusChange, [](const Request& request) {
         Reply reply = answer(request, SCARD_S_SUCCESS, 2, 1);
-        putU32(reply.blocks[1], 132, 0x10002);
+        putU32(reply.blocks[1], ReaderStateLayout::kEvent,
+               static_cast<std::uint32_t>(count(1) | kChanged));
         reply.close = true;
         return reply;
     });
-    std::vector states{unchangedRemote(), readerState("Another Reader", SCARD_STATE_EMPTY, 0x99)};
+    std::vector states{unchangedRemote(),
+                       readerState("Another Reader", SCARD_STATE_EMPTY, kUntouched)};
     EXPECT_THAT(remoteResultFor(context, states), Gives(kNoService));
     EXPECT_THAT(log().messages(kStatusChange, 'W'),
                 ElementsAre("Failed to receive data with reader state"));
-    EXPECT_EQ(states[0].dwEventState, 0x10002U);
-    EXPECT_EQ(states[1].dwEventState, 0x99U);
+    EXPECT_EQ(states[0].dwEventState, count(1) | kChanged);
+    EXPECT_EQ(states[1].dwEventState, kUntouched);
 }
 
 TEST_F(StatusChangeRecord, GoesToTheNewDaemonWhenTheConnectionIsStale) {
@@ -308,7 +319,7 @@ TEST_F(StatusChangeRecord, GoesToTheNewDaemonWhenTheConnectionIsStale) {
     daemon.closeConnection(daemon.openConnections().back());
     SCARD_READERSTATEA state = readerState(kRemoteReader, SCARD_STATE_UNAWARE);
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(state.dwEventState, 0x00010022U);
+    EXPECT_EQ(state.dwEventState, kFirstCard | kChanged);
 }
 
 struct BrokenWrite {
@@ -325,7 +336,7 @@ class StatusChangeBrokenWrite : public StatusChangeRecord,
 
 TEST_P(StatusChangeBrokenWrite, EndsTheRemoteHalfWithNoService) {
     const SCARDCONTEXT context = establishAndList();
-    std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, 0x99)};
+    std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, kUntouched)};
     std::size_t writes = 0;
     const DWORD caller = GetCurrentThreadId();
     const ImportPatch<decltype(::WriteFile)> writeFile(
@@ -339,7 +350,7 @@ TEST_P(StatusChangeBrokenWrite, EndsTheRemoteHalfWithNoService) {
         });
     EXPECT_THAT(remoteResultFor(context, states), Gives(kNoService));
     EXPECT_THAT(log().messages(kStatusChange, 'W'), ElementsAre(GetParam().warning));
-    EXPECT_EQ(states[0].dwEventState, 0x99U);
+    EXPECT_EQ(states[0].dwEventState, kUntouched);
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, StatusChangeBrokenWrite,

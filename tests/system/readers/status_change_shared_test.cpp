@@ -122,7 +122,7 @@ TEST_F(SharedWaits, ARepeatedCancelEndsNoOtherWaitOfTheContext) {
     EXPECT_THAT(first.result(), Gives(SCARD_E_CANCELLED));
     host.pcsc().removeCard(kHostReader);
     EXPECT_THAT(second.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(second.state(0).dwEventState, 0x00020012U);
+    EXPECT_EQ(second.state(0).dwEventState, kFirstCardPulled | kChanged);
 }
 
 TEST_F(SharedWaits, ARemoteChangeForOneLeavesTheOtherHearingOfTheHost) {
@@ -140,7 +140,7 @@ TEST_F(SharedWaits, ARemoteChangeForOneLeavesTheOtherHearingOfTheHost) {
     host.pcsc().removeCard(kHostReader);
     EXPECT_THAT(second.result(), Gives(SCARD_S_SUCCESS));
     EXPECT_LT(second.duration(), 5000U);
-    EXPECT_EQ(second.state(0).dwEventState, 0x00020012U);
+    EXPECT_EQ(second.state(0).dwEventState, kFirstCardPulled | kChanged);
 }
 
 TEST_F(SharedWaits, AHostChangeForOneLeavesTheOtherHearingOfTheDaemon) {
@@ -159,7 +159,7 @@ TEST_F(SharedWaits, AHostChangeForOneLeavesTheOtherHearingOfTheDaemon) {
     remote.removeCard(kRemoteReader);
     EXPECT_THAT(second.result(), Gives(SCARD_S_SUCCESS));
     EXPECT_LT(second.duration(), 5000U);
-    EXPECT_EQ(second.state(1).dwEventState, 0x00020012U);
+    EXPECT_EQ(second.state(1).dwEventState, kFirstCardPulled | kChanged);
 }
 
 TEST_F(SharedWaits, AHalfThatBeginsAgainHasTheTimeThatRemains) {
@@ -330,7 +330,7 @@ TEST_F(SharedWaits, AHostChangeReturnsThoughTheCancelOfTheDaemonIsNotAnswered) {
     const BackgroundWait wait = waitOnBothSides(context);
     host.pcsc().removeCard(kHostReader);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(wait.state(0).dwEventState, 0x00020012U);
+    EXPECT_EQ(wait.state(0).dwEventState, kFirstCardPulled | kChanged);
     // The connection whose answer is still to come is not used again.
     daemon.restore(Command::kCancel);
     const BackgroundWait next(context, 10, {unchangedRemote()});
@@ -341,7 +341,7 @@ TEST_F(SharedWaits, AHostChangeReturnsThoughTheCancelOfTheDaemonIsNotAnswered) {
 TEST_F(SharedWaits, ACancelIsSeenAtOnceWhileTheDaemonIsNotReady) {
     daemon.on(Command::kEstablishContext, [](const Request& request) {
         Bytes record = request.body;
-        putU32(record, 12, static_cast<std::uint32_t>(SCARD_E_NO_SERVICE));
+        putU32(record, EstablishLayout::kResult, static_cast<std::uint32_t>(SCARD_E_NO_SERVICE));
         return Reply::of({record});
     });
     const SCARDCONTEXT context = establishWithDaemon();
@@ -413,7 +413,7 @@ TEST_F(SharedWaits, ThatOnlyAskStartNoThread) {
     const ThreadCounter threads;
     std::vector states{unchangedHost(), readerState(kRemoteReader, SCARD_STATE_UNAWARE)};
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, states.data(), 2), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(states[1].dwEventState, 0x00010022U);
+    EXPECT_EQ(states[1].dwEventState, kFirstCard | kChanged);
     EXPECT_EQ(threads.started(), 0U);
 }
 
@@ -423,7 +423,7 @@ TEST_F(SharedWaits, AskAHostWithoutReadersAndTheDaemonOnceForTheirLists) {
     EXPECT_CALL(host, SCardListReadersA).Times(1);
     SCARD_READERSTATEA state = readerState(kRemoteReader, SCARD_STATE_UNAWARE);
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(state.dwEventState, 0x00010022U);
+    EXPECT_EQ(state.dwEventState, kFirstCard | kChanged);
     EXPECT_THAT(daemon.requests(Command::kListReaders), SizeIs(1));
 }
 

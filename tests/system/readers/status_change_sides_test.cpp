@@ -21,8 +21,8 @@ TEST_F(StatusChangeSides, EndAnUnboundedWaitWhenARemoteCardGoes) {
     EXPECT_FALSE(wait.isOver());
     remote.removeCard(kRemoteReader);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(wait.state(0).dwEventState, 0x00010020U);
-    EXPECT_EQ(wait.state(1).dwEventState, 0x00020012U);
+    EXPECT_EQ(wait.state(0).dwEventState, kFirstCard);
+    EXPECT_EQ(wait.state(1).dwEventState, kFirstCardPulled | kChanged);
     EXPECT_EQ(wait.state(1).cbAtr, 0U);
     EXPECT_EQ(log().count(kStatusChange, kCancelLocal), 1U);
     EXPECT_THAT(log().entries(), Contains(LogLine('D', kStatusChange, kCancelLocal)));
@@ -40,7 +40,7 @@ TEST_F(StatusChangeSides, EndAnUnboundedWaitWhenARemoteCardComes) {
     const VirtualCard card = makeDemoCard(kRemoteCardHolder);
     remote.insertCard(kRemoteReader, card);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(wait.state(1).dwEventState, 0x00030022U);
+    EXPECT_EQ(wait.state(1).dwEventState, kSecondCard | kChanged);
     EXPECT_EQ(wait.state(1).cbAtr, card.atr().size());
     EXPECT_EQ(Bytes(wait.state(1).rgbAtr, wait.state(1).rgbAtr + card.atr().size()), card.atr());
 }
@@ -51,8 +51,8 @@ TEST_F(StatusChangeSides, EndAnUnboundedWaitWhenAHostCardGoes) {
     const BackgroundWait wait = waitOnBothSides(context);
     host.pcsc().removeCard(kHostReader);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(wait.state(0).dwEventState, 0x00020012U);
-    EXPECT_EQ(wait.state(1).dwEventState, 0x00010020U);
+    EXPECT_EQ(wait.state(0).dwEventState, kFirstCardPulled | kChanged);
+    EXPECT_EQ(wait.state(1).dwEventState, kFirstCard);
     EXPECT_EQ(log().count(kLocalStatusChange, kCancelRemote), 1U);
     EXPECT_THAT(log().entries(), Contains(LogLine('D', kLocalStatusChange, kCancelRemote)));
     EXPECT_THAT(log().messages("setContextCancelled"),
@@ -83,7 +83,7 @@ TEST_F(StatusChangeSides, EndAnUnboundedWaitWhenAHostCardComes) {
     const VirtualCard card = makeDemoCard(kHostCardHolder);
     host.pcsc().insertCard(kHostReader, card);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(wait.state(0).dwEventState, 0x00030022U);
+    EXPECT_EQ(wait.state(0).dwEventState, kSecondCard | kChanged);
     EXPECT_EQ(Bytes(wait.state(0).rgbAtr, wait.state(0).rgbAtr + wait.state(0).cbAtr), card.atr());
 }
 
@@ -106,7 +106,7 @@ TEST_F(StatusChangeSides, LetABoundedWaitReturnWhenBothHave) {
     const ULONGLONG start = GetTickCount64();
     EXPECT_THAT(SCardGetStatusChangeA(context, 200, states.data(), 2), Gives(SCARD_S_SUCCESS));
     EXPECT_GE(GetTickCount64() - start, 190U);
-    EXPECT_EQ(states[1].dwEventState, 0x00010022U);
+    EXPECT_EQ(states[1].dwEventState, kFirstCard | kChanged);
     EXPECT_THAT(log().messages(kStatusChange), Contains("localRv: 0x8010000A"));
 }
 
@@ -116,7 +116,7 @@ TEST_F(StatusChangeSides, LetABoundedWaitWithAHostChangeReturnWhenBothHave) {
     const ULONGLONG start = GetTickCount64();
     EXPECT_THAT(SCardGetStatusChangeA(context, 200, states.data(), 2), Gives(SCARD_S_SUCCESS));
     EXPECT_GE(GetTickCount64() - start, 190U);
-    EXPECT_EQ(states[0].dwEventState, 0x00010022U);
+    EXPECT_EQ(states[0].dwEventState, kFirstCard | kChanged);
     EXPECT_EQ(remoteCancels(), 0U);
     EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x8010000A"));
 }
@@ -125,8 +125,8 @@ TEST_F(StatusChangeSides, TimeOutTogether) {
     const SCARDCONTEXT context = establishAndList();
     std::vector states{unchangedHost(), unchangedRemote()};
     EXPECT_THAT(SCardGetStatusChangeA(context, 50, states.data(), 2), Gives(SCARD_E_TIMEOUT));
-    EXPECT_EQ(states[0].dwEventState, 0x00010020U);
-    EXPECT_EQ(states[1].dwEventState, 0x00010020U);
+    EXPECT_EQ(states[0].dwEventState, kFirstCard);
+    EXPECT_EQ(states[1].dwEventState, kFirstCard);
     EXPECT_THAT(log().messages(kStatusChange), Contains("GET_STATUS_CHANGE RV: 0x8010000A"));
 }
 
@@ -135,7 +135,7 @@ TEST_F(StatusChangeSides, LetARemoteTimeoutBeASuccessWhenNoHostReaderIsInTheCall
     EXPECT_CALL(host, SCardGetStatusChangeA).Times(0);
     SCARD_READERSTATEA state = unchangedRemote();
     EXPECT_THAT(SCardGetStatusChangeA(context, 20, &state, 1), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(state.dwEventState, 0x00010020U);
+    EXPECT_EQ(state.dwEventState, kFirstCard);
     EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x8010000A"));
 }
 
@@ -148,7 +148,7 @@ TEST_F(StatusChangeSides, AskTheDaemonNothingForHostReadersAlone) {
     })) << "the daemon's half, which nothing is asked for";
     host.pcsc().removeCard(kHostReader);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(wait.state(0).dwEventState, 0x00020012U);
+    EXPECT_EQ(wait.state(0).dwEventState, kFirstCardPulled | kChanged);
     EXPECT_THAT(daemon.requests(), IsEmpty());
     EXPECT_EQ(log().count(kLocalStatusChange, kCancelRemote), 0U);
 }
@@ -209,9 +209,9 @@ TEST_P(StatusChangeCodes, OfBothSidesMakeTheResult) {
     const SCARDCONTEXT context = establishAndList();
     EXPECT_CALL(host, SCardGetStatusChangeA).WillOnce(Return(GetParam().local));
     daemon.on(Command::kGetStatusChange, [](const Request& request) {
-        Bytes record = bytesAt(request.body, 0, 20);
-        putU32(record, 12, 0);
-        putU32(record, 16, static_cast<std::uint32_t>(GetParam().remote));
+        Bytes record = bytesAt(request.body, 0, StatusChangeLayout::kSize);
+        putU32(record, StatusChangeLayout::kReaders, 0);
+        putU32(record, StatusChangeLayout::kResult, static_cast<std::uint32_t>(GetParam().remote));
         return Reply::of({record});
     });
     std::vector states{unchangedHost(), unchangedRemote()};

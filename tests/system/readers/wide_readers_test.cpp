@@ -115,7 +115,7 @@ TEST_F(WideReaderListTest, IsAllocatedAsOneWideBlockThatSCardFreeMemoryFrees) {
 TEST_F(WideReaderListTest, MayBeEmpty) {
     establishContext();
     host.pcsc().removeReader(kHostReader);
-    daemon.on(Command::kListReaders, answering(16, {}));
+    daemon.on(Command::kListReaders, answering(ListLayout::kSize, {}));
     EXPECT_EQ(wholeList(), L"\0"s);
     EXPECT_EQ(length, 1U);
 }
@@ -249,7 +249,8 @@ TEST_F(WideReaderListTest, OfBytesThatAreNoUtf8StaysWellFormed) {
     establishContext();
     host.pcsc().removeReader(kHostReader);
     const Bytes names = {0xFF, 0xC3, 0, 0x80, 0xF0, 0x9F, 0, 'A', 0, 0};
-    daemon.on(Command::kListReaders, answering(16, {{8, 10}}, names));
+    daemon.on(Command::kListReaders,
+              answering(ListLayout::kSize, {{ListLayout::kLength, 10}}, names));
     const std::wstring list = wholeList();
     ASSERT_GE(list.size(), 2U);
     EXPECT_EQ(list.substr(list.size() - 2), L"\0\0"s);
@@ -333,9 +334,11 @@ class WideConnectTest : public RemoteCardTest {
     }
 
     static testing::Matcher<const Request&> isConnect(const std::string& reader) {
-        return IsRequest(
-            Command::kConnect,
-            RecordBytes(160).u64(0, kDaemonContext).text(8, reader).u32(136, 2).u32(140, 3));
+        return IsRequest(Command::kConnect, RecordBytes(ConnectLayout::kSize)
+                                                .u64(ConnectLayout::kContext, kDaemonContext)
+                                                .text(ConnectLayout::kReader, reader)
+                                                .u32(ConnectLayout::kShareMode, 2)
+                                                .u32(ConnectLayout::kProtocols, 3));
     }
 };
 

@@ -167,7 +167,7 @@ TEST_F(DaemonAndWait, TheDaemonsRefusalOfAContextIsTheCodeOfASideThatIsAlone) {
     establishAndList();
     daemon.on(Command::kEstablishContext, [](const Request& request) {
         Bytes record = request.body;
-        putU32(record, 12, static_cast<std::uint32_t>(SCARD_E_NO_MEMORY));
+        putU32(record, EstablishLayout::kResult, static_cast<std::uint32_t>(SCARD_E_NO_MEMORY));
         return Reply::of({record});
     });
     const BackgroundWait wait(establish(), INFINITE, {unchangedRemote()});

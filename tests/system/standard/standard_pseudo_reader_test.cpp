@@ -48,7 +48,9 @@ TEST_F(StandardPseudoReader, BlocksWithTheCountThatItToldAndDoesNotAddItUp) {
     const BackgroundWait wait = waitOnPseudoReader(context, told);
     EXPECT_FALSE(wait.isOver(std::chrono::milliseconds(50)));
     ASSERT_EQ(remoteAsks(), 1U) << "the count is known";
-    EXPECT_EQ(u32At(daemon.requests(Command::kGetStatusChange).front().body, 20 + 128), count(1))
+    EXPECT_EQ(u32At(daemon.requests(Command::kGetStatusChange).front().body,
+                    StatusChangeLayout::kSize + ReaderStateLayout::kCurrent),
+              count(1))
         << "each side is told its own";
     remote.addReader(kSecondRemoteReader);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
@@ -94,7 +96,7 @@ TEST_F(StandardPseudoReader, ComparesTheNamesThoughTheDaemonIsLostAtFirst) {
         }
         const std::string names = std::string(kSecondRemoteReader) + std::string(2, '\0');
         Bytes record = request.body;
-        putU32(record, 8, static_cast<std::uint32_t>(names.size()));
+        putU32(record, ListLayout::kLength, static_cast<std::uint32_t>(names.size()));
         return Reply::of({record, Bytes(names.begin(), names.end())});
     });
     const BackgroundWait wait(context, 60000, {readerState(kPnpReader, SCARD_STATE_UNAWARE)});

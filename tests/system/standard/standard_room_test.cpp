@@ -60,7 +60,7 @@ TEST_F(WholeLists, OfTheDaemonAreRefusedAbove64KiB) {
     const SCARDCONTEXT context = establishWithDaemon();
     daemon.on(Command::kListReaders, [](const Request& request) {
         Bytes record = request.body;
-        putU32(record, 8, 64 * 1024 + 1);
+        putU32(record, ListLayout::kLength, 64 * 1024 + 1);
         Bytes names(64 * 1024 + 1);
         names[0] = 'X';
         return Reply::of({record, names});

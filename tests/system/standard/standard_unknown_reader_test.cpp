@@ -10,9 +10,10 @@ class UnknownReader : public StandardTest {
   protected:
     void refuseRemoteWaits() {
         daemon.on(Command::kGetStatusChange, [](const Request& request) {
-            Bytes record = bytesAt(request.body, 0, 20);
-            putU32(record, 12, 0);
-            putU32(record, 16, static_cast<std::uint32_t>(SCARD_E_UNKNOWN_READER));
+            Bytes record = bytesAt(request.body, 0, StatusChangeLayout::kSize);
+            putU32(record, StatusChangeLayout::kReaders, 0);
+            putU32(record, StatusChangeLayout::kResult,
+                   static_cast<std::uint32_t>(SCARD_E_UNKNOWN_READER));
             return Reply::of({record});
         });
     }

@@ -15,8 +15,6 @@ inline constexpr std::uint64_t kDaemonCard = kFirstDaemonCard;
 inline constexpr SCARDCONTEXT kHostContext = 0x7A000001;
 inline constexpr SCARDHANDLE kHostCard = 0x7B000001;
 
-/// Stands in what a call must leave alone.
-inline constexpr DWORD kUntouched = 0xDEAD;
 /// The platform's ERROR_NOT_SUPPORTED.
 inline constexpr LONG kNotSupported = 50;
 /// What an old daemon takes of a command or an answer.
@@ -51,7 +49,9 @@ class RemoteCardTest : public SystemTest {
 
     /// The request of a disconnect, for calls that must find the connection in order.
     static RecordBytes disconnectRecord(std::uint64_t target, DWORD disposition) {
-        return RecordBytes(16).u64(0, target).u32(8, static_cast<std::uint32_t>(disposition));
+        return RecordBytes(DispositionLayout::kSize)
+            .u64(DispositionLayout::kCard, target)
+            .u32(DispositionLayout::kDisposition, static_cast<std::uint32_t>(disposition));
     }
 
     /// Whether the library hangs up on the connection that carried a command last.

@@ -5,17 +5,6 @@
 
 namespace tez::test {
 
-constexpr DWORD kChanged = SCARD_STATE_CHANGED;
-constexpr DWORD kGone = SCARD_STATE_UNKNOWN | SCARD_STATE_CHANGED | SCARD_STATE_IGNORE;
-/// A reader that still holds its first card, with the counter that the sides report.
-constexpr DWORD kFirstCard = 0x00010020;
-/// A reader whose first card was pulled.
-constexpr DWORD kFirstCardPulled = 0x00020010;
-
-constexpr DWORD count(DWORD readers) {
-    return readers << 16U;
-}
-
 /// Status-change calls with the switch on.
 class StandardTest : public StatusChangeTest {
   protected:
@@ -24,7 +13,8 @@ class StandardTest : public StatusChangeTest {
     std::size_t remoteAsks() const { return daemon.requests(Command::kGetStatusChange).size(); }
     /// The time-out of a status-change request.
     DWORD askedTimeout(std::size_t request) const {
-        return u32At(daemon.requests(Command::kGetStatusChange).at(request).body, 8);
+        return u32At(daemon.requests(Command::kGetStatusChange).at(request).body,
+                     StatusChangeLayout::kTimeout);
     }
 
     /// The pseudo-reader, asked without waiting.

@@ -10,43 +10,29 @@
 namespace tez::test {
 namespace {
 
-constexpr std::size_t kStatusChangeRecordSize = 20;
-constexpr std::size_t kReaderRecordSize = 173;
 constexpr std::size_t kAtrWidth = 33;
 
 }  // namespace
 
-SCARD_READERSTATEA readerState(const char* reader, DWORD current, DWORD event) {
-    SCARD_READERSTATEA state = {};
-    state.szReader = reader;
-    state.dwCurrentState = current;
-    state.dwEventState = event;
-    return state;
-}
-
 Bytes statusChangeHeader(std::size_t readers) {
-    Bytes header(12);
-    putU32(header, 0,
-           static_cast<std::uint32_t>(kStatusChangeRecordSize + readers * kReaderRecordSize));
-    putU32(header, 4, 12);
-    return header;
+    return requestHeader(Command::kGetStatusChange,
+                         StatusChangeLayout::kSize + readers * ReaderStateLayout::kSize);
 }
 
 Bytes statusChangeBody(std::uint64_t remoteContext, DWORD timeout,
                        const std::vector<SCARD_READERSTATEA>& readers) {
-    Bytes body(kStatusChangeRecordSize + readers.size() * kReaderRecordSize);
-    putU64(body, 0, remoteContext);
-    putU32(body, 8, static_cast<std::uint32_t>(timeout));
-    putU32(body, 12, static_cast<std::uint32_t>(readers.size()));
-    std::size_t offset = kStatusChangeRecordSize;
+    RecordBytes body(StatusChangeLayout::kSize);
+    body.u64(StatusChangeLayout::kContext, remoteContext)
+        .u32(StatusChangeLayout::kTimeout, static_cast<std::uint32_t>(timeout))
+        .u32(StatusChangeLayout::kReaders, static_cast<std::uint32_t>(readers.size()));
     for (const SCARD_READERSTATEA& reader : readers) {
-        const std::string name = reader.szReader;
-        std::copy(name.begin(), name.end(), body.begin() + static_cast<std::ptrdiff_t>(offset));
-        putU32(body, offset + 128, static_cast<std::uint32_t>(reader.dwCurrentState));
-        putU32(body, offset + 132, static_cast<std::uint32_t>(reader.dwEventState));
-        putU32(body, offset + 136, static_cast<std::uint32_t>(reader.cbAtr));
-        putBytes(body, offset + 140, {reader.rgbAtr, kAtrWidth});
-        offset += kReaderRecordSize;
+        body.append(
+            RecordBytes(ReaderStateLayout::kSize)
+                .text(ReaderStateLayout::kReader, reader.szReader)
+                .u32(ReaderStateLayout::kCurrent, static_cast<std::uint32_t>(reader.dwCurrentState))
+                .u32(ReaderStateLayout::kEvent, static_cast<std::uint32_t>(reader.dwEventState))
+                .u32(ReaderStateLayout::kAtrLength, static_cast<std::uint32_t>(reader.cbAtr))
+                .raw(ReaderStateLayout::kAtr, copyBytes(reader.rgbAtr, kAtrWidth)));
     }
     return body;
 }

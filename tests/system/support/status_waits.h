@@ -6,7 +6,10 @@
 #include <vector>
 
 #include "import_patch.h"
+#include "reader_states.h"
 #include "record_codec.h"
+#include "record_layout.h"
+#include "request_matchers.h"
 #include "system_test.h"
 
 namespace tez::test {
@@ -26,9 +29,6 @@ constexpr const char* kCancelRemoteAgain = "canceling remote SCardGetStatusChang
 /// Milliseconds in which a wait is over whose end was not lost, however busy the machine: repeats
 /// that grow to this have missed several times.
 constexpr ULONGLONG kSoon = 900;
-
-/// An entry for SCardGetStatusChangeA. The name is not copied.
-SCARD_READERSTATEA readerState(const char* reader, DWORD current, DWORD event = 0);
 
 /// The bytes of a status-change request: header, record and reader records, as they are to stand on
 /// the pipe.

@@ -44,6 +44,9 @@ inline constexpr std::uint64_t kFirstDaemonCard = 0x6'0000'0001;
 inline constexpr std::uint64_t kWatch = 2;
 inline constexpr const char* kRemoteCardHolder = "Remote User";
 
+/// Stands in what a call must leave alone.
+inline constexpr DWORD kUntouched = 0xDEAD;
+
 /// A connection to a card, as SCardConnectA gave it.
 struct ConnectedCard {
     SCARDHANDLE handle = 0;
