@@ -35,11 +35,6 @@ constexpr const char* kKnownCard = "Known Card";
 constexpr std::uint32_t kProviderId = 2;
 constexpr Clients::Process kProcess = 1;
 
-Bytes joined(Bytes first, const Bytes& second) {
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
-
 class DaemonDatabaseTest : public testing::Test {
   protected:
     DaemonDatabaseTest() {
@@ -277,11 +272,12 @@ TEST_F(DaemonDatabaseTest, TakesNoCardTypeWithoutAnAtrOrOfAnImpossibleForm) {
 TEST_F(DaemonDatabaseTest, CachesDataBehindTheRecord) {
     const Bytes name = terminated("name");
     const Bytes data{1, 0, 2};
-    const auto writing = [&](std::uint8_t length, const Bytes& tail) {
+    const auto writing = [&](std::uint8_t length, const Bytes& told, const Bytes& tail) {
         return ask(Command::kWriteCache, RecordBytes(Cache::kSize)
                                              .raw(Cache::kCard, {9})
                                              .raw(Cache::kFreshness, {5})
                                              .raw(Cache::kLength, {length})
+                                             .append(told)
                                              .append(tail));
     };
     const auto reading = [&](std::uint8_t freshness) {
@@ -291,15 +287,15 @@ TEST_F(DaemonDatabaseTest, CachesDataBehindTheRecord) {
                                             .append(name));
     };
     EXPECT_EQ(resultOf<Cache>(reading(5)), result::kCacheItemNotFound);
-    EXPECT_EQ(resultOf<Cache>(writing(3, joined(data, name))), result::kSuccess);
+    EXPECT_EQ(resultOf<Cache>(writing(3, data, name)), result::kSuccess);
     EXPECT_EQ(dataOf<Cache>(reading(5)), data);
     EXPECT_EQ(u32At(record_, Cache::kLength), 3U);
     EXPECT_EQ(resultOf<Cache>(reading(6)), result::kCacheItemStale);
-    EXPECT_EQ(resultOf<Cache>(writing(0, name)), result::kSuccess);
+    EXPECT_EQ(resultOf<Cache>(writing(0, {}, name)), result::kSuccess);
     EXPECT_THAT(dataOf<Cache>(reading(5)), IsEmpty());
-    EXPECT_THAT(writing(9, joined(data, name)), kClosesThePipe) << "more than there is";
-    EXPECT_THAT(writing(1, joined(data, name)), kClosesThePipe) << "a NUL within";
-    EXPECT_THAT(writing(3, data), kClosesThePipe);
+    EXPECT_THAT(writing(9, data, name), kClosesThePipe) << "more than there is";
+    EXPECT_THAT(writing(1, data, name), kClosesThePipe) << "a NUL within";
+    EXPECT_THAT(writing(3, data, {}), kClosesThePipe);
     EXPECT_THAT(ask(Command::kReadCache, Bytes(Cache::kSize)), kClosesThePipe);
 }
 

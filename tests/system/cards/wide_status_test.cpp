@@ -266,7 +266,7 @@ TEST_F(WideStatusChangeTest, SendsForeignNamesInUtf8) {
         remote.addReader(name.utf8);
         const GuardedText& text =
             texts.emplace_back(std::wstring_view(name.wide, std::wcslen(name.wide) + 1));
-        states.push_back(wideState(text.get(), SCARD_STATE_EMPTY, 0x99));
+        states.push_back(wideState(text.get(), SCARD_STATE_EMPTY, kUntouched));
         narrow.push_back(readerState(name.utf8, SCARD_STATE_EMPTY, kUntouched));
     }
     const SCARDCONTEXT context = establishAndList();
@@ -297,7 +297,7 @@ TEST_F(WideStatusChangeTest, SendsNoNameThatIsTooLongInUtf8) {
     const LongWideName name(43);
     remote.addReader(name.utf8);
     const SCARDCONTEXT context = establishAndList();
-    std::vector states{wideState(name.wide.c_str(), SCARD_STATE_UNAWARE, 0x99)};
+    std::vector states{wideState(name.wide.c_str(), SCARD_STATE_UNAWARE, kUntouched)};
     wait(context, states);
     EXPECT_THAT(log().messages(kStatusChange), testing::Contains("intermediate rv: 0x80100011"));
     EXPECT_EQ(states[0].dwEventState, kUntouched);
@@ -307,7 +307,7 @@ TEST_F(WideStatusChangeTest, SendsNoNameThatIsTooLongInUtf8) {
 TEST_F(WideStatusChangeTest, TellsTheStatesBehindAFailureToo) {
     const SCARDCONTEXT context = establish();
     listReaders(context);
-    std::vector states{wideState(L"Host Reader 0", SCARD_STATE_PRESENT, 0x99)};
+    std::vector states{wideState(L"Host Reader 0", SCARD_STATE_PRESENT, kUntouched)};
     EXPECT_THAT(wait(context, states), Gives(SCARD_E_TIMEOUT));
     EXPECT_EQ(states[0].dwEventState & 0xFFFFU, DWORD{SCARD_STATE_PRESENT});
 }
@@ -376,7 +376,7 @@ TEST_F(WideStatusChangeTest, WithoutMemoryForANameAsksNobodyAndFreesTheOthers) {
 
 TEST_F(WideStatusChangeTest, ReturnsTheNarrowCallsFailure) {
     establish();
-    std::vector states{wideState(L"Host Reader 0", SCARD_STATE_UNAWARE, 0x99)};
+    std::vector states{wideState(L"Host Reader 0", SCARD_STATE_UNAWARE, kUntouched)};
     EXPECT_THAT(wait(4711, states), Gives(SCARD_E_INVALID_HANDLE));
     EXPECT_EQ(states[0].dwEventState, kUntouched);
 }
