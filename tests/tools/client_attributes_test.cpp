@@ -7,6 +7,7 @@
 
 #include "child_process.h"
 #include "daemon_simulator.h"
+#include "patience.h"
 #include "simulator_process.h"
 
 namespace tez::test {

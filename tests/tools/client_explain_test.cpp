@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "child_process.h"
+#include "patience.h"
 #include "simulator_process.h"
 
 namespace tez::test {

@@ -19,8 +19,6 @@ using testing::Optional;
 
 class ClientLogTest : public ClientTest {
   protected:
-    ~ClientLogTest() override { std::filesystem::remove_all(folder_); }
-
     /// Runs lines in the shell, and has the log that this has left.
     std::string logOf(const std::vector<std::string>& lines, DWORD exitCode) {
         shellOutput(lines, exitCode);
