@@ -51,6 +51,11 @@ enum class Call : std::uint32_t {
 
 const char* nameOf(Call call);
 
+/// Every other client has the switch for standard answers on.
+constexpr bool wantsStandardAnswers(std::size_t client) {
+    return client % 2 != 0;
+}
+
 /// The longest of many durations.
 class Longest {
   public:
@@ -130,8 +135,11 @@ struct BoardContent {
     std::atomic<Milliseconds> patience;
     std::atomic<bool> isCalm;  ///< no more events; calls go on
     std::atomic<bool> isOver;
-    Events remote;                           ///< of the daemon's reader whose card comes and goes
-    std::atomic<Milliseconds> stableSince;   ///< the daemon; 0: it is away, or being disturbed
+    Events remote;                          ///< of the daemon's reader whose card comes and goes
+    std::atomic<Milliseconds> stableSince;  ///< the daemon; 0: it is away, or being disturbed
+    /// When a daemon that stays last lost connections, or hung. By default a wait that has begun by
+    /// then may go on with the host alone, as the loss of its connection ends its daemon's half.
+    std::atomic<Milliseconds> connectionsLost;
     std::atomic<std::uint64_t> daemonReady;  ///< how many commands the daemon has carried out
     std::array<ClientBoard, kClients> clients;
 };

@@ -8,8 +8,15 @@ namespace {
 
 constexpr Milliseconds kUsualPause = 200;
 
-const char* findLost(const BoardContent& board, const PatientClock& clock,
-                     const ClientBoard& client, std::size_t index) {
+/// Whether a waiter must be told the daemon's events, the wait that it is in being no obstacle.
+bool hearsDaemon(const BoardContent& board, std::size_t client, std::size_t index) {
+    const Milliseconds since = board.clients[client].waiters[index].since;
+    return wantsStandardAnswers(client) || since == 0 || since > board.connectionsLost;
+}
+
+const char* findLost(const BoardContent& board, const PatientClock& clock, std::size_t number,
+                     std::size_t index) {
+    const ClientBoard& client = board.clients[number];
     const Waiter& waiter = client.waiters[index];
     const auto isOld = [&](Milliseconds time) {
         return time != 0 && clock.age(time) > board.patience;
@@ -24,7 +31,8 @@ const char* findLost(const BoardContent& board, const PatientClock& clock,
             return "an event of the host's";
         }
         const Milliseconds stable = board.stableSince;
-        if (stable != 0 && isUntold(board.remote, waiter.remoteKnown, stable)) {
+        if (stable != 0 && hearsDaemon(board, number, index) &&
+            isUntold(board.remote, waiter.remoteKnown, stable)) {
             return "an event of the daemon's";
         }
     }
@@ -66,7 +74,7 @@ std::optional<std::string> findLost(const BoardContent& board, const PatientCloc
     for (std::size_t i = 0; i < kClients; ++i) {
         const ClientBoard& client = board.clients[i];
         for (std::size_t waiter = 0; client.process != 0 && waiter < kWaiters; ++waiter) {
-            if (const char* const what = findLost(board, clock, client, waiter)) {
+            if (const char* const what = findLost(board, clock, i, waiter)) {
                 return "waiter " + std::to_string(waiter) + " of client " + std::to_string(i) +
                        ", in its wait for " + ageOf(client.waiters[waiter].since) +
                        ", was not told of " + what;
@@ -94,13 +102,17 @@ std::optional<std::string> findHung(const BoardContent& board, const PatientCloc
 }
 
 bool isAllTold(const BoardContent& board) {
-    return std::ranges::all_of(board.clients, [&](const ClientBoard& client) {
-        return std::all_of(client.waiters.begin(), client.waiters.begin() + kQuietWaiter,
-                           [&](const Waiter& waiter) {
-                               return waiter.hostKnown == client.host.count &&
-                                      waiter.remoteKnown == board.remote.count;
-                           });
-    });
+    for (std::size_t i = 0; i < kClients; ++i) {
+        const ClientBoard& client = board.clients[i];
+        for (std::size_t index = 0; index < kQuietWaiter; ++index) {
+            const Waiter& waiter = client.waiters[index];
+            if (waiter.hostKnown != client.host.count ||
+                (waiter.remoteKnown != board.remote.count && hearsDaemon(board, i, index))) {
+                return false;
+            }
+        }
+    }
+    return true;
 }
 
 }  // namespace tez::soak

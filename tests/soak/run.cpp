@@ -104,8 +104,7 @@ void Run::tellDaemon(const std::string& command) {
 
 void Run::startClient(std::size_t index) {
     board_->clients[index].clearProcess();
-    // Every other one wants standard answers.
-    SetEnvironmentVariableA("TEZ_PCSC_STANDARD_CALLS", index % 2 == 0 ? nullptr : "1");
+    SetEnvironmentVariableA("TEZ_PCSC_STANDARD_CALLS", wantsStandardAnswers(index) ? "1" : nullptr);
     clients_[index] = std::make_unique<ChildProcess>(
         "soak.exe", "client " + boardName_ + " " + std::to_string(index) + " " +
                         std::to_string(GetCurrentProcessId()));
@@ -154,14 +153,17 @@ void Run::disturbDaemon() {
         case 2:
             tellDaemon(after("hang", 1500));
             ++results_.daemonsHung;
+            board_->connectionsLost = now();
             break;
         case 3:
             tellDaemon("drop");
             ++results_.connectionsLost;
+            board_->connectionsLost = now();
             break;
         default:
             tellDaemon("drop-all");
             ++results_.connectionsLost;
+            board_->connectionsLost = now();
             break;
     }
     board_->stableSince = now();

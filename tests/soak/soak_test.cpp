@@ -139,6 +139,25 @@ TEST_F(JudgeTest, WantsNoEventOfADaemonThatIsAwayOrHasJustComeBack) {
     EXPECT_EQ(findLost(*board, clock), std::nullopt);
 }
 
+TEST_F(JudgeTest, WantsEventsOfALostConnectionOfWaitsWithStandardAnswersOnly) {
+    beginEvent(board->remote, kLongAgo);
+    ClientBoard& byDefault = board->clients[2];
+    byDefault.process = 1;
+    byDefault.born = kLongAgo;
+    tellAll();
+    board->connectionsLost = kLongAgo;
+    byDefault.waiters[kEventWaiter].since = kLongAgo;
+    byDefault.waiters[kBusyWaiter].remoteKnown = 1;
+    EXPECT_EQ(findLost(*board, clock), std::nullopt);
+    byDefault.waiters[kEventWaiter].since = kLongAgo + 1;
+    EXPECT_THAT(findLost(*board, clock),
+                testing::Optional(testing::HasSubstr("waiter 1 of client 2")));
+    client.waiters[kEventWaiter].since = kLongAgo;
+    client.waiters[kEventWaiter].remoteKnown = 0;
+    EXPECT_THAT(findLost(*board, clock),
+                testing::Optional(testing::HasSubstr("waiter 1 of client 1")));
+}
+
 TEST_F(JudgeTest, FindsLostCancelsAndReleases) {
     Waiter& waiter = client.waiters[kQuietWaiter];
     waiter.since = kLongAgo;
