@@ -101,6 +101,18 @@ std::optional<std::string> findHung(const BoardContent& board, const PatientCloc
     return std::nullopt;
 }
 
+std::string activitiesOf(const ClientBoard& client) {
+    std::string text;
+    for (std::size_t thread = 0; thread < kThreads; ++thread) {
+        const Activity& activity = client.activities[thread];
+        if (const Milliseconds since = activity.since; since != 0) {
+            text += (text.empty() ? "" : ", ") + std::string("thread ") + std::to_string(thread) +
+                    " in " + nameOf(activity.call) + " for " + ageOf(since);
+        }
+    }
+    return text.empty() ? "no thread in a call" : text;
+}
+
 bool isAllTold(const BoardContent& board) {
     for (std::size_t i = 0; i < kClients; ++i) {
         const ClientBoard& client = board.clients[i];

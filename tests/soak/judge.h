@@ -37,6 +37,9 @@ std::optional<std::string> findLost(const BoardContent& board, const PatientCloc
 /// A call that waits for nothing and has not returned within kHung.
 std::optional<std::string> findHung(const BoardContent& board, const PatientClock& clock);
 
+/// What the threads of a client are in, in words.
+std::string activitiesOf(const ClientBoard& client);
+
 /// Whether every waiter has been told all events.
 bool isAllTold(const BoardContent& board);
 

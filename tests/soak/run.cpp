@@ -127,7 +127,7 @@ void Run::endClient(std::size_t index) {
             throw Failure("client " + std::to_string(index) + " was told to end and " +
                           (code               ? "crashed with code " + std::to_string(*code)
                            : client.isExiting ? "hangs in its process end"
-                                              : "hangs"));
+                                              : "hangs: " + activitiesOf(client)));
         }
         ++results_.clientsExited;
     }
@@ -243,9 +243,9 @@ void Run::stop() {
     for (std::size_t i = 0; i < kClients; ++i) {
         const std::optional<DWORD> code = clients_[i]->waitForEnd(std::chrono::milliseconds(kHung));
         if (code != 0U) {
-            const auto hung = findHung(*board_, clock_);
             throw Failure("client " + std::to_string(i) + " does not end well: " +
-                          (code ? "code " + std::to_string(*code) : hung.value_or("it hangs")));
+                          (code ? "code " + std::to_string(*code)
+                                : "it hangs: " + activitiesOf(board_->clients[i])));
         }
     }
 }
