@@ -5,7 +5,7 @@
 
 namespace {
 
-LONG refuse(const char* functionName) {
+LONG refuse(const char* functionName) noexcept {
     tez::FunctionLog(functionName).warning("%s not implemented", functionName);
     return SCARD_F_INTERNAL_ERROR;
 }

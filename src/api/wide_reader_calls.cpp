@@ -99,7 +99,7 @@ namespace {
 
 /// Copies all but the reader's name, which the two forms spell differently.
 template <class From, class To>
-void copyState(const From& from, To& to) {
+void copyState(const From& from, To& to) noexcept {
     to.pvUserData = from.pvUserData;
     to.dwCurrentState = from.dwCurrentState;
     to.dwEventState = from.dwEventState;

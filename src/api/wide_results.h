@@ -14,7 +14,8 @@ namespace tez {
 
 // How the wide entry points hand out the text of their narrow counterparts: the narrow call
 // allocates its result, which is converted and copied out, counted in wide characters. A failure of
-// the narrow call is returned unchanged and nothing is copied.
+// the narrow call is returned unchanged and nothing is copied. The calls are exported ones, which
+// throw nothing.
 
 /// The text with two NULs behind it: one that the host handed out may lack its end. Null when
 /// memory is exhausted.
@@ -33,7 +34,7 @@ inline MultiSize multiSize() noexcept {
 
 /// @param call  called with the destination and the length of a narrow multi-string.
 template <class Call>
-[[nodiscard]] LONG copyOutWideNames(LPWSTR destination, LPDWORD length, Call call) {
+[[nodiscard]] LONG copyOutWideNames(LPWSTR destination, LPDWORD length, Call call) noexcept {
     LocalBuffer narrow;
     const LONG rv = call(narrow.destination(), narrow.length());
     if (rv != SCARD_S_SUCCESS) {
@@ -48,7 +49,7 @@ template <class Call>
 
 /// As copyOutWideNames, for a single text.
 template <class Call>
-[[nodiscard]] LONG copyOutWideText(LPWSTR destination, LPDWORD length, Call call) {
+[[nodiscard]] LONG copyOutWideText(LPWSTR destination, LPDWORD length, Call call) noexcept {
     LocalBuffer narrow;
     const LONG rv = call(narrow.destination(), narrow.length());
     if (rv != SCARD_S_SUCCESS) {
@@ -66,7 +67,7 @@ template <class Call>
 /// A call with a converted text: call(LPSTR) makes it, with null for null.
 /// @return SCARD_E_NO_MEMORY when the text cannot be converted, else what was called returned.
 template <class Call>
-LONG withUtf8(LPCWSTR text, Call call) {
+LONG withUtf8(LPCWSTR text, Call call) noexcept {
     const HeapPtr<char> narrow = toUtf8(text);
     return text != nullptr && narrow == nullptr ? SCARD_E_NO_MEMORY : call(narrow.get());
 }

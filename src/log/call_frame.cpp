@@ -11,7 +11,7 @@ namespace {
 
 TEZ_PRINTF_FORMAT(4, 0)
 void logParameters(const FunctionLog& log, const char* operation, const char* direction,
-                   const char* format, std::va_list arguments) {
+                   const char* format, std::va_list arguments) noexcept {
     // Checked here too, so that a quiet log costs no formatting of the lead either.
     if (!isLogged(LogLevel::Debug)) {
         return;
@@ -24,14 +24,14 @@ void logParameters(const FunctionLog& log, const char* operation, const char* di
 
 }  // namespace
 
-void CallFrame::in(const char* format, ...) const {
+void CallFrame::in(const char* format, ...) const noexcept {
     std::va_list arguments;
     va_start(arguments, format);
     logParameters(log_, operation_, "IN-PARAMS", format, arguments);
     va_end(arguments);
 }
 
-void CallFrame::out(const char* format, ...) const {
+void CallFrame::out(const char* format, ...) const noexcept {
     std::va_list arguments;
     va_start(arguments, format);
     logParameters(log_, operation_, "OUT-PARAMS", format, arguments);

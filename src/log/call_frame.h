@@ -34,8 +34,8 @@ class CallFrame {
 
     const FunctionLog& log() const noexcept { return log_; }
 
-    void in(const char* format, ...) const TEZ_PRINTF_FORMAT(2, 3);
-    void out(const char* format, ...) const TEZ_PRINTF_FORMAT(2, 3);
+    void in(const char* format, ...) const noexcept TEZ_PRINTF_FORMAT(2, 3);
+    void out(const char* format, ...) const noexcept TEZ_PRINTF_FORMAT(2, 3);
 
     /// Runs the call's body, which returns the PC/SC result code; then onSuccess, for the
     /// OUT-PARAMS line, when that is SCARD_S_SUCCESS; logs the RV line and returns the code.

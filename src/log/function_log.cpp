@@ -22,7 +22,7 @@ constexpr const char* wordOf(LogLevel level) noexcept {
 
 }  // namespace
 
-void FunctionLog::debug(const char* format, ...) const {
+void FunctionLog::debug(const char* format, ...) const noexcept {
     std::va_list arguments;
     va_start(arguments, format);
     logMessageV(kComponent, LogLevel::Debug, wordOf(LogLevel::Debug), functionName_, false, "",
@@ -30,7 +30,7 @@ void FunctionLog::debug(const char* format, ...) const {
     va_end(arguments);
 }
 
-void FunctionLog::info(const char* format, ...) const {
+void FunctionLog::info(const char* format, ...) const noexcept {
     std::va_list arguments;
     va_start(arguments, format);
     logMessageV(kComponent, LogLevel::Info, wordOf(LogLevel::Info), functionName_, false, "",
@@ -38,7 +38,7 @@ void FunctionLog::info(const char* format, ...) const {
     va_end(arguments);
 }
 
-void FunctionLog::warning(const char* format, ...) const {
+void FunctionLog::warning(const char* format, ...) const noexcept {
     std::va_list arguments;
     va_start(arguments, format);
     logMessageV(kComponent, LogLevel::Warning, wordOf(LogLevel::Warning), functionName_, false, "",
@@ -46,7 +46,7 @@ void FunctionLog::warning(const char* format, ...) const {
     va_end(arguments);
 }
 
-void FunctionLog::line(LogLevel level, const char* text) const {
+void FunctionLog::line(LogLevel level, const char* text) const noexcept {
     logMessage(kComponent, level, wordOf(level), functionName_, false, "%s", text);
 }
 

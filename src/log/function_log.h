@@ -15,12 +15,12 @@ class FunctionLog {
     explicit constexpr FunctionLog(const char* functionName) noexcept
         : functionName_(functionName) {}
 
-    void debug(const char* format, ...) const TEZ_PRINTF_FORMAT(2, 3);
-    void info(const char* format, ...) const TEZ_PRINTF_FORMAT(2, 3);
-    void warning(const char* format, ...) const TEZ_PRINTF_FORMAT(2, 3);
+    void debug(const char* format, ...) const noexcept TEZ_PRINTF_FORMAT(2, 3);
+    void info(const char* format, ...) const noexcept TEZ_PRINTF_FORMAT(2, 3);
+    void warning(const char* format, ...) const noexcept TEZ_PRINTF_FORMAT(2, 3);
 
     /// Writes a text as it stands.
-    void line(LogLevel level, const char* text) const;
+    void line(LogLevel level, const char* text) const noexcept;
 
     constexpr const char* functionName() const noexcept { return functionName_; }
 

@@ -177,7 +177,7 @@ void putPrefix(std::FILE* stream, const char* component, const char* levelWord,
 
 void logMessageV(const char* component, LogLevel level, const char* levelWord,
                  const char* functionName, bool echoToStderr, const char* lead, const char* format,
-                 std::va_list arguments) {
+                 std::va_list arguments) noexcept {
     const LogSink* const target = sink();
     if (target == nullptr || !(echoToStderr || target->writes(level))) {
         return;
@@ -197,7 +197,7 @@ void logMessageV(const char* component, LogLevel level, const char* levelWord,
 }
 
 void logMessage(const char* component, LogLevel level, const char* levelWord,
-                const char* functionName, bool echoToStderr, const char* format, ...) {
+                const char* functionName, bool echoToStderr, const char* format, ...) noexcept {
     if (format == nullptr) {
         return;
     }

@@ -23,13 +23,13 @@ enum class LogLevel : std::int32_t { Error = 1, Warning = 2, Info = 3, Debug = 4
 /// Never fails towards the caller. Takes no lock: the prefix, the message and the line end are one
 /// stdio call each, so lines of two threads may interleave at these borders.
 void logMessage(const char* component, LogLevel level, const char* levelWord,
-                const char* functionName, bool echoToStderr, const char* format, ...)
+                const char* functionName, bool echoToStderr, const char* format, ...) noexcept
     TEZ_PRINTF_FORMAT(6, 7);
 
 /// As logMessage, with the message behind a lead text that is written as it stands.
 void logMessageV(const char* component, LogLevel level, const char* levelWord,
                  const char* functionName, bool echoToStderr, const char* lead, const char* format,
-                 std::va_list arguments) TEZ_PRINTF_FORMAT(7, 0);
+                 std::va_list arguments) noexcept TEZ_PRINTF_FORMAT(7, 0);
 
 /// Whether a line of this level would reach the log; for callers whose arguments are costly.
 bool isLogged(LogLevel level) noexcept;

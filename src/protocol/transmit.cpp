@@ -27,7 +27,7 @@ struct TransmitArguments {
     LPDWORD receiveLength;
 };
 
-DWORD protocolOf(LPCSCARD_IO_REQUEST pci) {
+DWORD protocolOf(LPCSCARD_IO_REQUEST pci) noexcept {
     return pci == nullptr ? kNoProtocol : pci->dwProtocol;
 }
 

@@ -84,7 +84,8 @@ LONG fetchRemoteNames(const FunctionLog& log, SCARDCONTEXT context, std::string&
 }
 
 /// The multi-string that the caller received, where it asked for one.
-std::optional<std::string_view> receivedList(const ListArguments& arguments, bool isAllocated) {
+std::optional<std::string_view> receivedList(const ListArguments& arguments,
+                                             bool isAllocated) noexcept {
     const char* const list = handedOut(arguments.readers, isAllocated);
     if (list == nullptr) {
         return std::nullopt;
@@ -178,7 +179,7 @@ void logReceivedList(const FunctionLog& log, const ListArguments& arguments, boo
 namespace tez {
 
 LONG listReadersUntold(SCARDCONTEXT hContext, LPCSTR mszGroups, LPSTR mszReaders,
-                       LPDWORD pcchReaders) {
+                       LPDWORD pcchReaders) noexcept {
     static constexpr CallFrame call("SCardListReadersA", "LIST_READERS");
     const ReaderListing listing = currentReaderListing();
     const ServiceState state = getServiceState();

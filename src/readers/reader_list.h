@@ -15,7 +15,7 @@ namespace tez {
 /// SCardListReadersA without the note of what the application is told, for callers that ask on
 /// behalf of another call.
 LONG listReadersUntold(SCARDCONTEXT hContext, LPCSTR mszGroups, LPSTR mszReaders,
-                       LPDWORD pcchReaders);
+                       LPDWORD pcchReaders) noexcept;
 
 /// With standard answers, notes what an application was told by a reader list: the names that were
 /// handed out, or that there are none. The length of a list tells nothing.

@@ -1,0 +1,182 @@
+"""Puts small faults into the library, one at a time, and asks whether the tests notice."""
+
+import argparse
+import json
+import os
+import random
+import sys
+from collections import Counter, defaultdict
+from multiprocessing import Pool
+from pathlib import Path
+
+import reach
+import sites
+import sources
+from workshop import Workshop
+
+PROJECT = Path(__file__).resolve().parents[2]
+FOLDER = PROJECT / "build" / "mutants"
+EQUIVALENT = Path(__file__).with_name("equivalent.txt")
+LEAST_IN_ROOM = 10
+# A fault in the code that all calls share is reached by nearly all tests.
+MOST_TESTS = 400
+GOAL = 0.95
+
+
+def show(text):
+    print(f"\r{text[:100]:<100}", end="", file=sys.stderr, flush=True)
+
+
+def equivalents():
+    """Those that change nothing anybody can see: {key: reason}."""
+    lines = (line.split(maxsplit=1) for line in EQUIVALENT.read_text().splitlines())
+    return {words[0]: words[1] for words in lines if len(words) == 2 and words[0] != "#"}
+
+
+def find(root, with_headers):
+    """All mutants of the library of which a folder has the sources."""
+    os.chdir(root)
+    files = sorted(root.glob("src/**/*.cpp"))
+    if with_headers:
+        files += sorted(root.glob("src/**/*.h"))
+    names = [str(file.relative_to(root)) for file in files]
+    flags = sources.compiler_flags()
+    with Pool() as pool:
+        found = pool.starmap(sites.find, [(name, flags) for name in names])
+    return [mutant for mutants in found for mutant in mutants]
+
+
+def choose(mutants, count, seed):
+    """Some of them at random, from each room by its size, in a random order in which any more
+    follow as a reserve for those that do not compile."""
+    order = random.Random(seed)
+    rooms = defaultdict(list)
+    for mutant in mutants:
+        rooms[mutant.room].append(mutant)
+    wanted = {r: max(LEAST_IN_ROOM, round(count * len(m) / len(mutants))) for r, m in rooms.items()}
+    return [(wanted[room], order.sample(rooms[room], len(rooms[room]))) for room in sorted(rooms)]
+
+
+class Trial:
+    """Mutants under test, and what came of them."""
+
+    def __init__(self, workshop, tests_that_reach):
+        self.workshop = workshop
+        self.reach = tests_that_reach
+        self.tests = {test.name: test for test in workshop.tests()}
+        self.killers = defaultdict(Counter)  # of the functions that had mutants before
+
+    def tests_for(self, mutant):
+        """Those that have killed others of the function come first."""
+        killers = self.killers[mutant.file, mutant.function]
+        names = self.reach.tests(mutant.file, mutant.line)
+        return sorted(names, key=lambda name: -killers[name])[:MOST_TESTS]
+
+    def run(self, mutant):
+        """@return what came of it, as it stands in the report; None if it does not compile"""
+        content = self.workshop.read(mutant.file)
+        try:
+            self.workshop.write(mutant.file, mutant.apply(content))
+            if not self.workshop.build():
+                return None
+            return self._test(mutant)
+        finally:
+            self.workshop.write(mutant.file, content)
+
+    def _test(self, mutant):
+        names = self.tests_for(mutant)
+        for number, name in enumerate(names, 1):
+            # One that fails by chance does not do so twice.
+            test = self.tests[name]
+            if not self.workshop.passes(test) and not self.workshop.passes(test):
+                self.killers[mutant.file, mutant.function][name] += 1
+                return {"result": "killed", "by": name, "tests": number}
+        return {"result": "survived", "tests": len(names)}
+
+
+def load(path):
+    return json.loads(path.read_text()) if path.exists() else {}
+
+
+def report(results):
+    """Prints what came of the mutants. @return whether the tests are good enough"""
+    rooms = defaultdict(Counter)
+    for entry in results.values():
+        rooms[entry["file"].split("/")[1]][entry["result"]] += 1
+    kinds = ("killed", "survived", "equivalent")
+    print(f"\n{'room':<12}" + "".join(f"{kind:>12}" for kind in kinds))
+    for room in sorted(rooms):
+        print(f"{room:<12}" + "".join(f"{rooms[room][kind]:>12}" for kind in kinds))
+    total = sum(rooms.values(), Counter())
+    print(f"{'all':<12}" + "".join(f"{total[kind]:>12}" for kind in kinds))
+    for kind in ("survived", "equivalent"):
+        for key, entry in results.items():
+            if entry["result"] == kind:
+                reason = entry.get("reason") or f"{entry['tests']} tests reach it"
+                print(f"\n{kind} {key}: {entry['file']}:{entry['line']}, {entry['change']}; {reason}")
+                print(f"    {entry['source']}")
+    judged = total["killed"] + total["survived"]
+    share = total["killed"] / judged if judged else 1
+    print(f"\n{total['killed']} of {judged} noticed, {share:.1%}; {total['equivalent']} equivalent")
+    return share >= GOAL
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="scripts/mutants")
+    parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--count", type=int, default=220)
+    parser.add_argument("--headers", action="store_true")
+    parser.add_argument("--again", nargs="+", metavar="KEY", default=[])
+    options = parser.parse_args()
+
+    FOLDER.mkdir(parents=True, exist_ok=True)
+    workshop = Workshop(PROJECT, FOLDER)
+    show("building")
+    workshop.prepare()
+    try:
+        tests_that_reach = reach.measure(workshop, FOLDER / "reach.json", show)
+        trial = Trial(workshop, tests_that_reach)
+        show("looking for places")
+        mutants = find(workshop.root, options.headers)
+        if options.again:
+            chosen = [(len(options.again), [m for m in mutants if m.key in options.again])]
+        else:
+            chosen = choose(mutants, options.count, options.seed)
+        results = try_all(trial, chosen, set(options.again))
+    finally:
+        workshop.stop_wine()
+    return 0 if report(results) else 1
+
+
+def try_all(trial, chosen, again):
+    """Tries as many of each room as are wanted. What is known of the same sources is not tried anew,
+    but for those that are asked for by name."""
+    path = FOLDER / "results.json"
+    known = load(path)
+    if known.get("sources") != trial.workshop.sources:
+        known = {"sources": trial.workshop.sources, "mutants": {}}
+    reasons = equivalents()
+    results = {}
+    for wanted, mutants in chosen:
+        tried = 0
+        for mutant in mutants:
+            if tried == wanted:
+                break
+            entry = known["mutants"].get(mutant.key)
+            if mutant.key in reasons:
+                entry = {"result": "equivalent", "reason": reasons[mutant.key]}
+            elif entry is None or mutant.key in again:
+                show(f"{len(results)} tried; {mutant.file}:{mutant.line} {mutant.change}")
+                entry = trial.run(mutant) or {"result": "refused by the compiler"}
+            entry |= {"file": mutant.file, "line": mutant.line, "change": mutant.change,
+                      "source": mutant.source}
+            known["mutants"][mutant.key] = entry
+            path.write_text(json.dumps(known, indent=1))
+            if entry["result"] != "refused by the compiler":
+                results[mutant.key] = entry
+                tried += 1
+    return results
+
+
+if __name__ == "__main__":
+    sys.exit(main())

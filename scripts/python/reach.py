@@ -1,0 +1,60 @@
+"""Which tests reach which lines of src/."""
+
+import json
+import subprocess
+from collections import defaultdict
+
+
+class Reach:
+    """For each line the tests that run it, those that reach least beside it first."""
+
+    def __init__(self, lines_of_tests):
+        """@param lines_of_tests for the name of each test the lines, as {file: [line, ...]}"""
+        size = {t: sum(map(len, files.values())) for t, files in lines_of_tests.items()}
+        self._tests = defaultdict(list)
+        for test in sorted(lines_of_tests, key=size.get):
+            for file, lines in lines_of_tests[test].items():
+                for line in lines:
+                    self._tests[file, line].append(test)
+
+    def tests(self, file, line):
+        return self._tests.get((file, line), [])
+
+
+def _lines(workshop, counts):
+    """The lines of src/ that have been run since the counts were cleared."""
+    reached = defaultdict(set)
+    output = subprocess.run(
+        ["x86_64-w64-mingw32-gcov-posix", "--json-format", "--stdout", "--relative-only",
+         "--source-prefix", workshop.root, *counts],
+        cwd=workshop.root, check=True, capture_output=True, text=True,
+    ).stdout
+    for document in output.splitlines():
+        for file in json.loads(document)["files"]:
+            if file["file"].startswith("src/"):
+                run = (line["line_number"] for line in file["lines"] if line["count"] > 0)
+                reached[file["file"]].update(run)
+    return {file: sorted(lines) for file, lines in reached.items() if lines}
+
+
+def measure(workshop, cache, show):
+    """Runs each test by itself, once for the sources as they are.
+
+    @param cache the file that keeps what was measured
+    @param show called with a line on the progress
+    """
+    if cache.exists():
+        known = json.loads(cache.read_text())
+        if known["sources"] == workshop.sources:
+            return Reach(known["lines"])
+    tests = list(workshop.tests())
+    lines = {}
+    for number, test in enumerate(tests):
+        show(f"reach: test {number} of {len(tests)}")
+        for count in workshop.build_folder.rglob("*.gcda"):
+            count.unlink()
+        if not workshop.passes(test):
+            raise RuntimeError(f"{test.name} fails without any fault")
+        lines[test.name] = _lines(workshop, workshop.build_folder.glob("src/**/*.gcda"))
+    cache.write_text(json.dumps({"sources": workshop.sources, "lines": lines}))
+    return Reach(lines)
