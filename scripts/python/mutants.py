@@ -66,32 +66,30 @@ class Trial:
         self.tests = {test.name: test for test in workshop.tests()}
         self.killers = defaultdict(Counter)  # of the functions that had mutants before
 
-    def tests_for(self, mutant):
+    def _tests_for(self, mutant):
         """Those that have killed others of the function come first."""
         killers = self.killers[mutant.file, mutant.function]
         names = self.reach.tests(mutant.file, mutant.line)
-        return sorted(names, key=lambda name: -killers[name])[:MOST_TESTS]
+        names = sorted(names, key=lambda name: -killers[name])[:MOST_TESTS]
+        return [self.tests[name] for name in names]
 
     def run(self, mutant):
         """@return what came of it, as it stands in the report; None if it does not compile"""
+        tests = self._tests_for(mutant)
         content = self.workshop.read(mutant.file)
         try:
             self.workshop.write(mutant.file, mutant.apply(content))
-            if not self.workshop.build():
-                return None
-            return self._test(mutant)
+            return self._test(mutant, tests) if self.workshop.build_for(tests) else None
         finally:
             self.workshop.write(mutant.file, content)
 
-    def _test(self, mutant):
-        names = self.tests_for(mutant)
-        for number, name in enumerate(names, 1):
+    def _test(self, mutant, tests):
+        for number, test in enumerate(tests, 1):
             # One that fails by chance does not do so twice.
-            test = self.tests[name]
             if not self.workshop.passes(test) and not self.workshop.passes(test):
-                self.killers[mutant.file, mutant.function][name] += 1
-                return {"result": "killed", "by": name, "tests": number}
-        return {"result": "survived", "tests": len(names)}
+                self.killers[mutant.file, mutant.function][test.name] += 1
+                return {"result": "killed", "by": test.name, "tests": number}
+        return {"result": "survived", "tests": len(tests)}
 
 
 def load(path):

@@ -1,6 +1,7 @@
 """Which tests reach which lines of src/."""
 
 import json
+import os
 import subprocess
 from collections import defaultdict
 
@@ -31,9 +32,10 @@ def _lines(workshop, counts):
     ).stdout
     for document in output.splitlines():
         for file in json.loads(document)["files"]:
-            if file["file"].startswith("src/"):
+            name = os.path.relpath(file["file"], workshop.root)
+            if name.startswith("src/"):
                 run = (line["line_number"] for line in file["lines"] if line["count"] > 0)
-                reached[file["file"]].update(run)
+                reached[name].update(run)
     return {file: sorted(lines) for file, lines in reached.items() if lines}
 
 
@@ -56,5 +58,7 @@ def measure(workshop, cache, show):
         if not workshop.passes(test):
             raise RuntimeError(f"{test.name} fails without any fault")
         lines[test.name] = _lines(workshop, workshop.build_folder.glob("src/**/*.gcda"))
+    if not any(lines.values()):
+        raise RuntimeError("the tests reach nothing: are the lines counted?")
     cache.write_text(json.dumps({"sources": workshop.sources, "lines": lines}))
     return Reach(lines)

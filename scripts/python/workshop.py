@@ -9,8 +9,8 @@ from dataclasses import dataclass
 from pathlib import Path
 
 PROGRAMS = ("unit_tests", "pipe_unit_tests", "system_tests", "standard_tests")
-# What a change of the library's sources changes. The programs that load it find it as it is then.
-BUILT_ANEW = ("winscard", "unit_tests", "pipe_unit_tests")
+# These have the library's sources in them; the others load the library, and find it as it is then.
+UNIT_TESTS = ("unit_tests", "pipe_unit_tests")
 ALSO_NEEDED = ("stand_in_winscard", "stand_in_winscard_incomplete", "victim")
 # A test that takes longer does not end. None takes more than a few seconds on an idle machine.
 PATIENCE = 40
@@ -21,6 +21,10 @@ class Test:
     name: str
     command: tuple
     folder: str
+
+    @property
+    def program(self):
+        return Path(self.command[1]).stem
 
 
 class Workshop:
@@ -46,8 +50,9 @@ class Workshop:
 
     def prepare(self):
         """Builds everything as it is, and lets tests run."""
-        # What a fault leaves unused is no reason to refuse it.
-        self._run("cmake", "--preset", "coverage", "-DCMAKE_CXX_FLAGS=-w")
+        # What a fault leaves unused is no reason to refuse it; linking takes longest, of symbols.
+        self._run("cmake", "--preset", "coverage", "-DCMAKE_CXX_FLAGS=-w",
+                  "-DCMAKE_EXE_LINKER_FLAGS=-s", "-DCMAKE_SHARED_LINKER_FLAGS=-s")
         if not self.build(*PROGRAMS, *ALSO_NEEDED):
             raise RuntimeError(f"the project does not build: see {self.log}")
         self.start_wine()
@@ -58,11 +63,15 @@ class Workshop:
             command, cwd=self.root, env=self.environment, check=True, capture_output=True, text=True
         ).stdout
 
+    def build_for(self, tests):
+        """Builds the library, and what else these tests need of a changed one. @return as build"""
+        return self.build("winscard", *{t.program for t in tests}.intersection(UNIT_TESTS))
+
     def build(self, *targets):
-        """Builds what has changed. @return whether it compiles"""
+        """@return whether it compiles"""
         with self.log.open("w") as log:
             return subprocess.run(
-                ["cmake", "--build", self.build_folder, "--target", *(targets or BUILT_ANEW)],
+                ["cmake", "--build", self.build_folder, "--target", *targets],
                 cwd=self.root, env=self.environment, stdout=log, stderr=log,
             ).returncode == 0
 
