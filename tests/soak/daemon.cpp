@@ -1,8 +1,11 @@
 #include "daemon.h"
 
 #include <iostream>
+#include <mutex>
+#include <set>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include "daemon_simulator.h"
 #include "random.h"
@@ -27,12 +30,39 @@ void restoreReaders(SimulatedService& service, std::uint32_t events) {
     }
 }
 
-void moveCard(Board& board, SimulatedService& service, DaemonSimulator& daemon) {
+/// The connections on which something was asked. Thread-safe.
+class Asked {
+  public:
+    /// Takes over what the daemon has on record.
+    void note(DaemonSimulator& daemon) {
+        const std::scoped_lock lock(mutex_);
+        for (const Request& request : daemon.requests()) {
+            connections_.insert(request.connection);
+        }
+        daemon.clearRecords();
+    }
+
+    /// Those that are still open.
+    std::vector<std::uint64_t> open(DaemonSimulator& daemon) {
+        note(daemon);
+        const std::scoped_lock lock(mutex_);
+        std::vector<std::uint64_t> open = daemon.openConnections();
+        std::erase_if(open, [&](std::uint64_t each) { return !connections_.contains(each); });
+        connections_ = {open.begin(), open.end()};
+        return open;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::set<std::uint64_t> connections_;
+};
+
+void moveCard(Board& board, SimulatedService& service, DaemonSimulator& daemon, Asked& asked) {
     const VirtualCard card = makeTaggedCard(kRemoteReader);
     Random random({board->seed, 1, board->remote.count});
     for (;;) {
         random.pauseBetweenEvents();
-        daemon.clearRecords();
+        asked.note(daemon);
         if (board->isCalm) {
             continue;
         }
@@ -44,19 +74,20 @@ void moveCard(Board& board, SimulatedService& service, DaemonSimulator& daemon) 
     }
 }
 
-void carryOut(const std::string& line, DaemonSimulator& daemon, Random& random) {
+void carryOut(const std::string& line, DaemonSimulator& daemon, Asked& asked, Random& random) {
     std::istringstream words(line);
     std::string command;
     int milliseconds = 0;
     words >> command >> milliseconds;
     const std::chrono::milliseconds time(milliseconds);
     if (command == "drop") {
-        const std::vector<std::uint64_t> open = daemon.openConnections();
+        // Not one that watches: a program that loses it alone takes the daemon for gone, and
+        // forgets contexts, with cards and transactions, which the daemon then keeps for as long as
+        // it lives.
+        const std::vector<std::uint64_t> open = asked.open(daemon);
         if (!open.empty()) {
             daemon.closeConnection(open[random.below(static_cast<unsigned>(open.size()))]);
         }
-    } else if (command == "drop-all") {
-        daemon.closeAllConnections();
     } else if (command == "hang") {
         daemon.pauseReading();
         std::this_thread::sleep_for(time);
@@ -76,11 +107,12 @@ int runDaemon(Board& board) {
     // A client that finds the pipe busy while the daemon dies waits for its time all the same.
     DaemonSimulator daemon(service, {.version = {}, .pipe = {.busyWait = 200}});
     daemon.start();
-    std::thread([&] { moveCard(board, service, daemon); }).detach();
+    Asked asked;
+    std::thread([&] { moveCard(board, service, daemon, asked); }).detach();
     Random random({board->seed, 2, board->remote.count});
     std::string line;
     do {
-        carryOut(line, daemon, random);
+        carryOut(line, daemon, asked, random);
         ++board->daemonReady;
     } while (std::getline(std::cin, line));
     std::_Exit(0);  // the cards still move

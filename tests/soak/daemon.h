@@ -8,8 +8,7 @@ namespace tez::soak {
 /// in and out, and does what the lines of its standard input say, each of which it acknowledges on
 /// the board, as it does its start:
 ///
-///     drop          closes one connection
-///     drop-all      closes all of them
+///     drop          closes one connection on which something was asked
 ///     hang MS       takes nothing from any pipe for that long
 ///     restart MS    stops serving, and starts again after that time
 ///

@@ -6,6 +6,7 @@
 
 #include "client.h"
 #include "daemon.h"
+#include "environment.h"
 #include "pipe/unique_handle.h"
 #include "run.h"
 
@@ -41,7 +42,7 @@ int runProgram(int argc, const char* const* argv) {
     }
 
     if (GetEnvironmentVariableA("TEZ_PCSC_LOG_LEVEL", nullptr, 0) == 0) {
-        SetEnvironmentVariableA("TEZ_PCSC_LOG_LEVEL", "error");
+        test::setEnvironment("TEZ_PCSC_LOG_LEVEL", "error");
     }
     if (*daemon) {
         Board board(boardName);

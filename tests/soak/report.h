@@ -23,7 +23,7 @@ struct Results {
     std::uint64_t daemonsKilled = 0;
     std::uint64_t daemonsRestarted = 0;  ///< those that stopped in order
     std::uint64_t daemonsHung = 0;
-    std::uint64_t connectionsLost = 0;  ///< how often one of them was, or all were
+    std::uint64_t connectionsLost = 0;
     std::uint64_t clientsKilled = 0;
     std::uint64_t clientsExited = 0;    ///< by themselves, in the middle
     std::uint64_t lost = 0;             ///< events and cancels that were not told

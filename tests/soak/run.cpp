@@ -10,6 +10,7 @@
 
 #include "child_process.h"
 #include "client.h"
+#include "environment.h"
 #include "judge.h"
 #include "random.h"
 #include "report.h"
@@ -104,7 +105,7 @@ void Run::tellDaemon(const std::string& command) {
 
 void Run::startClient(std::size_t index) {
     board_->clients[index].clearProcess();
-    SetEnvironmentVariableA("TEZ_PCSC_STANDARD_CALLS", wantsStandardAnswers(index) ? "1" : nullptr);
+    test::setEnvironment("TEZ_PCSC_STANDARD_CALLS", wantsStandardAnswers(index) ? "1" : "");
     clients_[index] = std::make_unique<ChildProcess>(
         "soak.exe", "client " + boardName_ + " " + std::to_string(index) + " " +
                         std::to_string(GetCurrentProcessId()));
@@ -156,12 +157,11 @@ void Run::disturbDaemon() {
             board_->connectionsLost = now();
             break;
         case 3:
-            tellDaemon("drop");
-            ++results_.connectionsLost;
-            board_->connectionsLost = now();
+            tellDaemon("restart 0");
+            ++results_.daemonsRestarted;
             break;
         default:
-            tellDaemon("drop-all");
+            tellDaemon("drop");
             ++results_.connectionsLost;
             board_->connectionsLost = now();
             break;
