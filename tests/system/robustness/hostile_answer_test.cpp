@@ -183,12 +183,11 @@ TEST_P(HostileAnswerTest, MayBeThatOfAnotherCall) {
 
 // What comes too much cannot be told from the next answer; it is gone with the connection.
 TEST_P(HostileAnswerTest, MayComeTwiceAndBeTheLastThatTheDaemonSays) {
-    daemon.on(answer().command, [this, isFirst = true](const Request& request) mutable {
-        Bytes bytes = answer().bytesFor(request);
-        if (std::exchange(isFirst, false)) {
-            bytes.insert(bytes.end(), bytes.begin(), bytes.end());
-        }
-        return Reply::of({bytes});
+    daemon.on(answer().command, [this](const Request& request) {
+        const Bytes once = answer().bytesFor(request);
+        Bytes twice = once;
+        twice.insert(twice.end(), once.begin(), once.end());
+        return Reply::of({twice});
     });
     expectSuccess();
     daemon.closeConnection(daemon.requests(answer().command).back().connection);

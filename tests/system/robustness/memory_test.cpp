@@ -133,7 +133,10 @@ class MemoryTest : public CatalogueTest {
 
     /// With each of its results in a block, if it has any.
     LONG callOn(const Target& on) const {
-        LONG rv = GetParam().outputs.empty() ? GetParam().make(on) : SCARD_S_SUCCESS;
+        LONG rv = GetParam().outputs.size() == 1 ? SCARD_S_SUCCESS : GetParam().make(on);
+        if (rv != SCARD_S_SUCCESS) {
+            return rv;
+        }
         for (const Output& output : GetParam().outputs) {
             rv = output.isAllocatable ? intoBlock(output, on) : GetParam().make(on);
             if (rv != SCARD_S_SUCCESS) {

@@ -1,5 +1,6 @@
 // Contexts released and cards disconnected by one thread under the call of another: the call ends,
 // and the handle is none afterwards.
+#include <atomic>
 #include <future>
 
 #include "catalogue_test.h"
@@ -35,8 +36,8 @@ class TakenAwayTest : public CatalogueTest {
 
     /// Holds the daemon's answer to the call, the first of them.
     void holdTheDaemon() {
-        daemon.on(answer().command, [this, isFirst = true](const Request& request) mutable {
-            if (std::exchange(isFirst, false)) {
+        daemon.on(answer().command, [this](const Request& request) {
+            if (!hasHeld_.exchange(true)) {
                 gate_.pass();
             }
             return Reply::of({answer().bytesFor(request)});
@@ -69,6 +70,7 @@ class TakenAwayTest : public CatalogueTest {
 
   private:
     Gate gate_;
+    std::atomic<bool> hasHeld_ = false;
 };
 
 TEST_P(TakenAwayTest, EndsTheCallThatTheDaemonHolds) {
