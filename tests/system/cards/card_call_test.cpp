@@ -16,7 +16,7 @@ class CardCallTest : public RemoteCardTest {
     void SetUp() override { connectCard(); }
 
     /// Makes each call, the one that disconnects last. The wide forms log as the narrow ones.
-    void forEachCall(const std::function<void(const ExportedCall&)>& check) const {
+    static void forEachCall(const std::function<void(const ExportedCall&)>& check) {
         for (const ExportedCall& call : cardCalls()) {
             SCOPED_TRACE(call.name);
             if (!call.name.ends_with('W')) {

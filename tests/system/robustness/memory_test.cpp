@@ -148,7 +148,7 @@ class MemoryTest : public CatalogueTest {
 
     /// The library goes on knowing the handle of a card that was disconnected from the host, and of
     /// one whose disconnection at the daemon was broken off.
-    bool keepsHandles() const {
+    static bool keepsHandles() {
         return GetParam().name.starts_with("SCardConnect") || GetParam().endsHandle ||
                GetParam().name == "SCardEstablishContext";
     }
