@@ -89,25 +89,6 @@ TEST_F(AttributeTest, OfARemoteCardNeedsALength) {
     EXPECT_THAT(daemon.requests(), IsEmpty());
 }
 
-TEST_F(AttributeTest, TellsItsLengthWithoutABuffer) {
-    connectCard();
-    answerBehind({1, 2, 3, 4, 5});
-    EXPECT_THAT(SCardGetAttrib(card.handle, kAttribute, nullptr, &length), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(length, 5U);
-}
-
-TEST_F(AttributeTest, ThatDoesNotFitIsRefusedWithItsLength) {
-    connectCard();
-    answerBehind({1, 2, 3, 4, 5});
-    const GuardedBuffer value(4);
-    EXPECT_THAT(get(value), Gives(SCARD_E_INSUFFICIENT_BUFFER));
-    EXPECT_EQ(length, 5U);
-    EXPECT_TRUE(value.untouched());
-    // All of it was read off the pipe.
-    EXPECT_THAT(SCardBeginTransaction(card.handle), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(daemon.requests().at(0).connection, daemon.requests().at(1).connection);
-}
-
 TEST_F(AttributeTest, InTheNewerFormIsAllocatedForACallerWhoWantsThat) {
     connectCard(kNewerForm);
     answerBehind({1, 2, 3, 4, 5});
@@ -243,20 +224,6 @@ TEST_F(AttributeTest, OfAHostCardComesFromTheHost) {
     EXPECT_THAT(daemon.requests(), IsEmpty());
     EXPECT_THAT(log().messages("SCardGetAttrib"),
                 ElementsAre(_, "GET_ATTRIB OUT-PARAMS: 16", "GET_ATTRIB RV: 0x00000000"));
-}
-
-TEST_F(AttributeTest, OfAHostCardIsAllocatedFromTheLibrarysHeap) {
-    establishContext();
-    card = connect(context, kHostReader);
-    BYTE* value = nullptr;
-    length = SCARD_AUTOALLOCATE;
-    const HeapSpy heap;
-    ASSERT_THAT(SCardGetAttrib(card.handle, kAttribute, reinterpret_cast<LPBYTE>(&value), &length),
-                Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(host.heap().outstanding(), 0U);
-    EXPECT_EQ(heap.outstanding(16), 1U);
-    EXPECT_THAT(SCardFreeMemory(context, value), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(heap.outstanding(16), 0U);
 }
 
 TEST_F(AttributeTest, OfAHostCardEndsWithItsContext) {

@@ -2,6 +2,7 @@
 #include <functional>
 #include <map>
 
+#include "call_catalogue.h"
 #include "remote_card_test.h"
 
 namespace tez::test {
@@ -167,42 +168,11 @@ TEST_F(CardHandleLookUpTest, HappensOnceInACall) {
     const auto lookUps = [&](const std::function<void()>& call) {
         return spy.locksOf(call)[cardLock.begin()->first];
     };
-    for (const ConnectedCard& connected : {onHost, atDaemon}) {
-        const SCARDHANDLE handle = connected.handle;
-        EXPECT_EQ(lookUps([handle] { SCardBeginTransaction(handle); }), 1);
-        EXPECT_EQ(lookUps([handle] { SCardEndTransaction(handle, SCARD_LEAVE_CARD); }), 1);
-        EXPECT_EQ(lookUps([&connected] { transmit(connected, getChallenge()); }), 1);
-        EXPECT_EQ(lookUps([handle] {
-                      DWORD returned = 0;
-                      SCardControl(handle, SCARD_CTL_CODE(kControlFeatures), nullptr, 0, nullptr, 0,
-                                   &returned);
-                  }),
-                  1);
-        EXPECT_EQ(lookUps([handle] {
-                      DWORD length = 0;
-                      SCardGetAttrib(handle, SCARD_ATTR_ATR_STRING, nullptr, &length);
-                  }),
-                  1);
-        EXPECT_EQ(lookUps([handle] {
-                      const BYTE value = 1;
-                      SCardSetAttrib(handle, SCARD_ATTR_SUPRESS_T1_IFS_REQUEST, &value, 1);
-                  }),
-                  1);
-        EXPECT_EQ(lookUps([handle] {
-                      DWORD count = 0;
-                      SCardGetTransmitCount(handle, &count);
-                  }),
-                  1);
-        EXPECT_EQ(lookUps([handle] {
-                      SCardStatusA(handle, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
-                  }),
-                  1);
-        EXPECT_EQ(lookUps([handle] {
-                      DWORD protocol = 0;
-                      SCardReconnect(handle, SCARD_SHARE_SHARED, SCARD_PROTOCOL_Tx,
-                                     SCARD_LEAVE_CARD, &protocol);
-                  }),
-                  1);
+    for (const SCARDHANDLE handle : {onHost.handle, atDaemon.handle}) {
+        for (const ExportedCall& call : cardCalls()) {
+            SCOPED_TRACE(call.name);
+            EXPECT_TRUE(call.endsHandle || lookUps([&] { call.make({handle}); }) == 1);
+        }
     }
     EXPECT_EQ(lookUps([&onHost] { SCardDisconnect(onHost.handle, SCARD_LEAVE_CARD); }), 1);
 }

@@ -132,15 +132,6 @@ TEST_F(StatusTest, ConvertsTheProtocol) {
     EXPECT_EQ(protocol, DWORD{SCARD_PROTOCOL_RAW});
 }
 
-TEST_F(StatusTest, TellsTheLengthsWithoutBuffers) {
-    connectCard();
-    EXPECT_THAT(
-        SCardStatusA(card.handle, nullptr, &nameLength, nullptr, nullptr, nullptr, &atrLength),
-        Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(nameLength, kNameSize);
-    EXPECT_EQ(atrLength, cardsAtr().size());
-}
-
 TEST_F(StatusTest, RefusesANameBufferThatIsTooSmallAndLeavesTheAtr) {
     connectCard();
     const GuardedBuffer name(kNameSize - 1);
@@ -156,18 +147,6 @@ TEST_F(StatusTest, RefusesANameBufferThatIsTooSmallAndLeavesTheAtr) {
     EXPECT_EQ(atrLength, 36U);
     EXPECT_EQ(state, 6U);
     EXPECT_THAT(log().messages("SCardStatusA"), ElementsAre(_, "STATUS RV: 0x80100008"));
-}
-
-TEST_F(StatusTest, RefusesAnAtrBufferThatIsTooSmall) {
-    connectCard();
-    const auto size = static_cast<DWORD>(cardsAtr().size());
-    const GuardedBuffer atr(size - 1);
-    atrLength = size - 1;
-    EXPECT_THAT(
-        SCardStatusA(card.handle, nullptr, nullptr, nullptr, nullptr, atr.data(), &atrLength),
-        Gives(SCARD_E_INSUFFICIENT_BUFFER));
-    EXPECT_EQ(atrLength, size);
-    EXPECT_TRUE(atr.untouched());
 }
 
 TEST_F(StatusTest, TakesABufferWithoutALengthForOneWithoutRoom) {
@@ -214,18 +193,6 @@ TEST_F(StatusTest, FreesAnAllocatedNameWhenTheAtrDoesNotFit) {
     EXPECT_TRUE(atr.untouched());
 }
 
-TEST_F(StatusTest, SaysWhenThereIsNoMemoryForTheName) {
-    connectCard();
-    char* name = nullptr;
-    nameLength = SCARD_AUTOALLOCATE;
-    HeapSpy heap;
-    heap.refuse(kNameSize);
-    EXPECT_THAT(SCardStatusA(card.handle, reinterpret_cast<LPSTR>(&name), &nameLength, nullptr,
-                             nullptr, nullptr, nullptr),
-                Gives(SCARD_E_NO_MEMORY));
-    EXPECT_EQ(name, nullptr);
-}
-
 TEST_F(StatusTest, ClearsStateAndProtocolWhenTheDaemonRefuses) {
     connectCard();
     daemon.on(Command::kStatus,
@@ -260,26 +227,6 @@ TEST_F(StatusTest, GoesToTheHostWithAllTheCallersPointersForAHostCard) {
                  "(), pcchReaderLen:" + logged(&nameLength) + "(" + logged(nameLength) +
                  "), pdwState:" + logged(&state) + "(0x6), pdwProtocol:" + logged(&protocol) +
                  "(0x2), pcbAtrLen:" + logged(&atrLength) + "(" + logged(atrLength) + ")"));
-}
-
-TEST_F(StatusTest, OfAHostCardAllocatesFromTheLibrarysHeapAndReturnsTheHostsMemory) {
-    establishContext();
-    card = connect(context, kHostReader);
-    char* name = nullptr;
-    BYTE* atr = nullptr;
-    nameLength = SCARD_AUTOALLOCATE;
-    atrLength = SCARD_AUTOALLOCATE;
-    const HeapSpy heap;
-    ASSERT_THAT(SCardStatusA(card.handle, reinterpret_cast<LPSTR>(&name), &nameLength, nullptr,
-                             nullptr, reinterpret_cast<LPBYTE>(&atr), &atrLength),
-                Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(std::string(name, nameLength), "Host Reader 0\0\0"s);
-    EXPECT_EQ(host.heap().outstanding(), 0U);
-    EXPECT_EQ(heap.outstanding(nameLength), 1U);
-    EXPECT_THAT(SCardFreeMemory(context, name), Gives(SCARD_S_SUCCESS));
-    EXPECT_THAT(SCardFreeMemory(context, atr), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(heap.outstanding(nameLength), 0U);
-    EXPECT_EQ(host.heap().foreignFrees(), 0U);
 }
 
 TEST_F(StatusTest, OfAHostCardReturnsTheHostsError) {

@@ -83,13 +83,6 @@ TEST_F(WideStatusTest, TellsTheReaderOfAHostsCardInCharacters) {
     EXPECT_EQ(host.heap().outstanding(), 0U);
 }
 
-TEST_F(WideStatusTest, CountsTheNameWithoutABuffer) {
-    connectCard();
-    EXPECT_THAT(status(nullptr, nullptr), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(nameLength, 17U);
-    EXPECT_EQ(atrLength, makeDemoCard(kRemoteCardHolder).atr().size());
-}
-
 TEST_F(WideStatusTest, CopiesNoNameWithoutALength) {
     connectCard();
     const WideBuffer name(17);

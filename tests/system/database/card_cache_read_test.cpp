@@ -160,6 +160,7 @@ TEST_F(CardCacheReadTest, LogsNoDataThatThereWasNoMemoryFor) {
                             testing::MatchesRegex("Error while allocating data: \\d+"),
                             "READ_CACHE OUT-PARAMS: dataLen 5", "READ_CACHE RV: 0x00000000"));
     EXPECT_EQ(identifier, kCacheCard);
+    EXPECT_TRUE(buffer.untouched());
 }
 
 TEST_F(CardCacheReadTest, WithTheLengthAutoAllocateGivesANewBlockAndTheAnswersCardIdentifier) {
@@ -183,6 +184,8 @@ TEST_F(CardCacheReadTest, GivesTheAnswersCardIdentifierToACallerWithoutEnoughRoo
     EXPECT_THAT(read(buffer.data()), Gives(SCARD_E_INSUFFICIENT_BUFFER));
     EXPECT_EQ(length, 3U);
     EXPECT_EQ(identifier, kRenamedCard);
+    EXPECT_THAT(log().messages(kReadCache, 'D'),
+                testing::Not(Contains(testing::HasSubstr("OUT-PARAMS"))));
 }
 
 TEST_F(CardCacheReadTest, GivesTheAnswersCardIdentifierWithoutDataOrMemoryForTheCallersBlock) {

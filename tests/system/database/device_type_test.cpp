@@ -169,14 +169,5 @@ TEST_F(DeviceTypeTest, WarnsWhenTheRequestCannotBeSent) {
     EXPECT_THAT(log().messages(kDeviceType, 'W'), ElementsAre("Failed to send header"));
 }
 
-TEST_F(DeviceTypeTest, IsNotTakenFromARecordThatWasCutShort) {
-    establishContext();
-    daemon.on(Command::kGetDeviceTypeId, [](const Request& request) {
-        return Reply::closePipe({Bytes(request.body.begin(), request.body.end() - 1)});
-    });
-    EXPECT_THAT(get(), Gives(SCARD_E_NO_SERVICE));
-    EXPECT_EQ(type, kUntouched);
-}
-
 }  // namespace
 }  // namespace tez::test

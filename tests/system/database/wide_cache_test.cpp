@@ -65,30 +65,6 @@ TEST_F(WideCacheTest, ReadsFromTheDaemonUnderNamesInUtf8) {
     EXPECT_THAT(log().messages("SCardReadCacheW"), IsEmpty());
 }
 
-TEST_F(WideCacheTest, CountsDataInBytes) {
-    establishContext();
-    daemon.on(Command::kReadCache, renamingCard(sampleBytes(300)));
-    EXPECT_THAT(read(L"item", nullptr), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(length, 300U);
-    const GuardedBuffer buffer(299);
-    length = 299;
-    EXPECT_THAT(read(L"item", buffer.data()), Gives(SCARD_E_INSUFFICIENT_BUFFER));
-    EXPECT_EQ(length, 300U);
-    EXPECT_TRUE(buffer.untouched());
-}
-
-TEST_F(WideCacheTest, AllocatesDataForACallerWhoWantsThat) {
-    establishContext();
-    daemon.on(Command::kReadCache, renamingCard(sampleBytes(300)));
-    const HeapSpy heap;
-    PBYTE block = nullptr;
-    length = SCARD_AUTOALLOCATE;
-    EXPECT_THAT(read(L"item", reinterpret_cast<PBYTE>(&block)), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(Bytes(block, block + length), sampleBytes(300));
-    EXPECT_THAT(SCardFreeMemory(context, block), Gives(SCARD_S_SUCCESS));
-    EXPECT_TRUE(heap.wasFreed(block));
-}
-
 TEST_F(WideCacheTest, WritesToTheDaemonUnderNamesInUtf8) {
     establishContext();
     ON_CALL(host, SCardWriteCacheA).WillByDefault(Return(SCARD_W_CACHE_ITEM_TOO_BIG));
@@ -205,22 +181,6 @@ TEST_F(WideIconTest, OfTheDaemonIsAskedForInUtf8) {
                                               .append(text))));
     }
     EXPECT_THAT(log().messages("SCardGetReaderIconW"), IsEmpty());
-}
-
-TEST_F(WideIconTest, IsCountedInBytes) {
-    establishContext();
-    answerWith(sampleBytes(300));
-    const GuardedBuffer buffer(299);
-    length = 299;
-    EXPECT_THAT(getIcon(L"Remote Reader 0", buffer.data()), Gives(SCARD_E_INSUFFICIENT_BUFFER));
-    EXPECT_EQ(length, 300U);
-    EXPECT_TRUE(buffer.untouched());
-    PBYTE block = nullptr;
-    length = SCARD_AUTOALLOCATE;
-    EXPECT_THAT(getIcon(L"Remote Reader 0", reinterpret_cast<PBYTE>(&block)),
-                Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(Bytes(block, block + length), sampleBytes(300));
-    EXPECT_THAT(SCardFreeMemory(context, block), Gives(SCARD_S_SUCCESS));
 }
 
 }  // namespace

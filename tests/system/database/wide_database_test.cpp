@@ -63,30 +63,6 @@ TEST_F(WideCardListTest, IsCountedInCharacters) {
     EXPECT_THAT(daemon.requests(), IsEmpty());
 }
 
-TEST_F(WideCardListTest, WithACallerLengthSmallerThanTheWideResultLeavesTheNeededCharacterCount) {
-    establishContext();
-    for (const DWORD room : {DWORD{0}, kLength - 1}) {
-        const WideBuffer buffer(room);
-        length = room;
-        EXPECT_THAT(list(buffer.get()), Gives(SCARD_E_INSUFFICIENT_BUFFER));
-        EXPECT_EQ(length, kLength);
-        EXPECT_TRUE(buffer.untouched());
-    }
-}
-
-TEST_F(WideCardListTest, IsAllocatedForACallerWhoWantsThat) {
-    establishContext();
-    const HeapSpy heap;
-    wchar_t* cards = nullptr;
-    length = SCARD_AUTOALLOCATE;
-    ASSERT_THAT(list(reinterpret_cast<LPWSTR>(&cards)), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(std::wstring(cards, length), hostsCards);
-    EXPECT_EQ(heap.outstanding(std::size_t{kLength} * 2), 1U);
-    EXPECT_EQ(heap.outstanding(kLength), 0U);
-    EXPECT_THAT(SCardFreeMemory(context, cards), Gives(SCARD_S_SUCCESS));
-    EXPECT_TRUE(heap.wasFreed(cards));
-}
-
 TEST_F(WideCardListTest, LogsItsParametersAndWhatItReturns) {
     establishContext();
     const WideBuffer buffer(100);
@@ -349,20 +325,6 @@ TEST_F(WideProviderTest, ThatDoesNotFitIsRefusedWithItsLength) {
     EXPECT_TRUE(buffer.untouched());
     EXPECT_THAT(logged('D'), ElementsAre("Parameters context 1, dwProviderId 2",
                                          "Returning 2148532232, with pcchProvider 11"));
-}
-
-TEST_F(WideProviderTest, IsAllocatedForACallerWhoWantsThat) {
-    establishContext();
-    ASSERT_THAT(set(L"Demo Card", L"Anbieter \u00FC"), Gives(SCARD_S_SUCCESS));
-    const HeapSpy heap;
-    wchar_t* provider = nullptr;
-    length = SCARD_AUTOALLOCATE;
-    ASSERT_THAT(get(L"Demo Card", reinterpret_cast<LPWSTR>(&provider)), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(std::wstring(provider, length), L"Anbieter \u00FC\0"s);
-    EXPECT_EQ(heap.outstanding(22), 1U);
-    EXPECT_EQ(heap.outstanding(12), 0U) << "the narrow name";
-    EXPECT_THAT(SCardFreeMemory(context, provider), Gives(SCARD_S_SUCCESS));
-    EXPECT_TRUE(heap.wasFreed(provider));
 }
 
 TEST_F(WideProviderTest, NeedsALengthFirstAndThenACard) {

@@ -1,12 +1,11 @@
 // Buffers that the host's library allocates: they never reach the application, which gets blocks of
 // the library's own heap, and each of them is given back at once.
 #include <cstring>
-#include <functional>
 #include <tuple>
 
+#include "catalogue_test.h"
 #include "guarded_buffer.h"
 #include "heap_spy.h"
-#include "remote_card_test.h"
 
 namespace tez::test {
 namespace {
@@ -27,52 +26,6 @@ Unit* addressOf(void** block) {
 /// What a failing call may leave in the place of a result: the address of something.
 constexpr int kStray = 0;
 
-/// A call with one result that can be auto-allocated, on arguments that the host is content with.
-struct AllocatingCall {
-    const char* name;
-    std::function<LONG(SCARDCONTEXT context, SCARDHANDLE card, void* destination, DWORD* length)>
-        make;
-};
-
-LPSTR asText(void* destination) {
-    return static_cast<LPSTR>(destination);
-}
-
-const AllocatingCall kAllocatingCalls[] = {
-    {"SCardListReadersA",
-     [](SCARDCONTEXT context, SCARDHANDLE, void* destination, DWORD* length) {
-         return SCardListReadersA(context, nullptr, asText(destination), length);
-     }},
-    {"SCardListCardsA",
-     [](SCARDCONTEXT context, SCARDHANDLE, void* destination, DWORD* length) {
-         return SCardListCardsA(context, nullptr, nullptr, 0, asText(destination), length);
-     }},
-    {"SCardGetCardTypeProviderNameA",
-     [](SCARDCONTEXT context, SCARDHANDLE, void* destination, DWORD* length) {
-         return SCardGetCardTypeProviderNameA(context, kHostCardType, SCARD_PROVIDER_CSP,
-                                              asText(destination), length);
-     }},
-    {"SCardGetReaderIconA",
-     [](SCARDCONTEXT context, SCARDHANDLE, void* destination, DWORD* length) {
-         return SCardGetReaderIconA(context, kHostReader, static_cast<LPBYTE>(destination), length);
-     }},
-    {"SCardReadCacheA",
-     [](SCARDCONTEXT context, SCARDHANDLE, void* destination, DWORD* length) {
-         UUID card = {};
-         char name[] = "item";
-         return SCardReadCacheA(context, &card, 1, name, static_cast<LPBYTE>(destination), length);
-     }},
-    {"SCardGetAttrib",
-     [](SCARDCONTEXT, SCARDHANDLE card, void* destination, DWORD* length) {
-         return SCardGetAttrib(card, SCARD_ATTR_ATR_STRING, static_cast<LPBYTE>(destination),
-                               length);
-     }},
-};
-
-void PrintTo(const AllocatingCall& call, std::ostream* stream) {
-    *stream << call.name;
-}
-
 class LocalWrapperTest : public RemoteCardTest {
   protected:
     void SetUp() override {
@@ -87,82 +40,30 @@ class LocalWrapperTest : public RemoteCardTest {
     }
 };
 
-class AllocatingCallTest : public LocalWrapperTest,
-                           public testing::WithParamInterface<AllocatingCall> {
+/// A call with one result that can be auto-allocated, on arguments that the host is content with.
+class AllocatingCallTest : public CatalogueTest {
   protected:
-    void SetUp() override {
-        LocalWrapperTest::SetUp();
-        ASSERT_THAT(
-            SCardSetCardTypeProviderNameA(context, kHostCardType, SCARD_PROVIDER_CSP, "A Provider"),
-            Gives(SCARD_S_SUCCESS));
-        UUID identifier = {};
-        char name[] = "item";
-        Bytes data = {1, 2, 3, 4, 5, 6, 7};
-        ASSERT_THAT(SCardWriteCacheA(context, &identifier, 1, name, data.data(),
-                                     static_cast<DWORD>(data.size())),
-                    Gives(SCARD_S_SUCCESS));
-        length_ = 0;
-        ASSERT_THAT(call(nullptr, length_), Gives(SCARD_S_SUCCESS));
-        ASSERT_GT(length_, 1U);
+    void SetUp() override { connectHostAlone(); }
+
+    LONG call(void* destination, DWORD& length) const {
+        return GetParam().outputs.front().make(target(Side::kHost), destination, &length);
     }
-
-    LONG call(void* destination, DWORD& length) {
-        return GetParam().make(context, card.handle, destination, &length);
-    }
-
-    /// The size of the result, as a query with a null destination told.
-    DWORD size() const { return length_; }
-
-  private:
-    DWORD length_ = 0;
 };
 
-TEST_P(AllocatingCallTest, MovesAnAutoAllocatedResultToTheLibrarysHeap) {
-    const HeapSpy heap;
-    const GuardedBuffer expected(size());
-    DWORD length = size();
-    EXPECT_THAT(call(expected.data(), length), Gives(SCARD_S_SUCCESS));
-
-    EXPECT_CALL(host, SCardFreeMemory(kHostContext, NotNull()));
-    void* block = nullptr;
-    length = SCARD_AUTOALLOCATE;
-    ASSERT_THAT(call(static_cast<void*>(&block), length), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(length, size());
-    EXPECT_EQ(std::memcmp(block, expected.data(), length), 0);
-    expectHostsBuffersGivenBack();
-    EXPECT_THAT(SCardFreeMemory(context, block), Gives(SCARD_S_SUCCESS));
-    EXPECT_TRUE(heap.wasFreed(block));
-}
-
-TEST_P(AllocatingCallTest, LeavesAFixedBufferToTheHost) {
-    EXPECT_CALL(host, SCardFreeMemory).Times(0);
-    const GuardedBuffer buffer(size());
-    DWORD length = size();
-    EXPECT_THAT(call(buffer.data(), length), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(length, size());
-    EXPECT_TRUE(buffer.untouchedFrom(length));
-    EXPECT_FALSE(buffer.untouched());
-}
-
-TEST_P(AllocatingCallTest, PassesOnThatABufferIsTooSmall) {
-    const GuardedBuffer buffer(size() - 1);
-    DWORD length = size() - 1;
-    EXPECT_THAT(call(buffer.data(), length), Gives(SCARD_E_INSUFFICIENT_BUFFER));
-    EXPECT_EQ(length, size()) << "as the host stored it";
-    EXPECT_TRUE(buffer.untouched());
-}
-
 TEST_P(AllocatingCallTest, WithoutMemoryIsAnInternalErrorAndGivesTheHostsBufferBack) {
+    DWORD size = 0;
+    ASSERT_THAT(call(nullptr, size), Gives(SCARD_S_SUCCESS));
     HeapSpy heap;
     int place = 0;
     void* block = &place;
     auto length = SCARD_AUTOALLOCATE;
-    heap.refuse(size());
+    heap.refuse(size);
     EXPECT_CALL(host, SCardFreeMemory(kHostContext, NotNull()));
     EXPECT_THAT(call(static_cast<void*>(&block), length), Gives(SCARD_F_INTERNAL_ERROR));
     EXPECT_EQ(block, nullptr);
-    EXPECT_EQ(length, size());
-    expectHostsBuffersGivenBack();
+    EXPECT_EQ(length, size);
+    EXPECT_EQ(host.heap().outstanding(), 0U);
+    EXPECT_EQ(host.heap().foreignFrees(), 0U);
 }
 
 TEST_P(AllocatingCallTest, LeavesAPointerAloneThatAFailedCallOfTheHostHasStored) {
@@ -187,8 +88,12 @@ TEST_P(AllocatingCallTest, LeavesAPointerAloneThatAFailedCallOfTheHostHasStored)
     EXPECT_EQ(length, DWORD{SCARD_AUTOALLOCATE});
 }
 
-INSTANTIATE_TEST_SUITE_P(LocalWrapperTest, AllocatingCallTest, testing::ValuesIn(kAllocatingCalls),
-                         [](const auto& given) { return std::string(given.param.name); });
+INSTANTIATE_TEST_SUITE_P(LocalWrapperTest, AllocatingCallTest,
+                         testing::ValuesIn(callsWith([](const ExportedCall& call) {
+                             return reachesDaemon(call) && call.outputs.size() == 1 &&
+                                    call.outputs.front().isAllocatable && !call.name.ends_with('W');
+                         })),
+                         nameOfCall);
 
 TEST_F(LocalWrapperTest, AHostsFailureLeavesPointerAndLengthAsTheyWere) {
     EXPECT_CALL(host, SCardListReadersA(kHostContext, _, NotNull(), Pointee(SCARD_AUTOALLOCATE)))
@@ -220,19 +125,6 @@ TEST_F(LocalWrapperTest, AnEmptyListIsABlockOfOneByte) {
     EXPECT_EQ(heap.outstanding(1), 1U);
     expectHostsBuffersGivenBack();
     EXPECT_THAT(SCardFreeMemory(context, block), Gives(SCARD_S_SUCCESS));
-}
-
-TEST_F(LocalWrapperTest, ReaderGroupsComeFromTheLibrarysHeapToo) {
-    const HeapSpy heap;
-    void* block = nullptr;
-    auto length = SCARD_AUTOALLOCATE;
-    EXPECT_CALL(host, SCardFreeMemory(kHostContext, NotNull()));
-    EXPECT_THAT(SCardListReaderGroupsA(context, addressOf<char>(&block), &length),
-                Gives(SCARD_S_SUCCESS));
-    EXPECT_THAT(splitMultiString(static_cast<char*>(block)), ElementsAre("SCard$DefaultReaders"));
-    expectHostsBuffersGivenBack();
-    EXPECT_THAT(SCardFreeMemory(context, block), Gives(SCARD_S_SUCCESS));
-    EXPECT_TRUE(heap.wasFreed(block));
 }
 
 class LocalStatusTest : public LocalWrapperTest {

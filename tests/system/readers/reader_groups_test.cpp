@@ -140,28 +140,5 @@ TEST_F(ReaderGroupsTest, WithoutALengthAreRefusedForAnUnknownContext) {
                 Gives(SCARD_E_INVALID_HANDLE));
 }
 
-TEST_F(ReaderGroupsTest, ThatDoNotFitAreRefusedWithTheirLength) {
-    establishContext();
-    const GuardedBuffer buffer(21);
-    length = 21;
-    EXPECT_THAT(SCardListReaderGroupsA(context, buffer.as<char>(), &length),
-                Gives(SCARD_E_INSUFFICIENT_BUFFER));
-    EXPECT_EQ(length, 22U);
-    EXPECT_TRUE(buffer.untouched());
-}
-
-TEST_F(ReaderGroupsTest, AreAllocatedForACallerWhoWantsThat) {
-    establishContext();
-    char* allocated = nullptr;
-    length = SCARD_AUTOALLOCATE;
-    const HeapSpy heap;
-    ASSERT_THAT(SCardListReaderGroupsA(context, reinterpret_cast<LPSTR>(&allocated), &length),
-                Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(std::string(allocated, length), "SCard$DefaultReaders\0\0"s);
-    EXPECT_THAT(SCardFreeMemory(context, allocated), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(heap.outstanding(22), 0U);
-    EXPECT_EQ(host.heap().foreignFrees(), 0U);
-}
-
 }  // namespace
 }  // namespace tez::test

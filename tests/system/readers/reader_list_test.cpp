@@ -192,18 +192,6 @@ TEST_F(ReaderListTest, IsTheHostsAloneWhenTheDaemonRefuses) {
                             "remote readers:", "LIST_READERS RV: 0x00000000"));
 }
 
-TEST_F(ReaderListTest, OfTheHostAloneIsAllocatedFromTheLibrarysHeap) {
-    context = establish();
-    char* readers = nullptr;
-    length = SCARD_AUTOALLOCATE;
-    ASSERT_THAT(SCardListReadersA(context, nullptr, reinterpret_cast<LPSTR>(&readers), &length),
-                Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(std::string(readers, length), "Host Reader 0\0\0"s);
-    EXPECT_EQ(host.heap().outstanding(), 0U);
-    EXPECT_THAT(logged(), Contains("    Host Reader 0"));
-    EXPECT_THAT(SCardFreeMemory(context, readers), Gives(SCARD_S_SUCCESS));
-}
-
 TEST_F(ReaderListTest, OfTheHostAloneIsFreedAgainWhenItCannotBeNoted) {
     context = establish();
     HeapSpy heap;

@@ -68,50 +68,6 @@ TEST_F(WideReaderListTest, IsTheHostsAloneWithoutADaemon) {
     EXPECT_EQ(host.heap().outstanding(), 0U);
 }
 
-TEST_F(WideReaderListTest, LeavesTheRestOfALargerBufferAlone) {
-    establishContext();
-    const WideBuffer buffer(100);
-    length = 100;
-    EXPECT_THAT(list(buffer.get()), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(buffer.text(length), kBothReaders);
-    EXPECT_TRUE(buffer.untouchedFrom(kBothLength));
-}
-
-TEST_F(WideReaderListTest, IsCountedWithoutABuffer) {
-    establishContext();
-    for (const DWORD given : {DWORD{0}, DWORD{7}, DWORD{SCARD_AUTOALLOCATE}}) {
-        length = given;
-        EXPECT_THAT(list(nullptr), Gives(SCARD_S_SUCCESS));
-        EXPECT_EQ(length, kBothLength);
-    }
-}
-
-TEST_F(WideReaderListTest, ThatDoesNotFitIsRefusedWithItsLength) {
-    establishContext();
-    for (const DWORD room : {DWORD{0}, kBothLength - 1}) {
-        const WideBuffer buffer(room);
-        length = room;
-        EXPECT_THAT(list(buffer.get()), Gives(SCARD_E_INSUFFICIENT_BUFFER));
-        EXPECT_EQ(length, kBothLength);
-        EXPECT_TRUE(buffer.untouched());
-    }
-}
-
-TEST_F(WideReaderListTest, IsAllocatedAsOneWideBlockThatSCardFreeMemoryFrees) {
-    establishContext();
-    const HeapSpy heap;
-    wchar_t* readers = nullptr;
-    length = SCARD_AUTOALLOCATE;
-    ASSERT_THAT(list(reinterpret_cast<LPWSTR>(&readers)), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(length, kBothLength);
-    EXPECT_EQ(std::wstring(readers, length), kBothReaders);
-    EXPECT_EQ(heap.outstanding(std::size_t{kBothLength} * 2), 1U) << "the caller's block alone";
-    EXPECT_EQ(heap.outstanding(kBothLength), 0U) << "the narrow list";
-    EXPECT_THAT(SCardFreeMemory(context, readers), Gives(SCARD_S_SUCCESS));
-    EXPECT_TRUE(heap.wasFreed(readers));
-    EXPECT_EQ(host.heap().outstanding(), 0U);
-}
-
 TEST_F(WideReaderListTest, MayBeEmpty) {
     establishContext();
     host.pcsc().removeReader(kHostReader);
@@ -291,20 +247,6 @@ TEST_F(WideReaderGroupsTest, ThatDoNotFitAreRefusedWithTheirLength) {
     EXPECT_EQ(length, kGroupsLength);
     EXPECT_TRUE(buffer.untouched());
     EXPECT_THAT(logged('D'), ElementsAre("Returning 2148532232, pcchGroups 22"));
-}
-
-TEST_F(WideReaderGroupsTest, AreAllocatedForACallerWhoWantsThat) {
-    establishContext();
-    const HeapSpy heap;
-    wchar_t* block = nullptr;
-    length = SCARD_AUTOALLOCATE;
-    ASSERT_THAT(list(reinterpret_cast<LPWSTR>(&block)), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(std::wstring(block, length), groups);
-    EXPECT_EQ(heap.outstanding(std::size_t{kGroupsLength} * 2), 1U);
-    EXPECT_EQ(heap.outstanding(kGroupsLength), 0U);
-    EXPECT_THAT(SCardFreeMemory(context, block), Gives(SCARD_S_SUCCESS));
-    EXPECT_TRUE(heap.wasFreed(block));
-    EXPECT_EQ(host.heap().outstanding(), 0U);
 }
 
 TEST_F(WideReaderGroupsTest, NeedALength) {

@@ -23,7 +23,6 @@ struct DataCall {
     Command command;
     std::size_t recordSize;
     std::size_t lengthOffset;
-    std::size_t resultOffset;
     LONG hostsFailure;
     const char* fallback;
     const char* noMemory;  // a regular expression
@@ -32,7 +31,7 @@ struct DataCall {
 };
 
 const DataCall kDataCalls[] = {
-    {"SCardReadCacheA", Command::kReadCache, 36, 28, 32, SCARD_W_CACHE_ITEM_NOT_FOUND,
+    {"SCardReadCacheA", Command::kReadCache, 36, 28, SCARD_W_CACHE_ITEM_NOT_FOUND,
      "local call failed with 0x80100070, falling back to remote call",
      "Error while allocating data: \\d+", "Failed to read data for cache data",
      [](SCARDCONTEXT context, void* destination, DWORD* length) {
@@ -40,7 +39,7 @@ const DataCall kDataCalls[] = {
          char name[] = "item";
          return SCardReadCacheA(context, &card, 1, name, static_cast<PBYTE>(destination), length);
      }},
-    {"SCardGetReaderIconA", Command::kGetReaderIcon, 16, 8, 12, SCARD_E_UNKNOWN_READER,
+    {"SCardGetReaderIconA", Command::kGetReaderIcon, 16, 8, SCARD_E_UNKNOWN_READER,
      "local call failed with 0x80100009, falling back to remote call",
      "Error while allocating data for pbIcon: \\d+", "Failed to read data for icon",
      [](SCARDCONTEXT context, void* destination, DWORD* length) {
@@ -86,73 +85,6 @@ class AnnouncedDataTest : public RemoteCardTest, public testing::WithParamInterf
     DWORD length = 0;
 };
 
-TEST_P(AnnouncedDataTest, FillsABufferThatFitsExactly) {
-    establishContext();
-    const Bytes data = sampleBytes(300);
-    answerWith(data);
-    const GuardedBuffer buffer(300);
-    length = 300;
-    EXPECT_THAT(call(buffer.data()), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(length, 300U);
-    EXPECT_EQ(Bytes(buffer.data(), buffer.data() + 300), data);
-    EXPECT_THAT(logged('D'), Contains(GetParam().fallback));
-    EXPECT_THAT(logged('W'), IsEmpty());
-}
-
-TEST_P(AnnouncedDataTest, LeavesTheRestOfALargerBufferAlone) {
-    establishContext();
-    answerWith(sampleBytes(5));
-    const GuardedBuffer buffer(300);
-    length = 300;
-    EXPECT_THAT(call(buffer.data()), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(length, 5U);
-    EXPECT_EQ(Bytes(buffer.data(), buffer.data() + 5), sampleBytes(5));
-    EXPECT_TRUE(buffer.untouchedFrom(5));
-}
-
-TEST_P(AnnouncedDataTest, TellsTheLengthToACallerWithoutABuffer) {
-    establishContext();
-    answerWith(sampleBytes(300));
-    for (const DWORD given : {DWORD{0}, DWORD{7}, DWORD{SCARD_AUTOALLOCATE}}) {
-        SCOPED_TRACE(given);
-        length = given;
-        EXPECT_THAT(call(nullptr), Gives(SCARD_S_SUCCESS));
-        EXPECT_EQ(length, 300U);
-    }
-}
-
-TEST_P(AnnouncedDataTest, WithACallerLengthSmallerThanTheDataLeavesTheNeededLength) {
-    establishContext();
-    answerWith(sampleBytes(300));
-    for (const DWORD given : {DWORD{0}, DWORD{1}, DWORD{299}}) {
-        SCOPED_TRACE(given);
-        const GuardedBuffer buffer(given);
-        length = given;
-        EXPECT_THAT(call(buffer.data()), Gives(SCARD_E_INSUFFICIENT_BUFFER));
-        EXPECT_EQ(length, 300U);
-        EXPECT_TRUE(buffer.untouched());
-    }
-    EXPECT_THAT(logged('D'), Not(Contains(testing::HasSubstr("OUT-PARAMS"))));
-    expectDataNow();
-}
-
-TEST_P(AnnouncedDataTest, IsAllocatedForACallerWhoWantsThat) {
-    establishContext();
-    answerWith(sampleBytes(300));
-    const HeapSpy heap;
-    void* block = nullptr;
-    length = SCARD_AUTOALLOCATE;
-    ASSERT_THAT(call(static_cast<void*>(&block)), Gives(SCARD_S_SUCCESS));
-    ASSERT_NE(block, nullptr);
-    EXPECT_EQ(length, 300U);
-    const auto* const bytes = static_cast<const std::uint8_t*>(block);
-    EXPECT_EQ(Bytes(bytes, bytes + 300), sampleBytes(300));
-    EXPECT_EQ(heap.outstanding(300), 1U);
-    EXPECT_EQ(heap.outstanding(301), 0U) << "what the data was read into";
-    EXPECT_THAT(SCardFreeMemory(context, block), Gives(SCARD_S_SUCCESS));
-    EXPECT_TRUE(heap.wasFreed(block));
-}
-
 TEST_P(AnnouncedDataTest, OfNoBytesIsASuccess) {
     establishContext();
     announce(0, {});
@@ -167,31 +99,6 @@ TEST_P(AnnouncedDataTest, OfNoBytesIsASuccess) {
     EXPECT_EQ(length, 0U);
     ASSERT_NE(block, nullptr);
     EXPECT_THAT(SCardFreeMemory(context, block), Gives(SCARD_S_SUCCESS));
-    expectDataNow();
-}
-
-TEST_P(AnnouncedDataTest, OfTheMostThatIsTakenIsTaken) {
-    establishContext();
-    answerWith(Bytes(std::size_t{16} * 1024 * 1024, 0x5A));
-    EXPECT_THAT(call(nullptr), Gives(SCARD_S_SUCCESS));
-    EXPECT_EQ(length, 16U * 1024 * 1024);
-    expectDataNow();
-}
-
-TEST_P(AnnouncedDataTest, OfAGiantLengthCountsAsDataThatThereIsNoMemoryFor) {
-    establishContext();
-    const GuardedBuffer buffer(10);
-    for (const std::uint32_t size : {16U * 1024 * 1024 + 1, 0x80000000U, 0xFFFFFFFFU}) {
-        SCOPED_TRACE(size);
-        announce(size, {});
-        length = 10;
-        EXPECT_THAT(call(buffer.data()), Gives(SCARD_S_SUCCESS));
-        EXPECT_EQ(length, 10U);
-        EXPECT_TRUE(buffer.untouched());
-        EXPECT_TRUE(hangsUpAfter(GetParam().command));
-    }
-    EXPECT_THAT(logged('D'), Contains(MatchesRegex(GetParam().noMemory)).Times(3));
-    EXPECT_THAT(logged('W'), IsEmpty());
     expectDataNow();
 }
 
@@ -212,80 +119,24 @@ TEST_P(AnnouncedDataTest, WithoutMemoryToReadItIntoIsNotHandedOut) {
     expectDataNow();
 }
 
-TEST_P(AnnouncedDataTest, WithoutMemoryForTheCallersBlockIsAFailure) {
-    establishContext();
-    answerWith(sampleBytes(12345));
-    void* block = &length;
-    length = SCARD_AUTOALLOCATE;
-    HeapSpy heap;
-    heap.refuse(12345);
-    EXPECT_THAT(call(static_cast<void*>(&block)), Gives(SCARD_E_NO_MEMORY));
-    EXPECT_EQ(block, nullptr);
-    EXPECT_EQ(heap.outstanding(12346), 0U);
-    expectDataNow();
-}
-
-TEST_P(AnnouncedDataTest, ThatIsCutShortIsNoService) {
-    establishContext();
-    const GuardedBuffer buffer(10);
-    for (const std::size_t sent : {0U, 1U, 9U}) {
-        SCOPED_TRACE(sent);
-        announceAndClose(10, sampleBytes(sent));
-        length = 10;
-        EXPECT_THAT(call(buffer.data()), Gives(SCARD_E_NO_SERVICE));
-        EXPECT_EQ(length, 10U);
-        EXPECT_TRUE(buffer.untouched());
-    }
-    EXPECT_THAT(logged('W'),
-                ElementsAre(GetParam().cutShort, GetParam().cutShort, GetParam().cutShort));
-    expectDataNow();
-}
-
-TEST_P(AnnouncedDataTest, BehindARecordThatIsCutShortIsNoService) {
-    establishContext();
-    daemon.on(GetParam().command, answeringAndClosing(GetParam().recordSize - 1, {}));
-    EXPECT_THAT(call(nullptr), Gives(SCARD_E_NO_SERVICE));
-    daemon.on(GetParam().command, closing());
-    EXPECT_THAT(call(nullptr), Gives(SCARD_E_NO_SERVICE));
-    EXPECT_THAT(logged('W'), ElementsAre("Failed to receive data", "Failed to receive data"));
-    expectDataNow();
-}
-
-TEST_P(AnnouncedDataTest, CannotBeAskedForOverABrokenPipe) {
+TEST_P(AnnouncedDataTest, ThatCannotBeHadIsToldInTheLog) {
     connectCard();  // leaves an open connection in the pool
     {
         const FailingWrites broken([](DWORD /*size*/) { return true; });
         EXPECT_THAT(call(nullptr), Gives(SCARD_E_NO_SERVICE));
     }
-    EXPECT_THAT(logged('W'), ElementsAre("Failed to send header"));
-    expectDataNow();
-}
-
-TEST_P(AnnouncedDataTest, IsNotReadBehindAFailureOfTheDaemon) {
-    establishContext();
-    daemon.on(GetParam().command,
-              answering(GetParam().recordSize, {{GetParam().lengthOffset, 0xFFFF},
-                                                {GetParam().resultOffset, 0x12345678}}));
+    daemon.on(GetParam().command, answeringAndClosing(GetParam().recordSize - 1, {}));
+    EXPECT_THAT(call(nullptr), Gives(SCARD_E_NO_SERVICE));
+    daemon.on(GetParam().command, closing());
+    EXPECT_THAT(call(nullptr), Gives(SCARD_E_NO_SERVICE));
     const GuardedBuffer buffer(10);
     length = 10;
-    EXPECT_THAT(call(buffer.data()), Gives(0x12345678));
+    announceAndClose(10, sampleBytes(9));
+    EXPECT_THAT(call(buffer.data()), Gives(SCARD_E_NO_SERVICE));
     EXPECT_EQ(length, 10U);
-    EXPECT_TRUE(buffer.untouched());
-    const std::size_t opens = transport().opens();
+    EXPECT_THAT(logged('W'), ElementsAre("Failed to send header", "Failed to receive data",
+                                         "Failed to receive data", GetParam().cutShort));
     expectDataNow();
-    EXPECT_EQ(transport().opens(), opens) << "the connection is in order";
-}
-
-TEST_P(AnnouncedDataTest, IsReadOverOneConnectionThatIsGivenBackEachTime) {
-    establishContext();
-    expectDataNow();
-    const std::size_t opens = transport().opens();
-    expectDataNow();
-    answerWith(sampleBytes(300));
-    length = 5;
-    EXPECT_THAT(call(GuardedBuffer(5).data()), Gives(SCARD_E_INSUFFICIENT_BUFFER));
-    expectDataNow();
-    EXPECT_EQ(transport().opens(), opens);
 }
 
 TEST_P(AnnouncedDataTest, OfAHostThatNeedsMoreRoomIsNotTakenForRoomAtTheDaemons) {
@@ -309,6 +160,8 @@ TEST_P(AnnouncedDataTest, IsTheHostsAffairAloneWithoutADaemon) {
     length = 5;
     EXPECT_THAT(call(GuardedBuffer(5).data()), Gives(GetParam().hostsFailure));
     EXPECT_EQ(length, 5U);
+    EXPECT_THAT(GetParam().make(kHostContext, nullptr, &length), Gives(SCARD_E_INVALID_HANDLE));
+    EXPECT_THAT(logged('W'), IsEmpty());
     EXPECT_THAT(logged('D'), Not(Contains(GetParam().fallback)));
     EXPECT_EQ(daemon.acceptedConnections(), 0U);
 }
@@ -350,12 +203,6 @@ TEST_P(AnnouncedDataTest, IsForContextsOfTheLibrarysOwn) {
     EXPECT_THAT(logged('W'), ElementsAre("Invalid context handle", "Invalid context handle",
                                          "Invalid context handle"));
     EXPECT_THAT(daemon.requests(), IsEmpty());
-}
-
-TEST_P(AnnouncedDataTest, IsForContextsOfTheLibrarysOwnWithoutADaemonToo) {
-    context = establish();
-    EXPECT_THAT(GetParam().make(kHostContext, nullptr, &length), Gives(SCARD_E_INVALID_HANDLE));
-    EXPECT_THAT(logged('W'), IsEmpty());
 }
 
 TEST_P(AnnouncedDataTest, IsNotAskedForWhenTheDaemonGivesNoContext) {

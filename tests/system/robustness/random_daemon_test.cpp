@@ -6,7 +6,7 @@
 #include <memory>
 #include <random>
 
-#include "database_calls.h"
+#include "call_catalogue.h"
 #include "guarded_buffer.h"
 #include "record_codec.h"
 #include "remote_card_test.h"
@@ -51,60 +51,31 @@ class Choice {
     std::mt19937 engine_;
 };
 
-/// What follows an answer's record, as many times as the field before the result tells.
-enum class Tail : std::uint8_t { kNone, kBytes, kReaderStates };
-
-struct Answered {
-    Command command;
-    std::size_t recordSize;
-    Tail tail = Tail::kNone;
-};
-
-constexpr Answered kAnswered[] = {
-    {Command::kListReaders, 16, Tail::kBytes},
-    {Command::kConnect, 160},
-    {Command::kReconnect, 28},
-    {Command::kDisconnect, 16},
-    {Command::kBeginTransaction, 12},
-    {Command::kEndTransaction, 16},
-    {Command::kTransmit, 28, Tail::kBytes},
-    {Command::kControl, 28, Tail::kBytes},
-    {Command::kStatus, 288},
-    {Command::kGetStatusChange, 20, Tail::kReaderStates},
-    {Command::kGetAttribute, 284, Tail::kBytes},
-    {Command::kSetAttribute, 284},
-    {Command::kGetTransmitCount, 16},
-    {Command::kListCards, 54, Tail::kBytes},
-    {Command::kGetDeviceTypeId, 144},
-    {Command::kGetCardTypeProviderName, 1044, Tail::kBytes},
-    {Command::kReadCache, 36, Tail::kBytes},
-    {Command::kWriteCache, 36},
-    {Command::kGetReaderIcon, 16, Tail::kBytes},
-    {Command::kAudit, 16},
-    {Command::kSetCardTypeProviderName, 1044},
-    {Command::kIntroduceCardType, 1129},
-    {Command::kForgetCardType, 1036},
-};
-
-/// The size of one of what an answer's tail is made of; 0 where there is no tail.
-std::size_t tailUnit(const Answered& answered, const Request& request, std::uint32_t result) {
-    switch (answered.tail) {
-        case Tail::kReaderStates:
-            return result == 0 || request.version.isAtLeast({1, 1}) ? 173 : 0;
-        case Tail::kBytes: {
-            const bool isInRecord = answered.command == Command::kGetAttribute &&
-                                    !request.version.isAtLeast(kNewerForm);
-            return result == 0 && !isInRecord ? 1 : 0;
-        }
-        default:
-            return 0;
+/// The size of one of those that follow an answer's record; 0 where nothing does.
+std::size_t tailUnit(const Answer& answered, const Request& request, std::uint32_t result) {
+    if (answered.command == Command::kGetStatusChange) {
+        return result == 0 || request.version.isAtLeast({1, 1}) ? answered.unit : 0;
     }
+    const bool isInRecord =
+        answered.command == Command::kGetAttribute && !request.version.isAtLeast(kNewerForm);
+    return result == 0 && !isInRecord ? answered.unit : 0;
+}
+
+/// The calls whose answers the daemon makes up. Contexts are not lost to it.
+std::vector<ExportedCall> randomlyAnswered() {
+    std::vector<ExportedCall> calls = callsWith(reachesDaemon);
+    std::erase_if(calls, [](const ExportedCall& call) {
+        return call.answer->command == Command::kEstablishContext ||
+               call.answer->command == Command::kReleaseContext ||
+               call.answer->command == Command::kCancel;
+    });
+    return calls;
 }
 
 /// An answer that may break off anywhere, or announce more than it has. Never less: what it has
 /// more cannot be told from the next answer. The pipe closes behind what is not whole, as the rest
 /// would be waited for without end.
-Reply randomReply(Choice& choose, const Request& request, const Answered& answered) {
+Reply randomReply(Choice& choose, const Request& request, const Answer& answered) {
     Bytes answer = bytesAt(request.body, 0, answered.recordSize);
     for (std::uint32_t changes = choose.below(4); changes != 0; --changes) {
         const auto last = static_cast<std::uint32_t>(answered.recordSize) - 4;
@@ -122,8 +93,8 @@ Reply randomReply(Choice& choose, const Request& request, const Answered& answer
         announced = choose.oneIn(2) ? count : std::max(count, announced);
         isWhole = announced == count;
     }
-    putU32(answer, answered.recordSize - 8, announced);
-    putU32(answer, answered.recordSize - 4, result);
+    putU32(answer, answered.announcingOffset(), announced);
+    putU32(answer, answered.resultOffset(), result);
     answer.insert(answer.end(), tail.begin(), tail.end());
     if (choose.oneIn(4)) {
         answer.resize(choose.below(static_cast<std::uint32_t>(answer.size())));
@@ -137,21 +108,22 @@ class RandomDaemonTest : public RemoteCardTest, public testing::WithParamInterfa
     void SetUp() override {
         redirectDatabaseCalls();
         connectCard(ProtocolVersion{1, GetParam() % 5});
-        serveQueries(daemon, host);
+        serveAnswers(daemon, databaseCalls());
+        closeHostsCache(host);
     }
 
     void answerAtRandom() {
-        for (const Answered& answered : kAnswered) {
-            daemon.on(answered.command, [choose = std::make_shared<Choice>(choose_.number()),
-                                         answered](const Request& request) {
+        for (const ExportedCall& call : answered_) {
+            daemon.on(call.answer->command, [choose = std::make_shared<Choice>(choose_.number()),
+                                             answered = *call.answer](const Request& request) {
                 return randomReply(*choose, request, answered);
             });
         }
     }
 
     void answerAsEver() {
-        for (const Answered& answered : kAnswered) {
-            daemon.restore(answered.command);
+        for (const ExportedCall& call : answered_) {
+            daemon.restore(call.answer->command);
         }
     }
 
@@ -221,6 +193,8 @@ class RandomDaemonTest : public RemoteCardTest, public testing::WithParamInterfa
     void callDatabase();
 
     Choice choose_{GetParam()};
+    const std::vector<ExportedCall> answered_ = randomlyAnswered();
+    const std::vector<ExportedCall> database_ = databaseCalls();
 };
 
 void RandomDaemonTest::callCard() {
@@ -315,17 +289,15 @@ void RandomDaemonTest::callReaders() {
 }
 
 void RandomDaemonTest::callDatabase() {
-    if (choose_.oneIn(3)) {
-        choose_.of(redirectedUpdates()).make(0, nullptr, nullptr);
+    const ExportedCall& call = choose_.of(database_);
+    const Target on{call.takes == Takes::kUpdateContext ? 0 : context};
+    if (call.outputs.empty()) {
+        call.make(on);
         return;
     }
-    const DatabaseQuery& query = choose_.of(databaseQueries());
-    if (!query.hasData()) {
-        query.make(context, nullptr, nullptr);
-        return;
-    }
-    takeResult(query.unit, [&](void* destination, DWORD* length) {
-        return query.make(context, destination, length);
+    const Output& output = call.outputs.front();
+    takeResult(output.unit, [&](void* destination, DWORD* length) {
+        return output.make(on, destination, length);
     });
 }
 
