@@ -10,7 +10,7 @@ namespace {
 constexpr BYTE kSelect[] = {0x00, 0xA4, 0x04, 0x0C, 0x08, 0xF0, 0x54,
                             0x45, 0x5A, 0x44, 0x45, 0x4D, 0x4F};
 constexpr DWORD kResponseRoom = 258;
-constexpr std::uint32_t kAtrField = 264;
+constexpr std::uint32_t kAtrField = StatusLayout::kAtrLength - StatusLayout::kAtr;
 
 LONG transmit(const Target& on, void* response, DWORD* length) {
     return SCardTransmit(on.handle, SCARD_PCI_T1, kSelect, sizeof kSelect, nullptr,
@@ -27,7 +27,7 @@ ExportedCall filling(const char* name, Command command, auto call) {
     return {.name = name,
             .takes = Takes::kCard,
             .answer = Answer{.command = command,
-                             .recordSize = 28,
+                             .recordSize = TransmitLayout::kSize,  // and ControlLayout's
                              .unit = 1,
                              .data = sampleBytes(20),
                              .mostAnnounced = kResponseRoom,
@@ -64,8 +64,8 @@ ExportedCall status(const char* name, Status call) {
     return {.name = name,
             .takes = Takes::kCard,
             .answer = Answer{.command = Command::kStatus,
-                             .recordSize = 288,
-                             .fields = {{280, 20}},
+                             .recordSize = StatusLayout::kSize,
+                             .fields = {{StatusLayout::kAtrLength, 20}},
                              .mostAnnounced = kAtrField,
                              .beyondMost = SCARD_F_INTERNAL_ERROR},
             .outputs = {output<Char>(
@@ -94,7 +94,7 @@ ExportedCall getAttribute() {
     return handingOut({.name = "SCardGetAttrib",
                        .takes = Takes::kCard,
                        .answer = Answer{.command = Command::kGetAttribute,
-                                        .recordSize = 284,
+                                        .recordSize = AttributeLayout::kSize,
                                         .unit = 1,
                                         .data = sampleBytes(20),
                                         .mostAnnounced = kLargestBlock,
@@ -106,16 +106,16 @@ ExportedCall getAttribute() {
 
 ExportedCall endTransaction() {
     ExportedCall call =
-        onCard("SCardEndTransaction", Command::kEndTransaction, 16,
+        onCard("SCardEndTransaction", Command::kEndTransaction, DispositionLayout::kSize,
                [](SCARDHANDLE card) { return SCardEndTransaction(card, SCARD_LEAVE_CARD); });
     call.prepare = [](const Target& on) { SCardBeginTransaction(on.handle); };
     return call;
 }
 
 ExportedCall disconnect() {
-    ExportedCall call = onCard("SCardDisconnect", Command::kDisconnect, 16, [](SCARDHANDLE card) {
-        return SCardDisconnect(card, SCARD_LEAVE_CARD);
-    });
+    ExportedCall call =
+        onCard("SCardDisconnect", Command::kDisconnect, DispositionLayout::kSize,
+               [](SCARDHANDLE card) { return SCardDisconnect(card, SCARD_LEAVE_CARD); });
     call.endsHandle = true;
     return call;
 }
@@ -124,25 +124,26 @@ ExportedCall disconnect() {
 
 std::vector<ExportedCall> cardCalls() {
     return {
-        onCard("SCardReconnect", Command::kReconnect, 28,
+        onCard("SCardReconnect", Command::kReconnect, ReconnectLayout::kSize,
                [](SCARDHANDLE card) {
                    DWORD protocol = 0;
                    return SCardReconnect(card, SCARD_SHARE_SHARED, SCARD_PROTOCOL_Tx,
                                          SCARD_LEAVE_CARD, &protocol);
                }),
-        onCard("SCardBeginTransaction", Command::kBeginTransaction, 12, SCardBeginTransaction),
+        onCard("SCardBeginTransaction", Command::kBeginTransaction, HandleLayout::kSize,
+               SCardBeginTransaction),
         endTransaction(),
         status<char>("SCardStatusA", SCardStatusA),
         status<wchar_t>("SCardStatusW", SCardStatusW),
         filling("SCardTransmit", Command::kTransmit, transmit),
         filling("SCardControl", Command::kControl, control),
         getAttribute(),
-        onCard("SCardSetAttrib", Command::kSetAttribute, 284,
+        onCard("SCardSetAttrib", Command::kSetAttribute, AttributeLayout::kSize,
                [](SCARDHANDLE card) {
                    return SCardSetAttrib(card, SCARD_ATTR_SUPRESS_T1_IFS_REQUEST, kSelect,
                                          sizeof kSelect);
                }),
-        onCard("SCardGetTransmitCount", Command::kGetTransmitCount, 16,
+        onCard("SCardGetTransmitCount", Command::kGetTransmitCount, TransmitCountLayout::kSize,
                [](SCARDHANDLE card) {
                    DWORD count = 0;
                    return SCardGetTransmitCount(card, &count);

@@ -7,7 +7,6 @@ namespace tez::test {
 namespace {
 
 constexpr std::uint32_t kMostReaderNames = 2048;
-constexpr std::size_t kReaderStateSize = 173;
 
 /// Opens a connection and closes it again.
 template <class Char, class Connect>
@@ -37,8 +36,9 @@ ExportedCall connect(const char* name, Connect call) {
     return {.name = name,
             .takes = Takes::kContext,
             .answer = Answer{.command = Command::kConnect,
-                             .recordSize = 160,
-                             .fields = {{144, 0x0ABC}, {152, SCARD_PROTOCOL_T1}}},
+                             .recordSize = ConnectLayout::kSize,
+                             .fields = {{ConnectLayout::kCard, 0x0ABC},
+                                        {ConnectLayout::kActiveProtocol, SCARD_PROTOCOL_T1}}},
             .make = [call](const Target& on) { return connectAndDisconnect<Char>(call, on); }};
 }
 
@@ -49,9 +49,9 @@ ExportedCall listReaders(const char* name, ListReaders call) {
     return handingOut({.name = name,
                        .takes = Takes::kAnyContext,
                        .answer = Answer{.command = Command::kListReaders,
-                                        .recordSize = 16,
+                                        .recordSize = ListLayout::kSize,
                                         .unit = 1,
-                                        .data = {names.begin(), names.end()},
+                                        .data = textBytes(names),
                                         .mostAnnounced = kMostReaderNames},
                        .withoutDaemon = SCARD_S_SUCCESS},
                       output<Char>([call](const Target& on, Char* readers, DWORD* length) {
@@ -69,14 +69,15 @@ ExportedCall listGroups(const char* name, ListGroups call) {
 
 template <class Char, class State, class GetStatusChange>
 ExportedCall statusChange(const char* name, GetStatusChange call) {
-    const RecordBytes answered = RecordBytes(kReaderStateSize)
-                                     .text(0, kRemoteReader)
-                                     .u32(132, SCARD_STATE_PRESENT | SCARD_STATE_CHANGED);
+    const RecordBytes answered =
+        RecordBytes(ReaderStateLayout::kSize)
+            .text(ReaderStateLayout::kReader, kRemoteReader)
+            .u32(ReaderStateLayout::kEvent, SCARD_STATE_PRESENT | SCARD_STATE_CHANGED);
     return {.name = name,
             .takes = Takes::kContext,
             .answer = Answer{.command = Command::kGetStatusChange,
-                             .recordSize = 20,
-                             .unit = kReaderStateSize,
+                             .recordSize = StatusChangeLayout::kSize,
+                             .unit = ReaderStateLayout::kSize,
                              .data = answered.bytes(),
                              .mostAnnounced = 1},
             .make =
@@ -94,13 +95,13 @@ ExportedCall statusChange(const char* name, GetStatusChange call) {
 std::vector<ExportedCall> contextCalls() {
     return {
         {.name = "SCardEstablishContext",
-         .answer =
-             Answer{
-                 .command = Command::kEstablishContext, .recordSize = 16, .fields = {{4, 0x0DEF}}},
+         .answer = Answer{.command = Command::kEstablishContext,
+                          .recordSize = EstablishLayout::kSize,
+                          .fields = {{EstablishLayout::kContext, 0x0DEF}}},
          .make = establishAndRelease},
         {.name = "SCardReleaseContext",
          .takes = Takes::kContext,
-         .answer = Answer{.command = Command::kReleaseContext, .recordSize = 12},
+         .answer = Answer{.command = Command::kReleaseContext, .recordSize = HandleLayout::kSize},
          .make = [](const Target& on) { return SCardReleaseContext(on.handle); },
          .endsHandle = true,
          .withoutDaemon = SCARD_S_SUCCESS},
@@ -109,7 +110,7 @@ std::vector<ExportedCall> contextCalls() {
          .make = [](const Target& on) { return SCardIsValidContext(on.handle); }},
         {.name = "SCardCancel",
          .takes = Takes::kContext,
-         .answer = Answer{.command = Command::kCancel, .recordSize = 12},
+         .answer = Answer{.command = Command::kCancel, .recordSize = HandleLayout::kSize},
          .make = [](const Target& on) { return SCardCancel(on.handle); },
          .needsNoDaemon = true},
         {.name = "SCardFreeMemory",

@@ -11,10 +11,6 @@ constexpr GUID kGuid = {0x01020304, 0x0506, 0x0708, {9, 10, 11, 12, 13, 14, 15, 
 constexpr BYTE kAtr[] = {0x3B, 0x02, 0x14, 0x50};
 constexpr const char* kNewCard = "A New Card";
 
-Bytes bytesOf(const std::string& text) {
-    return {text.begin(), text.end()};
-}
-
 /// An answer with data behind its record.
 Answer announcing(Command command, std::size_t recordSize, Bytes data,
                   LONG beyondMost = SCARD_S_SUCCESS) {
@@ -29,15 +25,16 @@ Answer announcing(Command command, std::size_t recordSize, Bytes data,
 template <class Char, class ListCards>
 ExportedCall listCards(const char* name, ListCards call) {
     using namespace std::string_literals;
-    return handingOut(
-        {.name = name,
-         .takes = Takes::kAnyContext,
-         .answer = announcing(Command::kListCards, 54, bytesOf("Remote Card\0Other Card\0\0"s)),
-         .withoutDaemon = SCARD_S_SUCCESS},
-        output<Char>([call](const Target& on, Char* cards, DWORD* length) {
-            return on.side == Side::kHost ? call(on.handle, nullptr, nullptr, 0, cards, length)
-                                          : call(on.handle, kAtr, &kGuid, 1, cards, length);
-        }));
+    return handingOut({.name = name,
+                       .takes = Takes::kAnyContext,
+                       .answer = announcing(Command::kListCards, ListCardsLayout::kSize,
+                                            textBytes("Remote Card\0Other Card\0\0"s)),
+                       .withoutDaemon = SCARD_S_SUCCESS},
+                      output<Char>([call](const Target& on, Char* cards, DWORD* length) {
+                          return on.side == Side::kHost
+                                     ? call(on.handle, nullptr, nullptr, 0, cards, length)
+                                     : call(on.handle, kAtr, &kGuid, 1, cards, length);
+                      }));
 }
 
 template <class Char, class GetProvider>
@@ -46,8 +43,8 @@ ExportedCall getProvider(const char* name, GetProvider call) {
     return handingOut(
         {.name = name,
          .takes = Takes::kAnyContext,
-         .answer = announcing(Command::kGetCardTypeProviderName, 1044, bytesOf("A Provider\0"s),
-                              SCARD_E_UNKNOWN_CARD),
+         .answer = announcing(Command::kGetCardTypeProviderName, ProviderNameLayout::kSize,
+                              textBytes("A Provider\0"s), SCARD_E_UNKNOWN_CARD),
          .withoutDaemon = SCARD_E_UNKNOWN_CARD,
          .unknownHandle = SCARD_E_INVALID_PARAMETER},
         output<Char>([call](const Target& on, Char* provider, DWORD* length) {
@@ -60,7 +57,8 @@ template <class Char, class GetDeviceType>
 ExportedCall deviceType(const char* name, GetDeviceType call) {
     return {.name = name,
             .takes = Takes::kContext,
-            .answer = Answer{.command = Command::kGetDeviceTypeId, .recordSize = 144},
+            .answer =
+                Answer{.command = Command::kGetDeviceTypeId, .recordSize = DeviceTypeLayout::kSize},
             .make = [call](const Target& on) {
                 DWORD type = 0;
                 return call(on.handle, text<Char>(readerOf(on.side)).c_str(), &type);
@@ -74,21 +72,22 @@ std::basic_string<Char> cacheItem(Side side) {
 
 template <class Char, class ReadCache>
 ExportedCall readCache(const char* name, ReadCache call) {
-    return handingOut({.name = name,
-                       .takes = Takes::kContext,
-                       .answer = announcing(Command::kReadCache, 36, sampleBytes(20))},
-                      output<BYTE>([call](const Target& on, BYTE* data, DWORD* length) {
-                          UUID card = kGuid;
-                          auto item = cacheItem<Char>(on.side);
-                          return call(on.handle, &card, kFreshness, item.data(), data, length);
-                      }));
+    return handingOut(
+        {.name = name,
+         .takes = Takes::kContext,
+         .answer = announcing(Command::kReadCache, CacheLayout::kSize, sampleBytes(20))},
+        output<BYTE>([call](const Target& on, BYTE* data, DWORD* length) {
+            UUID card = kGuid;
+            auto item = cacheItem<Char>(on.side);
+            return call(on.handle, &card, kFreshness, item.data(), data, length);
+        }));
 }
 
 template <class Char, class WriteCache>
 ExportedCall writeCache(const char* name, WriteCache call) {
     return {.name = name,
             .takes = Takes::kContext,
-            .answer = Answer{.command = Command::kWriteCache, .recordSize = 36},
+            .answer = Answer{.command = Command::kWriteCache, .recordSize = CacheLayout::kSize},
             .make = [call](const Target& on) {
                 UUID card = kGuid;
                 BYTE data[] = {1, 2, 3};
@@ -99,13 +98,13 @@ ExportedCall writeCache(const char* name, WriteCache call) {
 
 template <class Char, class GetIcon>
 ExportedCall getIcon(const char* name, GetIcon call) {
-    return handingOut({.name = name,
-                       .takes = Takes::kContext,
-                       .answer = announcing(Command::kGetReaderIcon, 16, sampleBytes(300))},
-                      output<BYTE>([call](const Target& on, BYTE* icon, DWORD* length) {
-                          return call(on.handle, text<Char>(readerOf(on.side)).c_str(), icon,
-                                      length);
-                      }));
+    return handingOut(
+        {.name = name,
+         .takes = Takes::kContext,
+         .answer = announcing(Command::kGetReaderIcon, ListLayout::kSize, sampleBytes(300))},
+        output<BYTE>([call](const Target& on, BYTE* icon, DWORD* length) {
+            return call(on.handle, text<Char>(readerOf(on.side)).c_str(), icon, length);
+        }));
 }
 
 void introduceNewCard(const Target& on) {
@@ -129,7 +128,8 @@ template <class Char, class Introduce>
 ExportedCall introduce(const char* name, Introduce call) {
     return {.name = name,
             .takes = Takes::kUpdateContext,
-            .answer = Answer{.command = Command::kIntroduceCardType, .recordSize = 1129},
+            .answer = Answer{.command = Command::kIntroduceCardType,
+                             .recordSize = IntroduceLayout::kSize},
             .make =
                 [call](const Target& on) {
                     return call(on.handle, text<Char>(kNewCard).c_str(), &kGuid, &kGuid, 1, kAtr,
@@ -142,7 +142,8 @@ template <class Char, class SetProvider>
 ExportedCall setProvider(const char* name, SetProvider call) {
     return {.name = name,
             .takes = Takes::kUpdateContext,
-            .answer = Answer{.command = Command::kSetCardTypeProviderName, .recordSize = 1044},
+            .answer = Answer{.command = Command::kSetCardTypeProviderName,
+                             .recordSize = ProviderNameLayout::kSize},
             .make =
                 [call](const Target& on) {
                     return call(on.handle, text<Char>(kHostCardType).c_str(), SCARD_PROVIDER_CSP,
@@ -156,7 +157,7 @@ ExportedCall forget(const char* name, Forget call) {
     return {
         .name = name,
         .takes = Takes::kUpdateContext,
-        .answer = Answer{.command = Command::kForgetCardType, .recordSize = 1036},
+        .answer = Answer{.command = Command::kForgetCardType, .recordSize = ForgetLayout::kSize},
         .make = [call](const Target& on) { return call(on.handle, text<Char>(kNewCard).c_str()); },
         .prepare = onTheHost(introduceNewCard),
         .withoutDaemon = SCARD_E_INVALID_HANDLE};
@@ -186,7 +187,7 @@ std::vector<ExportedCall> databaseCalls() {
         forget<wchar_t>("SCardForgetCardTypeW", SCardForgetCardTypeW),
         {.name = "SCardAudit",
          .takes = Takes::kUpdateContext,
-         .answer = Answer{.command = Command::kAudit, .recordSize = 16},
+         .answer = Answer{.command = Command::kAudit, .recordSize = AuditLayout::kSize},
          .make = [](const Target& on) { return SCardAudit(on.handle, SCARD_AUDIT_CHV_SUCCESS); }},
     };
 }
