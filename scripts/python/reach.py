@@ -6,8 +6,13 @@ import subprocess
 from collections import defaultdict
 
 
+# What a condition decides stands in the lines behind it.
+NEIGHBOURS = 4
+
+
 class Reach:
-    """For each line the tests that run it, those that reach least beside it first."""
+    """For each line the tests that run it, those first that run one of the next lines as few others
+    do, and of these those that reach least beside."""
 
     def __init__(self, lines_of_tests):
         """@param lines_of_tests for the name of each test the lines, as {file: [line, ...]}"""
@@ -19,7 +24,13 @@ class Reach:
                     self._tests[file, line].append(test)
 
     def tests(self, file, line):
-        return self._tests.get((file, line), [])
+        tests = self._tests.get((file, line), [])
+        fewest = dict.fromkeys(tests, len(tests))
+        for neighbour in range(line + 1, line + 1 + NEIGHBOURS):
+            others = self._tests.get((file, neighbour), [])
+            for test in fewest.keys() & set(others):
+                fewest[test] = min(fewest[test], len(others))
+        return sorted(tests, key=fewest.get)
 
 
 def _lines(workshop, counts):
