@@ -22,13 +22,13 @@ bool InitializeWinscardFunctions() noexcept {
 
 void logMessageV(const char* /*component*/, LogLevel /*level*/, const char* /*levelWord*/,
                  const char* /*functionName*/, bool /*echoToStderr*/, const char* lead,
-                 const char* format, std::va_list arguments) {
+                 const char* format, std::va_list arguments) noexcept {
     // Made all the same: a text without an end would be read further.
     const FormattedText text(lead, format, arguments);
 }
 
 void logMessage(const char* component, LogLevel level, const char* levelWord,
-                const char* functionName, bool echoToStderr, const char* format, ...) {
+                const char* functionName, bool echoToStderr, const char* format, ...) noexcept {
     std::va_list arguments;
     va_start(arguments, format);
     logMessageV(component, level, levelWord, functionName, echoToStderr, "", format, arguments);
