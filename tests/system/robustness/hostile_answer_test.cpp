@@ -12,7 +12,7 @@
 namespace tez::test {
 namespace {
 
-constexpr LONG kDaemonsRefusal = static_cast<LONG>(0xC0FFEE01);
+constexpr LONG kNobodysCode = static_cast<LONG>(0xC0FFEE01);
 
 class HostileAnswerTest : public CatalogueTest {
   protected:
@@ -153,9 +153,9 @@ TEST_P(HostileAnswerTest, AnnouncesNothingWithARefusal) {
     answerAsEver();
     call();  // there is a connection
     const bool mayAnnounce = answer().command != Command::kGetStatusChange;
-    announce(mayAnnounce ? 0xFFFF : 0, {}, kDaemonsRefusal);
+    announce(mayAnnounce ? 0xFFFF : 0, {}, kNobodysCode);
     const std::size_t opens = transport().opens();
-    EXPECT_THAT(call(), Gives(GetParam().failure(kDaemonsRefusal)));
+    EXPECT_THAT(call(), Gives(GetParam().failure(kNobodysCode)));
     expectNothingPastTheBuffers();
     EXPECT_EQ(transport().opens(), opens) << "the connection is still in order";
 }
