@@ -18,8 +18,6 @@ PROJECT = Path(__file__).resolve().parents[2]
 FOLDER = PROJECT / "build" / "mutants"
 EQUIVALENT = Path(__file__).with_name("equivalent.txt")
 LEAST_IN_ROOM = 10
-# A fault in the code that all calls share is reached by nearly all tests.
-MOST_TESTS = 400
 GOAL = 0.95
 
 
@@ -70,8 +68,7 @@ class Trial:
         """Those that have killed others of the function come first."""
         killers = self.killers[mutant.file, mutant.function]
         names = self.reach.tests(mutant.file, mutant.line)
-        names = sorted(names, key=lambda name: -killers[name])[:MOST_TESTS]
-        return [self.tests[name] for name in names]
+        return [self.tests[name] for name in sorted(names, key=lambda name: -killers[name])]
 
     def run(self, mutant):
         """@return what came of it, as it stands in the report; None if it does not compile"""

@@ -3,7 +3,7 @@
 import json
 import os
 import subprocess
-from collections import defaultdict
+from collections import Counter, defaultdict
 
 
 # What a condition decides stands in the lines behind it.
@@ -12,7 +12,7 @@ NEIGHBOURS = 4
 
 class Reach:
     """For each line the tests that run it, those first that run one of the next lines as few others
-    do, and of these those that reach least beside."""
+    do, and of these one of each suite in turn, as tests of one suite see much the same."""
 
     def __init__(self, lines_of_tests):
         """@param lines_of_tests for the name of each test the lines, as {file: [line, ...]}"""
@@ -30,7 +30,13 @@ class Reach:
             others = self._tests.get((file, neighbour), [])
             for test in fewest.keys() & set(others):
                 fewest[test] = min(fewest[test], len(others))
-        return sorted(tests, key=fewest.get)
+        suites = Counter()
+        turn = {}
+        for test in tests:
+            suite = test.split(".")[0]
+            turn[test] = suites[suite]
+            suites[suite] += 1
+        return sorted(tests, key=lambda test: (fewest[test], turn[test]))
 
 
 def _lines(workshop, counts):
