@@ -111,7 +111,7 @@ def report(results):
                 print(f"\n{kind} {key}: {entry['file']}:{entry['line']}, {entry['change']}; {reason}")
                 print(f"    {entry['source']}")
     judged = total["killed"] + total["survived"]
-    share = total["killed"] / judged if judged else 1
+    share = total["killed"] / judged if judged else 0  # nothing tried is nothing shown
     print(f"\n{total['killed']} of {judged} noticed, {share:.1%}; {total['equivalent']} equivalent")
     return share >= GOAL
 
@@ -134,7 +134,10 @@ def main():
         show("looking for places")
         mutants = find(workshop.root, options.headers)
         if options.again:
-            chosen = [(len(options.again), [m for m in mutants if m.key in options.again])]
+            wanted = [m for m in mutants if m.key in options.again]
+            if unknown := set(options.again) - {m.key for m in wanted}:
+                raise SystemExit(f"scripts/mutants: no fault has the key {', '.join(sorted(unknown))}")
+            chosen = [(len(wanted), wanted)]
         else:
             chosen = choose(mutants, options.count, options.seed)
         results = try_all(trial, chosen, set(options.again))

@@ -5,7 +5,6 @@ import os
 import subprocess
 from collections import Counter, defaultdict
 
-
 # What a condition decides stands in the lines behind it.
 NEIGHBOURS = 4
 
