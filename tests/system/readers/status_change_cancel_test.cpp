@@ -15,18 +15,6 @@ using testing::ElementsAre;
 
 class StatusChangeCancel : public StatusChangeTest {
   protected:
-    /// Lets the host's waits begin only behind a gate.
-    Gate holdHostWaits() {
-        Gate gate;
-        ON_CALL(host, SCardGetStatusChangeA)
-            .WillByDefault([this, gate](SCARDCONTEXT context, DWORD timeout,
-                                        LPSCARD_READERSTATEA states, DWORD count) {
-                gate.pass();
-                return host.service().SCardGetStatusChangeA(context, timeout, states, count);
-            });
-        return gate;
-    }
-
     /// A wait without limit on both readers that the daemon has begun, and that the host holds.
     BackgroundWait waitHeldByTheHost(SCARDCONTEXT context, const Gate& gate) {
         BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});

@@ -56,18 +56,6 @@ class SharedWaits : public StatusChangeTest {
         return gate;
     }
 
-    /// Lets the host's waits begin only behind a gate.
-    Gate holdHostWaits() {
-        Gate gate;
-        ON_CALL(host, SCardGetStatusChangeA)
-            .WillByDefault([this, gate](SCARDCONTEXT system, DWORD timeout,
-                                        LPSCARD_READERSTATEA states, DWORD count) {
-                gate.pass();
-                return host.service().SCardGetStatusChangeA(system, timeout, states, count);
-            });
-        return gate;
-    }
-
     /// Lets the monitor's first pass, which repeats the check of the first call, find the daemon
     /// only behind a gate.
     Gate holdFirstPass() {

@@ -151,4 +151,15 @@ void StatusChangeTest::waitForHostWait(std::size_t waits) {
     }
 }
 
+Gate StatusChangeTest::holdHostWaits() {
+    Gate gate;
+    ON_CALL(host, SCardGetStatusChangeA)
+        .WillByDefault([this, gate](SCARDCONTEXT context, DWORD timeout,
+                                    LPSCARD_READERSTATEA states, DWORD count) {
+            gate.pass();
+            return host.service().SCardGetStatusChangeA(context, timeout, states, count);
+        });
+    return gate;
+}
+
 }  // namespace tez::test

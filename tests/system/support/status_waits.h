@@ -118,6 +118,9 @@ class StatusChangeTest : public SystemTest {
     void waitForRemoteWait(std::size_t waits = 1) const;
     void waitForHostWait(std::size_t waits = 1);
 
+    /// Lets the host's waits begin only behind a gate.
+    Gate holdHostWaits();
+
     std::size_t remoteCancels() const { return daemon.requests(Command::kCancel).size(); }
 };
 
