@@ -2,6 +2,7 @@
 
 #include <atomic>
 
+#include "common/deadline.h"
 #include "common/module_reference.h"
 #include "common/slim_lock.h"
 #include "common/thread.h"
@@ -19,13 +20,40 @@ namespace tez {
 
 namespace {
 
-constexpr unsigned long kPollInterval = 200;  // milliseconds
+constexpr unsigned long kPollInterval = 200;        // milliseconds
+constexpr unsigned long kFirstLookPatience = 1000;  // milliseconds
 constexpr const char* kServiceName = "TEZ";
 
 SlimLock startLock;
 std::atomic<bool> isStarted = false;
 std::atomic<bool> stopFlag = false;
 Thread pollThread;
+
+/// Whether the poll thread has looked for the daemon; it watches the one that it found.
+struct FirstLook {
+    SlimLock lock;
+    SlimCondition over;
+    bool isOver TEZ_GUARDED_BY(lock) = false;
+};
+constinit FirstLook firstLook;
+
+void noteFirstLook() noexcept {
+    const SlimGuard guard(firstLook.lock);
+    firstLook.isOver = true;
+    firstLook.over.notifyAll();
+}
+
+/// Contexts that a daemon gives while nobody watches it stay bound when it goes: to the next one
+/// they mean nothing, and none of their calls would ever succeed again. So no call asks for one
+/// before the watch. The patience is for a daemon that does not answer the poll thread, and for
+/// callers that keep any thread from starting, as one that loads a library does.
+void awaitFirstLook() noexcept {
+    const Deadline deadline(kFirstLookPatience);
+    const SlimGuard guard(firstLook.lock);
+    while (!firstLook.isOver && deadline.remaining() != 0) {
+        firstLook.over.wait(firstLook.lock, deadline.remaining());
+    }
+}
 
 /// The daemon can be reached: its readers join those of the host.
 /// @param isRepetition  whether this is the poll thread's first pass, which repeats what the first
@@ -71,13 +99,17 @@ void missService(const FunctionLog& log, const DaemonConnectionTEZ& connection) 
 /// the pipe breaks. The connection is closed at the end, to be opened afresh by the next check.
 void checkServiceAvailability(DaemonConnectionTEZ& connection, bool watch, bool isRepetition) {
     static constexpr FunctionLog log("checkServiceAvailability");
-    if (!connection.connect()) {
+    const bool isThere = connection.connect();
+    if (isThere) {
+        log.debug("%s pipe connection established", kServiceName);
+        enterService(isRepetition);
+    } else {
         missService(log, connection);
-        return;
     }
-    log.debug("%s pipe connection established", kServiceName);
-    enterService(isRepetition);
     if (watch) {
+        noteFirstLook();
+    }
+    if (watch && isThere) {
         // The daemon sends nothing here unasked; a read is how the end of the pipe is seen.
         char byte = 0;
         if (connection.readMessage(&byte, sizeof(byte)) != SCARD_S_SUCCESS) {
@@ -118,6 +150,9 @@ void ensurePollThreadStarted() {
     }
     pollServiceAvailability(false);
     if (pinOwnModule() && pollThread.start([] { pollServiceAvailability(true); })) {
+        if (getServiceState() == ServiceState::LocalFirst) {
+            awaitFirstLook();
+        }
         isStarted = true;
     } else {
         log.warning("Failed to start the poll thread");

@@ -70,6 +70,33 @@ TEST_F(MonitorTest, TheFirstCallAlreadyKnowsADaemonThatIsThere) {
                          "local call failed with 0x80100009, falling back to remote call")));
 }
 
+// The monitor's thread comes late to its first look on a busy machine. What the daemon gives until
+// then would be taken for its successor's, and no call of the context would ever succeed again.
+TEST_F(MonitorTest, TheFirstCallEndsOnlyWhenTheDaemonIsWatched) {
+    const ImportPatch<decltype(::CreateFileA)> open(
+        libraryModule(), "KERNEL32.dll", "CreateFileA",
+        [thread = GetCurrentThreadId()](LPCSTR name, auto... others) {
+            if (GetCurrentThreadId() != thread) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            }
+            return ::CreateFileA(name, others...);
+        });
+    startDaemon();
+    context = establish();
+    EXPECT_THAT(listReaders(context), Contains(kRemoteReader));
+    daemon.stop();
+    startDaemon();
+    waitForWatch();
+    EXPECT_THAT(listReaders(context), Contains(kRemoteReader));
+}
+
+TEST_F(MonitorTest, TheFirstCallDoesNotWaitLongForADaemonThatAnswersOnlyOnce) {
+    daemon.setObserver({[this](const Handshake& /*first*/) { daemon.setReplyVersion(false); }, {}});
+    startDaemon();
+    context = establish();
+    EXPECT_THAT(SCardIsValidContext(context), Gives(SCARD_S_SUCCESS));
+}
+
 TEST_F(MonitorTest, LooksForTheDaemonEvery200Milliseconds) {
     std::atomic<int> pauses = 0;
     const ImportPatch<decltype(::Sleep)> sleep(libraryModule(), "KERNEL32.dll", "Sleep",
