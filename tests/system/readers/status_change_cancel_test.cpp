@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "heap_spy.h"
+#include "no_threads.h"
 #include "status_waits.h"
 
 namespace tez::test {

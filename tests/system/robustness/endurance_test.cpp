@@ -1,5 +1,7 @@
 // What months of use must not add up to: blocks, handles or threads for each time that the daemon
 // comes and goes, and for each call.
+#include <windows.h>
+
 #include <tlhelp32.h>
 
 #include "handle_spy.h"

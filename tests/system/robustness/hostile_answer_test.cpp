@@ -1,8 +1,10 @@
-// A daemon that leaves off in the middle of an answer, announces what nobody has room for, or
-// mistakes one call for another: each call ends with its code, nothing is written outside of the
-// caller's buffers, and the next call gets its own answer.
+// A daemon that leaves off in the middle of an answer, announces what nobody has room for, mistakes
+// one call for another, or takes its time: each call ends with its code, nothing is written outside
+// of the caller's buffers, and the next call gets its own answer.
 #include <algorithm>
+#include <future>
 #include <set>
+#include <thread>
 #include <utility>
 
 #include "catalogue_test.h"
@@ -257,6 +259,41 @@ INSTANTIATE_TEST_SUITE_P(EveryCall, HostileLengthTest,
                              return reachesDaemon(call) && call.answer->mostAnnounced.has_value();
                          })),
                          nameOfCall);
+
+/// Longer than whatever the library gives up.
+constexpr std::chrono::milliseconds kLate(1200);
+
+using LateAnswersTest = AllCallsTest;
+
+// All calls at once, as each takes long.
+TEST_F(LateAnswersTest, AreWaitedFor) {
+    connectBothSides();
+    struct Late {
+        const ExportedCall& call;
+        Target on;
+        std::future<LONG> rv;
+    };
+    std::vector<Late> calls;
+    for (const ExportedCall& call : callCatalogue()) {
+        if (reachesDaemon(call)) {
+            context = establish();  // as a cancel is for all waits of a context
+            calls.push_back({call, targetOf(call, Side::kDaemon), {}});
+        }
+    }
+    for (const Late& late : calls) {
+        const Answer& answer = *late.call.answer;
+        daemon.on(answer.command, [given = answer.handler()](const Request& request) {
+            std::this_thread::sleep_for(kLate);
+            return given(request);
+        });
+    }
+    for (Late& late : calls) {
+        late.rv = std::async(std::launch::async, late.call.make, late.on);
+    }
+    for (Late& late : calls) {
+        EXPECT_THAT(late.rv.get(), Gives(SCARD_S_SUCCESS)) << late.call.name;
+    }
+}
 
 }  // namespace
 }  // namespace tez::test

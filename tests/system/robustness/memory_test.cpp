@@ -1,9 +1,9 @@
 // What the system can refuse: a call is made with its first allocation refused, then its second,
-// and so on until it has no more, and the same with events and threads. Every time it must end with
-// a result, lose nothing, and work again.
+// and so on until it has no more, and the same with events. Every time it must end with a result,
+// lose nothing, and work again.
 #include "catalogue_test.h"
 #include "heap_spy.h"
-#include "status_waits.h"
+#include "import_patch.h"
 
 namespace tez::test {
 namespace {
@@ -59,12 +59,6 @@ class MemoryTest : public CatalogueTest {
         sweepAllocations();
         expectBlocks(kept);
         sweepEvents();
-        const Target on = target(side_);
-        {
-            const NoThreads refusing;
-            expectRefusal(on, callOn(on), true);
-        }
-        EXPECT_THAT(callOn(target(side_)), Gives(SCARD_S_SUCCESS)) << "with threads again";
         expectBlocks(kept);
     }
 

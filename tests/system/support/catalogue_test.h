@@ -5,8 +5,8 @@
 
 namespace tez::test {
 
-/// A test of one call of the catalogue.
-class CatalogueTest : public RemoteCardTest, public testing::WithParamInterface<ExportedCall> {
+/// A test of the calls of the catalogue.
+class AllCallsTest : public RemoteCardTest {
   protected:
     /// Both sides, with all calls redirected and a daemon that gives every call its answer.
     void connectBothSides() {
@@ -23,23 +23,18 @@ class CatalogueTest : public RemoteCardTest, public testing::WithParamInterface<
         card = connect(context, kHostReader);
     }
 
-    /// What the call is to be made on, with all that it needs done. A call that ends its handle
-    /// gets one of its own.
-    Target target(Side side = Side::kDaemon) const {
-        const Target on = handleFor(side);
-        if (GetParam().prepare) {
-            GetParam().prepare(on);
+    /// What a call is to be made on, with all that it needs done. A call that ends its handle gets
+    /// one of its own.
+    Target targetOf(const ExportedCall& called, Side side) const {
+        const Target on = handleFor(called, side);
+        if (called.prepare) {
+            called.prepare(on);
         }
         return on;
     }
 
-    LONG call(Side side = Side::kDaemon) const { return GetParam().make(target(side)); }
-
-    const Answer& answer() const { return *GetParam().answer; }
-
   private:
-    Target handleFor(Side side) const {
-        const ExportedCall& called = GetParam();
+    Target handleFor(const ExportedCall& called, Side side) const {
         if (called.takes == Takes::kUpdateContext) {
             return {side == Side::kDaemon ? 0 : context, side};
         }
@@ -56,6 +51,16 @@ class CatalogueTest : public RemoteCardTest, public testing::WithParamInterface<
         listReaders(made);
         return made;
     }
+};
+
+/// A test of one of them.
+class CatalogueTest : public AllCallsTest, public testing::WithParamInterface<ExportedCall> {
+  protected:
+    Target target(Side side = Side::kDaemon) const { return targetOf(GetParam(), side); }
+
+    LONG call(Side side = Side::kDaemon) const { return GetParam().make(target(side)); }
+
+    const Answer& answer() const { return *GetParam().answer; }
 };
 
 }  // namespace tez::test

@@ -89,15 +89,6 @@ class SkippedPauses {
     ImportPatch<decltype(::WaitForMultipleObjects)> wait_;
 };
 
-/// Lets the library have no threads.
-class NoThreads {
-    using Start = std::uintptr_t(void*, unsigned, unsigned (*)(void*), void*, unsigned, unsigned*);
-
-    ImportPatch<Start> start_{libraryModule(), "msvcrt.dll", "_beginthreadex",
-                              [](void*, unsigned, unsigned (*)(void*), void*, unsigned,
-                                 unsigned*) -> std::uintptr_t { return 0; }};
-};
-
 /// Tests of status-change calls: both readers hold a card at first.
 class StatusChangeTest : public SystemTest {
   protected:
