@@ -1,6 +1,7 @@
 // SCardTransmit: its arguments, its records and what the caller gets.
 #include "failing_writes.h"
 #include "guarded_buffer.h"
+#include "heap_spy.h"
 #include "log_text.h"
 #include "remote_card_test.h"
 
@@ -66,6 +67,17 @@ TEST_F(TransmitTest, SendsHeaderRecordAndCommandAndReadsTheAnswerIntoTheCallersB
                 ElementsAre(IsRequest(Command::kTransmit, transmitRecord(getChallenge(), 258))));
     EXPECT_THAT(receive.bytes().first(length), ElementsAre(0xAA, 0xBB, 0x90, 0x00));
     EXPECT_TRUE(receive.untouchedFrom(4));
+}
+
+TEST_F(TransmitTest, TakesNoMemory) {
+    setEnvironment("TEZ_PCSC_LOG_LEVEL", "error");  // lines of the log take some
+    connectCard();
+    const GuardedBuffer receive(258);
+    EXPECT_THAT(transmitTo(receive), Gives(SCARD_S_SUCCESS));
+    HeapSpy heap;
+    heap.refuseNth(1);
+    EXPECT_THAT(transmitTo(receive), Gives(SCARD_S_SUCCESS));
+    EXPECT_FALSE(heap.stopRefusing());
 }
 
 TEST_F(TransmitTest, LogsItsParametersTheProtocolsAndItsResult) {
