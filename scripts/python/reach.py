@@ -23,6 +23,7 @@ class Reach:
                     self._tests[file, line].append(test)
 
     def tests(self, file, line):
+        line = self._counted(file, line)
         tests = self._tests.get((file, line), [])
         fewest = dict.fromkeys(tests, len(tests))
         for neighbour in range(line + 1, line + 1 + NEIGHBOURS):
@@ -36,6 +37,12 @@ class Reach:
             turn[test] = suites[suite]
             suites[suite] += 1
         return sorted(tests, key=lambda test: (fewest[test], turn[test]))
+
+    def _counted(self, file, line):
+        """The line itself, or if it is not counted, as happens in statements of several lines, the
+        nearest one that is."""
+        near = [line, *(line + sign * n for n in range(1, 1 + NEIGHBOURS) for sign in (1, -1))]
+        return next((other for other in near if (file, other) in self._tests), line)
 
 
 def _lines(workshop, counts):

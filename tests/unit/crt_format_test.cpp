@@ -1,8 +1,11 @@
 #include "log/crt_format.h"
 
 #include <cstdarg>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <string>
+
+#include "import_patch.h"
 
 using namespace tez;
 
@@ -89,4 +92,14 @@ TEST(FormattedText, KeepsALongMessageWhole) {
 TEST(FormattedText, KeepsALongLeadWhole) {
     const std::string lead(2000, 'l');
     EXPECT_EQ(formatText(lead.c_str(), "%d", 5), lead + "5");
+}
+
+TEST(FormattedText, IsCutToTheInlineRoomWhenThereIsNoMemoryForMore) {
+    const std::string body(1000, 'x');
+    const std::string cut = "lead " + std::string(506, 'x');
+    const test::ImportPatch<void*(std::size_t)> malloc(
+        GetModuleHandleA(nullptr), "msvcrt.dll", "malloc", [most = body.size()](std::size_t size) {
+            return size > most ? nullptr : std::calloc(1, size);
+        });
+    EXPECT_EQ(formatText("lead ", "%s", body.c_str()), cut);
 }

@@ -34,12 +34,11 @@ using CreateFilePatch = ImportPatch<decltype(::CreateFileA)>;
 
 /// Lets nobody open a pipe for as long as it lives.
 CreateFilePatch openingFailsWith(DWORD error) {
-    return CreateFilePatch(
-        libraryModule(), "KERNEL32.dll", "CreateFileA",
-        [error](LPCSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) -> HANDLE {
-            SetLastError(error);
-            return INVALID_HANDLE_VALUE;
-        });
+    return {libraryModule(), "KERNEL32.dll", "CreateFileA",
+            [error](LPCSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) -> HANDLE {
+                SetLastError(error);
+                return INVALID_HANDLE_VALUE;
+            }};
 }
 using OverlappedResultPatch = ImportPatch<decltype(::GetOverlappedResult)>;
 

@@ -2,6 +2,7 @@
 // finds no wait is forgotten by both services, as by those that they stand for.
 #include <atomic>
 #include <mutex>
+#include <thread>
 
 #include "heap_spy.h"
 #include "no_threads.h"
@@ -166,6 +167,21 @@ TEST_F(StatusChangeCancel, ByTheApplicationIsRepeatedForAHostThatServesTheCallAl
     EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
     EXPECT_GE(hostCancels().size(), 2U);
     EXPECT_GE(log().count("SCardCancel", kCancelLocalAgain), 1U);
+}
+
+// The thread that repeats the cancels ends with the wait that they are for.
+TEST_F(StatusChangeCancel, ByTheApplicationIsRepeatedForTheNextWaitOnTheHostAloneToo) {
+    const SCARDCONTEXT context = establish();
+    listReaders(context);
+    for (int i = 0; i < 2; ++i) {
+        const Gate gate = holdHostWaits();
+        const BackgroundWait wait(context, INFINITE, {unchangedHost()});
+        ASSERT_TRUE(gate.waitUntilReached());
+        EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
+        gate.open();
+        EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
+        std::this_thread::sleep_for(std::chrono::milliseconds(kSoon));
+    }
 }
 
 TEST_F(StatusChangeCancel, ThatComesSeveralTimesIsRepeatedOnceEachTime) {

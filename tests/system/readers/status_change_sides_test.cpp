@@ -121,6 +121,21 @@ TEST_F(StatusChangeSides, LetABoundedWaitWithAHostChangeReturnWhenBothHave) {
     EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x8010000A"));
 }
 
+TEST_F(StatusChangeSides, AreAskedOneBehindTheOtherByACallThatDoesNotWait) {
+    const SCARDCONTEXT context = establishAndList();
+    std::size_t askedBefore = kUntouched;
+    EXPECT_CALL(host, SCardGetStatusChangeA)
+        .WillOnce(
+            [&](SCARDCONTEXT system, DWORD timeout, LPSCARD_READERSTATEA states, DWORD count) {
+                askedBefore = daemon.requests(Command::kGetStatusChange).size();
+                return host.service().SCardGetStatusChangeA(system, timeout, states, count);
+            });
+    const BackgroundWait wait(context, 0, {unchangedHost(), unchangedRemote()});
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_TIMEOUT));
+    EXPECT_EQ(askedBefore, 0U) << "the host first";
+    EXPECT_EQ(daemon.requests(Command::kGetStatusChange).size(), 1U);
+}
+
 TEST_F(StatusChangeSides, TimeOutTogether) {
     const SCARDCONTEXT context = establishAndList();
     std::vector states{unchangedHost(), unchangedRemote()};

@@ -1,6 +1,7 @@
 // With standard answers the daemon's coming and going is no error of a wait, and neither is a lost
 // connection.
 #include <atomic>
+#include <future>
 #include <optional>
 #include <thread>
 
@@ -123,6 +124,44 @@ TEST_F(DaemonAndWait, ABusyPipeTakesNothingAway) {
         ASSERT_TRUE(eventually([&] { return busy.attempts() >= 2; }));
     }
     EXPECT_THAT(transmit(card, getChallenge()), SizeIs(10));
+}
+
+// Where a call has the only connection, and there is no other one for a moment.
+TEST_F(DaemonAndWait, ABusyPipeDoesNotLeaveTheWaitToTheHost) {
+    const SCARDCONTEXT context = establishAndList();
+    const ConnectedCard card = connect(context, kRemoteReader);
+    const Gate gate;
+    daemon.on(Command::kTransmit, [gate](const Request& /*request*/) {
+        gate.pass();
+        return std::nullopt;
+    });
+    auto transmitted =
+        std::async(std::launch::async, [&] { return transmit(card, getChallenge()); });
+    ASSERT_TRUE(gate.waitUntilReached());
+    std::optional<PipesClosed> busy(ERROR_PIPE_BUSY);
+    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+    ASSERT_TRUE(eventually([&] { return busy->attempts() != 0; }));
+    waitForHostWait();
+    busy.reset();
+    ASSERT_TRUE(daemon.waitForRequest(Command::kGetStatusChange, 1, kPatience));
+    gate.open();
+    EXPECT_THAT(transmitted.get(), SizeIs(10));
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS)) << "as the card is in use";
+    EXPECT_NE(wait.state(1).dwEventState & SCARD_STATE_INUSE, 0U);
+}
+
+TEST_F(DaemonAndWait, AListThatIsLostDoesNotLeaveTheWaitToTheHost) {
+    const SCARDCONTEXT context = establishWithDaemon();
+    std::atomic<int> lists = 0;
+    daemon.on(Command::kListReaders, [&](const Request& /*request*/) -> std::optional<Reply> {
+        return lists++ == 0 ? std::optional(Reply::closePipe()) : std::nullopt;
+    });
+    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+    waitForRemoteWait();
+    EXPECT_GE(lists, 2);
+    remote.removeCard(kRemoteReader);
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(1).dwEventState, kFirstCardPulled | kChanged);
 }
 
 TEST_F(DaemonAndWait, ComingAndGoingDoesNotDisturbTheHostsReadersAlone) {
