@@ -1,6 +1,8 @@
 // SCardAccessStartedEvent and SCardReleaseStartedEvent: the library's event stands for a usable
 // service, the daemon's or the host's.
 #include <atomic>
+#include <mutex>
+#include <set>
 #include <thread>
 
 #include "handle_spy.h"
@@ -104,6 +106,27 @@ TEST_F(StartedEventTest, IsSetBecauseTheHostsServiceRuns) {
     SCardReleaseStartedEvent();
     EXPECT_EQ(systemUsers(), 0U);
     EXPECT_FALSE(isOpen(event));
+}
+
+TEST_F(StartedEventTest, IsLookedAfterEvery200Milliseconds) {
+    establish();
+    std::mutex mutex;
+    std::set<DWORD> resting;  // threads
+    const ImportPatch<decltype(::Sleep)> sleep(libraryModule(), "KERNEL32.dll", "Sleep",
+                                               [&](DWORD milliseconds) {
+                                                   {
+                                                       const std::scoped_lock lock(mutex);
+                                                       EXPECT_EQ(milliseconds, 200U);
+                                                       resting.insert(GetCurrentThreadId());
+                                                   }
+                                                   ::Sleep(milliseconds);
+                                               });
+    SCardAccessStartedEvent();
+    EXPECT_TRUE(eventually([&] {
+        const std::scoped_lock lock(mutex);
+        return resting.size() == 2;
+    })) << "the monitor and the event's own thread";
+    SCardReleaseStartedEvent();
 }
 
 TEST_F(StartedEventTest, IsNeverTheHostsOwn) {

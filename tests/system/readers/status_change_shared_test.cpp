@@ -150,6 +150,26 @@ TEST_F(SharedWaits, AHostChangeForOneLeavesTheOtherHearingOfTheDaemon) {
     EXPECT_EQ(second.state(1).dwEventState, kFirstCardPulled | kChanged);
 }
 
+TEST_F(SharedWaits, ACancelUnderWayEndsNoWaitThatBeginsMeanwhile) {
+    const SCARDCONTEXT context = establishAndList();
+    const Gate gate;
+    daemon.on(Command::kCancel, [gate](const Request& /*request*/) {
+        gate.pass();
+        return std::nullopt;
+    });
+    const BackgroundWait first = waitOnBothSides(context);
+    host.pcsc().removeCard(kHostReader);
+    ASSERT_TRUE(gate.waitUntilReached());
+    const BackgroundWait second(context, INFINITE, {unchangedRemote()});
+    waitForRemoteWait(2);
+    gate.open();
+    EXPECT_THAT(first.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_FALSE(second.isOver(std::chrono::milliseconds(200)));
+    remote.removeCard(kRemoteReader);
+    EXPECT_THAT(second.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(second.state(0).dwEventState, kFirstCardPulled | kChanged);
+}
+
 TEST_F(SharedWaits, AHalfThatBeginsAgainHasTheTimeThatRemains) {
     const SCARDCONTEXT context = establishAndList();
     const BackgroundWait bounded(context, 1500, {unchangedHost(), unchangedRemote()});

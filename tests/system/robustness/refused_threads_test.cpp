@@ -1,5 +1,7 @@
 // Each of the library's threads refused: what wants one ends with its code or does without, and
 // works again when there are threads.
+#include <thread>
+
 #include "no_threads.h"
 #include "status_waits.h"
 
@@ -54,6 +56,21 @@ TEST_F(RefusedThreads, ForAStartedEventAreAskedForByTheNextAccess) {
     EXPECT_EQ(host.startedEvent().users(), 0U);
     EXPECT_NE(SCardAccessStartedEvent(), nullptr);
     SCardReleaseStartedEvent();
+    EXPECT_EQ(host.startedEvent().users(), 0U);
+}
+
+TEST_F(RefusedThreads, ForAStartedEventThatOthersHaveReleasedLeaveNothingOfTheHosts) {
+    establish();
+    EXPECT_NE(SCardAccessStartedEvent(), nullptr);
+    std::thread([] {
+        SCardAccessStartedEvent();
+        SCardReleaseStartedEvent();
+        SCardReleaseStartedEvent();
+    }).join();
+    {
+        const NoThreads refusing;
+        EXPECT_EQ(SCardAccessStartedEvent(), nullptr);
+    }
     EXPECT_EQ(host.startedEvent().users(), 0U);
 }
 

@@ -164,6 +164,18 @@ TEST_F(DaemonAndWait, AListThatIsLostDoesNotLeaveTheWaitToTheHost) {
     EXPECT_EQ(wait.state(1).dwEventState, kFirstCardPulled | kChanged);
 }
 
+TEST_F(DaemonAndWait, AHostThatFailsDoesNotEndTheDaemonsHalf) {
+    const SCARDCONTEXT context = establishAndList();
+    ON_CALL(host, SCardGetStatusChangeA).WillByDefault(Return(SCARD_F_COMM_ERROR));
+    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+    waitForRemoteWait();
+    EXPECT_FALSE(wait.isOver(std::chrono::milliseconds(300)));
+    remote.removeCard(kRemoteReader);
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(1).dwEventState, kFirstCardPulled | kChanged);
+    EXPECT_EQ(remoteAsks(), 1U);
+}
+
 TEST_F(DaemonAndWait, ComingAndGoingDoesNotDisturbTheHostsReadersAlone) {
     const SCARDCONTEXT context = establish();
     listReaders(context);
