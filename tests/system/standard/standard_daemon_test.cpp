@@ -269,9 +269,12 @@ TEST_F(DaemonAndWait, TheHostIsHeardWhileTheDaemonHangsUpOnEveryWait) {
             });
     daemon.on(Command::kGetStatusChange, [](const Request&) { return Reply::closePipe(); });
     const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
-    ASSERT_TRUE(daemon.waitForRequest(Command::kGetStatusChange, 3, kPatience));
+    ASSERT_TRUE(daemon.waitForRequest(Command::kGetStatusChange, 7, kPatience));
+    EXPECT_FALSE(wait.isOver(std::chrono::milliseconds(100))) << "the pause is of 1280 ms by now";
+    const ULONGLONG begin = GetTickCount64();
     host.pcsc().removeCard(kHostReader);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_LT(GetTickCount64() - begin, kSoon);
     EXPECT_TRUE(isHostAskedInPauses);
     EXPECT_EQ(wait.state(0).dwEventState, kFirstCardPulled | kChanged);
     EXPECT_EQ(wait.state(1).dwEventState, DWORD{SCARD_STATE_PRESENT});
