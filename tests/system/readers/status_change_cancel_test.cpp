@@ -155,6 +155,19 @@ TEST_F(StatusChangeCancel, ByTheApplicationIsRepeatedForADaemonThatServesTheCall
     EXPECT_GE(log().count(kLocalStatusChange, kCancelRemoteAgain), 1U);
 }
 
+TEST_F(StatusChangeCancel, OfAWaitOnTheDaemonAloneIsNotRepeatedForTheHost) {
+    const SCARDCONTEXT context = establishAndList();
+    noteHostCancels();
+    const Gate gate = holdRemoteWaits();
+    const BackgroundWait wait(context, INFINITE, {unchangedRemote()});
+    ASSERT_TRUE(gate.waitUntilReached());
+    EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
+    ASSERT_TRUE(eventually([&] { return remoteCancels() >= 2; }));
+    EXPECT_THAT(repeatedHostCancels(), IsEmpty());
+    gate.open();
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+}
+
 TEST_F(StatusChangeCancel, ByTheApplicationIsRepeatedForAHostThatServesTheCallAlone) {
     const SCARDCONTEXT context = establish();
     listReaders(context);
