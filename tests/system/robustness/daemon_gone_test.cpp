@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "catalogue_test.h"
-#include "import_patch.h"
+#include "failing_writes.h"
 
 namespace tez::test {
 namespace {
@@ -19,24 +19,18 @@ class Transfers {
     explicit Transfers(std::function<void(Transfer)> begins) : begins_(std::move(begins)) {}
 
   private:
-    void note(Transfer transfer) const {
-        if (GetCurrentThreadId() == thread_) {
-            begins_(transfer);
-        }
-    }
-
     const std::function<void(Transfer)> begins_;
-    const DWORD thread_ = GetCurrentThreadId();
-    ImportPatch<decltype(::WriteFile)> write_{
-        libraryModule(), "KERNEL32.dll", "WriteFile",
-        [this](HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED overlapped) {
-            note(Transfer::kWrite);
-            return ::WriteFile(file, data, size, written, overlapped);
-        }};
-    ImportPatch<decltype(::ReadFile)> read_{
+    const FailingWrites writes_{[this](DWORD /*size*/) {
+        begins_(Transfer::kWrite);
+        return false;  // none fails
+    }};
+    const ImportPatch<decltype(::ReadFile)> reads_{
         libraryModule(), "KERNEL32.dll", "ReadFile",
-        [this](HANDLE file, LPVOID data, DWORD size, LPDWORD read, LPOVERLAPPED overlapped) {
-            note(Transfer::kRead);
+        [this, thread = GetCurrentThreadId()](HANDLE file, LPVOID data, DWORD size, LPDWORD read,
+                                              LPOVERLAPPED overlapped) {
+            if (GetCurrentThreadId() == thread) {
+                begins_(Transfer::kRead);
+            }
             return ::ReadFile(file, data, size, read, overlapped);
         }};
 };
@@ -67,8 +61,9 @@ class DaemonGoneTest : public CatalogueTest {
 
   private:
     /// The monitor looks for the daemon at once, so that it may go often.
-    ImportPatch<decltype(::Sleep)> rest_{libraryModule(), "KERNEL32.dll", "Sleep",
-                                         [](DWORD time) { ::Sleep(std::min<DWORD>(time, 2)); }};
+    const ImportPatch<decltype(::Sleep)> rest_{
+        libraryModule(), "KERNEL32.dll", "Sleep",
+        [](DWORD time) { ::Sleep(std::min<DWORD>(time, 2)); }};
 };
 
 TEST_P(DaemonGoneTest, BeforeTheCallLeavesTheHostAlone) {
