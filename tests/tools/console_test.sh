@@ -7,7 +7,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 program=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-readonly attempts=300 # looks, 0.1 seconds apart, until something must have been drawn
+readonly attempts=300 # looks, 0.1 seconds apart, until something has to be so
 
 fail() {
     echo "console_test: $*" >&2
@@ -23,7 +23,8 @@ open_console() {
     mkfifo "$work/keys"
     : >"$work/screen"
     TERM=xterm script --quiet --flush --return \
-        --command "'$root/scripts/in-wine' '$program' $*" "$work/screen" <"$work/keys" >/dev/null &
+        --command "tty >'$work/terminal'; exec '$root/scripts/in-wine' '$program' $*" \
+        "$work/screen" <"$work/keys" >/dev/null &
     console=$!
     exec {keys}>"$work/keys"
 }
@@ -33,17 +34,29 @@ close_console() {
     wait "$console" || true
 }
 
-await() {
+# comes_about COMMAND [ARG ...]: whether it succeeds soon.
+comes_about() {
     local attempt
     for ((attempt = 0; attempt < attempts; ++attempt)); do
-        [[ $(drawn) != *"$1"* ]] || return 0
+        ! "$@" || return 0
         sleep 0.1
     done
-    fail "this is not drawn: $1"
+    return 1
 }
 
+is_drawn() { [[ $(drawn) == *"$1"* ]]; }
+
+await() { comes_about is_drawn "$1" || fail "this is not drawn: $1"; }
+
+# Wine takes a terminal's keys for the console at the program's first read: until then the terminal
+# draws them itself, a PIN too, and turns the carriage return of a line into a line feed.
+keys_are_taken() { [[ $(stty --file "$(<"$work/terminal")" --all) == *-icanon* ]]; }
+
 # The key Return is a carriage return.
-type_line() { printf '%s\r' "$1" >&"$keys"; }
+type_line() {
+    comes_about keys_are_taken || fail "nobody reads what would be typed: $1"
+    printf '%s\r' "$1" >&"$keys"
+}
 
 open_console watch Lesegerät
 await 'there is no reader Lesegerät; --wait'
