@@ -1,7 +1,6 @@
 // With standard answers the loops of programs that were written for one set of readers see all that
 // happens on both sides, soon, and rest while nothing does.
 #include <algorithm>
-#include <array>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -29,7 +28,7 @@ struct Program {
         std::vector<std::string> names;
         if (!isWide) {
             LPSTR readers = nullptr;
-            DWORD length = SCARD_AUTOALLOCATE;
+            auto length = SCARD_AUTOALLOCATE;
             if (SCardListReadersA(context, nullptr, reinterpret_cast<LPSTR>(&readers), &length) ==
                 SCARD_S_SUCCESS) {
                 names = splitMultiString(readers);
@@ -63,6 +62,7 @@ struct Program {
         const auto number = static_cast<DWORD>(entries.size());
         if (!isWide) {
             std::vector<SCARD_READERSTATEA> states;
+            states.reserve(number);
             for (const Entry& entry : entries) {
                 states.push_back(readerState(entry.name.c_str(), entry.current));
             }
@@ -73,6 +73,7 @@ struct Program {
             return rv;
         }
         std::vector<std::wstring> names;
+        names.reserve(number);
         for (const Entry& entry : entries) {
             names.push_back(widened(entry.name));
         }
@@ -451,12 +452,15 @@ class StandardLoop : public StandardTest,
     }
 
     static ULONGLONG cpuTime() {
-        std::array<FILETIME, 4> times = {};
-        GetProcessTimes(GetCurrentProcess(), &times[0], &times[1], &times[2], &times[3]);
+        FILETIME creation = {};
+        FILETIME exit = {};
+        FILETIME kernel = {};
+        FILETIME user = {};
+        GetProcessTimes(GetCurrentProcess(), &creation, &exit, &kernel, &user);
         const auto inMicroseconds = [](const FILETIME& time) {
             return ((ULONGLONG{time.dwHighDateTime} << 32U) + time.dwLowDateTime) / 10;
         };
-        return inMicroseconds(times[2]) + inMicroseconds(times[3]);
+        return inMicroseconds(kernel) + inMicroseconds(user);
     }
 
     Findings findings_;

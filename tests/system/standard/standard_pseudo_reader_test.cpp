@@ -140,7 +140,7 @@ TEST_F(StandardPseudoReader, IsToldThatThereAreNoReadersByTheList) {
     remote.removeReader(kRemoteReader);
     host.pcsc().removeReader(kHostReader);
     const SCARDCONTEXT context = establishWithDaemon();
-    DWORD length = SCARD_AUTOALLOCATE;
+    auto length = SCARD_AUTOALLOCATE;
     LPSTR readers = nullptr;
     EXPECT_THAT(SCardListReadersA(context, nullptr, reinterpret_cast<LPSTR>(&readers), &length),
                 Gives(SCARD_E_NO_READERS_AVAILABLE));
@@ -160,8 +160,7 @@ TEST_F(StandardPseudoReader, TakesASidesCountFromItsPseudoReaderAndNotFromItsLis
     // A host that counts a reader which it does not list.
     ON_CALL(host, SCardListReadersA)
         .WillByDefault([this](SCARDCONTEXT, LPCSTR, LPSTR readers, LPDWORD length) {
-            const std::string names("Host Reader 0\0", 15);
-            return host.heap().deliver(Bytes(names.begin(), names.end()), readers, length);
+            return host.heap().deliver(multiString({kHostReader}), readers, length);
         });
     host.pcsc().addReader(kSecondHostReader);
     const SCARDCONTEXT context = establishAndList();

@@ -47,7 +47,7 @@ TEST_F(WholeLists, OfTheDaemonMayHave64KiB) {
     }
     const SCARDCONTEXT context = establishWithDaemon();
     LPSTR readers = nullptr;
-    DWORD length = SCARD_AUTOALLOCATE;
+    auto length = SCARD_AUTOALLOCATE;
     ASSERT_THAT(SCardListReadersA(context, nullptr, reinterpret_cast<LPSTR>(&readers), &length),
                 Gives(SCARD_S_SUCCESS));
     const std::vector<std::string> listed = splitMultiString(readers);
