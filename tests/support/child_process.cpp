@@ -61,16 +61,20 @@ void ChildProcess::kill() {
 }
 
 std::optional<std::string> ChildProcess::readLine() {
-    std::string line;
-    char character = 0;
-    DWORD count = 0;
-    while (ReadFile(output_.get(), &character, 1, &count, nullptr) != FALSE && count == 1) {
-        if (character == '\n') {
-            return line;
+    std::size_t end = unread_.find('\n');
+    while (end == std::string::npos) {
+        char block[4096];
+        DWORD count = 0;
+        if (ReadFile(output_.get(), block, sizeof block, &count, nullptr) == FALSE || count == 0) {
+            return std::nullopt;
         }
-        line.push_back(character);
+        const std::size_t searched = unread_.size();
+        unread_.append(block, count);
+        end = unread_.find('\n', searched);
     }
-    return std::nullopt;
+    std::string line = unread_.substr(0, end);
+    unread_.erase(0, end + 1);
+    return line;
 }
 
 std::string ChildProcess::readRest() {

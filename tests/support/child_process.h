@@ -38,6 +38,7 @@ class ChildProcess {
     UniqueHandle process_;
     UniqueHandle input_;
     UniqueHandle output_;
+    std::string unread_;  // of the output, what has been taken from the pipe already
 };
 
 }  // namespace tez::test

@@ -16,17 +16,18 @@ namespace tez::test {
 
 inline constexpr const char* kDemoAtrText = "3B 89 01 44 45 4D 4F 20 43 41 52 44 BF";
 
-class ClientTest : public testing::Test {
+/// Runs the client, beside the stand-in's reader on the host's side.
+class ClientFixture : public testing::Test {
   public:
-    ClientTest(const ClientTest&) = delete;
-    ClientTest& operator=(const ClientTest&) = delete;
+    ClientFixture(const ClientFixture&) = delete;
+    ClientFixture& operator=(const ClientFixture&) = delete;
 
   protected:
-    ClientTest() {
+    ClientFixture() {
         std::ofstream(cardFile()).close();
         setEnvironment("TEZ_STAND_IN_CARD_FILE", cardFile().string());
     }
-    ~ClientTest() override { std::filesystem::remove(cardFile()); }
+    ~ClientFixture() override { std::filesystem::remove(cardFile()); }
 
     /// While there is this file, the host's reader holds a card.
     static std::filesystem::path cardFile() {
@@ -65,7 +66,11 @@ class ClientTest : public testing::Test {
         }
         throw std::runtime_error("the client does not print: " + text);
     }
+};
 
+/// With the simulator program on the remote side.
+class ClientTest : public ClientFixture {
+  protected:
     /// A watch that waits without a limit, on the remote side at least.
     void waitUntilItWaits(ChildProcess& watch) const {
         lineWith(watch, "watching");
