@@ -84,6 +84,11 @@ struct Events {
         return next;
     }
     Milliseconds timeOf(std::uint32_t number) const { return times[number & 0xFFFF]; }
+    /// The event that a reader's state tells of: the last one with that lower half.
+    std::uint32_t numberIn(DWORD state) const {
+        const std::uint32_t last = count;
+        return last - static_cast<std::uint16_t>(last - (state >> 16U));
+    }
 };
 
 /// A thread of a client that waits for cards.

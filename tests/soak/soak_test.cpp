@@ -57,6 +57,15 @@ TEST(Holdings, AreThoseOfTheProcess) {
     EXPECT_EQ(after[1].handles, 0);
 }
 
+TEST(Events, AreNumberedOnWhereAReadersStateBeginsAnew) {
+    const auto events = std::make_unique<Events>();
+    for (const std::uint32_t last : {2U, 0x7FFFU, 0x8001U, 0xFFFFU, 0x10000U, 0x2C001U}) {
+        events->count = last;
+        EXPECT_EQ(events->numberIn(DWORD{last} << 16U | SCARD_STATE_PRESENT), last);
+        EXPECT_EQ(events->numberIn(DWORD{last - 1} << 16U | SCARD_STATE_EMPTY), last - 1);
+    }
+}
+
 TEST(TaggedCard, AnswersWithItsTag) {
     VirtualCard card = makeTaggedCard(kRemoteCardReader);
     card.transmit(selectTaggedApplication());

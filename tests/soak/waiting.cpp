@@ -32,16 +32,13 @@ void remember(SCARD_READERSTATEA& entry) {
     }
 }
 
-/// The number of the event that an entry tells, of which the lower half is told; the known one when
-/// it tells no later one.
-std::uint32_t toldBy(const SCARD_READERSTATEA& entry, std::uint32_t known) {
+/// The number of the event that an entry tells; the known one when it tells no later one.
+std::uint32_t toldBy(const SCARD_READERSTATEA& entry, const Events& events, std::uint32_t known) {
     if ((entry.dwEventState & SCARD_STATE_CHANGED) == 0 ||
         (entry.dwEventState & SCARD_STATE_UNKNOWN) != 0) {
         return known;
     }
-    const auto steps =
-        static_cast<std::int16_t>(static_cast<std::uint32_t>(entry.dwEventState >> 16U) - known);
-    return steps > 0 ? known + static_cast<std::uint32_t>(steps) : known;
+    return std::max(known, events.numberIn(entry.dwEventState));
 }
 
 /// One wait, as the board shows it.
@@ -99,7 +96,7 @@ bool waitOnce(Caller& caller, std::size_t which, DWORD timeout,
         EventWait& one = *waited[i];
         one.entry = entries[i];
         const std::uint32_t known = one.known;
-        const std::uint32_t told = toldBy(one.entry, known);
+        const std::uint32_t told = toldBy(one.entry, one.events, known);
         remember(one.entry);
         if (told == known) {
             continue;
