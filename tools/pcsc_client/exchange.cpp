@@ -8,8 +8,8 @@
 namespace tez::client {
 namespace {
 
-constexpr std::size_t kHeaderSize = 5;         // CLA INS P1 P2 Lc
-constexpr std::size_t kLongestAnswer = 65536;  // bytes of data; no Le asks for more
+constexpr std::size_t kHeaderSize = 5;        // CLA INS P1 P2 Lc
+constexpr std::size_t kLongestChain = 65536;  // bytes of data; no Le asks for more
 
 std::string shownCommand(ByteView command, Show show) {
     if (show == Show::kAll || command.size() <= kHeaderSize) {
@@ -58,7 +58,7 @@ ResponseApdu sendCommand(Report& report, const Card& card, const CommandApdu& co
         gotMore = !more.data.empty();
         response.data.insert(response.data.end(), more.data.begin(), more.data.end());
         response.status = more.status;
-        if (response.data.size() > kLongestAnswer) {
+        if (response.data.size() > kLongestChain) {
             throw Failure("the card has more to fetch than any command's answer can hold");
         }
     }
