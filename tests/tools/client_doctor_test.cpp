@@ -48,6 +48,7 @@ std::vector<std::string> complaints(const std::vector<json>& findings) {
 
 std::vector<std::string> texts(const std::vector<json>& findings) {
     std::vector<std::string> list;
+    list.reserve(findings.size());
     for (const json& finding : findings) {
         list.push_back(finding.at("text"));
     }

@@ -21,7 +21,7 @@ TEST_F(ClientTest, GoesOnInTheShellAfterAnyError) {
 TEST_F(ClientTest, TakesCommentsAndQuotesInTheShell) {
     const std::string text =
         shellOutput({"# readers --groups", "status \"Remote Reader 1\" # an empty one", "   ",
-                     "cards --atr \"3B 00\"", "provider \"with \\\"quotes\\\"\""},
+                     "cards --atr \"3B 00\"", R"(provider "with \"quotes\"")"},
                     1);
     EXPECT_THAT(text, AllOf(Not(HasSubstr("group ")), HasSubstr("no card"),
                             HasSubstr("no card types"), Not(HasSubstr("unknown command")),

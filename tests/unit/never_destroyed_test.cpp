@@ -50,15 +50,17 @@ TEST(NeverDestroyed, IsMadeByItsFirstUse) {
 }
 
 TEST(NeverDestroyed, IsMadeOnceByManyThreadsAtOnce) {
+    constexpr int kThreads = 8;
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     std::atomic<int> sum = 0;
-    for (int i = 0; i < 8; ++i) {
+    for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&sum] { sum += witness->number; });
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(sum, 8);
+    EXPECT_EQ(sum, kThreads);
     EXPECT_EQ(made, 1);
 }
 

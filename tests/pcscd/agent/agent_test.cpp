@@ -59,14 +59,14 @@ class AgentTest : public testing::Test {
 
     /// Waits, from the state that the application knows on, until the reader's state has the bit.
     static bool awaitState(const LinkClient& client, std::uint64_t context, const char* reader,
-                           std::uint32_t known, std::uint32_t bit) {
-        while ((known & bit) == 0) {
-            client.sendWait(context, reader, known);
+                           std::uint32_t from, std::uint32_t awaited) {
+        while ((from & awaited) == 0) {
+            client.sendWait(context, reader, from);
             const auto [answer, now] = client.receiveWait();
             if (answer != result::kSuccess || (now & state::kChanged) == 0) {
                 return false;
             }
-            known = now & ~state::kChanged;
+            from = now & ~state::kChanged;
         }
         return true;
     }
@@ -217,7 +217,7 @@ TEST_F(AgentTest, GivesBackWhatAVanishedProgramHeld) {
                   code(result::kSharingViolation));
         const auto end = std::chrono::steady_clock::now();
         vanishing.reset();
-        ConnectRecord card;
+        ConnectRecord card = {};
         ASSERT_TRUE(eventually([&] {
             card = other->connect(otherContext, kFirstReader);
             return card.rv == 0;
@@ -281,7 +281,7 @@ TEST_F(AgentTest, OutlivesTheServiceAndGoesOnWithTheNext) {
     machine_.startService();
     EXPECT_TRUE(back.get());
     machine_.insertCard();
-    ConnectRecord again;
+    ConnectRecord again = {};
     EXPECT_TRUE(eventually([&] {
         again = client->connect(context, kFirstReader);
         return again.rv == 0;
@@ -407,8 +407,10 @@ TEST_F(AgentTest, ServesAgainWhenAllItsDescriptorsWereTaken) {
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
     machine_.startAgent();
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+    constexpr int kMany = 50;
     std::vector<std::unique_ptr<LinkClient>> crowd;
-    for (int i = 0; i < 50; ++i) {
+    crowd.reserve(kMany);
+    for (int i = 0; i < kMany; ++i) {
         crowd.push_back(std::make_unique<LinkClient>(machine_.socket()));
     }
     crowd.clear();
@@ -436,8 +438,10 @@ TEST_F(AgentTest, ClosesTheConnectionsThatAreTooMany) {
 
 TEST_F(AgentTest, IsThereForThoseWithTheTokenWhateverOthersDo) {
     machine_.startAgent();
+    constexpr int kMany = 500;
     std::vector<std::unique_ptr<LinkClient>> crowd;
-    for (int i = 0; i < 500; ++i) {
+    crowd.reserve(kMany);
+    for (int i = 0; i < kMany; ++i) {
         crowd.push_back(std::make_unique<LinkClient>(machine_.socket()));
     }
     EXPECT_NE(connected()->establish(), 0U);

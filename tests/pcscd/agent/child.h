@@ -27,7 +27,7 @@ class Child {
     int wait();
 
   private:
-    pid_t process_;
+    pid_t process_ = 0;
 };
 
 }  // namespace tez::agent

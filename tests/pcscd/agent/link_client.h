@@ -22,7 +22,7 @@ namespace tez::agent {
 class LinkClient {
   public:
     /// Connects, without a word.
-    explicit LinkClient(const std::filesystem::path& socket);
+    explicit LinkClient(const std::filesystem::path& path);
 
     void send(std::span<const std::uint8_t> bytes) const;
     /// Exactly so many bytes; nullopt when the agent closes or is silent.

@@ -130,16 +130,18 @@ void run(const std::string& reader, int count, std::uint32_t seed) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app("Sends random command APDUs to a card and prints its answers.");
-    app.name("apdu-series");
-    std::string reader;
-    int count = 1000;
-    std::uint32_t seed = 1;
-    app.add_option("reader", reader, "The reader's name")->required();
-    app.add_option("--count", count, "How many")->check(CLI::PositiveNumber)->capture_default_str();
-    app.add_option("--seed", seed, "Another seed, another series")->capture_default_str();
-    CLI11_PARSE(app, argc, argv);
     try {
+        CLI::App app("Sends random command APDUs to a card and prints its answers.");
+        app.name("apdu-series");
+        std::string reader;
+        int count = 1000;
+        std::uint32_t seed = 1;
+        app.add_option("reader", reader, "The reader's name")->required();
+        app.add_option("--count", count, "How many")
+            ->check(CLI::PositiveNumber)
+            ->capture_default_str();
+        app.add_option("--seed", seed, "Another seed, another series")->capture_default_str();
+        CLI11_PARSE(app, argc, argv);
         run(reader, count, seed);
         return EXIT_SUCCESS;
     } catch (const std::exception& error) {

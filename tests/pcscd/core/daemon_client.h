@@ -70,7 +70,7 @@ class DaemonClient {
         if (!piece || piece->size() != sizeof(Record)) {
             return std::nullopt;
         }
-        Record record;
+        Record record = {};
         std::memcpy(&record, piece->data(), sizeof record);
         return record;
     }

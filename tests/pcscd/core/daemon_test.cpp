@@ -33,14 +33,16 @@ constexpr Clients::Process kProgram = 100;
 constexpr Clients::Process kOtherProgram = 200;
 
 class DaemonTest : public testing::Test {
+  public:
+    DaemonTest(const DaemonTest&) = delete;
+    DaemonTest& operator=(const DaemonTest&) = delete;
+
   protected:
     DaemonTest() {
         service_.addReader(kDaemonReader);
         service_.insertCard(kDaemonReader, makeDemoCard("Ada"));
     }
     ~DaemonTest() override { service_.releaseAll(); }
-    DaemonTest(const DaemonTest&) = delete;
-    DaemonTest& operator=(const DaemonTest&) = delete;
 
     /// A connection that has shaken hands.
     std::unique_ptr<DaemonClient> connected(Clients::Process process = kProgram) {

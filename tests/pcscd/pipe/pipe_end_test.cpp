@@ -54,7 +54,7 @@ TEST_F(PipeEndTest, WhatWasWrittenWholeIsWrittenThoughInterrupted) {
 
 TEST_F(PipeEndTest, AWriteThatTheClientDoesNotTakeIsInterrupted) {
     SetEvent(event_.get());
-    EXPECT_FALSE(write(100 * kBuffer));
+    EXPECT_FALSE(write(std::size_t{100} * kBuffer));
 }
 
 TEST_F(PipeEndTest, NothingIsWrittenToAClientThatIsGone) {

@@ -100,7 +100,7 @@ TEST_F(PipeListenerTest, KeepsNoThreadOfAClientThatIsGone) {
     serveSome();
     const std::uintptr_t before = nextHandle();
     serveSome();
-    EXPECT_LT(nextHandle(), before + 4 * 50);
+    EXPECT_LT(nextHandle(), before + std::uintptr_t{4} * 50);
 }
 
 }  // namespace

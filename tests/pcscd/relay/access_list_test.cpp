@@ -28,7 +28,7 @@ std::string accessTo(HANDLE handle) {
     char* text = nullptr;
     ConvertSecurityDescriptorToStringSecurityDescriptorA(descriptor, SDDL_REVISION_1,
                                                          DACL_SECURITY_INFORMATION, &text, nullptr);
-    const std::string copy = text != nullptr ? text : "";
+    std::string copy = text != nullptr ? text : "";
     LocalFree(text);
     LocalFree(descriptor);
     return copy;

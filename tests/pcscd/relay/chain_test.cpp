@@ -39,6 +39,10 @@ class LinkStream final : public pcscd::ByteStream {
 };
 
 class Chain : public RelayTest {
+  public:
+    Chain(const Chain&) = delete;
+    Chain& operator=(const Chain&) = delete;
+
   protected:
     Chain() : RelayTest(R"(\\.\pipe\tez-pcscd-0)") {
         service_.addReader(kReader);

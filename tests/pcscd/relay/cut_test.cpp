@@ -70,8 +70,10 @@ TEST_F(RelayCut, HundredTimesUnderLoadIsSurvived) {
     std::atomic<bool> enough = false;
     std::atomic<int> wrong = 0;
     std::atomic<int> right = 0;
+    constexpr int kClients = 4;
     std::vector<std::thread> load;
-    for (int number = 0; number < 4; ++number) {
+    load.reserve(kClients);
+    for (int number = 0; number < kClients; ++number) {
         load.emplace_back([&, number] {
             const Bytes request(500, static_cast<std::uint8_t>(number));
             while (!enough) {
@@ -126,5 +128,5 @@ TEST_F(RelayCut, AndManyClientsLeaveNothingBehind) {
     EXPECT_TRUE(test::comesTrue([&] { return countThreads() <= threads; }));
     // What the moment holds, such as a try to reach the agent, is a few; of the clients one each
     // would be hundreds.
-    EXPECT_LE(nextHandle(), handles + 4 * 10);
+    EXPECT_LE(nextHandle(), handles + std::uintptr_t{4} * 10);
 }

@@ -50,7 +50,7 @@ std::uint16_t portOf(const relay::Socket& socket) {
 
 }  // namespace
 
-Bytes AgentConnection::readSome(std::size_t most) {
+Bytes AgentConnection::readSome(std::size_t most) const {
     Bytes bytes(most);
     const int count =
         recv(socket_, reinterpret_cast<char*>(bytes.data()), static_cast<int>(bytes.size()), 0);
@@ -58,11 +58,11 @@ Bytes AgentConnection::readSome(std::size_t most) {
     return bytes;
 }
 
-Bytes AgentConnection::read() {
+Bytes AgentConnection::read() const {
     return readSome(kMost);
 }
 
-Bytes AgentConnection::read(std::size_t count) {
+Bytes AgentConnection::read(std::size_t count) const {
     Bytes bytes;
     while (bytes.size() < count) {
         const Bytes part = readSome(std::min(count - bytes.size(), kMost));
@@ -74,7 +74,7 @@ Bytes AgentConnection::read(std::size_t count) {
     return bytes;
 }
 
-bool AgentConnection::send(std::span<const std::uint8_t> bytes) {
+bool AgentConnection::send(std::span<const std::uint8_t> bytes) const {
     while (!bytes.empty()) {
         const int count = ::send(socket_, reinterpret_cast<const char*>(bytes.data()),
                                  static_cast<int>(bytes.size()), 0);
@@ -86,15 +86,15 @@ bool AgentConnection::send(std::span<const std::uint8_t> bytes) {
     return true;
 }
 
-bool AgentConnection::sendPiece(std::span<const std::uint8_t> piece) {
+bool AgentConnection::sendPiece(std::span<const std::uint8_t> piece) const {
     return send(link::encodeFrame(piece));
 }
 
-void AgentConnection::finishSending() {
+void AgentConnection::finishSending() const {
     shutdown(socket_, SD_SEND);
 }
 
-void AgentConnection::close() {
+void AgentConnection::close() const {
     shutdown(socket_, SD_BOTH);
 }
 

@@ -29,19 +29,19 @@ class AgentConnection {
     std::uint32_t processId() const { return processId_; }
 
     /// What there is, 64 KiB at most; empty at the end.
-    Bytes read();
+    Bytes read() const;
     /// As many bytes; fewer at the end.
-    Bytes read(std::size_t count);
+    Bytes read(std::size_t count) const;
     /// As they are. False when the stream broke.
-    bool send(std::span<const std::uint8_t> bytes);
+    bool send(std::span<const std::uint8_t> bytes) const;
     /// In a frame.
-    bool sendPiece(std::span<const std::uint8_t> piece);
-    void finishSending();
+    bool sendPiece(std::span<const std::uint8_t> piece) const;
+    void finishSending() const;
     /// Ends what is being read or sent, too.
-    void close();
+    void close() const;
 
   private:
-    Bytes readSome(std::size_t most);
+    Bytes readSome(std::size_t most) const;
 
     const SOCKET socket_;
     const std::uint32_t processId_;

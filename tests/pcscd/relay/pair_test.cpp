@@ -191,6 +191,7 @@ TEST_F(RelayPair, SharesNothingWithSixteenOthers) {
     constexpr int kClients = 16;
     constexpr int kExchanges = 50;
     test::Latch all(kClients);
+    clients.reserve(kClients);
     for (int number = 0; number < kClients; ++number) {
         clients.emplace_back([&, number] {
             all.arriveAndWait();

@@ -39,6 +39,10 @@ bool comesTrue(const std::function<bool()>& condition);
 
 /// A relay in this process between a pipe of the test's own and a fake agent.
 class RelayTest : public testing::Test {
+  public:
+    RelayTest(const RelayTest&) = delete;
+    RelayTest& operator=(const RelayTest&) = delete;
+
   protected:
     /// With a pipe of the test's own.
     RelayTest();

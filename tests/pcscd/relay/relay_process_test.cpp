@@ -16,6 +16,10 @@ using testing::HasSubstr;
 namespace {
 
 class RelayProcess : public RelayTest {
+  public:
+    RelayProcess(const RelayProcess&) = delete;
+    RelayProcess& operator=(const RelayProcess&) = delete;
+
   protected:
     RelayProcess() { test::writePrivateFile(token_, link::formatToken(test::exampleToken())); }
     ~RelayProcess() override { DeleteFileA(token_.c_str()); }

@@ -17,7 +17,12 @@ using testing::ThrowsMessage;
 namespace {
 
 class TokenFile : public testing::Test {
+  public:
+    TokenFile(const TokenFile&) = delete;
+    TokenFile& operator=(const TokenFile&) = delete;
+
   protected:
+    TokenFile() = default;
     ~TokenFile() override { DeleteFileA(path_.c_str()); }
 
     void write(const std::string& text, const std::string& otherEntries = "") {

@@ -123,23 +123,25 @@ void serve(const Driver& driver, VirtualCard card, std::chrono::milliseconds del
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app("Puts a virtual card into a reader of the virtual reader driver, until it ends.");
-    app.name("vpcd-card");
-    std::uint16_t port = 35963;
-    std::string holder = "Remote User";
-    bool t0 = false;
-    int delay = 0;
-    std::size_t fileSize = 0;
-    app.add_option("--port", port, "The driver's port: 35963 is its first reader, 35964 its second")
-        ->capture_default_str();
-    app.add_option("--holder", holder, "The card holder's name")->capture_default_str();
-    app.add_flag("--t0", t0, "A card of T=0 instead of T=1");
-    app.add_option("--delay", delay, "Milliseconds that the card takes for each command")
-        ->capture_default_str();
-    app.add_option("--file-size", fileSize,
-                   "Bytes of a file that takes the place of the holder's name");
-    CLI11_PARSE(app, argc, argv);
     try {
+        CLI::App app(
+            "Puts a virtual card into a reader of the virtual reader driver, until it ends.");
+        app.name("vpcd-card");
+        std::uint16_t port = 35963;
+        std::string holder = "Remote User";
+        bool t0 = false;
+        int delay = 0;
+        std::size_t fileSize = 0;
+        app.add_option("--port", port,
+                       "The driver's port: 35963 is its first reader, 35964 its second")
+            ->capture_default_str();
+        app.add_option("--holder", holder, "The card holder's name")->capture_default_str();
+        app.add_flag("--t0", t0, "A card of T=0 instead of T=1");
+        app.add_option("--delay", delay, "Milliseconds that the card takes for each command")
+            ->capture_default_str();
+        app.add_option("--file-size", fileSize,
+                       "Bytes of a file that takes the place of the holder's name");
+        CLI11_PARSE(app, argc, argv);
         namespace protocol = tez::pcscd::protocol;
         const Driver driver(port);
         std::cout << "card inserted" << std::endl;
