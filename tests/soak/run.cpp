@@ -287,7 +287,8 @@ bool Run::go() {
         storm();
         settle();
         stop();
-    } catch (const Failure& failure) {
+    } catch (const std::exception& failure) {
+        // Of a process that cannot be started the figures up to then are told, too.
         results_.failures.emplace_back(failure.what());
     }
     judgeGrowth();
