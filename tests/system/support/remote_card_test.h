@@ -5,6 +5,7 @@
 #include <string>
 
 #include "daemon_records.h"
+#include "request_matchers.h"
 #include "system_test.h"
 
 namespace tez::test {

@@ -1,4 +1,4 @@
-// Answers of a daemon in records that are laid out by hand, and its requests.
+// Answers of a daemon in records that are laid out by hand.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +8,6 @@
 #include "daemon_simulator.h"
 #include "record_codec.h"
 #include "record_layout.h"
-#include "request_matchers.h"
 
 namespace tez::test {
 
