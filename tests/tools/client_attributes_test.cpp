@@ -2,19 +2,12 @@
 #include <windows.h>
 #include <winscard.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "child_process.h"
-#include "daemon_simulator.h"
-#include "patience.h"
-#include "simulator_process.h"
+#include "client_with_own_daemon.h"
 
 namespace tez::test {
 namespace {
 
 using testing::HasSubstr;
-using testing::Optional;
 
 void storeAttribute(SimulatedService& service, const std::string& reader, DWORD id,
                     const std::string& value) {
@@ -29,18 +22,10 @@ void storeAttribute(SimulatedService& service, const std::string& reader, DWORD 
     ASSERT_EQ(service.releaseContext(context), SCARD_S_SUCCESS);
 }
 
-TEST(ClientTestWithOwnDaemon, PrintsAnAttributeOfAnyLength) {
-    const std::string reader = "Remote Reader 0";
+TEST_F(ClientWithOwnDaemon, PrintsAnAttributeOfAnyLength) {
     const std::string longNumber(5000, '7');
-    SimulatedService service;
-    service.addReader(reader);
-    service.insertCard(reader, makeDemoCard("Remote User"));
-    storeAttribute(service, reader, SCARD_ATTR_VENDOR_IFD_SERIAL_NO, longNumber);
-    DaemonSimulator daemon(service);
-    daemon.start();
-    ChildProcess client("pcsc-client.exe", "attributes \"" + reader + "\"");
-    EXPECT_THAT(client.readRest(), HasSubstr("value     " + longNumber));
-    EXPECT_THAT(client.waitForEnd(kPatience), Optional(0U));
+    storeAttribute(service, kReader, SCARD_ATTR_VENDOR_IFD_SERIAL_NO, longNumber);
+    EXPECT_THAT(output(onCard("attributes")), HasSubstr("value     " + longNumber));
 }
 
 }  // namespace

@@ -1,13 +1,10 @@
 // The client and a card of T=0, which answers in parts (61xx) or names the length that it wants
 // (6Cxx): what it is asked, and what a person sees.
 #include <algorithm>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <memory>
 
-#include "client_fixture.h"
-#include "daemon_simulator.h"
-#include "record_codec.h"
-#include "record_layout.h"
+#include "client_with_own_daemon.h"
+#include "daemon_records.h"
 
 namespace tez::test {
 namespace {
@@ -15,10 +12,8 @@ namespace {
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::Not;
 
-constexpr const char* kReader = "Remote Reader 0";
-constexpr const char* kSelect = "select \"Remote Reader 0\" A000000001";
+constexpr const char* kApplication = "A000000001";
 
 const Bytes kSelectCommand = {0x00, 0xA4, 0x04, 0x00, 0x05, 0xA0, 0x00, 0x00, 0x00, 0x01};
 
@@ -30,24 +25,22 @@ Bytes readBinary(std::uint8_t length) {
     return {0x00, 0xB0, 0x00, 0x00, length};
 }
 
-class ClientAndAnswersInParts : public ClientFixture {
+class ClientAndAnswersInParts : public ClientWithOwnDaemon {
   protected:
-    ClientAndAnswersInParts() {
-        service.addReader(kReader);
-        service.insertCard(kReader, makeDemoCard("HOLDER", protocol::kT0));
-        daemon.start();
-    }
-
     /// The card answers so, the last one again and again.
     void answerWith(const std::vector<Bytes>& answers) {
-        daemon.on(Command::kTransmit, [this, answers](const Request& request) {
-            const Bytes& answer = answers[std::min(answered_++, answers.size() - 1)];
-            Bytes record = bytesAt(request.body, 0, TransmitLayout::kSize);
-            putU32(record, TransmitLayout::kReceiveProtocol, SCARD_PROTOCOL_T0);
-            putU32(record, TransmitLayout::kReceiveLength,
-                   static_cast<std::uint32_t>(answer.size()));
-            return Reply::of({record, answer});
-        });
+        // The client transmits on one connection after the other.
+        daemon.on(
+            Command::kTransmit,
+            [answers, next = std::make_shared<std::size_t>(0)](
+                const Request& request) -> std::optional<Reply> {
+                const Bytes& answer = answers[std::min((*next)++, answers.size() - 1)];
+                return Reply::of(answerBlocks(
+                    request, TransmitLayout::kSize,
+                    {{TransmitLayout::kReceiveProtocol, SCARD_PROTOCOL_T0},
+                     {TransmitLayout::kReceiveLength, static_cast<std::uint32_t>(answer.size())}},
+                    answer));
+            });
     }
 
     /// What the card was sent.
@@ -58,29 +51,24 @@ class ClientAndAnswersInParts : public ClientFixture {
         }
         return commands;
     }
-
-    SimulatedService service;
-    DaemonSimulator daemon{service};
-
-  private:
-    std::size_t answered_ = 0;  // the client transmits on one connection after the other
 };
 
 TEST_F(ClientAndAnswersInParts, FetchesWhatTheCardHasReady) {
     answerWith({{0x61, 0x02}, {0xCA, 0xFE, 0x61, 0x00}, {0xAB, 0x90, 0x00}});
-    EXPECT_THAT(output(kSelect), AllOf(HasSubstr("CA FE 61 00"), HasSubstr("AB 90 00")));
+    EXPECT_THAT(output(onCard("select", kApplication)),
+                AllOf(HasSubstr("CA FE 61 00"), HasSubstr("AB 90 00")));
     EXPECT_THAT(commands(), ElementsAre(kSelectCommand, getResponse(2), getResponse(0)));
 }
 
 TEST_F(ClientAndAnswersInParts, AsksAnewWithTheLengthThatTheCardNamesButOnce) {
     answerWith({{0x6C, 0x05}});
-    EXPECT_THAT(outputOf("read \"Remote Reader 0\"", 1), HasSubstr("6C05"));
+    EXPECT_THAT(outputOf(onCard("read"), 1), HasSubstr("6C05"));
     EXPECT_THAT(commands(), ElementsAre(readBinary(0), readBinary(5)));
 }
 
 TEST_F(ClientAndAnswersInParts, EndsWithACardThatPromisesMoreAndGivesNothing) {
     answerWith({{0x61, 0x10}});
-    EXPECT_THAT(output(kSelect), HasSubstr("6110"));
+    EXPECT_THAT(output(onCard("select", kApplication)), HasSubstr("6110"));
     EXPECT_THAT(commands(), ElementsAre(kSelectCommand, getResponse(0x10)));
 }
 
@@ -88,7 +76,8 @@ TEST_F(ClientAndAnswersInParts, EndsWithACardThatNeverComesToAnEnd) {
     Bytes part(32768, 0x5A);
     part.insert(part.end(), {0x61, 0x00});
     answerWith({part});
-    EXPECT_THAT(outputOf(kSelect, 1), Not(HasSubstr("90 00")));
+    EXPECT_THAT(outputOf(onCard("select --json", kApplication), 1),
+                HasSubstr("more to fetch than any command's answer can hold"));
     EXPECT_EQ(commands().size(), 3U);
 }
 
