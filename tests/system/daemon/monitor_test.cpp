@@ -10,6 +10,7 @@
 
 #include "daemon_records.h"
 #include "latch.h"
+#include "pipes_closed.h"
 #include "received_commands.h"
 #include "record_codec.h"
 #include "remote_card_test.h"
@@ -207,12 +208,7 @@ TEST_F(MonitorTest, AByteFromTheDaemonEndsOnePassAndChangesNothing) {
 
 TEST_F(MonitorTest, ADaemonThatGoesBetweenTwoPassesIsMissedByTheCallsThemselves) {
     context = establishWithDaemon();
-    const ImportPatch<decltype(::CreateFileA)> create(
-        libraryModule(), "KERNEL32.dll", "CreateFileA",
-        [](LPCSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) {
-            SetLastError(ERROR_FILE_NOT_FOUND);
-            return INVALID_HANDLE_VALUE;
-        });
+    const PipesClosed closed(ERROR_FILE_NOT_FOUND);
     ASSERT_TRUE(daemon.send(kWatch, {{0x55}}));
     ASSERT_TRUE(eventually([this] {
         const auto tried = log().messages("DaemonConnectionTEZ::connectSocket");

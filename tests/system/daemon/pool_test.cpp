@@ -5,6 +5,7 @@
 
 #include "daemon_records.h"
 #include "latch.h"
+#include "pipes_closed.h"
 #include "remote_card_test.h"
 
 namespace tez::test {
@@ -154,16 +155,9 @@ TEST_F(PoolTest, AConnectionGivenBackAfterThePipeBrokeIsClosed) {
     std::thread caller([this] { countTransmits(); });
     ASSERT_TRUE(daemon.waitForRequest(Command::kGetTransmitCount, 1, kPatience));
     // The pipe stays out of the monitor's reach until the call has ended.
-    Latch monitorCameBack(1);
-    const ImportPatch<decltype(::CreateFileA)> create(
-        libraryModule(), "KERNEL32.dll", "CreateFileA",
-        [&](LPCSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) -> HANDLE {
-            monitorCameBack.countDown();
-            SetLastError(ERROR_FILE_NOT_FOUND);
-            return INVALID_HANDLE_VALUE;
-        });
+    const PipesClosed closed(ERROR_FILE_NOT_FOUND);
     ASSERT_TRUE(daemon.closeConnection(kWatch));
-    monitorCameBack.wait();
+    EXPECT_TRUE(eventually([&] { return closed.attempts() != 0; }));
     broken.countDown();
     caller.join();
     EXPECT_TRUE(waitForOpenConnections(0));

@@ -10,6 +10,7 @@
 #include "guarded_buffer.h"
 #include "handle_spy.h"
 #include "latch.h"
+#include "pipes_closed.h"
 #include "received_commands.h"
 #include "record_codec.h"
 #include "remote_card_test.h"
@@ -31,15 +32,6 @@ using testing::StartsWith;
 using testing::UnorderedElementsAre;
 
 using CreateFilePatch = ImportPatch<decltype(::CreateFileA)>;
-
-/// Lets nobody open a pipe for as long as it lives.
-CreateFilePatch openingFailsWith(DWORD error) {
-    return {libraryModule(), "KERNEL32.dll", "CreateFileA",
-            [error](LPCSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) -> HANDLE {
-                SetLastError(error);
-                return INVALID_HANDLE_VALUE;
-            }};
-}
 using OverlappedResultPatch = ImportPatch<decltype(::GetOverlappedResult)>;
 
 class TransportTest : public RemoteCardTest {
@@ -115,7 +107,7 @@ TEST_F(TransportTest, ABusyPipeIsWaitedForAndOpened) {
 TEST_F(TransportTest, ABusyPipeThatStaysBusyIsNoService) {
     connectCard();
     ASSERT_TRUE(daemon.closeConnection(daemon.openConnections().back()));
-    const CreateFilePatch create = openingFailsWith(ERROR_PIPE_BUSY);
+    const PipesClosed closed(ERROR_PIPE_BUSY);
     int waits = 0;
     const ImportPatch<decltype(::WaitNamedPipeA)> wait(libraryModule(), "KERNEL32.dll",
                                                        "WaitNamedPipeA", [&](LPCSTR, DWORD) {
@@ -164,7 +156,7 @@ TEST_F(TransportTest, ARequestIsCarriedOverAsOftenAsTheDaemonTakesAFreshPipe) {
 TEST_F(TransportTest, WithNoDaemonBehindTheStalePipeThereIsNoService) {
     connectCard();
     ASSERT_TRUE(daemon.closeConnection(daemon.openConnections().back()));
-    const CreateFilePatch create = openingFailsWith(ERROR_ACCESS_DENIED);
+    const PipesClosed closed(ERROR_ACCESS_DENIED);
     EXPECT_THAT(transmitCountOf(card), Gives(SCARD_E_NO_SERVICE));
     EXPECT_TRUE(
         logged('D', "DaemonConnectionTEZ::connectSocket", "Failed to connect to pipe: 0x00000005"));
@@ -173,7 +165,7 @@ TEST_F(TransportTest, WithNoDaemonBehindTheStalePipeThereIsNoService) {
 
 TEST_F(TransportTest, AConnectionThatCouldNotBeOpenedFailsItsFirstSend) {
     establishContext();
-    const CreateFilePatch create = openingFailsWith(ERROR_FILE_NOT_FOUND);
+    const PipesClosed closed(ERROR_FILE_NOT_FOUND);
     SCARDHANDLE handle = 0;
     DWORD protocol = 0;
     EXPECT_THAT(SCardConnectA(context, kRemoteReader, SCARD_SHARE_SHARED, SCARD_PROTOCOL_Tx,

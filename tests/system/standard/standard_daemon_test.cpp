@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "latch.h"
+#include "pipes_closed.h"
 #include "remote_card_test.h"
 #include "standard_calls.h"
 
@@ -29,27 +30,6 @@ class DaemonAndWait : public StandardTest {
         EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
         EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
     }
-};
-
-/// Lets nobody open a pipe.
-class PipesClosed {
-  public:
-    explicit PipesClosed(DWORD error)
-        : create_(libraryModule(), "KERNEL32.dll", "CreateFileA",
-                  [this, error](LPCSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) {
-                      ++attempts_;
-                      SetLastError(error);
-                      return INVALID_HANDLE_VALUE;
-                  }),
-          await_(libraryModule(), "KERNEL32.dll", "WaitNamedPipeA",
-                 [](LPCSTR, DWORD) { return FALSE; }) {}
-
-    int attempts() const { return attempts_; }
-
-  private:
-    std::atomic<int> attempts_ = 0;
-    ImportPatch<decltype(::CreateFileA)> create_;
-    ImportPatch<decltype(::WaitNamedPipeA)> await_;
 };
 
 TEST_F(DaemonAndWait, ComingIsTwoReadersInsteadOfOne) {
