@@ -18,6 +18,9 @@ namespace {
 // for this machine's own.
 constexpr std::size_t kMostCards = 128;
 
+// Each is memory of this machine that a program on the host takes; no program uses that many.
+constexpr std::size_t kMostContexts = 10000;
+
 }  // namespace
 
 /// The served readers, as waits see them.
@@ -100,6 +103,10 @@ Result PcscService::establishContext(std::uint32_t scope, pcscd::Context& contex
         return result::kInvalidValue;
     }
     const std::scoped_lock lock(mutex_);
+    if (contexts_.size() == kMostContexts) {
+        logLine("refused a context, there are too many");
+        return result::kNoMemory;
+    }
     context = contextNumbers_.next();
     contexts_.emplace(context, std::make_shared<pcscd::WaitEnds>());
     return result::kSuccess;

@@ -30,6 +30,7 @@ class PcscService final : public pcscd::CardService {
     PcscService(const PcscService&) = delete;
     PcscService& operator=(const PcscService&) = delete;
 
+    /// result::kNoMemory beyond 10,000 contexts.
     pcscd::Result establishContext(std::uint32_t scope, pcscd::Context& context) override;
     pcscd::Result closeContext(pcscd::Context context, std::uint32_t disposition) override;
     pcscd::Result isValidContext(pcscd::Context context) const override;

@@ -485,6 +485,20 @@ TEST_F(AgentTest, LeavesContextsOfTheServiceForOtherPrograms) {
     EXPECT_EQ(resultOf(client->connect(context, kFirstReader)), 0U);
 }
 
+TEST_F(AgentTest, RefusesContextsBeyondItsLimitUntilOneIsReleased) {
+    machine_.startAgent();
+    const auto client = connected();
+    const auto context = client->establish();
+    for (int i = 1; i < 10000; ++i) {
+        ASSERT_NE(client->establish(), 0U) << i;
+    }
+    EXPECT_EQ(resultOf(client->call(CMD_ESTABLISH_CONTEXT, EstablishRecord{})),
+              code(result::kNoMemory));
+    EXPECT_THAT(machine_.agentLog(), HasSubstr("too many"));
+    EXPECT_EQ(resultOf(client->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 0})), 0U);
+    EXPECT_NE(client->establish(), 0U);
+}
+
 TEST_F(AgentTest, ServesSixteenProgramsAtOnce) {
     machine_.startAgent();
     std::vector<std::future<int>> programs;
