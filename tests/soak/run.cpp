@@ -40,11 +40,6 @@ constexpr Holdings kTolerance = {.memory = 2, .handles = 16, .threads = 6};
 /// begins at 0 again; so that shorter ones see it, too, so many events count as past.
 constexpr std::uint32_t kPastEvents = 0xFFF0;
 
-/// What ends a run before its time.
-class Failure : public std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
 class Run {
   public:
     explicit Run(const Options& options)
@@ -90,7 +85,7 @@ void Run::awaitDaemon(std::uint64_t acknowledged) {
     const Milliseconds begin = now();
     while (board_->daemonReady < acknowledged) {
         if (!daemon_->isRunning() || now() - begin > kHung) {
-            throw Failure("the daemon of the test has ended, or does not listen");
+            throw std::runtime_error("the daemon of the test has ended, or does not listen");
         }
         Sleep(1);
     }
@@ -130,10 +125,10 @@ void Run::endClient(std::size_t index) {
         const std::optional<DWORD> code =
             clients_[index]->waitForEnd(std::chrono::milliseconds(kHung));
         if (code != kEndedInTheMiddle) {
-            throw Failure("client " + std::to_string(index) + " was told to end and " +
-                          (code               ? "crashed with code " + std::to_string(*code)
-                           : client.isExiting ? "hangs in its process end"
-                                              : "hangs: " + activitiesOf(client)));
+            throw std::runtime_error("client " + std::to_string(index) + " was told to end and " +
+                                     (code ? "crashed with code " + std::to_string(*code)
+                                      : client.isExiting ? "hangs in its process end"
+                                                         : "hangs: " + activitiesOf(client)));
         }
         ++results_.clientsExited;
     }
@@ -188,19 +183,20 @@ void Run::look() {
     clock_.look();
     for (std::size_t i = 0; i < kClients; ++i) {
         if (!clients_[i]->isRunning()) {
-            throw Failure("client " + std::to_string(i) + " crashed with code " +
-                          std::to_string(clients_[i]->waitForEnd({}).value_or(0)));
+            throw std::runtime_error("client " + std::to_string(i) + " crashed with code " +
+                                     std::to_string(clients_[i]->waitForEnd({}).value_or(0)));
         }
         if (board_->clients[i].crossed != 0) {
-            throw Failure("client " + std::to_string(i) + " got an answer of another call");
+            throw std::runtime_error("client " + std::to_string(i) +
+                                     " got an answer of another call");
         }
     }
     if (const auto lost = findLost(*board_, clock_)) {
         ++results_.lost;
-        throw Failure(*lost);
+        throw std::runtime_error(*lost);
     }
     if (const auto hung = findHung(*board_, clock_)) {
-        throw Failure(*hung);
+        throw std::runtime_error(*hung);
     }
     results_.seconds = static_cast<double>(age()) / 1000;
     if (age() - sampled_ >= kSampleInterval) {
@@ -238,7 +234,7 @@ void Run::settle() {
         Sleep(kLookInterval);
         look();
         if (now() - begin > board_->patience + kHung) {
-            throw Failure("the clients do not come to rest");
+            throw std::runtime_error("the clients do not come to rest");
         }
     }
 }
@@ -248,9 +244,9 @@ void Run::stop() {
     for (std::size_t i = 0; i < kClients; ++i) {
         const std::optional<DWORD> code = clients_[i]->waitForEnd(std::chrono::milliseconds(kHung));
         if (code != 0U) {
-            throw Failure("client " + std::to_string(i) + " does not end well: " +
-                          (code ? "code " + std::to_string(*code)
-                                : "it hangs: " + activitiesOf(board_->clients[i])));
+            throw std::runtime_error("client " + std::to_string(i) + " does not end well: " +
+                                     (code ? "code " + std::to_string(*code)
+                                           : "it hangs: " + activitiesOf(board_->clients[i])));
         }
     }
 }
