@@ -64,8 +64,10 @@ void enterService(bool isRepetition) {
     establishMissingLocalContexts();
     // Waits in progress return and are begun anew, with the daemon's readers included. Those begun
     // since the check of the first call have them already, unless they have lost the daemon since.
-    cancelPendingLocalWaits(!isRepetition);
+    // The names go first: a wait that is begun anew while others are still being cancelled is told
+    // nothing any more, and would wait on the host alone if it found the old ones.
     forgetLocalReaderNames();
+    cancelPendingLocalWaits(!isRepetition);
     setStartedEvents();
 }
 

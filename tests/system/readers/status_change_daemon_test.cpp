@@ -99,6 +99,28 @@ TEST_F(StatusChangeAndDaemon, ComingEndsEveryWaitOfEveryContext) {
     }
 }
 
+TEST_F(StatusChangeAndDaemon, ComingIsSeenByAWaitBegunAnewWhileOthersAreBeingCancelled) {
+    const SCARDCONTEXT context = establish();
+    listReaders(context);
+    const Gate gate;
+    ON_CALL(host, SCardCancel).WillByDefault([this, gate](SCARDCONTEXT system) {
+        const LONG rv = host.service().SCardCancel(system);
+        gate.pass();
+        return rv;
+    });
+    const BackgroundWait ended(context, INFINITE, {unchangedHost()});
+    waitForHostWait();
+    startDaemon();
+    EXPECT_THAT(ended.result(), Gives(SCARD_E_TIMEOUT));
+    const BackgroundWait next(context, INFINITE, {unchangedHost(), unchangedRemote()});
+    EXPECT_TRUE(daemon.waitForRequest(Command::kGetStatusChange, 1, kPatience));
+    gate.open();
+    waitForRemoteWait();
+    remote.removeCard(kRemoteReader);
+    EXPECT_THAT(next.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(next.state(1).dwEventState, kFirstCardPulled | kChanged);
+}
+
 TEST_F(StatusChangeAndDaemon, ComingEndsAWaitThatHadNotYetBegunInTheHost) {
     const SCARDCONTEXT context = establish();
     listReaders(context);
