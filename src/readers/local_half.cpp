@@ -36,10 +36,10 @@ void LocalHalf::prepare(const SideEntries& entries) {
 }
 
 void LocalHalf::startOnWorker() {
-    isOnWorker_ = !isEmpty();
-    if (isOnWorker_ && !runOnWorker(*this)) {
+    if (!isEmpty() && !runOnWorker(*this)) {
         throw std::bad_alloc();
     }
+    isOnWorker_ = !isEmpty();
 }
 
 void LocalHalf::runHere() noexcept {

@@ -23,7 +23,7 @@ LONG WaitOwner::runRemote() noexcept {
     try {
         return askDaemon();
     } catch (const std::bad_alloc&) {
-        // The local half is under way and has to be collected all the same.
+        // The local half may be under way, and has to be collected all the same.
         isRemoteLost_ = false;
         return SCARD_E_NO_MEMORY;
     }

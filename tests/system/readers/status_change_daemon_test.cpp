@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "latch.h"
+#include "no_threads.h"
 #include "status_waits.h"
 
 namespace tez::test {
@@ -45,6 +46,18 @@ class StatusChangeAndDaemon : public StatusChangeTest {
         return wait;
     }
 
+    /// Lets the daemon go once a wait on one reader of the host has found that the daemon has
+    /// nothing to keep the host waiting: it copies the host's entry then.
+    ImportPatch<void*(std::size_t)> stopDaemonAsTheWaitBegins() {
+        return {libraryModule(), "msvcrt.dll", "malloc", [this](std::size_t size) {
+                    if (size == sizeof(SCARD_READERSTATEA) && !isGone_.exchange(true)) {
+                        stopDaemon();
+                    }
+                    return ::malloc(size);
+                }};
+    }
+    bool isGone() const { return isGone_; }
+
     /// What the calling thread's wait says while it waits for the daemon's context.
     std::vector<std::string> contextWaits() const {
         std::vector<std::string> waits;
@@ -55,6 +68,9 @@ class StatusChangeAndDaemon : public StatusChangeTest {
         }
         return waits;
     }
+
+  private:
+    std::atomic<bool> isGone_ = false;
 };
 
 TEST_F(StatusChangeAndDaemon, ComingEndsAWaitOnTheHostAloneAsATimeout) {
@@ -234,19 +250,22 @@ TEST_F(StatusChangeAndDaemon, GoneForTheNextCallMakesItOneOfTheHost) {
 
 TEST_F(StatusChangeAndDaemon, GoneBeforeTheWaitHasBegunLeavesTheHostsHalf) {
     const SCARDCONTEXT context = establishAndList();
-    // The copies of the host's entries are made when it has been found that the daemon has nothing
-    // to keep the host waiting.
-    std::atomic<bool> isGone = false;
-    const ImportPatch<void*(std::size_t)> allocate(
-        libraryModule(), "msvcrt.dll", "malloc", [&](std::size_t size) {
-            if (size == sizeof(SCARD_READERSTATEA) && !isGone.exchange(true)) {
-                stopDaemon();
-            }
-            return ::malloc(size);
-        });
+    const auto allocate = stopDaemonAsTheWaitBegins();
     const BackgroundWait wait(context, INFINITE, {unchangedHost()});
     waitForHostWait();
-    ASSERT_TRUE(isGone);
+    ASSERT_TRUE(isGone());
+    host.pcsc().removeCard(kHostReader);
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(0).dwEventState, kFirstCardPulled | kChanged);
+}
+
+TEST_F(StatusChangeAndDaemon, GoneBeforeTheWaitHasBegunLeavesTheHostsHalfWithoutThreadsToo) {
+    const SCARDCONTEXT context = establishAndList();
+    const auto allocate = stopDaemonAsTheWaitBegins();
+    const NoThreads refusing;
+    const BackgroundWait wait(context, INFINITE, {unchangedHost()});
+    waitForHostWait();
+    ASSERT_TRUE(isGone());
     host.pcsc().removeCard(kHostReader);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(wait.state(0).dwEventState, kFirstCardPulled | kChanged);
