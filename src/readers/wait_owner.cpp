@@ -98,12 +98,11 @@ LONG WaitOwner::awaitRemoteContext(std::uint64_t& remoteContext) {
 
 LONG WaitOwner::awaitAnswer() {
     for (;;) {
-        const DWORD patience = releasePatience_ ? releasePatience_->remaining() : INFINITE;
-        if (patience == 0) {
+        if (releasePatience_ && releasePatience_->remaining() == 0) {
             remote_.giveUp();
             return SCARD_E_CANCELLED;
         }
-        if (rest(remote_.answered(), patience)) {
+        if (rest(remote_.answered(), INFINITE)) {
             return remote_.finish();
         }
     }
@@ -141,6 +140,9 @@ bool WaitOwner::rest(HANDLE answer, DWORD limit) {
     };
     add(answer);
     add(wait_.wake());
+    if (answer != nullptr && releasePatience_) {
+        limit = std::min(limit, releasePatience_->remaining());
+    }
     if (remoteCancel_.isUnderWay()) {
         add(remoteCancel_.answered());
     } else if (remoteContext_) {

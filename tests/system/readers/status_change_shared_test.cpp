@@ -2,6 +2,7 @@
 // wait ends by what is meant for it, at once, and by nothing else.
 #include <atomic>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "heap_spy.h"
@@ -295,6 +296,22 @@ TEST_F(SharedWaits, ReleasingTheContextEndsAWaitOnADaemonThatDoesNotEndItItself)
     EXPECT_THAT(SCardReleaseContext(context), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
     EXPECT_LT(wait.duration(), 5000U);
+}
+
+// It is told once; nothing wakes it again before its patience is over.
+TEST_F(SharedWaits, ReleasingTheContextEndsAWaitBegunMeanwhileOnADaemonThatAnswersNoCancel) {
+    const SCARDCONTEXT context = establishAndList();
+    daemon.on(Command::kReleaseContext,
+              [](const Request& request) { return Reply::of({request.body}); });
+    daemon.on(Command::kCancel, [](const Request&) { return Reply::silence(); });
+    std::optional<BackgroundWait> wait;
+    ON_CALL(host, SCardReleaseContext).WillByDefault([&](SCARDCONTEXT system) {
+        wait.emplace(context, INFINITE, std::vector{unchangedRemote()});
+        waitForRemoteWait();
+        return host.service().SCardReleaseContext(system);
+    });
+    EXPECT_THAT(SCardReleaseContext(context), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(wait.value().result(), Gives(SCARD_E_CANCELLED));
 }
 
 TEST_F(SharedWaits, ThatBindTheContextAtOnceAreCancelledEachUnderItsOwn) {
