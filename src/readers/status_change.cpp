@@ -134,6 +134,12 @@ bool isSequential(const StatusChange& call, const RemoteHalf& remote) {
 LONG waitOnBothSides(const StatusChange& call) {
     const auto halves = std::make_unique<WaitHalves>(call);
     classify(call, halves->localEntries, halves->remoteEntries);
+    if (halves->systemContext == 0 || halves->localEntries.indexes.empty()) {
+        // What the monitor ends is the host's half, and with it the call, which would else be deaf
+        // to the host's readers. Without such a half it has nothing to end.
+        call.wait.setUndisturbed(true);
+        call.wait.resume();
+    }
     const auto [localRv, remoteRv] =
         halves->run(!isSequential(call, halves->remote), call.state != ServiceState::LocalOnly);
     if (call.state == ServiceState::RemoteOnly) {

@@ -185,12 +185,9 @@ bool WaitOwner::hasLocalChange() const noexcept {
 /// The reasons to end a half that are new, from what the other half and other threads say.
 WaitOwner::Reasons WaitOwner::freshReasons(Ending& ending, bool hasOtherChange) const noexcept {
     const WaitOrders orders = wait_.orders();
-    // What the monitor ends is the host's half, and with it the call, which would else be deaf to
-    // the host's readers. Without such a half it has nothing to end, unless the call goes on.
-    const bool isInterrupted =
-        orders.isInterrupted && (!local_.isEmpty() || isStandardCallsEnabled());
     const Reasons all = (hasOtherChange ? kChange : 0) | (orders.isCancelled ? kCancelled : 0) |
-                        (isInterrupted ? kInterrupted : 0) | (orders.isReleased ? kReleased : 0);
+                        (orders.isInterrupted ? kInterrupted : 0) |
+                        (orders.isReleased ? kReleased : 0);
     const Reasons fresh = all & ~ending.reasons;
     ending.reasons |= fresh;
     return fresh;

@@ -314,6 +314,26 @@ TEST_F(SharedWaits, ReleasingTheContextEndsAWaitBegunMeanwhileOnADaemonThatAnswe
     EXPECT_THAT(wait.value().result(), Gives(SCARD_E_CANCELLED));
 }
 
+// The monitor ends what would be deaf to the host; a wait on the daemon alone goes on behind it,
+// and another wait's end still means nothing to it.
+TEST_F(SharedWaits, OneOnTheDaemonThatTheMonitorLeftAloneIsNotEndedByAnothersEnd) {
+    const SCARDCONTEXT context = establishAndList();
+    const BackgroundWait alone(context, INFINITE, {unchangedRemote()});
+    waitForRemoteWait();
+    ASSERT_TRUE(daemon.send(kWatch, {{0}}));
+    ASSERT_TRUE(transport().waitForWatches(2));
+    const BackgroundWait both(context, INFINITE, {unchangedHost(), unchangedRemote()});
+    waitForRemoteWait(2);
+    waitForHostWait();
+    host.pcsc().removeCard(kHostReader);
+    EXPECT_THAT(both.result(), Gives(SCARD_S_SUCCESS));
+    ASSERT_TRUE(daemon.waitForRequest(Command::kGetStatusChange, 3, kPatience));
+    EXPECT_FALSE(alone.isOver());
+    remote.removeCard(kRemoteReader);
+    EXPECT_THAT(alone.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(alone.state(0).dwEventState, kFirstCardPulled | kChanged);
+}
+
 TEST_F(SharedWaits, ThatBindTheContextAtOnceAreCancelledEachUnderItsOwn) {
     constexpr std::size_t kWaits = 3;
     establishAndList();
