@@ -109,7 +109,7 @@ LONG WaitOwner::awaitAnswer() {
 }
 
 LONG WaitOwner::finishLocal(LONG remoteRv) noexcept {
-    hasRemoteChange_ = !remote_.isEmpty() && endsOther(remoteRv, isRemoteLost_);
+    hasRemoteChange_ = !remote_.isEmpty() && endsOther(remoteRv);
     if (hasRemoteChange_) {
         wait_.markUnwanted(WaitSide::Local);
     }
@@ -168,18 +168,19 @@ bool WaitOwner::rest(HANDLE answer, DWORD limit) {
 
 /// Whether a half that has ended with this code ends the other one. By default only a success does,
 /// and only in a wait without limit. With standard answers the time-out makes no difference, and a
-/// half that ended without telling anything ends the other too, so that both can be begun anew.
-/// @param isLost  whether the code is that of the transport.
-bool WaitOwner::endsOther(LONG rv, bool isLost) const noexcept {
+/// half that ended without telling anything ends the other too, so that what is left of both can be
+/// begun anew: a side that refuses a reader, or fails, would not be heard for as long as the other
+/// one waits.
+bool WaitOwner::endsOther(LONG rv) const noexcept {
     if (!isStandardCallsEnabled()) {
         return timeout_ == INFINITE && rv == SCARD_S_SUCCESS;
     }
-    return timeout_ != 0 && (rv == SCARD_S_SUCCESS || isLost ||
-                             (rv == SCARD_E_CANCELLED && !wait_.orders().isToEnd()));
+    const bool isOrdered = rv == SCARD_E_CANCELLED && wait_.orders().isToEnd();
+    return timeout_ != 0 && rv != SCARD_E_TIMEOUT && !isOrdered;
 }
 
 bool WaitOwner::hasLocalChange() const noexcept {
-    return wait_.isLocalOver() && endsOther(local_.result(), false);
+    return wait_.isLocalOver() && endsOther(local_.result());
 }
 
 /// The reasons to end a half that are new, from what the other half and other threads say.

@@ -66,7 +66,7 @@ class WaitOwner {
     bool rest(HANDLE answer, DWORD limit);
 
     bool isLocalRunning() const noexcept { return local_.isOnWorker() && !wait_.isLocalOver(); }
-    bool endsOther(LONG rv, bool isLost) const noexcept;
+    bool endsOther(LONG rv) const noexcept;
     bool hasLocalChange() const noexcept;
     Reasons freshReasons(Ending& ending, bool hasOtherChange) const noexcept;
     bool isRemoteToEnd() noexcept;

@@ -85,6 +85,23 @@ TEST_F(StandardPseudoReader, MakesNoCountUpWhenASideEndsBeforeItHasTold) {
     EXPECT_EQ(wait.state(0).dwEventState, count(2) | kChanged);
 }
 
+TEST_F(StandardPseudoReader, TellsAtOnceThatTheHostsReadersWentWithItsService) {
+    const SCARDCONTEXT context = establishAndList();
+    EXPECT_EQ(pseudoReader(context, count(2), SCARD_E_TIMEOUT), count(2));
+    daemon.clearRecords();
+    const Gate gate;
+    ON_CALL(host, SCardGetStatusChangeA)
+        .WillByDefault([gate](SCARDCONTEXT, DWORD, LPSCARD_READERSTATEA, DWORD) {
+            gate.pass();
+            return SCARD_E_SERVICE_STOPPED;
+        });
+    const BackgroundWait wait(context, INFINITE, {readerState(kPnpReader, count(2))});
+    waitForRemoteWait();
+    gate.open();
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(0).dwEventState, count(1) | kChanged);
+}
+
 TEST_F(StandardPseudoReader, ComparesTheNamesThoughTheDaemonIsLostAtFirst) {
     const SCARDCONTEXT context = establishAndList();
     remote.removeReader(kRemoteReader);

@@ -4,6 +4,8 @@
 namespace tez::test {
 namespace {
 
+using testing::Return;
+
 constexpr const char* kNewReader = "New Reader";
 
 class UnknownReader : public StandardTest {
@@ -88,6 +90,26 @@ TEST_F(UnknownReader, ThatItsSideRefusesIsLookedForOnceMore) {
     SCARD_READERSTATEA state = unchangedRemote();
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(state.dwEventState, kGone);
+}
+
+TEST_F(UnknownReader, ThatTheHostRefusesIsToldThoughTheDaemonWaits) {
+    const SCARDCONTEXT context = establishAndList();
+    host.pcsc().removeReader(kHostReader);
+    ON_CALL(host, SCardGetStatusChangeA).WillByDefault(Return(SCARD_E_UNKNOWN_READER));
+    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(0).dwEventState, kGone);
+    EXPECT_EQ(wait.state(1).dwEventState, kFirstCard);
+}
+
+TEST_F(UnknownReader, ThatTheDaemonRefusesIsToldThoughTheHostWaits) {
+    const SCARDCONTEXT context = establishAndList();
+    remote.removeReader(kRemoteReader);
+    refuseRemoteWaits();
+    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(0).dwEventState, kFirstCard);
+    EXPECT_EQ(wait.state(1).dwEventState, kGone);
 }
 
 TEST_F(UnknownReader, ThatItsSideRefusesForeverIsTheCodeOfTheCall) {
