@@ -20,6 +20,10 @@ void setEvent(SCARD_READERSTATEA& entry, DWORD event) noexcept {
     std::memset(entry.rgbAtr, 0, sizeof(entry.rgbAtr));
 }
 
+void leaveUntold(SCARD_READERSTATEA& entry) noexcept {
+    entry.dwEventState = entry.dwCurrentState & ~DWORD{SCARD_STATE_CHANGED};
+}
+
 void AskedSide::ask(std::span<const SCARD_READERSTATEA> entries, const std::vector<Place>& places,
                     Question question, SideEntries& toAsk) {
     question_ = question;
@@ -73,7 +77,7 @@ bool AskedSide::hasChange() const noexcept {
 
 void AskedSide::report(std::size_t index, SCARD_READERSTATEA& entry) const noexcept {
     if (view_.empty() || view_[index].dwEventState == 0) {
-        entry.dwEventState = entry.dwCurrentState & ~DWORD{SCARD_STATE_CHANGED};
+        leaveUntold(entry);
         return;
     }
     const SCARD_READERSTATEA& told = view_[index];

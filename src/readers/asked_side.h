@@ -26,6 +26,9 @@ enum class Question { Count, Readers, CountAndReaders };
 /// An outcome that has no ATR.
 void setEvent(SCARD_READERSTATEA& entry, DWORD event) noexcept;
 
+/// An outcome of which nothing is known: what the application told.
+void leaveUntold(SCARD_READERSTATEA& entry) noexcept;
+
 /// One side's part in a call with standard answers: what it was asked last, and what it has told.
 class AskedSide {
   public:

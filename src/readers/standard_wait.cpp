@@ -321,8 +321,12 @@ class StandardWait {
                     setEvent(entry, SCARD_STATE_IGNORE);
                     break;
                 case Place::Counted:
-                    setEvent(entry,
-                             counts().sum() << 16 | (isNews(entry) ? SCARD_STATE_CHANGED : 0));
+                    if (areCountsKnown()) {
+                        setEvent(entry,
+                                 counts().sum() << 16 | (isNews(entry) ? SCARD_STATE_CHANGED : 0));
+                    } else {
+                        leaveUntold(entry);
+                    }
                     break;
                 case Place::Gone:
                     setEvent(entry, SCARD_STATE_UNKNOWN | SCARD_STATE_CHANGED | SCARD_STATE_IGNORE);
@@ -335,7 +339,7 @@ class StandardWait {
                     break;
                 case Place::Unclear:
                 case Place::Awaited:
-                    entry.dwEventState = entry.dwCurrentState & ~DWORD{SCARD_STATE_CHANGED};
+                    leaveUntold(entry);
                     break;
             }
         }

@@ -2,6 +2,7 @@
 // and one that the application knows is waited on.
 #include <atomic>
 
+#include "daemon_records.h"
 #include "standard_calls.h"
 #include "wide_text.h"
 
@@ -83,6 +84,17 @@ TEST_F(StandardPseudoReader, MakesNoCountUpWhenASideEndsBeforeItHasTold) {
     const BackgroundWait wait(context, 60000, {readerState(kPnpReader, SCARD_STATE_UNAWARE)});
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(wait.state(0).dwEventState, count(2) | kChanged);
+}
+
+TEST_F(StandardPseudoReader, MakesNoCountUpWhenAnotherReaderEndsTheCall) {
+    establishAndList();
+    const SCARDCONTEXT context = establish();  // was told of no readers yet
+    daemon.on(Command::kGetStatusChange, closing());
+    std::vector states{readerState(kPnpReader, count(2)),
+                       readerState(kHostReader, SCARD_STATE_UNAWARE)};
+    EXPECT_THAT(SCardGetStatusChangeA(context, 0, states.data(), 2), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(states[0].dwEventState, count(2)) << "the daemon has not told its own";
+    EXPECT_EQ(states[1].dwEventState, kFirstCard | kChanged);
 }
 
 TEST_F(StandardPseudoReader, TellsAtOnceThatTheHostsReadersWentWithItsService) {
