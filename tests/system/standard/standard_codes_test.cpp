@@ -47,6 +47,7 @@ TEST_P(WaitCodes, TellATimeoutAtOnceToWhoAsksOnly) {
 TEST_P(WaitCodes, TellACancel) {
     const SCARDCONTEXT context = establishAndList();
     const BackgroundWait wait(context, INFINITE, entries());
+    ASSERT_TRUE(waitForCalls(1));
     EXPECT_FALSE(wait.isOver(std::chrono::milliseconds(150)));
     EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
@@ -67,7 +68,8 @@ TEST_F(StandardTest, AWideCallWithoutEntriesSleepsItsTimeAndEndsAtACancel) {
     const ULONGLONG start = GetTickCount64();
     EXPECT_THAT(SCardGetStatusChangeW(context, 120, nullptr, 0), Gives(SCARD_E_TIMEOUT));
     EXPECT_GE(GetTickCount64() - start, 95U);
-    std::thread canceller([context] {
+    std::thread canceller([this, context] {
+        EXPECT_TRUE(waitForCalls(2));
         Sleep(100);
         SCardCancel(context);
     });
