@@ -316,11 +316,11 @@ TEST_F(StatusChangeCancel, OfTheDaemonThatIsForgottenIsRepeatedAtGrowingInterval
     const BackgroundWait wait = waitOnBothSides(context);
     host.pcsc().removeCard(kHostReader);
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-    ASSERT_EQ(cancels.size(), 3U);
+    daemon.stop();                  // no handler runs any more
+    ASSERT_GE(cancels.size(), 3U);  // on a busy machine the third may be repeated, too
     EXPECT_GE(cancels[1] - cancels[0], 9U);
     EXPECT_GE(cancels[2] - cancels[1], 19U);
-    EXPECT_EQ(log().count(kLocalStatusChange, kCancelRemoteAgain), 2U);
-    daemon.restore(Command::kCancel);
+    EXPECT_GE(log().count(kLocalStatusChange, kCancelRemoteAgain), cancels.size() - 1);
 }
 
 TEST_F(StatusChangeCancel, OfTheDaemonIsNotSentBeforeTheRequestItIsToCancel) {

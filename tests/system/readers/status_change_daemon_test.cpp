@@ -10,6 +10,7 @@ namespace tez::test {
 namespace {
 
 using testing::_;
+using testing::AtLeast;
 using testing::Contains;
 using testing::DoAll;
 using testing::ElementsAre;
@@ -103,8 +104,9 @@ TEST_F(StatusChangeAndDaemon, ComingEndsEveryWaitOfEveryContext) {
     const SCARDCONTEXT first = establish();
     const SCARDCONTEXT second = establish();
     listReaders(first);
-    EXPECT_CALL(host, SCardCancel(kFirstHostContext)).Times(1);
-    EXPECT_CALL(host, SCardCancel(kFirstHostContext + 1)).Times(1);
+    // On a busy machine either may be repeated.
+    EXPECT_CALL(host, SCardCancel(kFirstHostContext)).Times(AtLeast(1));
+    EXPECT_CALL(host, SCardCancel(kFirstHostContext + 1)).Times(AtLeast(1));
     const BackgroundWait waits[] = {{first, INFINITE, {unchangedHost()}},
                                     {first, INFINITE, {unchangedHost()}},
                                     {second, INFINITE, {unchangedHost()}}};

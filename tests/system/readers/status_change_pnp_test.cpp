@@ -112,7 +112,7 @@ TEST_F(PseudoReader, EndsAWaitWhenAHostReaderGoes) {
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
     // Both sides answer with their one reader; the host's change is flagged.
     EXPECT_EQ(wait.state(0).dwEventState, count(2) | SCARD_STATE_CHANGED);
-    EXPECT_EQ(remoteCancels(), 1U);
+    EXPECT_GE(remoteCancels(), 1U);  // on a busy machine it may be repeated
 }
 
 TEST_F(PseudoReader, HasTheFlagsOfBothSidesAndTheSumOfTheirCounts) {
