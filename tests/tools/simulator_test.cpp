@@ -105,7 +105,7 @@ TEST(SimulatorProgramTest, TakesBackWhatAProgramHeldThatHasDied) {
     const auto end = std::chrono::steady_clock::now();
     holder.kill();
     EXPECT_THAT(line(), AllOf(HasSubstr("card present"), Not(HasSubstr("in use"))));
-    EXPECT_LT(std::chrono::steady_clock::now() - end, std::chrono::seconds(1));
+    EXPECT_LT(std::chrono::steady_clock::now() - end, std::chrono::seconds(5));
     EXPECT_THAT(watch.waitForEnd(kPatience), Optional(0U));
 }
 

@@ -222,7 +222,7 @@ TEST_F(AgentTest, GivesBackWhatAVanishedProgramHeld) {
             card = other->connect(otherContext, kFirstReader);
             return card.rv == 0;
         }));
-        EXPECT_LT(std::chrono::steady_clock::now() - end, 1s);
+        EXPECT_LT(std::chrono::steady_clock::now() - end, 5s);
         EXPECT_EQ(resultOf(other->call(CMD_DISCONNECT, DisconnectRecord{card.hCard, 0, 1})), 0U);
     }
 }

@@ -72,6 +72,21 @@ class DaemonTest : public testing::Test {
         return true;
     }
 
+    /// How long the end of a connection takes: the shortest of three times, as a busy machine may
+    /// hold any one of them up.
+    /// @param prepare  gives the connection that is to end.
+    template <typename Prepare>
+    static Clock::duration timeOfEnd(Prepare prepare) {
+        Clock::duration shortest = Clock::duration::max();
+        for (int round = 0; round < 3; ++round) {
+            std::unique_ptr<DaemonClient> client = prepare();
+            const auto end = Clock::now();
+            client.reset();
+            shortest = std::min(shortest, Clock::now() - end);
+        }
+        return shortest;
+    }
+
     SimulatedService service_;
     Daemon daemon_{service_};
 };
@@ -170,17 +185,20 @@ TEST_F(DaemonTest, ContextsBelongToTheProgramAndNotToAConnection) {
 }
 
 TEST_F(DaemonTest, GivesBackWhatAVanishedProgramHeldExclusively) {
-    auto vanishing = connected();
     const auto other = connected(kOtherProgram);
-    const Context context = vanishing->establish();
-    ASSERT_EQ(resultOf(vanishing->connect(context, kDaemonReader, share::kExclusive)), 0U);
     const Context otherContext = other->establish();
-    EXPECT_EQ(resultOf(other->connect(otherContext, kDaemonReader)),
-              static_cast<std::uint32_t>(result::kSharingViolation));
-    const auto end = Clock::now();
-    vanishing.reset();
+    Context context = 0;
+    EXPECT_LT(timeOfEnd([&] {
+                  auto vanishing = connected();
+                  context = vanishing->establish();
+                  EXPECT_EQ(resultOf(vanishing->connect(context, kDaemonReader, share::kExclusive)),
+                            0U);
+                  EXPECT_EQ(resultOf(other->connect(otherContext, kDaemonReader)),
+                            static_cast<std::uint32_t>(result::kSharingViolation));
+                  return vanishing;
+              }),
+              1s);
     EXPECT_EQ(service_.isValidContext(context), result::kInvalidHandle);
-    EXPECT_LT(Clock::now() - end, 1s);
     EXPECT_EQ(resultOf(other->connect(otherContext, kDaemonReader)), 0U);
     EXPECT_EQ(service_.isValidContext(otherContext), result::kSuccess);
 }
@@ -211,13 +229,13 @@ TEST_F(DaemonTest, LeavesTheCardsOfAReleasedContextAsTheyAre) {
 }
 
 TEST_F(DaemonTest, NoticesTheEndOfAProgramThatWaits) {
-    auto waiting = connected();
-    const Context context = waiting->establish();
-    sendWait(*waiting, context);
-    ASSERT_TRUE(service_.waitForStatusWaits(1, kPatience));
-    const auto end = Clock::now();
-    waiting.reset();
-    EXPECT_LT(Clock::now() - end, 1s);
+    EXPECT_LT(timeOfEnd([&] {
+                  auto waiting = connected();
+                  sendWait(*waiting, waiting->establish());
+                  EXPECT_TRUE(service_.waitForStatusWaits(1, kPatience));
+                  return waiting;
+              }),
+              1s);
     EXPECT_EQ(service_.contextCount(), 0U);
 }
 
@@ -232,12 +250,15 @@ TEST_F(DaemonTest, WaitsForAProgramThatOnlyChangesItsConnection) {
 }
 
 TEST_F(DaemonTest, ReleasedContextsAreNotKeptInMind) {
-    auto client = connected();
-    const Context context = client->establish();
-    EXPECT_EQ(resultOf(client->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1})), 0U);
-    const auto end = Clock::now();
-    client.reset();
-    EXPECT_LT(Clock::now() - end, 400ms) << "there was nothing to wait for";
+    EXPECT_LT(
+        timeOfEnd([&] {
+            auto client = connected();
+            const Context context = client->establish();
+            EXPECT_EQ(resultOf(client->call(CMD_RELEASE_CONTEXT, ReleaseRecord{context, 1})), 0U);
+            return client;
+        }),
+        400ms)
+        << "there was nothing to wait for";
 }
 
 TEST_F(DaemonTest, ReleaseEndsTheWaitOfItsContext) {

@@ -14,6 +14,7 @@ namespace {
 using testing::AtLeast;
 using testing::Contains;
 using testing::ElementsAre;
+using testing::IsEmpty;
 
 class StatusChangeCancel : public StatusChangeTest {
   protected:
@@ -74,7 +75,7 @@ TEST_F(StatusChangeCancel, ByTheApplicationEndsBothSides) {
     const ULONGLONG cancelled = GetTickCount64();
     EXPECT_THAT(SCardCancel(context), Gives(SCARD_S_SUCCESS));
     EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
-    EXPECT_LT(GetTickCount64() - cancelled, kSoon);
+    EXPECT_LT(GetTickCount64() - cancelled, kInTime);
     EXPECT_GE(remoteCancels(), 1U);
 }
 
@@ -387,7 +388,7 @@ TEST_F(StatusChangeCancel, IsNotLostInHundredsOfRacesWithRemoteChanges) {
             state = SCARD_STATE_PRESENT;
         }
         ASSERT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-        ASSERT_LT(wait.duration(), kSoon);
+        ASSERT_LT(wait.duration(), kInTime);
         ASSERT_EQ(wait.state(1).dwEventState & 0xFFFF, state | SCARD_STATE_CHANGED);
     }
 }
@@ -406,7 +407,7 @@ TEST_F(StatusChangeCancel, IsNotLostInHundredsOfRacesWithHostChanges) {
             state = SCARD_STATE_PRESENT;
         }
         ASSERT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-        ASSERT_LT(wait.duration(), kSoon);
+        ASSERT_LT(wait.duration(), kInTime);
         ASSERT_EQ(wait.state(0).dwEventState & 0xFFFF, state | SCARD_STATE_CHANGED);
     }
 }

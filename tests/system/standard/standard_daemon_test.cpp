@@ -45,17 +45,19 @@ TEST_F(DaemonAndWait, ComingIsTwoReadersInsteadOfOne) {
 }
 
 TEST_F(DaemonAndWait, ComingWithoutReadersIsNothing) {
+    constexpr DWORD kTimeout = 5000;
     remote.removeReader(kRemoteReader);
     const SCARDCONTEXT context = establish();
     listReaders(context);
-    const BackgroundWait wait(context, 1500, {readerState(kPnpReader, count(1)), unchangedHost()});
+    const BackgroundWait wait(context, kTimeout,
+                              {readerState(kPnpReader, count(1)), unchangedHost()});
     waitForHostWait();
     EXPECT_FALSE(wait.isOver(std::chrono::milliseconds(300)));
     startDaemon();
     EXPECT_THAT(wait.result(), Gives(SCARD_E_TIMEOUT));
-    EXPECT_GE(wait.duration(), 1475U) << "the time-out is not cut";
+    EXPECT_GE(wait.duration(), kTimeout - 25) << "the time-out is not cut";
     ASSERT_GE(remoteAsks(), 1U);
-    EXPECT_LE(askedTimeout(remoteAsks() - 1), 1225U) << "nor begun anew";
+    EXPECT_LE(askedTimeout(remoteAsks() - 1), kTimeout - 275) << "nor begun anew";
     EXPECT_EQ(wait.state(0).dwEventState, count(1));
 }
 
@@ -249,16 +251,23 @@ TEST_F(DaemonAndWait, TheHostIsHeardWhileTheDaemonHangsUpOnEveryWait) {
                 return host.service().SCardGetStatusChangeA(system, timeout, states, number);
             });
     daemon.on(Command::kGetStatusChange, [](const Request&) { return Reply::closePipe(); });
-    const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
-    ASSERT_TRUE(daemon.waitForRequest(Command::kGetStatusChange, 7, kPatience));
-    EXPECT_FALSE(wait.isOver(std::chrono::milliseconds(100))) << "the pause is of 1280 ms by now";
-    const ULONGLONG begin = GetTickCount64();
-    host.pcsc().removeCard(kHostReader);
-    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
-    EXPECT_LT(GetTickCount64() - begin, kSoon);
+    std::vector<ULONGLONG> delays;
+    for (int round = 0; round < 3; ++round) {
+        daemon.clearRecords();
+        const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
+        ASSERT_TRUE(daemon.waitForRequest(Command::kGetStatusChange, 7, kPatience));
+        EXPECT_FALSE(wait.isOver(std::chrono::milliseconds(100)))
+            << "the pause is of 1280 ms by now";
+        const ULONGLONG begin = GetTickCount64();
+        host.pcsc().removeCard(kHostReader);
+        EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+        delays.push_back(GetTickCount64() - begin);
+        EXPECT_EQ(wait.state(0).dwEventState & 0xFFFF, SCARD_STATE_EMPTY | kChanged);
+        EXPECT_EQ(wait.state(1).dwEventState, DWORD{SCARD_STATE_PRESENT});
+        host.pcsc().insertCard(kHostReader, makeDemoCard(kHostCardHolder));
+    }
+    EXPECT_LT(median(delays), kSoon);
     EXPECT_TRUE(isHostAskedInPauses);
-    EXPECT_EQ(wait.state(0).dwEventState, kFirstCardPulled | kChanged);
-    EXPECT_EQ(wait.state(1).dwEventState, DWORD{SCARD_STATE_PRESENT});
 }
 
 }  // namespace

@@ -127,11 +127,6 @@ class Findings {
 /// Milliseconds between two looks of the library for the daemon.
 constexpr ULONGLONG kMonitorsPoll = 200;
 
-ULONGLONG median(std::vector<ULONGLONG> values) {
-    std::sort(values.begin(), values.end());
-    return values.empty() ? 0 : values[values.size() / 2];
-}
-
 ULONGLONG longest(const std::vector<ULONGLONG>& values) {
     return values.empty() ? 0 : *std::max_element(values.begin(), values.end());
 }
@@ -521,7 +516,6 @@ TEST_P(StandardLoop, SeesAllAndRestsWhileNothingHappens) {
     EXPECT_EQ(seen_, caused_);
     EXPECT_EQ(findings_.emptyReturns, 0);
     EXPECT_EQ(findings_.errors, 0);
-    // A machine that is busy with something else may hold any one of them up, but not most.
     EXPECT_LT(median(delays_), kSoon);
     EXPECT_LT(median(delaysOfDaemon_), kSoon + kMonitorsPoll);
     std::cout << kLoops[std::get<0>(GetParam())].name << " in " << situation().name << ": seen "

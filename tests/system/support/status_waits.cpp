@@ -37,6 +37,11 @@ Bytes statusChangeBody(std::uint64_t remoteContext, DWORD timeout,
     return body;
 }
 
+ULONGLONG median(std::vector<ULONGLONG> values) {
+    std::sort(values.begin(), values.end());
+    return values.empty() ? 0 : values[values.size() / 2];
+}
+
 struct BackgroundWait::Call {
     std::vector<SCARD_READERSTATEA> states;
     ULONGLONG duration = 0;

@@ -26,9 +26,13 @@ constexpr const char* kCancelRemote =
 constexpr const char* kCancelLocalAgain = "canceling local SCardGetStatusChange again";
 constexpr const char* kCancelRemoteAgain = "canceling remote SCardGetStatusChange again";
 
-/// Milliseconds in which a wait is over whose end was not lost, however busy the machine: repeats
-/// that grow to this have missed several times.
+/// Milliseconds in which most waits are over whose ends were not lost: repeats that grow to this
+/// have missed several times. A busy machine may hold any one of them up, but not most.
 constexpr ULONGLONG kSoon = 900;
+ULONGLONG median(std::vector<ULONGLONG> values);
+
+/// Milliseconds in which any one of them is over, however busy the machine.
+constexpr ULONGLONG kInTime = 5000;
 
 /// The bytes of a status-change request: header, record and reader records, as they are to stand on
 /// the pipe.
