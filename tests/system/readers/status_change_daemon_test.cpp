@@ -178,14 +178,7 @@ TEST_F(StatusChangeAndDaemon, ComingEndsAWaitThatIsAboutToBegin) {
 TEST_F(StatusChangeAndDaemon, AWaitBegunBeforeTheMonitorWatchesSeesTheHostsChanges) {
     // The first context finds the daemon; the monitor's own connection is still on its way when the
     // application waits already.
-    const Gate gate;
-    daemon.setObserver({.handshake =
-                            [gate](const Handshake& handshake) {
-                                if (handshake.connection == 2) {
-                                    gate.pass();
-                                }
-                            },
-                        .disconnected = {}});
+    const Gate gate = holdFirstPass();
     startDaemon();
     const SCARDCONTEXT context = establish();
     ASSERT_TRUE(gate.waitUntilReached());
@@ -193,7 +186,8 @@ TEST_F(StatusChangeAndDaemon, AWaitBegunBeforeTheMonitorWatchesSeesTheHostsChang
     gate.open();
     waitForWatch();
     host.pcsc().removeCard(kHostReader);
-    EXPECT_TRUE(wait.isOver(std::chrono::seconds(5)));
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(0).dwEventState, kFirstCardPulled | kChanged);
 }
 
 TEST_F(StatusChangeAndDaemon, GoingEndsAWaitOnRemoteReaders) {

@@ -58,20 +58,6 @@ class SharedWaits : public StatusChangeTest {
         return gate;
     }
 
-    /// Lets the monitor's first pass, which repeats the check of the first call, find the daemon
-    /// only behind a gate.
-    Gate holdFirstPass() {
-        Gate gate;
-        daemon.setObserver({.handshake =
-                                [gate](const Handshake& handshake) {
-                                    if (handshake.connection == kWatch) {
-                                        gate.pass();
-                                    }
-                                },
-                            .disconnected = {}});
-        return gate;
-    }
-
   private:
     std::atomic<std::size_t> hostCancels_ = 0;
 };

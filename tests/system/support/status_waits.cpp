@@ -167,4 +167,16 @@ Gate StatusChangeTest::holdHostWaits() {
     return gate;
 }
 
+Gate StatusChangeTest::holdFirstPass() {
+    Gate gate;
+    daemon.setObserver({.handshake =
+                            [gate](const Handshake& handshake) {
+                                if (handshake.connection == kWatch) {
+                                    gate.pass();
+                                }
+                            },
+                        .disconnected = {}});
+    return gate;
+}
+
 }  // namespace tez::test

@@ -116,6 +116,10 @@ class StatusChangeTest : public SystemTest {
     /// Lets the host's waits begin only behind a gate.
     Gate holdHostWaits();
 
+    /// Lets the monitor's first pass, which repeats the check of the first call, find the daemon
+    /// only behind a gate.
+    Gate holdFirstPass();
+
     std::size_t remoteCancels() const { return daemon.requests(Command::kCancel).size(); }
 };
 
