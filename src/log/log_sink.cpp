@@ -78,16 +78,29 @@ std::int32_t LogSink::configuredLevel() {
     return static_cast<std::int32_t>(level.value_or(LogLevel::Warning));
 }
 
+/// The text behind the last backslash, null without one. In some code pages the second byte of a
+/// character looks like one.
+char* behindLastBackslash(char* path) {
+    char* name = nullptr;
+    for (char* next = path; *next != '\0'; ++next) {
+        if (IsDBCSLeadByte(static_cast<BYTE>(*next)) != FALSE && next[1] != '\0') {
+            ++next;
+        } else if (*next == '\\') {
+            name = next + 1;
+        }
+    }
+    return name;
+}
+
 /// The host program's file name, "unknown" when it has none. The system has a '?' for each
 /// character that the ANSI code page cannot spell; as no file can be named so, it becomes a '_'.
 const char* baseName(char (&path)[1024]) {
     const DWORD length = GetModuleFileNameA(nullptr, path, sizeof(path));
     path[length < sizeof(path) ? length : sizeof(path) - 1] = '\0';
-    char* const separator = std::strrchr(path, '\\');
-    if (separator == nullptr || separator[1] == '\0') {
+    char* const name = behindLastBackslash(path);
+    if (name == nullptr || *name == '\0') {
         return "unknown";
     }
-    char* const name = separator + 1;
     std::replace(name, name + std::strlen(name), '?', '_');
     return name;
 }

@@ -167,6 +167,13 @@ TEST_F(LogFileNameTest, HasDirectoryProgramAndProcess) {
     EXPECT_EQ(pathFor(R"(C:\logs)", R"(C:\app\host.exe)"), R"(C:\logs/tez-pcsc.host.exe.42.log)");
 }
 
+TEST_F(LogFileNameTest, KeepsACharacterWhoseSecondByteIsThatOfABackslash) {
+    const ImportPatch<decltype(::IsDBCSLeadByte)> codePage(
+        libraryModule(), "KERNEL32.dll", "IsDBCSLeadByte",
+        [](BYTE byte) -> BOOL { return byte == 0x95 ? TRUE : FALSE; });
+    EXPECT_EQ(pathFor(R"(C:\logs)", "C:\\app\\\x95\\.exe"), "C:\\logs/tez-pcsc.\x95\\.exe.42.log");
+}
+
 TEST_F(LogFileNameTest, HasAnUnderlineForWhatTheAnsiCodePageCannotSpell) {
     EXPECT_EQ(pathFor(R"(C:\logs)", R"(C:\??\h?st?.exe)"), R"(C:\logs/tez-pcsc.h_st_.exe.42.log)");
 }
