@@ -45,8 +45,9 @@ void noteFirstLook() noexcept {
 
 /// Contexts that a daemon gives while nobody watches it stay bound when it goes: to the next one
 /// they mean nothing, and none of their calls would ever succeed again. So no call asks for one
-/// before the watch. The patience is for a daemon that does not answer the poll thread, and for
-/// callers that keep any thread from starting, as one that loads a library does.
+/// before the watch, unless no thread can be had for it. The patience is for a daemon that does not
+/// answer the poll thread, and for callers that keep any thread from starting, as one that loads a
+/// library does.
 void awaitFirstLook() noexcept {
     const Deadline deadline(kFirstLookPatience);
     const SlimGuard guard(firstLook.lock);
@@ -146,12 +147,14 @@ void ensurePollThreadStarted() {
     if (isStarted) {
         return;
     }
+    // Before the lock is taken: the loader has one of its own.
+    const bool isPinned = pinOwnModule();
     const SlimGuard guard(startLock);
     if (isStarted) {
         return;
     }
     pollServiceAvailability(false);
-    if (pinOwnModule() && pollThread.start([] { pollServiceAvailability(true); })) {
+    if (isPinned && pollThread.start([] { pollServiceAvailability(true); })) {
         if (getServiceState() == ServiceState::LocalFirst) {
             awaitFirstLook();
         }

@@ -36,10 +36,11 @@ void OverlappedTransfer::push(std::unique_ptr<OverlappedTransfer>& list,
 
 void OverlappedTransfer::retire(std::unique_ptr<OverlappedTransfer> list) noexcept {
     static SlimLock lock;
-    static NeverDestroyed<std::unique_ptr<OverlappedTransfer>> unfinished;
+    static NeverDestroyed<std::unique_ptr<OverlappedTransfer>> left;
 
+    std::unique_ptr<OverlappedTransfer>& unfinished = *left;  // made before the lock is taken
     const SlimGuard guard(lock);
-    std::unique_ptr<OverlappedTransfer>* lists[] = {&list, &*unfinished};
+    std::unique_ptr<OverlappedTransfer>* lists[] = {&list, &unfinished};
     std::unique_ptr<OverlappedTransfer> kept;
     for (std::unique_ptr<OverlappedTransfer>* source : lists) {
         while (*source != nullptr) {
@@ -50,7 +51,7 @@ void OverlappedTransfer::retire(std::unique_ptr<OverlappedTransfer> list) noexce
             }
         }
     }
-    *unfinished = std::move(kept);
+    unfinished = std::move(kept);
 }
 
 }  // namespace tez
