@@ -8,15 +8,21 @@
 
 namespace tez {
 
+/// What the host answers a call with if it serves it.
+constexpr bool isSuccess(LONG rv) noexcept {
+    return rv == SCARD_S_SUCCESS;
+}
+
 /// Serves a call by the host first, and by the daemon when the host could not and the daemon is
 /// connected. Both functions take no arguments and return a PC/SC code.
+/// @param isAnswer  whether a code of the host is the call's, without a question to the daemon.
 /// @return the code of the side that served the call.
-template <class Local, class Remote>
+template <class Local, class Remote, class IsAnswer = bool (*)(LONG)>
 [[nodiscard]] LONG localFirst(const FunctionLog& log, ServiceState state, Local local,
-                              Remote remote) {
+                              Remote remote, IsAnswer isAnswer = isSuccess) {
     if (state != ServiceState::RemoteOnly) {
         const LONG rv = local();
-        if (rv == SCARD_S_SUCCESS || state == ServiceState::LocalOnly) {
+        if (isAnswer(rv) || state == ServiceState::LocalOnly) {
             return rv;
         }
         log.debug("local call failed with 0x%08lX, falling back to remote call",

@@ -113,9 +113,12 @@ LONG reasonOf(const ConnectArguments& arguments, LONG hostRv, LONG daemonRv, boo
                : hostRv;
 }
 
-/// Whether the host's failure is the answer, without a question to the daemon: it listed the reader
-/// and still knows it.
-bool isHostsReader(const ConnectArguments& arguments, LONG hostRv) {
+/// Whether the host's code is the answer, without a question to the daemon: a success, and with
+/// standard answers a failure for a reader that the host listed and still knows.
+bool isHostsAnswer(const ConnectArguments& arguments, LONG hostRv) {
+    if (isSuccess(hostRv)) {
+        return true;
+    }
     return isStandardCallsEnabled() && hostRv != SCARD_E_UNKNOWN_READER && !isNoService(hostRv) &&
            arguments.reader != nullptr &&
            findReaderSides({arguments.reader}).front() == ReaderSide::Local;
@@ -133,11 +136,8 @@ LONG connectLocalFirst(const FunctionLog& log, ServiceState state,
             }
             return hostRv;
         },
-        [&] {
-            return isHostsReader(arguments, hostRv)
-                       ? hostRv
-                       : connectRemotely(log, state, arguments, isDaemonsReader);
-        });
+        [&] { return connectRemotely(log, state, arguments, isDaemonsReader); },
+        [&](LONG code) { return isHostsAnswer(arguments, code); });
     const bool isTold = state != ServiceState::LocalFirst || rv == SCARD_S_SUCCESS || rv == hostRv;
     return isTold ? rv : reasonOf(arguments, hostRv, rv, isDaemonsReader);
 }

@@ -5,6 +5,9 @@ namespace tez::test {
 namespace {
 
 using testing::_;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::Not;
 using testing::Return;
 using testing::StrEq;
 
@@ -44,6 +47,7 @@ TEST_F(ConnectReason, IsTheHostsForANameThatBothHave) {
     host.pcsc().removeCard(kHostReader);
     EXPECT_CALL(host, SCardConnectA).WillOnce(Return(SCARD_E_SHARING_VIOLATION));
     EXPECT_THAT(connectTo(kHostReader), Gives(SCARD_E_SHARING_VIOLATION));
+    EXPECT_THAT(log().messages("SCardConnectA", 'D'), Not(Contains(HasSubstr("falling back"))));
     EXPECT_EQ(connects(), 0U);
 }
 
