@@ -30,6 +30,8 @@ struct ProtocolHandle {
 };
 
 struct StartedEvents {
+    /// Held while the host's started event is asked for and given back, too: of two threads that
+    /// did so at once, one would stand for an event of the host's that nobody gives back.
     SlimLock startedEventMutex;
     /// The key of the record that each thread's accesses and releases are for.
     std::unordered_map<DWORD, HANDLE> startedEventByThread TEZ_GUARDED_BY(startedEventMutex);
