@@ -20,6 +20,7 @@ struct Figure {
 class Figures {
   public:
     Figure& operator[](const std::string& name);
+    bool empty() const { return order_.empty(); }
 
     /// A table for people: medians, their quartiles and the ratio.
     void print(std::ostream& out) const;

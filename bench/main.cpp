@@ -39,6 +39,7 @@ int run(int argc, char** argv) {
     session.configData().benchmarkNoAnalysis = true;
     session.configData().benchmarkSamples = 20;
     session.configData().benchmarkWarmupTime = 1;
+    session.configData().warnings = Catch::WarnAbout::NoTests;  // of a misspelt name
     bool isQuick = false;
     bool isFirstCall = false;
     std::string json;
@@ -59,7 +60,7 @@ int run(int argc, char** argv) {
     }
     const int failed = session.run();
     figures().print(std::cout);
-    if (!json.empty()) {
+    if (!json.empty() && !figures().empty()) {
         figures().write(json);
     }
     std::cout.flush();
