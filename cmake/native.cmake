@@ -8,4 +8,6 @@ endif()
 
 include(cmake/header_packages.cmake)
 add_subdirectory(pcscd)
-add_subdirectory(tests)
+if(TEZ_BUILD_TESTS)
+    add_subdirectory(tests)
+endif()
