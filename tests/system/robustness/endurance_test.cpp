@@ -65,7 +65,7 @@ class EnduranceTest : public RemoteCardTest {
     }
 
   private:
-    HeapSpy heap_;
+    HeapSpy heap_{HeapSpy::Threads::All};  // most is done on the monitor's and on workers
     HandleSpy handles_;
 };
 

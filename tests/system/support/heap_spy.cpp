@@ -8,8 +8,9 @@
 
 namespace tez::test {
 
-HeapSpy::HeapSpy()
-    : thread_(GetCurrentThreadId()),
+HeapSpy::HeapSpy(Threads watched)
+    : watched_(watched),
+      thread_(GetCurrentThreadId()),
       malloc_(libraryModule(), "msvcrt.dll", "malloc",
               [this](std::size_t size) {
                   return isRefused(size) ? nullptr : noteTaken(std::malloc(size), size);
@@ -53,7 +54,7 @@ bool HeapSpy::stopRefusing() {
 }
 
 void* HeapSpy::noteTaken(void* block, std::size_t size) {
-    if (block != nullptr && GetCurrentThreadId() == thread_) {
+    if (block != nullptr && isWatchedThread()) {
         const std::scoped_lock lock(mutex_);
         taken_[block] = size;
         freed_.erase(block);
@@ -64,13 +65,13 @@ void* HeapSpy::noteTaken(void* block, std::size_t size) {
 void HeapSpy::noteFreed(void* block) {
     const std::scoped_lock lock(mutex_);
     taken_.erase(block);
-    if (GetCurrentThreadId() == thread_) {
+    if (isWatchedThread()) {
         freed_.insert(block);
     }
 }
 
 bool HeapSpy::isRefused(std::size_t size) {
-    if (GetCurrentThreadId() != thread_) {
+    if (!isOwnThread()) {
         return false;
     }
     const std::scoped_lock lock(mutex_);

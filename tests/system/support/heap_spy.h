@@ -12,11 +12,13 @@
 
 namespace tez::test {
 
-/// Watches the memory that the library takes on the thread that made the spy, and refuses it some
-/// on that thread where a test says so.
+/// Watches the memory that the library takes, on the thread that made the spy or on all, and
+/// refuses it some on that thread where a test says so.
 class HeapSpy {
   public:
-    HeapSpy();
+    enum class Threads { Own, All };
+
+    explicit HeapSpy(Threads watched = Threads::Own);
 
     /// Blocks that were taken since and that no thread has given back.
     std::size_t outstanding() const;
@@ -39,7 +41,10 @@ class HeapSpy {
     void* noteTaken(void* block, std::size_t size);
     void noteFreed(void* block);
     bool isRefused(std::size_t size);
+    bool isOwnThread() const { return GetCurrentThreadId() == thread_; }
+    bool isWatchedThread() const { return watched_ == Threads::All || isOwnThread(); }
 
+    const Threads watched_;
     const DWORD thread_;
     mutable std::mutex mutex_;
     std::map<const void*, std::size_t> taken_;
