@@ -114,7 +114,9 @@ TEST(ClientDoctorTest, DoesNotWaitForADaemonThatDoesNotAnswer) {
                 testing::ElementsAre(
                     HasSubstr("daemon: the daemon does not answer the handshake within 3 seconds"),
                     HasSubstr("call: SCardEstablishContext does not return within 3 seconds")));
-    EXPECT_GE(GetTickCount64() - begin, 6000U);
+    const ULONGLONG duration = GetTickCount64() - begin;
+    EXPECT_GE(duration, 6000U);
+    EXPECT_LT(duration, 20000U);
 }
 
 TEST(ClientDoctorTest, TellsThatItMayNotOpenThePipe) {

@@ -18,10 +18,12 @@
 namespace tez::test {
 namespace {
 
+using testing::AllOf;
 using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Le;
 using testing::Not;
 using testing::SizeIs;
 using testing::UnorderedElementsAre;
@@ -92,9 +94,20 @@ TEST_F(MonitorTest, TheFirstCallEndsOnlyWhenTheDaemonIsWatched) {
 }
 
 TEST_F(MonitorTest, TheFirstCallDoesNotWaitLongForADaemonThatAnswersOnlyOnce) {
+    std::vector<DWORD> limits;
+    const ImportPatch<decltype(::SleepConditionVariableSRW)> wait(
+        libraryModule(), "KERNEL32.dll", "SleepConditionVariableSRW",
+        [&, caller = GetCurrentThreadId()](PCONDITION_VARIABLE condition, PSRWLOCK lock,
+                                           DWORD milliseconds, ULONG flags) {
+            if (GetCurrentThreadId() == caller) {
+                limits.push_back(milliseconds);
+            }
+            return ::SleepConditionVariableSRW(condition, lock, milliseconds, flags);
+        });
     daemon.setObserver({[this](const Handshake& /*first*/) { daemon.setReplyVersion(false); }, {}});
     startDaemon();
     context = establish();
+    EXPECT_THAT(limits, AllOf(Not(IsEmpty()), Each(Le(1000U))));
     EXPECT_THAT(SCardIsValidContext(context), Gives(SCARD_S_SUCCESS));
 }
 
