@@ -9,7 +9,6 @@ namespace {
 using testing::Optional;
 using testing::StrEq;
 
-constexpr std::chrono::seconds kEndBound{5};
 constexpr DWORD kEndedByItself = 7;
 
 class LifecycleTest : public SystemTest {
@@ -22,7 +21,7 @@ class LifecycleTest : public SystemTest {
     /// Lets the program end.
     static void expectEnd(ChildProcess& child) {
         child.writeLine("go on");
-        EXPECT_THAT(child.waitForEnd(kEndBound), Optional(kEndedByItself));
+        EXPECT_THAT(child.waitForEnd(kPatience), Optional(kEndedByItself));
     }
 
     static void expectReadyAndEnd(const std::string& ending) {
@@ -100,7 +99,7 @@ TEST_F(LifecycleTest, ClosesTheStartedEventAndGivesTheHostsBackOnceAtTheEnd) {
     expectReady(child);
     child.writeLine("go on");
     EXPECT_EQ(child.readRest(), "closed\nreleased\n");
-    EXPECT_THAT(child.waitForEnd(kEndBound), Optional(kEndedByItself));
+    EXPECT_THAT(child.waitForEnd(kPatience), Optional(kEndedByItself));
 }
 
 TEST_F(LifecycleTest, ClosesTheStartedEventOfTheDaemonWithoutTheHost) {
@@ -109,7 +108,7 @@ TEST_F(LifecycleTest, ClosesTheStartedEventOfTheDaemonWithoutTheHost) {
     expectReady(child);
     child.writeLine("go on");
     EXPECT_EQ(child.readRest(), "closed\n");
-    EXPECT_THAT(child.waitForEnd(kEndBound), Optional(kEndedByItself));
+    EXPECT_THAT(child.waitForEnd(kPatience), Optional(kEndedByItself));
 }
 
 TEST_F(LifecycleTest, LoadsAndUnloadsWithoutACallAndWithoutAThread) {
@@ -150,14 +149,14 @@ TEST_F(LifecycleTest, ServesSeveralApplicationsInTheSameWay) {
     }
     remote.removeCard(kRemoteReader);
     for (ChildProcess* child : all) {
-        EXPECT_THAT(child->waitForEnd(kEndBound), Optional(kEndedByItself));
+        EXPECT_THAT(child->waitForEnd(kPatience), Optional(kEndedByItself));
     }
 }
 
 // What every test with a guarded buffer relies on.
 TEST(CrashTest, IsSeenFromOutside) {
     const ChildProcess child("victim.exe", "read-behind");
-    EXPECT_THAT(child.waitForEnd(kEndBound), Optional(STATUS_ACCESS_VIOLATION));
+    EXPECT_THAT(child.waitForEnd(kPatience), Optional(STATUS_ACCESS_VIOLATION));
 }
 
 }  // namespace
