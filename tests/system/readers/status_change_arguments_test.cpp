@@ -1,9 +1,8 @@
 // SCardGetStatusChangeA: what is judged before anything is waited for, and which entry goes where.
 #include <cstring>
-#include <iomanip>
-#include <sstream>
 
 #include "guarded_buffer.h"
+#include "log_text.h"
 #include "status_waits.h"
 
 namespace tez::test {
@@ -18,14 +17,6 @@ using testing::Not;
 
 constexpr const char* kListing =
     "List readers was never called, let's call it to update the list of local and remote readers";
-
-std::string asPointer(const void* address) {
-    std::ostringstream text;
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): printed only
-    text << std::hex << std::uppercase << std::setw(16) << std::setfill('0')
-         << reinterpret_cast<std::uintptr_t>(address);
-    return text.str();
-}
 
 class StatusChangeArguments : public StatusChangeTest {
   protected:
@@ -48,10 +39,9 @@ TEST_F(StatusChangeArguments, LogsWhatCameInAndTheResult) {
     listReaders(context);
     std::vector states{unchangedHost()};
     EXPECT_THAT(wait(context, 0, states), Gives(SCARD_E_TIMEOUT));
-    EXPECT_THAT(
-        log().messages(kStatusChange, 'D'),
-        IsSupersetOf({"GET_STATUS_CHANGE IN-PARAMS: 1, 0, " + asPointer(states.data()) + ", 1",
-                      std::string("GET_STATUS_CHANGE RV: 0x8010000A")}));
+    EXPECT_THAT(log().messages(kStatusChange, 'D'),
+                IsSupersetOf({"GET_STATUS_CHANGE IN-PARAMS: 1, 0, " + logged(states.data()) + ", 1",
+                              std::string("GET_STATUS_CHANGE RV: 0x8010000A")}));
 }
 
 TEST_F(StatusChangeArguments, RefuseAnUnknownContext) {

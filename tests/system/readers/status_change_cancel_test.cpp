@@ -6,6 +6,7 @@
 
 #include "heap_spy.h"
 #include "no_threads.h"
+#include "received_commands.h"
 #include "status_waits.h"
 
 namespace tez::test {
@@ -348,10 +349,7 @@ TEST_F(StatusChangeCancel, OfTheDaemonIsNotSentBeforeTheRequestItIsToCancel) {
     gate.open();
     EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(wait.state(0).dwEventState, kFirstCard | kChanged);
-    std::vector<Command> order;
-    for (const Request& request : daemon.requests()) {
-        order.push_back(request.command);
-    }
+    std::vector<Command> order = receivedCommands(daemon);
     ASSERT_GE(order.size(), 3U);
     order.resize(3);
     EXPECT_THAT(order, ElementsAre(Command::kEstablishContext, Command::kGetStatusChange,

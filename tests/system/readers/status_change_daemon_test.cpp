@@ -2,6 +2,7 @@
 #include <atomic>
 #include <memory>
 
+#include "daemon_records.h"
 #include "latch.h"
 #include "no_threads.h"
 #include "status_waits.h"
@@ -24,15 +25,9 @@ class StatusChangeAndDaemon : public StatusChangeTest {
     /// not ready.
     void refuseContexts(int times) {
         daemon.on(Command::kEstablishContext,
-                  [left = std::make_shared<std::atomic<int>>(times)](
-                      const Request& request) -> std::optional<Reply> {
-                      if ((*left)-- <= 0) {
-                          return std::nullopt;
-                      }
-                      Bytes record = request.body;
-                      putU32(record, EstablishLayout::kResult,
-                             static_cast<std::uint32_t>(SCARD_E_NO_SERVICE));
-                      return Reply::of({record});
+                  [left = std::make_shared<std::atomic<int>>(times),
+                   refuse = refusing<EstablishLayout>(SCARD_E_NO_SERVICE)](const Request& request) {
+                      return (*left)-- <= 0 ? std::nullopt : refuse(request);
                   });
     }
 
@@ -142,13 +137,7 @@ TEST_F(StatusChangeAndDaemon, ComingIsSeenByAWaitBegunAnewWhileOthersAreBeingCan
 TEST_F(StatusChangeAndDaemon, ComingEndsAWaitThatHadNotYetBegunInTheHost) {
     const SCARDCONTEXT context = establish();
     listReaders(context);
-    const Gate gate;
-    ON_CALL(host, SCardGetStatusChangeA)
-        .WillByDefault([this, gate](SCARDCONTEXT system, DWORD timeout, LPSCARD_READERSTATEA states,
-                                    DWORD count) {
-            gate.pass();
-            return host.service().SCardGetStatusChangeA(system, timeout, states, count);
-        });
+    const Gate gate = holdHostWaits();
     const BackgroundWait wait(context, INFINITE, {unchangedHost()});
     ASSERT_TRUE(gate.waitUntilReached());
     startDaemon();
@@ -327,9 +316,7 @@ TEST_F(StatusChangeAndDaemon, NotReadyDoesNotKeepAHostChangeBack) {
     EXPECT_LT(GetTickCount64() - changed, 3000U);
     EXPECT_EQ(wait.state(1).dwEventState, kFirstCardPulled | kChanged);
     EXPECT_THAT(log().messages(kStatusChange), Contains("intermediate rv: 0x80100002"));
-    EXPECT_EQ(log().count(kLocalStatusChange,
-                          "canceling remote SCardGetStatusChange by invoking remote SCardCancel"),
-              1U);
+    EXPECT_EQ(log().count(kLocalStatusChange, kCancelRemote), 1U);
     EXPECT_EQ(remoteCancels(), 0U);
 }
 
@@ -389,7 +376,6 @@ TEST_F(StatusChangeAndDaemon, ComingAnewEndsAWaitForItsContextAsATimeout) {
 }
 
 TEST_F(StatusChangeAndDaemon, ThatLosesTheWatchAloneEndsBothHalvesOfAWait) {
-    constexpr std::uint64_t kWatch = 2;
     const SCARDCONTEXT context = establishAndList();
     const BackgroundWait wait = waitOnBothSides(context);
     ASSERT_TRUE(daemon.closeConnection(kWatch));
@@ -413,11 +399,7 @@ TEST_F(StatusChangeAndDaemon, AwayDoesNotHideTheHostsReadersThatNobodyListed) {
 }
 
 TEST_F(StatusChangeAndDaemon, RefusingAContextOtherwiseEndsTheRemoteHalf) {
-    daemon.on(Command::kEstablishContext, [](const Request& request) {
-        Bytes record = request.body;
-        putU32(record, EstablishLayout::kResult, static_cast<std::uint32_t>(SCARD_E_NO_MEMORY));
-        return Reply::of({record});
-    });
+    daemon.on(Command::kEstablishContext, refusing<EstablishLayout>(SCARD_E_NO_MEMORY));
     const SCARDCONTEXT context = establishWithDaemon();
     listReaders(context);
     SCARD_READERSTATEA state = readerState(kPnpReader, 1U << 16U);

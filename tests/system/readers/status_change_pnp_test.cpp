@@ -1,5 +1,6 @@
 // The pseudo-reader of SCardGetStatusChangeA: both sides wait on it, each with the count of its own
 // readers, and the application gets the sum.
+#include "daemon_records.h"
 #include "status_waits.h"
 
 namespace tez::test {
@@ -142,7 +143,7 @@ TEST_F(PseudoReader, IsAddedToWhatTheApplicationPassedWhileTheDaemonIsAway) {
 
 TEST_F(PseudoReader, IsAddedToWhatTheApplicationPassedWhenTheDaemonFails) {
     const SCARDCONTEXT context = establishAndList();
-    daemon.on(Command::kGetStatusChange, [](const Request&) { return Reply::closePipe(); });
+    daemon.on(Command::kGetStatusChange, closing());
     answerOnHost(count(2) | kChanged);
     SCARD_READERSTATEA state = readerState(kPnpReader, count(1), count(5) | SCARD_STATE_UNKNOWN);
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));

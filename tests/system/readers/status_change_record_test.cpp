@@ -2,7 +2,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "import_patch.h"
+#include "daemon_records.h"
+#include "failing_writes.h"
 #include "status_waits.h"
 
 namespace tez::test {
@@ -276,7 +277,7 @@ TEST_F(StatusChangeRecord, OfTheLongestNameThatFitsIsSentWhole) {
 
 TEST_F(StatusChangeRecord, ThatIsNotAnsweredGivesNoService) {
     const SCARDCONTEXT context = establishAndList();
-    daemon.on(Command::kGetStatusChange, [](const Request&) { return Reply::closePipe(); });
+    daemon.on(Command::kGetStatusChange, closing());
     std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, kUntouched)};
     EXPECT_THAT(remoteResultFor(context, states), Gives(kNoService));
     EXPECT_THAT(log().entries(), Contains(LogLine('W', kStatusChange, "Failed to receive data")));
@@ -338,16 +339,7 @@ TEST_P(StatusChangeBrokenWrite, EndsTheRemoteHalfWithNoService) {
     const SCARDCONTEXT context = establishAndList();
     std::vector states{readerState(kRemoteReader, SCARD_STATE_PRESENT, kUntouched)};
     std::size_t writes = 0;
-    const DWORD caller = GetCurrentThreadId();
-    const ImportPatch<decltype(::WriteFile)> writeFile(
-        libraryModule(), "KERNEL32.dll", "WriteFile",
-        [&](HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED overlapped) {
-            if (GetCurrentThreadId() == caller && ++writes >= GetParam().first) {
-                SetLastError(ERROR_NO_DATA);
-                return FALSE;
-            }
-            return ::WriteFile(file, data, size, written, overlapped);
-        });
+    const FailingWrites broken([&](DWORD /*size*/) { return ++writes >= GetParam().first; });
     EXPECT_THAT(remoteResultFor(context, states), Gives(kNoService));
     EXPECT_THAT(log().messages(kStatusChange, 'W'), ElementsAre(GetParam().warning));
     EXPECT_EQ(states[0].dwEventState, kUntouched);

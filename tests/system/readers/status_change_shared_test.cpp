@@ -6,6 +6,7 @@
 #include <optional>
 #include <thread>
 
+#include "daemon_records.h"
 #include "heap_spy.h"
 #include "status_waits.h"
 
@@ -200,7 +201,6 @@ TEST_F(SharedWaits, ACancelThatNobodyHereCausedIsTheSidesOwnAnswer) {
 }
 
 TEST_F(SharedWaits, AnInterruptionIsNotLostBetweenTheStartOfAWaitAndTheSystemsCall) {
-    constexpr std::uint64_t kWatch = 2;
     const SCARDCONTEXT context = establishAndList();
     const Gate gate = holdHostWaits();
     const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
@@ -213,7 +213,6 @@ TEST_F(SharedWaits, AnInterruptionIsNotLostBetweenTheStartOfAWaitAndTheSystemsCa
 }
 
 TEST_F(SharedWaits, ADaemonThatComesBackInterruptsThemEvenWhenItsLossWasNotSeen) {
-    constexpr std::uint64_t kWatch = 2;
     const SCARDCONTEXT context = establishAndList();
     const std::size_t opens = transport().monitorOpens();
     const Gate gate;  // in front of the monitor's next pass, the only one to open a pipe
@@ -389,11 +388,7 @@ TEST_F(SharedWaits, AHostChangeReturnsThoughTheCancelOfTheDaemonIsNotAnswered) {
 }
 
 TEST_F(SharedWaits, ACancelIsSeenAtOnceWhileTheDaemonIsNotReady) {
-    daemon.on(Command::kEstablishContext, [](const Request& request) {
-        Bytes record = request.body;
-        putU32(record, EstablishLayout::kResult, static_cast<std::uint32_t>(SCARD_E_NO_SERVICE));
-        return Reply::of({record});
-    });
+    daemon.on(Command::kEstablishContext, refusing<EstablishLayout>(SCARD_E_NO_SERVICE));
     const SCARDCONTEXT context = establishWithDaemon();
     listReaders(context);
     std::vector<ULONGLONG> delays;
@@ -489,7 +484,7 @@ TEST_F(SharedWaits, UseNoDaemonContextThatWasMadeBeforeTheDaemonWent) {
         if (isFirst.exchange(false)) {
             // The monitor sees the daemon go while the answer is still on its way.
             const std::size_t opens = transport().monitorOpens();
-            daemon.closeConnection(2);
+            daemon.closeConnection(kWatch);
             transport().waitForMonitorOpens(opens + 1);
         }
         return std::nullopt;

@@ -80,7 +80,7 @@ TEST_F(ConnectReason, IsNeverThatTheHostHasNoService) {
 
 TEST_F(ConnectReason, IsTheHostsWhenTheDaemonIsLostMeanwhile) {
     establishContext();
-    daemon.on(Command::kConnect, [](const Request&) { return Reply::closePipe(); });
+    daemon.on(Command::kConnect, closing());
     EXPECT_CALL(host, SCardConnectA).WillOnce(Return(SCARD_E_SHARING_VIOLATION));
     EXPECT_THAT(connectTo("No Reader"), Gives(SCARD_E_SHARING_VIOLATION));
 }

@@ -22,7 +22,7 @@ class DaemonAndWait : public StandardTest {
   protected:
     /// Of a wait on whose every request the daemon hangs up.
     void expectGrowingPausesUntilACancel(SCARDCONTEXT context) {
-        daemon.on(Command::kGetStatusChange, [](const Request&) { return Reply::closePipe(); });
+        daemon.on(Command::kGetStatusChange, closing());
         const BackgroundWait wait(context, INFINITE, {unchangedHost(), unchangedRemote()});
         ASSERT_TRUE(daemon.waitForRequest(Command::kGetStatusChange, 3, kPatience));
         EXPECT_FALSE(wait.isOver(std::chrono::milliseconds(1000)));
@@ -199,11 +199,7 @@ TEST_F(DaemonAndWait, AHostThatAnswersAtOnceDoesNotCutThePausesShort) {
 
 TEST_F(DaemonAndWait, TheDaemonsRefusalOfAContextIsTheCodeOfASideThatIsAlone) {
     establishAndList();
-    daemon.on(Command::kEstablishContext, [](const Request& request) {
-        Bytes record = request.body;
-        putU32(record, EstablishLayout::kResult, static_cast<std::uint32_t>(SCARD_E_NO_MEMORY));
-        return Reply::of({record});
-    });
+    daemon.on(Command::kEstablishContext, refusing<EstablishLayout>(SCARD_E_NO_MEMORY));
     const BackgroundWait wait(establish(), INFINITE, {unchangedRemote()});
     EXPECT_THAT(wait.result(), Gives(SCARD_E_NO_MEMORY));
 }
@@ -250,7 +246,7 @@ TEST_F(DaemonAndWait, TheHostIsHeardWhileTheDaemonHangsUpOnEveryWait) {
                 isHostAskedInPauses = isHostAskedInPauses || (timeout != 0 && timeout != INFINITE);
                 return host.service().SCardGetStatusChangeA(system, timeout, states, number);
             });
-    daemon.on(Command::kGetStatusChange, [](const Request&) { return Reply::closePipe(); });
+    daemon.on(Command::kGetStatusChange, closing());
     std::vector<ULONGLONG> delays;
     for (int round = 0; round < 3; ++round) {
         daemon.clearRecords();
