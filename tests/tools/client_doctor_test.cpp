@@ -73,6 +73,7 @@ TEST(ClientDoctorTest, FindsAllWell) {
 class ClientAlone {
   public:
     ClientAlone() {
+        std::filesystem::remove_all(folder());  // what another process of this number has left
         std::filesystem::create_directory(folder());
         std::filesystem::copy_file(programDirectory() + "\\pcsc-client.exe", folder() + name_);
     }

@@ -70,7 +70,7 @@ RelayTest::RelayTest() : RelayTest(R"(\\.\pipe\)" + uniqueName()) {}
 RelayTest::RelayTest(std::string pipe)
     : pipe_(std::move(pipe)), logFile_(temporaryFile(uniqueName() + ".log")) {
     std::remove(logFile_.c_str());
-    log_.appendTo(logFile_);
+    log_->appendTo(logFile_);
     settings_.agent.address = {"127.0.0.1", std::to_string(agent_.port())};
     settings_.agent.token = FakeAgent::token();
     settings_.pipe.name = pipe_;
@@ -82,11 +82,13 @@ RelayTest::~RelayTest() {
     if (HasFailure()) {
         std::fputs(logText().c_str(), stderr);
     }
+    log_.reset();
+    std::remove(logFile_.c_str());
 }
 
 void RelayTest::startRelay() {
     stop_ = pcscd::makeEvent();
-    relay_ = std::thread([this] { relay::runRelay(settings_, stop_.get(), log_); });
+    relay_ = std::thread([this] { relay::runRelay(settings_, stop_.get(), *log_); });
 }
 
 void RelayTest::stopRelay() {

@@ -5,8 +5,10 @@
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "fake_agent.h"
 #include "relay/relay.h"
@@ -76,7 +78,7 @@ class RelayTest : public testing::Test {
     relay::RelaySettings settings_;
 
   private:
-    relay::Log log_{true};
+    std::optional<relay::Log> log_{std::in_place, true};
     pcscd::UniqueHandle stop_;
     std::thread relay_;
 };
