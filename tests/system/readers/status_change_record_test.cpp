@@ -315,12 +315,16 @@ TEST_F(StatusChangeRecord, WhoseReadersBreakOffGivesNoService) {
     EXPECT_EQ(states[1].dwEventState, kUntouched);
 }
 
-TEST_F(StatusChangeRecord, GoesToTheNewDaemonWhenTheConnectionIsStale) {
-    const SCARDCONTEXT context = establishAndList();
-    daemon.closeConnection(daemon.openConnections().back());
+TEST_F(StatusChangeRecord, GoesOnAFreshConnectionWhenTheOldOneIsStale) {
+    const SCARDCONTEXT context = establishWithDaemon();
+    listReaders(context);
+    const std::uint64_t stale = daemon.requests().back().connection;
+    ASSERT_TRUE(daemon.closeConnection(stale));
     SCARD_READERSTATEA state = readerState(kRemoteReader, SCARD_STATE_UNAWARE);
     EXPECT_THAT(SCardGetStatusChangeA(context, 0, &state, 1), Gives(SCARD_S_SUCCESS));
     EXPECT_EQ(state.dwEventState, kFirstCard | kChanged);
+    EXPECT_EQ(daemon.requests().back().command, Command::kGetStatusChange);
+    EXPECT_NE(daemon.requests().back().connection, stale);
 }
 
 struct BrokenWrite {

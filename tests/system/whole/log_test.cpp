@@ -50,7 +50,7 @@ class LogTest : public SystemTest {
 
     std::string directory() const { return log().path().substr(0, log().path().rfind('/')); }
 
-    /// How often each level letter begins a line.
+    /// The level letters in the log, in the order in which they appear first.
     std::string levels() const {
         std::string letters;
         for (const LogEntry& entry : log().entries()) {
