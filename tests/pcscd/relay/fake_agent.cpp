@@ -156,11 +156,6 @@ void FakeAgent::echo(AgentConnection& connection) {
     }
 }
 
-std::size_t FakeAgent::endedClients() const {
-    const std::scoped_lock lock(mutex_);
-    return endedClients_;
-}
-
 bool FakeAgent::waitForEndedClients(std::size_t count) const {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, std::chrono::seconds(30),

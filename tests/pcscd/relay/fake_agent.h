@@ -74,8 +74,7 @@ class FakeAgent {
 
     static void echo(AgentConnection& connection);
 
-    /// How many streams of clients have ended.
-    std::size_t endedClients() const;
+    /// Waits until this many streams of clients have ended. False when they do not in time.
     bool waitForEndedClients(std::size_t count) const;
 
   private:
