@@ -18,6 +18,10 @@ namespace {
 constexpr ProtocolVersion kLongAttributes{1, 2};
 constexpr ProtocolVersion kStatesAfterFailure{1, 1};
 
+// The library asks for 64 at most. A wait keeps its entries for as long as it takes, and looks at all
+// of them, with the service's lock held, whenever anything changes.
+constexpr std::size_t kMostReaderStates = 256;
+
 std::uint32_t toWire(std::uint32_t protocol) {
     return (protocol & protocol::kRaw) != 0 ? (protocol & ~protocol::kRaw) | kWireRaw : protocol;
 }
@@ -188,8 +192,13 @@ Reply getStatusChange(const Call& call, StatusChangeRecord& record) {
     if (call.data.size() != count * sizeof(ReaderStateRecord)) {
         return Reply::closePipe();
     }
+    if (count > kMostReaderStates) {
+        record.cReaders = 0;
+        return answered(record, result::kInvalidParameter);
+    }
     std::vector<ReaderStateRecord> entries(count);
     std::vector<ReaderState> states;
+    states.reserve(count);
     for (std::size_t i = 0; i < count; ++i) {
         ReaderStateRecord& entry = entries[i];
         std::memcpy(&entry, &call.data[i * sizeof entry], sizeof entry);

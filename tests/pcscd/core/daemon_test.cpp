@@ -60,6 +60,13 @@ class DaemonTest : public testing::Test {
                     std::span(reinterpret_cast<const std::uint8_t*>(&entry), sizeof entry));
     }
 
+    /// Asks without waiting for the states of so many readers that there are not.
+    static std::optional<StatusChangeRecord> askForStates(DaemonClient& client, Context context,
+                                                          std::uint32_t count) {
+        return client.call(CMD_GET_STATUS_CHANGE, StatusChangeRecord{context, 0, count, 0},
+                           Bytes(count * sizeof(ReaderStateRecord)));
+    }
+
     template <typename Condition>
     static bool eventually(Condition condition) {
         const auto deadline = Clock::now() + kPatience;
@@ -174,6 +181,20 @@ TEST_F(DaemonTest, OutlivesRandomBytes) {
         }
     }
     EXPECT_NE(connected()->establish(), 0U);
+}
+
+TEST_F(DaemonTest, RefusesAWaitForTooManyReaders) {
+    const auto client = connected();
+    const Context context = client->establish();
+    const auto most = askForStates(*client, context, 256);
+    ASSERT_TRUE(most);
+    EXPECT_EQ(resultOf(most), 0U);
+    EXPECT_THAT(client->stream().takePiece(), Optional(SizeIs(256 * sizeof(ReaderStateRecord))));
+    const auto tooMany = askForStates(*client, context, 257);
+    ASSERT_TRUE(tooMany);
+    EXPECT_EQ(resultOf(tooMany), static_cast<std::uint32_t>(result::kInvalidParameter));
+    EXPECT_EQ(copyOf(tooMany->cReaders), 0U) << "no states follow";
+    EXPECT_NE(client->establish(), 0U);
 }
 
 TEST_F(DaemonTest, ContextsBelongToTheProgramAndNotToAConnection) {
