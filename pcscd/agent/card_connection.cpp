@@ -1,7 +1,6 @@
 #include "agent/card_connection.h"
 
 #include <algorithm>
-#include <chrono>
 #include <thread>
 #include <utility>
 
@@ -12,9 +11,6 @@ namespace tez::agent {
 namespace result = pcscd::result;
 
 namespace {
-
-// The service tells nobody that a transaction has ended.
-constexpr std::chrono::milliseconds kTurnRetry{5};
 
 constexpr std::size_t kLongestAttribute = MAX_BUFFER_SIZE;
 
@@ -31,7 +27,20 @@ SCARD_IO_REQUEST ioRequest(std::uint32_t protocol) {
 }  // namespace
 
 CardConnection::~CardConnection() {
-    close(pcscd::disposition::kReset);
+    if (context_) {
+        SCardDisconnect(card_, SCARD_RESET_CARD);
+    }
+}
+
+/// Whether another program's transaction goes on. Calls that the service itself lets wait for its
+/// end are not to be made then.
+bool CardConnection::isKeptOut() const {
+    DWORD length = 0;
+    DWORD state = 0;
+    DWORD protocol = 0;
+    DWORD atrLength = 0;
+    return SCardStatus(card_, nullptr, &length, &state, &protocol, nullptr, &atrLength) ==
+           SCARD_E_SHARING_VIOLATION;
 }
 
 /// Makes a call of the service, again and again while another program's transaction keeps it out.
@@ -73,29 +82,24 @@ pcscd::Result CardConnection::open(std::uint32_t shareMode, std::uint32_t protoc
     return result::kSuccess;
 }
 
-void CardConnection::close(std::uint32_t disposition) {
+bool CardConnection::tryClose(std::uint32_t disposition) {
     closing_ = true;
-    const std::scoped_lock lock(mutex_);
-    if (context_) {
-        SCardDisconnect(card_, disposition);
+    const std::unique_lock lock(mutex_, std::try_to_lock);
+    if (!lock || (disposition != pcscd::disposition::kLeave && isKeptOut())) {
+        return false;
     }
+    SCardDisconnect(card_, disposition);
     context_.reset();
+    return true;
 }
 
 pcscd::Result CardConnection::reconnect(std::uint32_t shareMode, std::uint32_t protocols,
                                         std::uint32_t initialization, std::uint32_t& active) {
-    bool ownTurn = false;
     DWORD chosen = SCARD_PROTOCOL_UNDEFINED;
     LONG last = SCARD_S_SUCCESS;
     const pcscd::Result answer = inTurn([&] {
         // A sharing violation is an answer, too: when no transaction keeps this one out.
-        DWORD length = 0;
-        DWORD state = 0;
-        DWORD protocol = 0;
-        DWORD atrLength = 0;
-        ownTurn = SCardStatus(card_, nullptr, &length, &state, &protocol, nullptr, &atrLength) !=
-                  SCARD_E_SHARING_VIOLATION;
-        if (!ownTurn) {
+        if (isKeptOut()) {
             return LONG{SCARD_E_SHARING_VIOLATION};
         }
         last = SCardReconnect(card_, shareMode, toServiceProtocols(protocols), initialization,
@@ -115,13 +119,7 @@ pcscd::Result CardConnection::reconnect(std::uint32_t shareMode, std::uint32_t p
 pcscd::Result CardConnection::beginTransaction() {
     return inTurn([&] {
         // Beginning one while another goes on blocks within the service's library.
-        DWORD length = 0;
-        DWORD state = 0;
-        DWORD protocol = 0;
-        DWORD atrLength = 0;
-        const LONG code =
-            SCardStatus(card_, nullptr, &length, &state, &protocol, nullptr, &atrLength);
-        return code == SCARD_E_SHARING_VIOLATION ? code : SCardBeginTransaction(card_);
+        return isKeptOut() ? LONG{SCARD_E_SHARING_VIOLATION} : SCardBeginTransaction(card_);
     });
 }
 

@@ -3,6 +3,7 @@
 #include <winscard.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -15,10 +16,13 @@
 
 namespace tez::agent {
 
+/// How long to wait before another try, as the service tells nobody that a transaction has ended.
+inline constexpr std::chrono::milliseconds kTurnRetry{5};
+
 /// One connection to a card, with a context of the service of its own, so that no call on another
 /// card waits for this one's. Thread-safe; all results are those of the Windows interface.
 ///
-/// While another program holds the card in a transaction, calls wait for its end; close() ends
+/// While another program holds the card in a transaction, calls wait for its end; tryClose() ends
 /// these waits.
 class CardConnection {
   public:
@@ -26,7 +30,7 @@ class CardConnection {
         : serviceName_(std::move(serviceName)), name_(std::move(servedName)), owner_(owner) {}
     CardConnection(const CardConnection&) = delete;
     CardConnection& operator=(const CardConnection&) = delete;
-    /// Closes, and resets the card.
+    /// Closes, and resets the card, for which it can wait.
     ~CardConnection();
 
     const std::string& reader() const { return name_; }
@@ -34,8 +38,10 @@ class CardConnection {
 
     /// To be called once, before all others.
     pcscd::Result open(std::uint32_t shareMode, std::uint32_t protocols, std::uint32_t& active);
-    /// Ends the connection. Waits for a command that the card is busy with.
-    void close(std::uint32_t disposition);
+    /// Ends the connection, unless that is to be tried again: while the card is busy with a command
+    /// and, where something is to be done to it, while another program's transaction goes on.
+    /// @return whether the connection has ended. No other call is served from the first try on.
+    [[nodiscard]] bool tryClose(std::uint32_t disposition);
 
     pcscd::Result reconnect(std::uint32_t shareMode, std::uint32_t protocols,
                             std::uint32_t initialization, std::uint32_t& active);
@@ -55,6 +61,7 @@ class CardConnection {
   private:
     template <typename Call>
     pcscd::Result inTurn(Call call);
+    bool isKeptOut() const;
 
     const std::string serviceName_;
     const std::string name_;

@@ -1,6 +1,8 @@
 #include "agent/pcsc_service.h"
 
 #include <algorithm>
+#include <ranges>
+#include <thread>
 #include <utility>
 
 #include "agent/log.h"
@@ -20,6 +22,19 @@ constexpr std::size_t kMostCards = 128;
 
 // Each is memory of this machine that a program on the host takes; no program uses that many.
 constexpr std::size_t kMostContexts = 10000;
+
+/// Returns when all are closed, and keeps none waiting for another one: in turn they could wait for
+/// a transaction that ends only with one of those behind.
+void closeAll(std::vector<std::shared_ptr<CardConnection>> connections, std::uint32_t disposition) {
+    for (;;) {
+        std::erase_if(connections,
+                      [&](const auto& connection) { return connection->tryClose(disposition); });
+        if (connections.empty()) {
+            return;
+        }
+        std::this_thread::sleep_for(kTurnRetry);
+    }
+}
 
 }  // namespace
 
@@ -112,51 +127,50 @@ Result PcscService::establishContext(std::uint32_t scope, pcscd::Context& contex
     return result::kSuccess;
 }
 
-/// With the lock held: forgets a context and its cards, which are to be closed without the lock.
-std::vector<PcscService::ConnectionPointer> PcscService::takeOut(pcscd::Context context) {
+/// With the lock held: forgets contexts and their cards, which are to be closed without the lock.
+std::vector<PcscService::ConnectionPointer> PcscService::takeOut(const pcscd::Contexts& contexts) {
     std::vector<ConnectionPointer> connections;
     for (auto entry = cards_.begin(); entry != cards_.end();) {
-        if (entry->second->owner() == context) {
+        if (contexts.contains(entry->second->owner())) {
             connections.push_back(entry->second);
             entry = cards_.erase(entry);
         } else {
             ++entry;
         }
     }
-    contexts_.at(context)->released = true;
-    contexts_.erase(context);
+    for (const pcscd::Context context : contexts) {
+        if (const auto found = contexts_.find(context); found != contexts_.end()) {
+            found->second->released = true;
+            contexts_.erase(found);
+        }
+    }
     changed_.notify_all();
     return connections;
 }
 
-Result PcscService::closeContext(pcscd::Context context, std::uint32_t disposition) {
+Result PcscService::closeContexts(const pcscd::Contexts& contexts, std::uint32_t disposition) {
     std::vector<ConnectionPointer> connections;
+    Result answer = result::kSuccess;
     {
         const std::scoped_lock lock(mutex_);
-        if (!contexts_.contains(context)) {
-            return result::kInvalidHandle;
+        if (!std::ranges::all_of(
+                contexts, [this](pcscd::Context each) { return contexts_.contains(each); })) {
+            answer = result::kInvalidHandle;
         }
-        connections = takeOut(context);
+        connections = takeOut(contexts);
     }
-    for (const ConnectionPointer& connection : connections) {
-        connection->close(disposition);
-    }
-    return result::kSuccess;
+    closeAll(std::move(connections), disposition);
+    return answer;
 }
 
 void PcscService::releaseAll() {
     std::vector<ConnectionPointer> connections;
     {
         const std::scoped_lock lock(mutex_);
-        while (!contexts_.empty()) {
-            for (ConnectionPointer& connection : takeOut(contexts_.begin()->first)) {
-                connections.push_back(std::move(connection));
-            }
-        }
+        const auto contexts = std::views::keys(contexts_);
+        connections = takeOut({contexts.begin(), contexts.end()});
     }
-    for (const ConnectionPointer& connection : connections) {
-        connection->close(pcscd::disposition::kReset);
-    }
+    closeAll(std::move(connections), pcscd::disposition::kReset);
 }
 
 Result PcscService::isValidContext(pcscd::Context context) const {
@@ -233,7 +247,7 @@ Result PcscService::disconnect(pcscd::Card card, std::uint32_t disposition) {
         connection = found->second;
         cards_.erase(found);
     }
-    connection->close(disposition);
+    closeAll({std::move(connection)}, disposition);
     return result::kSuccess;
 }
 

@@ -32,7 +32,8 @@ class PcscService final : public pcscd::CardService {
 
     /// result::kNoMemory beyond 10,000 contexts.
     pcscd::Result establishContext(std::uint32_t scope, pcscd::Context& context) override;
-    pcscd::Result closeContext(pcscd::Context context, std::uint32_t disposition) override;
+    pcscd::Result closeContexts(const pcscd::Contexts& contexts,
+                                std::uint32_t disposition) override;
     pcscd::Result isValidContext(pcscd::Context context) const override;
     void releaseAll() override;
     pcscd::Result listReaders(pcscd::Context context,
@@ -79,7 +80,7 @@ class PcscService final : public pcscd::CardService {
     pcscd::Result with(pcscd::Card card,
                        const std::function<pcscd::Result(CardConnection&)>& call) const;
     const ServedReader* findReader(const std::string& name) const;
-    std::vector<ConnectionPointer> takeOut(pcscd::Context context);
+    std::vector<ConnectionPointer> takeOut(const pcscd::Contexts& contexts);
 
     const ReaderChoice choice_;
     mutable std::mutex mutex_;  // guards what follows, but for the monitor

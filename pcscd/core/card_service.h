@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <span>
 #include <string>
 #include <vector>
@@ -12,6 +13,7 @@
 namespace tez::pcscd {
 
 using Context = std::uint64_t;
+using Contexts = std::set<Context>;
 using Card = std::uint64_t;
 
 /// One entry of a status-change wait; the members mean what they do in SCARD_READERSTATE.
@@ -40,8 +42,9 @@ struct CardStatus {
 /// Every operation may be called from any thread. Those that can block (getStatusChange;
 /// beginTransaction, reconnect, transmit and control while another connection holds a transaction;
 /// transmit while the card takes its time) let all others through, and end when their context is
-/// released. Connect can block, too, and then lets all others through, but where the service behind
-/// waits for a program of its own machine nothing ends it.
+/// released. Connect can block, too, and closing a card with something to be done to it; both let
+/// all others through, but where the service behind waits for a program of its own machine nothing
+/// ends them.
 class CardService {
   public:
     CardService() = default;
@@ -55,9 +58,11 @@ class CardService {
     virtual Result establishContext(std::uint32_t scope, Context& context) = 0;
     /// Also ends the context's waits (result::kCancelled) and closes its cards, which are left as
     /// they are.
-    Result releaseContext(Context context) { return closeContext(context, disposition::kLeave); }
-    /// As releaseContext, with something else to be done to the cards.
-    virtual Result closeContext(Context context, std::uint32_t disposition) = 0;
+    Result releaseContext(Context context) { return closeContexts({context}, disposition::kLeave); }
+    /// As releaseContext for each, with something else to be done to the cards: to every card as
+    /// soon as that can be, whatever others wait for. result::kInvalidHandle when a context is
+    /// unknown; the others are released all the same.
+    virtual Result closeContexts(const Contexts& contexts, std::uint32_t disposition) = 0;
     virtual Result isValidContext(Context context) const = 0;
     /// Releases every context; readers and cards stay.
     virtual void releaseAll() = 0;

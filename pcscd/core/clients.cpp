@@ -18,7 +18,7 @@ void Clients::enter(Process process) {
     changed_.notify_all();
 }
 
-Clients::Contexts Clients::leave(Process process) {
+Contexts Clients::leave(Process process) {
     std::unique_lock lock(mutex_);
     --programs_[process].connections;
     changed_.wait_for(lock, kGrace, [&] {
@@ -29,13 +29,13 @@ Clients::Contexts Clients::leave(Process process) {
     return takeOut(process);
 }
 
-Clients::Contexts Clients::leftBehind(Process process) {
+Contexts Clients::leftBehind(Process process) {
     const std::scoped_lock lock(mutex_);
     return takeOut(process);
 }
 
 /// The contexts of a process without a connection, which is forgotten.
-Clients::Contexts Clients::takeOut(Process process) {
+Contexts Clients::takeOut(Process process) {
     const auto program = programs_.find(process);
     if (program == programs_.end() || program->second.connections > 0) {
         return {};

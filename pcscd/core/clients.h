@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
-#include <set>
 
 #include "core/card_service.h"
 
@@ -17,7 +16,6 @@ class Clients {
   public:
     /// The process id, or more where several machines have processes.
     using Process = std::uint64_t;
-    using Contexts = std::set<Context>;
 
     /// A connection of the process has begun.
     void enter(Process process);

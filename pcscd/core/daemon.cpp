@@ -145,11 +145,9 @@ void Daemon::serve(ByteStream& stream, std::uint64_t connection, Clients::Proces
     answering.get();
 }
 
-void Daemon::release(const Clients::Contexts& contexts) {
-    for (const Context context : contexts) {
-        // What the program has done to a card, such as showing a PIN, is for no other one.
-        service_.closeContext(context, disposition::kReset);
-    }
+void Daemon::release(const Contexts& contexts) {
+    // What the program has done to a card, such as showing a PIN, is for no other one.
+    service_.closeContexts(contexts, disposition::kReset);
 }
 
 void Daemon::releaseAll() {

@@ -55,7 +55,7 @@ class Daemon {
 
   private:
     std::optional<ProtocolVersion> shakeHands(ByteStream& stream, std::uint64_t connection);
-    void release(const Clients::Contexts& contexts);
+    void release(const Contexts& contexts);
 
     CardService& service_;
     Clients clients_;

@@ -162,14 +162,18 @@ Result SimulatedService::establishContext(std::uint32_t scope, Context& context)
     return result::kSuccess;
 }
 
-Result SimulatedService::closeContext(Context context, std::uint32_t disposition) {
+Result SimulatedService::closeContexts(const Contexts& contexts, std::uint32_t disposition) {
     const Lock lock(mutex_);
-    if (!knows(context)) {
-        return result::kInvalidHandle;
+    Result answer = result::kSuccess;
+    for (const Context context : contexts) {
+        if (knows(context)) {
+            dropContext(context, disposition);
+        } else {
+            answer = result::kInvalidHandle;
+        }
     }
-    dropContext(context, disposition);
     changed_.notify_all();
-    return result::kSuccess;
+    return answer;
 }
 
 void SimulatedService::releaseAll() {

@@ -72,7 +72,7 @@ class SimulatedService final : public CardService {
     Result listReaderGroups(Context context, std::vector<std::string>& groups) const;
 
     Result establishContext(std::uint32_t scope, Context& context) override;
-    Result closeContext(Context context, std::uint32_t disposition) override;
+    Result closeContexts(const Contexts& contexts, std::uint32_t disposition) override;
     Result isValidContext(Context context) const override;
     void releaseAll() override;
     /// The names in the order in which the readers were added.

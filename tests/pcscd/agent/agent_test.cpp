@@ -243,6 +243,49 @@ TEST_F(AgentTest, ResetsTheCardsOfAVanishedProgramAndLeavesThoseOfAReleasedConte
     EXPECT_EQ(resultOf(other->call(CMD_TRANSMIT, request, kChallenge)), code(result::kResetCard));
 }
 
+TEST_F(AgentTest, GivesBackAVanishedProgramsCardsBesideOneInAnotherPrograms) {
+    const Child secondCard(programFolder() / "vpcd-card", {"--port", "35964"},
+                           machine_.folder() / "second-card.log");
+    machine_.startAgent();
+    const auto other = connected(kOtherProgram);
+    const auto otherContext = other->establish();
+    const ConnectRecord owned = other->connect(otherContext, kFirstReader);
+    auto vanishing = connected();
+    constexpr int kMany = 8;  // in any order: the one that is awaited is hardly ever the first
+    for (int i = 0; i < kMany; ++i) {
+        ASSERT_EQ(resultOf(vanishing->connect(vanishing->establish(), kFirstReader)), 0U);
+    }
+    ASSERT_TRUE(eventually([&] {
+        return vanishing->connect(vanishing->establish(), kSecondReader, pcscd::share::kExclusive)
+                   .rv == 0;
+    }));
+    ASSERT_EQ(resultOf(other->call(CMD_BEGIN_TRANSACTION, HandleRecord{owned.hCard, 1})), 0U);
+    vanishing.reset();
+    EXPECT_TRUE(eventually([&] { return other->connect(otherContext, kSecondReader).rv == 0; }));
+    EXPECT_THAT(other->transmit(owned, kChallenge), SizeIs(10)) << "still in its transaction";
+    EXPECT_EQ(resultOf(other->call(CMD_END_TRANSACTION, DisconnectRecord{owned.hCard, 0, 1})), 0U);
+    EXPECT_TRUE(eventually([&] { return other->transmit(owned, kChallenge).empty(); }))
+        << "reset in the end";
+}
+
+TEST_F(AgentTest, EndsTheTransactionOfAVanishedProgramThatHadItsCardSeveralTimes) {
+    machine_.startAgent();
+    const auto other = connected(kOtherProgram);
+    const ConnectRecord shared = other->connect(other->establish(), kFirstReader);
+    auto vanishing = connected();
+    const auto context = vanishing->establish();
+    ConnectRecord held{};
+    constexpr int kMany = 8;
+    for (int i = 0; i < kMany; ++i) {
+        held = vanishing->connect(context, kFirstReader);
+        ASSERT_EQ(resultOf(held), 0U);
+    }
+    ASSERT_EQ(resultOf(vanishing->call(CMD_BEGIN_TRANSACTION, HandleRecord{held.hCard, 1})), 0U);
+    vanishing.reset();
+    EXPECT_EQ(resultOf(other->call(CMD_BEGIN_TRANSACTION, HandleRecord{shared.hCard, 1})),
+              code(result::kResetCard));
+}
+
 TEST_F(AgentTest, KnowsNoHandleOfItsEarlierRun) {
     machine_.startAgent();
     auto client = connected();
