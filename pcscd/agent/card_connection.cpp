@@ -188,13 +188,14 @@ pcscd::Result CardConnection::control(std::uint32_t function, std::span<const st
 }
 
 pcscd::Result CardConnection::getAttribute(std::uint32_t id, pcscd::Bytes& value) {
-    return inTurn([&] {
+    const pcscd::Result answer = inTurn([&] {
         value.resize(kLongestAttribute);
         DWORD length = value.size();
         const LONG code = SCardGetAttrib(card_, id, value.data(), &length);
         value.resize(code == SCARD_S_SUCCESS ? length : 0);
         return code;
     });
+    return insteadOfNotTransacted(answer, result::kUnsupportedFeature);
 }
 
 pcscd::Result CardConnection::setAttribute(std::uint32_t id, std::span<const std::uint8_t> value) {

@@ -116,6 +116,18 @@ TEST_F(AgentTest, TellsOfTheReaderWhatTheServiceTellsUnderTheServedName) {
               code(result::kUnsupportedFeature));
 }
 
+TEST_F(AgentTest, SaysOfAnAttributeThatTheDriverCannotTellThatItIsNotThere) {
+    machine_.startAgent();
+    const auto client = connected();
+    const ConnectRecord reader =
+        client->connect(client->establish(), kSecondReader, pcscd::share::kDirect);
+    ASSERT_EQ(resultOf(reader), 0U);
+    constexpr std::uint32_t kAtrOfTheDriver = 0x303;  // there is no card in the reader
+    EXPECT_EQ(resultOf(client->call(CMD_GET_ATTRIB,
+                                    AttribRecord{reader.hCard, kAtrOfTheDriver, {}, 0, 1})),
+              code(result::kUnsupportedFeature));
+}
+
 TEST_F(AgentTest, TellsOfAReaderWhoseNameIsTooLong) {
     machine_.stopService();
     const std::string name(80, 'R');
