@@ -67,8 +67,10 @@ pcscd::Result CardConnection::open(std::uint32_t shareMode, std::uint32_t protoc
     const std::scoped_lock lock(mutex_);
     context_.emplace();
     if (!*context_) {
+        // The service, which has the reader, has none left. Its own code for that changes from call
+        // to call, and can be the one for no service.
         context_.reset();
-        return result::kReaderUnavailable;
+        return result::kNoMemory;
     }
     DWORD chosen = SCARD_PROTOCOL_UNDEFINED;
     const LONG code = SCardConnect(context_->get(), serviceName_.c_str(), shareMode,

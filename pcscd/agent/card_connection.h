@@ -36,7 +36,8 @@ class CardConnection {
     const std::string& reader() const { return name_; }
     pcscd::Context owner() const { return owner_; }
 
-    /// To be called once, before all others.
+    /// To be called once, before all others. result::kNoMemory when the service has no context
+    /// left.
     pcscd::Result open(std::uint32_t shareMode, std::uint32_t protocols, std::uint32_t& active);
     /// Ends the connection, unless that is to be tried again: while the card is busy with a command
     /// and, where something is to be done to it, while another program's transaction goes on.

@@ -9,9 +9,10 @@ namespace tez::agent {
 /// Owns a context of the PC/SC service. A context serves one call at a time.
 class ServiceContext {
   public:
-    /// Without a context when the service gives none; see result().
+    /// Without a context when the service gives none.
     ServiceContext()
-        : result_(SCardEstablishContext(SCARD_SCOPE_SYSTEM, nullptr, nullptr, &context_)) {}
+        : given_(SCardEstablishContext(SCARD_SCOPE_SYSTEM, nullptr, nullptr, &context_) ==
+                 SCARD_S_SUCCESS) {}
     ~ServiceContext() {
         if (*this) {
             SCardReleaseContext(context_);
@@ -20,13 +21,12 @@ class ServiceContext {
     ServiceContext(const ServiceContext&) = delete;
     ServiceContext& operator=(const ServiceContext&) = delete;
 
-    explicit operator bool() const { return result_ == SCARD_S_SUCCESS; }
-    LONG result() const { return result_; }
+    explicit operator bool() const { return given_; }
     SCARDCONTEXT get() const { return context_; }
 
   private:
     SCARDCONTEXT context_ = 0;
-    LONG result_;
+    bool given_;
 };
 
 }  // namespace tez::agent

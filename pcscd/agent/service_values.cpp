@@ -7,15 +7,6 @@ namespace tez::agent {
 namespace result = pcscd::result;
 namespace protocol = pcscd::protocol;
 
-pcscd::Result toResult(LONG code) {
-    // Here the service has one code for what is unexpected and what is not supported. It means the
-    // latter nearly always.
-    if (code == SCARD_E_UNSUPPORTED_FEATURE) {
-        return result::kUnsupportedFeature;
-    }
-    return result::code(static_cast<std::uint32_t>(code));
-}
-
 pcscd::Result toCardResult(LONG code) {
     switch (code) {
         case SCARD_E_NO_SERVICE:
@@ -23,8 +14,12 @@ pcscd::Result toCardResult(LONG code) {
         case SCARD_F_COMM_ERROR:
         case SCARD_E_INVALID_HANDLE:  // the agent's own handles are looked up before
             return result::kReaderUnavailable;
+        case SCARD_E_UNSUPPORTED_FEATURE:
+            // Here the service has one code for what is unexpected and what is not supported. It
+            // means the latter nearly always.
+            return result::kUnsupportedFeature;
         default:
-            return toResult(code);
+            return result::code(static_cast<std::uint32_t>(code));
     }
 }
 

@@ -10,9 +10,6 @@
 // and its integers are 64 bits wide.
 namespace tez::agent {
 
-/// @param code of a call that is not about a card: "no service" stays what it is.
-pcscd::Result toResult(LONG code);
-
 /// @param code of a call on a card. When the service has ended or restarted the card's reader is no
 /// more what the caller has a handle for.
 pcscd::Result toCardResult(LONG code);

@@ -7,6 +7,7 @@
 #include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <list>
 #include <memory>
 #include <random>
 #include <sys/resource.h>
@@ -538,6 +539,19 @@ TEST_F(AgentTest, LeavesContextsOfTheServiceForOtherPrograms) {
     EXPECT_EQ(resultOf(client->call(CMD_DISCONNECT, DisconnectRecord{card.hCard, 0, 1})), 0U);
     EXPECT_EQ(resultOf(client->connect(context, kSecondReader)), code(result::kNoSmartcard));
     EXPECT_EQ(resultOf(client->connect(context, kFirstReader)), 0U);
+}
+
+TEST_F(AgentTest, SaysThatTheServiceHasNoContextLeft) {
+    machine_.startAgent();
+    const auto client = connected();
+    const auto context = client->establish();
+    std::list<ServiceContext> others(1);
+    while (others.back()) {
+        others.emplace_back();
+    }
+    EXPECT_EQ(resultOf(client->connect(context, kFirstReader)), code(result::kNoMemory));
+    others.clear();
+    EXPECT_TRUE(eventually([&] { return client->connect(context, kFirstReader).rv == 0; }));
 }
 
 TEST_F(AgentTest, RefusesContextsBeyondItsLimitUntilOneIsReleased) {
