@@ -173,13 +173,25 @@ pcscd::Result CardConnection::transmit(std::uint32_t protocol,
     return insteadOfNotTransacted(answer, result::kCommunicationLost);
 }
 
+/// The service's answer; empty after a failure.
+pcscd::Bytes CardConnection::requestFeatures() const {
+    pcscd::Bytes features(kLongestAttribute);
+    DWORD length = 0;
+    const LONG code = SCardControl(card_, toControlCode(kFeatureRequest), nullptr, 0,
+                                   features.data(), features.size(), &length);
+    features.resize(code == SCARD_S_SUCCESS ? length : 0);
+    return features;
+}
+
 pcscd::Result CardConnection::control(std::uint32_t function, std::span<const std::uint8_t> input,
                                       std::size_t capacity, pcscd::Bytes& output) {
     const pcscd::Result answer = inTurn([&] {
         output.resize(std::min<std::size_t>(capacity, MAX_BUFFER_SIZE_EXTENDED));
         DWORD length = 0;
-        const LONG code = SCardControl(card_, features_.serviceCode(function), input.data(),
-                                       input.size(), output.data(), output.size(), &length);
+        const DWORD serviceCode =
+            features_.serviceCode(function, [this] { return requestFeatures(); });
+        const LONG code = SCardControl(card_, serviceCode, input.data(), input.size(),
+                                       output.data(), output.size(), &length);
         output.resize(code == SCARD_S_SUCCESS ? length : 0);
         if (code == SCARD_S_SUCCESS && function == kFeatureRequest) {
             features_.translate(output);

@@ -63,6 +63,7 @@ class CardConnection {
     template <typename Call>
     pcscd::Result inTurn(Call call);
     bool isKeptOut() const;
+    pcscd::Bytes requestFeatures() const;
 
     const std::string serviceName_;
     const std::string name_;

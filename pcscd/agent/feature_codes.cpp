@@ -10,6 +10,7 @@ namespace {
 constexpr std::size_t kEntrySize = 6;
 constexpr std::uint8_t kCodeSize = 4;
 constexpr std::uint32_t kFirstFunction = 0x900;  // among those that are the vendors' own
+constexpr std::uint32_t kLastFunction = kFirstFunction + 0xFF;
 constexpr std::uint32_t kSmartCardDevice = 0x31 << 16;
 
 std::uint32_t bigEndian(std::span<const std::uint8_t> bytes) {
@@ -40,7 +41,12 @@ void FeatureCodes::translate(pcscd::Bytes& features) {
     }
 }
 
-DWORD FeatureCodes::serviceCode(std::uint32_t function) const {
+DWORD FeatureCodes::serviceCode(std::uint32_t function,
+                                const std::function<pcscd::Bytes()>& request) {
+    if (function >= kFirstFunction && function <= kLastFunction && !codes_.contains(function)) {
+        pcscd::Bytes features = request();
+        translate(features);
+    }
     const auto found = codes_.find(function);
     return found == codes_.end() ? toControlCode(function) : found->second;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <wintypes.h>
 
@@ -21,7 +22,10 @@ class FeatureCodes {
     void translate(pcscd::Bytes& features);
 
     /// The service's control code for a function number.
-    DWORD serviceCode(std::uint32_t function) const;
+    /// @param request makes a feature request and returns the service's answer, empty after a
+    ///                failure. Called for a number that can be a feature's and is not known yet:
+    ///                the application may have it from an earlier connection to the reader.
+    DWORD serviceCode(std::uint32_t function, const std::function<pcscd::Bytes()>& request);
 
   private:
     std::map<std::uint32_t, DWORD> codes_;
