@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "agent/log.h"
-#include "link/hello.h"
 
 namespace tez::agent {
 namespace {
@@ -100,7 +99,7 @@ void Agent::serve(Connection& connection, std::uint64_t number, const std::strin
                             : "closed, it is no relay of this version"));
         return;
     }
-    if (!admit(connection, origin.relay)) {
+    if (!admit(connection, origin)) {
         logLine(name + "closed, there are too many");
         return;
     }
@@ -120,16 +119,18 @@ void Agent::serve(Connection& connection, std::uint64_t number, const std::strin
     logDetail(name + "ended");
 }
 
-/// Counts a connection that has shown the token. False when there are too many of them.
-bool Agent::admit(Connection& connection, std::uint32_t relay) {
+/// Counts a connection that has shown the token. False when there are too many of them; a relay's
+/// own comes in all the same, as the programs of others may have taken them all.
+bool Agent::admit(Connection& connection, const link::Origin& origin) {
     const std::scoped_lock lock(mutex_);
     const auto admitted = std::ranges::count_if(
         connections_, [](const Connection& each) { return each.stream && each.relay; });
-    if (static_cast<std::size_t>(admitted) >= kMostConnections) {
+    if (static_cast<std::size_t>(admitted) >= kMostConnections &&
+        origin.processId != link::kControlProcess) {
         return false;
     }
     newcomers_.remove(&connection);
-    connection.relay = relay;
+    connection.relay = origin.relay;
     return true;
 }
 

@@ -11,6 +11,7 @@
 #include "agent/listener.h"
 #include "agent/relay_stream.h"
 #include "core/daemon.h"
+#include "link/hello.h"
 #include "link/token.h"
 
 namespace tez::agent {
@@ -39,7 +40,7 @@ class Agent {
     };
 
     void serve(Connection& connection, std::uint64_t number, const std::string& name);
-    bool admit(Connection& connection, std::uint32_t relay);
+    bool admit(Connection& connection, const link::Origin& origin);
     static void serveControl(RelayStream& stream);
     void closeAllOf(std::uint32_t relay);
     void removeEnded();
