@@ -67,7 +67,8 @@ class CardService {
     /// Releases every context; readers and cards stay.
     virtual void releaseAll() = 0;
 
-    /// The names of the readers; none is a success too. Context 0 asks without a context.
+    /// The names of the readers; none is a success too. Context 0 asks without a context. All are
+    /// sent: of more than 2048 bytes the library takes none, or of 64 KiB with standard answers.
     virtual Result listReaders(Context context, std::vector<std::string>& names) const = 0;
 
     /// Every reader is a USB one and has the icon of readerIcon(). result::kUnknownReader when
