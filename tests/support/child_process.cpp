@@ -85,6 +85,10 @@ std::string ChildProcess::readRest() {
     return rest;
 }
 
+void ChildProcess::closeOutput() {
+    output_ = UniqueHandle();
+}
+
 void ChildProcess::writeLine(const std::string& line) {
     const std::string text = line + "\n";
     DWORD count = 0;

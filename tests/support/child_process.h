@@ -28,6 +28,8 @@ class ChildProcess {
     std::optional<std::string> readLine();
     /// All that is left of its output; returns when the program has closed it.
     std::string readRest();
+    /// As a program does that has read enough: from now on its writes fail.
+    void closeOutput();
     void writeLine(const std::string& line);
 
     bool isRunning() const;

@@ -77,6 +77,23 @@ TEST_F(ClientTest, FailsWithTheNameOfTheResult) {
     EXPECT_EQ(outputOf("apdu 0 xyz", 2), "");
 }
 
+TEST_F(ClientTest, EndsWhenNobodyTakesItsOutput) {
+    ChildProcess watch("pcsc-client.exe", "watch");
+    waitUntilItWaits(watch);
+    watch.closeOutput();
+    simulator.tell("insert Remote Reader 1");
+    EXPECT_THAT(watch.waitForEnd(kPatience), Optional(1U));
+    ChildProcess jsonWatch("pcsc-client.exe", "watch --json");
+    lineWith(jsonWatch, "watching");
+    jsonWatch.closeOutput();
+    simulator.tell("remove Remote Reader 1");
+    EXPECT_THAT(jsonWatch.waitForEnd(kPatience), Optional(1U));
+    ChildProcess shell("pcsc-client.exe", "shell");
+    shell.closeOutput();
+    shell.writeLine("readers --json\nquit");
+    EXPECT_THAT(shell.waitForEnd(kPatience), Optional(1U));
+}
+
 TEST_F(ClientTest, PrintsAttributesByName) {
     EXPECT_THAT(output("attributes 0 --name SCARD_ATTR_atr_string --name 0x7FFF0005"),
                 AllOf(StartsWith("ATR_STRING 0x00090303"), HasSubstr(kDemoAtrText),

@@ -3,10 +3,14 @@
 #include <iostream>
 #include <string>
 
+#include "failure.h"
+
 namespace tez::client {
 
 void print(std::string_view text) {
-    std::cout << text << std::flush;
+    if (!(std::cout << text << std::flush)) {
+        throw Failure("standard output cannot be written");
+    }
 }
 
 void printLine(std::string_view line) {

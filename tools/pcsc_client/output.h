@@ -4,14 +4,16 @@
 
 namespace tez::client {
 
-/// Writes one line to standard output and flushes it, so that a program which reads it through a
-/// pipe sees each step when it happens.
+// To standard output, flushed at once, so that a program which reads it through a pipe sees each
+// step when it happens. All throw Failure when that cannot be written.
+
+/// Writes one line.
 void printLine(std::string_view line);
 
 /// An indented line "label  value" with all values in one column.
 void printField(std::string_view label, std::string_view value);
 
-/// Writes text as it is and flushes it.
+/// Writes text as it is.
 void print(std::string_view text);
 
 }  // namespace tez::client

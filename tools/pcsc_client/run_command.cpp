@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <memory>
+#include <sstream>
 
 #include "failure.h"
 #include "output.h"
@@ -38,8 +39,30 @@ Outcome fail(Report& report, std::ostream& errors, const Failure& failure) {
     if (!report.isJson() && *failure.what() != '\0') {
         errors << "error: " << failure.what() << std::endl;
     }
-    report.finish(false, &failure);
+    try {
+        report.finish(false, &failure);
+    } catch (const Failure& unwritten) {
+        errors << "error: " << unwritten.what() << std::endl;
+    }
     return Outcome::kFailed;
+}
+
+/// Lets the app parse the words, the last one first, which runs the command. Throws what the
+/// command throws, and Failure when its result or its help cannot be written.
+Outcome parse(CLI::App& app, std::vector<std::string> words, Report& report, std::ostream& errors) {
+    try {
+        app.parse(std::move(words));
+    } catch (const CLI::ParseError& error) {
+        std::ostringstream help;
+        if (app.exit(error, help, errors) == 0) {
+            print(help.str());
+            return Outcome::kDone;
+        }
+        errors << std::flush;
+        return Outcome::kUsageError;
+    }
+    report.finish(true);
+    return Outcome::kDone;
 }
 
 }  // namespace
@@ -59,14 +82,7 @@ Outcome runCommand(CLI::App& app, std::vector<std::string> words, Report& report
     }
     std::reverse(words.begin(), words.end());  // the order that the parser takes them in
     try {
-        app.parse(std::move(words));
-        report.finish(true);
-        return Outcome::kDone;
-    } catch (const CLI::ParseError& error) {
-        const bool isHelp = app.exit(error, std::cout, errors) == 0;
-        std::cout << std::flush;
-        errors << std::flush;
-        return isHelp ? Outcome::kDone : Outcome::kUsageError;
+        return parse(app, std::move(words), report, errors);
     } catch (const Failure& failure) {
         return fail(report, errors, failure);
     } catch (const std::exception& error) {
