@@ -48,10 +48,11 @@ class ClientFixture : public testing::Test {
     /// What commands print that share one process, whose exit code tells whether one has failed.
     static std::string shellOutput(const std::vector<std::string>& commands, DWORD exitCode) {
         ChildProcess client("pcsc-client.exe", "shell");
+        std::string lines;
         for (const std::string& command : commands) {
-            client.writeLine(command);
+            lines += command + "\n";
         }
-        client.writeLine("quit");
+        client.writeLine(lines + "quit");  // in one piece: the shell may end before the last one
         std::string text = client.readRest();
         EXPECT_THAT(client.waitForEnd(kPatience), testing::Optional(exitCode)) << text;
         return text;

@@ -12,7 +12,7 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::Optional;
 
-TEST_F(ClientTest, GoesOnInTheShellAfterAnyError) {
+TEST_F(ClientTest, GoesOnInTheShellAfterAFailure) {
     // Bytes that are not UTF-8 name no file.
     EXPECT_THAT(shellOutput({"icon 0 --file \"\xFF.ico\"", "readers"}, 1),
                 AllOf(HasSubstr("error: "), HasSubstr("[0] Remote Reader 0")));
@@ -26,8 +26,17 @@ TEST_F(ClientTest, TakesCommentsAndQuotesInTheShell) {
     EXPECT_THAT(text, AllOf(Not(HasSubstr("group ")), HasSubstr("no card"),
                             HasSubstr("no card types"), Not(HasSubstr("unknown command")),
                             HasSubstr("SCardGetCardTypeProviderName: ")));
-    EXPECT_THAT(shellOutput({"status \"Remote Reader 1", "readers"}, 1),
-                AllOf(HasSubstr("error: the quotes are not closed"), HasSubstr("[0] ")));
+    EXPECT_THAT(shellOutput({"status \"Remote Reader 1"}, 1),
+                HasSubstr("error: the quotes are not closed"));
+}
+
+TEST_F(ClientTest, EndsTheShellAtAUsageErrorWhoseNextLineMayBeAPin) {
+    for (const char* line : {"verify", "verfy 0", "verify \"0", "verify 0 --aid XYZ",
+                             "verify 0 --reference 999", "verify 0 --no-such-option"}) {
+        EXPECT_THAT(shellOutput({line, "1234"}, 1),
+                    AllOf(HasSubstr("the shell ends here"), Not(HasSubstr("1234"))))
+            << line;
+    }
 }
 
 TEST_F(ClientTest, EndsTheShellWithEitherWord) {

@@ -39,11 +39,12 @@ TEST_F(ClientTest, TellsThatThereIsNoReaderOfANumber) {
 }
 
 TEST_F(ClientTest, SuggestsACommandForAMistypedOne) {
-    EXPECT_THAT(shellOutput({"reders", "stat", "xyzzy", "help atributes"}, 1),
-                AllOf(HasSubstr("unknown command: reders; did you mean readers?"),
-                      HasSubstr("unknown command: stat; did you mean status?"),
-                      HasSubstr("unknown command: xyzzy\r\n"),
-                      HasSubstr("error: unknown command: atributes; did you mean attributes?")));
+    EXPECT_THAT(shellOutput({"reders"}, 1),
+                HasSubstr("unknown command: reders; did you mean readers?"));
+    EXPECT_THAT(shellOutput({"help atributes", "stat"}, 1),
+                AllOf(HasSubstr("error: unknown command: atributes; did you mean attributes?"),
+                      HasSubstr("unknown command: stat; did you mean status?")));
+    EXPECT_THAT(shellOutput({"xyzzy"}, 1), HasSubstr("unknown command: xyzzy\r\n"));
     EXPECT_EQ(outputOf("reders", 2), "");
 }
 

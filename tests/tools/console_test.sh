@@ -64,6 +64,8 @@ close_console
 
 open_console shell
 await 'pcsc>'
+type_line wacht
+await 'unknown command: wacht'
 type_line 'watch Gerät'
 await 'there is no reader Gerät; --wait'
 type_line exit

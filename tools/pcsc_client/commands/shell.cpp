@@ -13,8 +13,7 @@ namespace {
 
 constexpr const char* kPrompt = "pcsc> ";
 
-/// @return whether the line did all that it says.
-bool runLine(Client& client, const std::vector<std::string>& words, bool& quit) {
+Outcome runLine(Client& client, const std::vector<std::string>& words, bool& quit) {
     CLI::App app(
         "Each line is one command; words with spaces stand in double quotes, # begins a comment.");
     app.name("");
@@ -29,20 +28,21 @@ bool runLine(Client& client, const std::vector<std::string>& words, bool& quit) 
     for (const char* name : {"quit", "exit"}) {
         app.add_subcommand(name, "End the shell")->callback([&quit] { quit = true; });
     }
-    return runCommand(app, words, client.report, std::cout) == Outcome::kDone;
+    return runCommand(app, words, client.report, std::cout);
 }
 
-bool runLine(Client& client, const std::string& line, bool& quit) {
+Outcome runLine(Client& client, const std::string& line, bool& quit) {
     try {
         const std::vector<std::string> words = splitWords(line);
-        return words.empty() || runLine(client, words, quit);
+        return words.empty() ? Outcome::kDone : runLine(client, words, quit);
     } catch (const Failure& failure) {
         printLine(std::string("error: ") + failure.what());
-        return false;
+        return Outcome::kUsageError;
     }
 }
 
-/// Runs the lines of standard input up to its end or "quit".
+/// Runs the lines of standard input up to its end or "quit", and, unless they are typed, up to a
+/// usage error: a PIN that its command would have read would be shown as the next line.
 /// @return whether all of them did what they say.
 bool runShell(Client& client) {
     // A line that is typed stands on the screen already; one that comes from elsewhere is shown.
@@ -60,7 +60,12 @@ bool runShell(Client& client) {
         if (!isTyped) {
             printLine(kPrompt + line);
         }
-        succeeded = runLine(client, line, quit) && succeeded;
+        const Outcome outcome = runLine(client, line, quit);
+        succeeded = succeeded && outcome == Outcome::kDone;
+        if (!isTyped && outcome == Outcome::kUsageError) {
+            printLine("the shell ends here: the next line may be what this one was to read");
+            break;
+        }
     }
     return succeeded;
 }
