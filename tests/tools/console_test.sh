@@ -77,3 +77,11 @@ type_line 739146
 await 'command'
 [[ $(drawn | tr -d ' \n') != *739* ]] || fail 'the PIN is drawn'
 close_console
+
+# Asks where a person sees it, and gives a file the object alone.
+open_console verify 0 --json ">'$work/object'"
+await 'PIN:'
+type_line 739146
+comes_about test -s "$work/object" || fail 'no object is written'
+[[ $(<"$work/object") == '{'* ]] || fail "not only an object: $(<"$work/object")"
+close_console

@@ -146,7 +146,7 @@ bool readHiddenLine(std::string& line) {
         line.pop_back();
     }
     if (isInputTyped()) {
-        std::cout << std::endl;  // the one that was typed was hidden, too
+        std::cerr << std::endl;  // the one that was typed was hidden, too
     }
     return true;
 }

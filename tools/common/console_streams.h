@@ -12,7 +12,8 @@ void useConsoleStreams();
 /// Whether a person types what std::cin gives.
 bool isInputTyped();
 
-/// The next line of std::cin, which is not shown while it is typed. False at the end of the input.
+/// The next line of std::cin, which is not shown while it is typed; only the end of the line is, on
+/// std::cerr. False at the end of the input.
 bool readHiddenLine(std::string& line);
 
 }  // namespace tez::tools

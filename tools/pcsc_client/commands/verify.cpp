@@ -1,3 +1,4 @@
+#include <iostream>
 #include <memory>
 
 #include "commands/commands.h"
@@ -5,7 +6,6 @@
 #include "exchange.h"
 #include "failure.h"
 #include "hex_option.h"
-#include "output.h"
 
 namespace tez::client {
 namespace {
@@ -19,7 +19,7 @@ struct VerifyOptions {
 /// The command line would show it to every process of the host, so it is asked for.
 std::string readPin() {
     if (tools::isInputTyped()) {
-        print("PIN: ");
+        std::cerr << "PIN: " << std::flush;  // standard output may be a file for the result alone
     }
     std::string pin;
     if (!tools::readHiddenLine(pin) || pin.empty()) {
