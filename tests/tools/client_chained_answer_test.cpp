@@ -21,8 +21,16 @@ Bytes getResponse(std::uint8_t length) {
     return {0x00, 0xC0, 0x00, 0x00, length};
 }
 
-Bytes readBinary(std::uint8_t length) {
-    return {0x00, 0xB0, 0x00, 0x00, length};
+Bytes readBinary(unsigned offset, std::uint8_t length) {
+    return {0x00, 0xB0, static_cast<std::uint8_t>(offset >> 8U), static_cast<std::uint8_t>(offset),
+            length};
+}
+
+/// So many bytes of a file, and success.
+Bytes filePart(std::size_t size) {
+    Bytes answer(size, 0x5A);
+    answer.insert(answer.end(), {0x90, 0x00});
+    return answer;
 }
 
 class ClientAndAnswersInParts : public ClientWithOwnDaemon {
@@ -63,13 +71,35 @@ TEST_F(ClientAndAnswersInParts, FetchesWhatTheCardHasReady) {
 TEST_F(ClientAndAnswersInParts, AsksAnewWithTheLengthThatTheCardNamesButOnce) {
     answerWith({{0x6C, 0x05}});
     EXPECT_THAT(outputOf(onCard("read"), 1), HasSubstr("6C05"));
-    EXPECT_THAT(commands(), ElementsAre(readBinary(0), readBinary(5)));
+    EXPECT_THAT(commands(), ElementsAre(readBinary(0, 0), readBinary(0, 5)));
 }
 
 TEST_F(ClientAndAnswersInParts, EndsWithACardThatPromisesMoreAndGivesNothing) {
     answerWith({{0x61, 0x10}});
-    EXPECT_THAT(output(onCard("select", kApplication)), HasSubstr("6110"));
+    EXPECT_THAT(outputOf(onCard("select --json", kApplication), 1),
+                HasSubstr("gives nothing of what it has ready"));
     EXPECT_THAT(commands(), ElementsAre(kSelectCommand, getResponse(0x10)));
+}
+
+TEST_F(ClientAndAnswersInParts, ReadsOnBehindAPartThatIsShorterThanAskedFor) {
+    answerWith({filePart(128), filePart(128), filePart(44), {0x6B, 0x00}});
+    const std::string text = output(onCard("read"));
+    EXPECT_THAT(commands(), ElementsAre(readBinary(0, 0), readBinary(128, 0), readBinary(256, 0),
+                                        readBinary(300, 0)));
+    EXPECT_THAT(text, HasSubstr("6B00"));
+}
+
+TEST_F(ClientAndAnswersInParts, ReadsTheLengthThatIsWantedWhateverPartsItComesIn) {
+    answerWith({filePart(128), filePart(128), filePart(44)});
+    output(onCard("read", "--length 300"));
+    EXPECT_THAT(commands(),
+                ElementsAre(readBinary(0, 0), readBinary(128, 172), readBinary(256, 44)));
+}
+
+TEST_F(ClientAndAnswersInParts, TakesAnEmptyAnswerForTheEndOfAFile) {
+    answerWith({filePart(128), filePart(0)});
+    output(onCard("read"));
+    EXPECT_THAT(commands(), ElementsAre(readBinary(0, 0), readBinary(128, 0)));
 }
 
 TEST_F(ClientAndAnswersInParts, EndsWithACardThatNeverComesToAnEnd) {

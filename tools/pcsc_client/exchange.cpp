@@ -50,14 +50,15 @@ ResponseApdu sendCommand(Report& report, const Card& card, const CommandApdu& co
         repeated.expected = lengthIn(response.status);
         response = sendBytes(report, card, repeated.encode(card.protocol()), show);
     }
-    // A card that promises more but gives nothing ends this, too.
-    for (bool gotMore = true; gotMore && response.status >> 8U == 0x61;) {
+    while (response.status >> 8U == 0x61) {
         const CommandApdu getResponse = {
             .cla = command.cla, .ins = 0xC0, .data = {}, .expected = lengthIn(response.status)};
         const ResponseApdu more = sendBytes(report, card, getResponse.encode(card.protocol()));
-        gotMore = !more.data.empty();
         response.data.insert(response.data.end(), more.data.begin(), more.data.end());
         response.status = more.status;
+        if (more.data.empty() && more.status >> 8U == 0x61) {
+            throw Failure("the card gives nothing of what it has ready");
+        }
         if (response.data.size() > kLongestChain) {
             throw Failure("the card has more to fetch than any command's answer can hold");
         }

@@ -16,7 +16,8 @@ enum class Show : std::uint8_t {
 ResponseApdu sendBytes(Report& report, const Card& card, ByteView command, Show show = Show::kAll);
 
 /// Sends a command and reports each step; fetches what the card has ready (61xx) and repeats with
-/// the length that the card names (6Cxx). Throws Failure when the card has more ready than 64 KB.
+/// the length that the card names (6Cxx). Throws Failure when the card has more ready than 64 KB,
+/// or gives nothing of what it has ready.
 ResponseApdu sendCommand(Report& report, const Card& card, const CommandApdu& command,
                          Show show = Show::kAll);
 

@@ -19,7 +19,8 @@ struct ReadOptions {
     unsigned length = 0;
 };
 
-/// Reads the current file up to its end, or `length` bytes when that is not 0.
+/// Reads the current file up to its end, or `length` bytes when that is not 0. A card may give less
+/// than it is asked for at any time; its file ends where it says so or gives nothing.
 Bytes readFile(Report& report, const Card& card, unsigned length) {
     const unsigned wanted = length == 0 ? kAddressableSize : length;
     Bytes content;
@@ -29,7 +30,7 @@ Bytes readFile(Report& report, const Card& card, unsigned length) {
         const unsigned part = std::min(kLongestRead, wanted - offset);
         const ResponseApdu response = sendCommand(report, card, readBinary(offset, part));
         const bool behindEnd = response.status == kWrongOffset && offset > 0;
-        atEnd = behindEnd || response.status == kEndOfFile || response.data.size() < part;
+        atEnd = behindEnd || response.status == kEndOfFile || response.data.empty();
         if (!isNormal(response.status) && response.status != kEndOfFile && !behindEnd) {
             throw Failure();
         }
