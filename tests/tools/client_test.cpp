@@ -3,7 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "client_fixture.h"
+#include "client_with_own_daemon.h"
+#include "daemon_records.h"
 
 namespace tez::test {
 namespace {
@@ -30,6 +31,20 @@ TEST_F(ClientTest, TellsOfAReaderThatBothSidesHave) {
     simulator.waitFor("reader added: Host Reader 0");
     EXPECT_THAT(output("readers"), AllOf(HasSubstr("[2] Host Reader 0  (both)"),
                                          HasSubstr("[3] Host Reader 0  (both)")));
+}
+
+TEST_F(ClientWithOwnDaemon, TellsTheSidesOfAllReadersThatTheLibraryLists) {
+    setEnvironment("TEZ_PCSC_STANDARD_CALLS", "1");
+    Bytes names;
+    for (int reader = 100; reader < 300; ++reader) {
+        const std::string name = "Remote Reader " + std::to_string(reader);
+        names.insert(names.end(), name.begin(), name.end());
+        names.push_back(0);
+    }
+    names.push_back(0);
+    daemon.on(Command::kListReaders, answering<ListLayout>(names));
+    EXPECT_THAT(output("readers"), AllOf(HasSubstr("[0] Remote Reader 100  (remote)"),
+                                         HasSubstr("[199] Remote Reader 299  (remote)")));
 }
 
 TEST_F(ClientTest, TellsThatThereIsNoReaderOfANumber) {

@@ -9,7 +9,8 @@ namespace {
 
 constexpr const wchar_t* kPipeName = LR"(\\.\pipe\tez-pcscd-0)";
 constexpr std::uint32_t kListReaders = 3;
-constexpr std::uint32_t kLongestList = 2048;  ///< bytes that the daemon may send
+/// Bytes of names: what the library takes with standard answers, which is more than without.
+constexpr std::uint32_t kLongestList = 64 * 1024;
 
 struct Closer {
     void operator()(HANDLE handle) const { CloseHandle(handle); }
