@@ -59,6 +59,13 @@ TEST_F(ClientJsonTest, TellsOfAFailureInTheObject) {
               json::parse(R"({"text": "there is no reader 7, they are 0 to 2"})"));
 }
 
+TEST_F(ClientJsonTest, TellsOfAContextThatCannotBeReleased) {
+    setEnvironment("TEZ_STAND_IN_NO_RELEASE", "1");
+    const json readers = object("readers", 1);
+    EXPECT_EQ(readers.at("readers").size(), 3U);
+    EXPECT_EQ(readers.at("error").at("call"), "SCardReleaseContext");
+}
+
 TEST_F(ClientJsonTest, TellsTheExchangesWithACard) {
     EXPECT_EQ(object("apdu 0 00A4040008F054455A44454D4F 00A4040001FF", 1),
               json::parse(R"({"exchanges": [

@@ -2,26 +2,10 @@
 
 #include "commands/commands.h"
 #include "console_streams.h"
-#include "failure.h"
 #include "run_command.h"
 #include "utf8.h"
 
 using namespace tez::client;
-
-namespace {
-
-/// Ends the session; a failure there makes the whole run one.
-Outcome closeSession(Session& session, Outcome outcome) {
-    try {
-        session.close();
-        return outcome;
-    } catch (const Failure& failure) {
-        std::cerr << "error: " << failure.what() << '\n';
-        return outcome == Outcome::kDone ? Outcome::kFailed : outcome;
-    }
-}
-
-}  // namespace
 
 int wmain(int argc, wchar_t** argv) {
     tez::tools::useConsoleStreams();
@@ -37,7 +21,8 @@ int wmain(int argc, wchar_t** argv) {
     }
     addShell(app, client);
     addHelp(app);
-    const Outcome outcome =
-        runCommand(app, tez::tools::utf8Arguments(argc, argv), client.report, std::cerr);
-    return static_cast<int>(closeSession(client.session, outcome));
+    // Behind the command and before its result is told, which a failure here makes one, too.
+    app.callback([&client] { client.session.close(); });
+    return static_cast<int>(
+        runCommand(app, tez::tools::utf8Arguments(argc, argv), client.report, std::cerr));
 }

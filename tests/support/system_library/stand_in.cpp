@@ -13,8 +13,14 @@
 namespace tez::test {
 namespace {
 
+class StoppedService : public HostService {
+  public:
+    LONG SCardReleaseContext(SCARDCONTEXT /*context*/) override { return SCARD_E_SERVICE_STOPPED; }
+};
+
 HostService* makeOwnService() {
-    auto* const service = new HostService;
+    const bool releases = GetEnvironmentVariableA(kNoReleaseVariable, nullptr, 0) == 0;
+    auto* const service = releases ? new HostService : new StoppedService;
     char path[MAX_PATH] = {};
     const DWORD length = GetEnvironmentVariableA(kCardFileVariable, path, sizeof path);
     if (length > 0 && length < sizeof path) {

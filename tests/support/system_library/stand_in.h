@@ -12,6 +12,10 @@ namespace tez::test {
 /// process that has loaded the stand-in. Read with the first call; without it, the card stays in.
 inline constexpr const char* kCardFileVariable = "TEZ_STAND_IN_CARD_FILE";
 
+/// The environment variable that, when it is set, lets the stand-in's own service fail to release
+/// contexts, as one does that has stopped meanwhile.
+inline constexpr const char* kNoReleaseVariable = "TEZ_STAND_IN_NO_RELEASE";
+
 /// Auto-allocated buffers of the stand-in's own service.
 struct StandInCounters {
     std::size_t outstanding;   ///< handed out and not freed yet
