@@ -45,6 +45,8 @@ TEST(ClientExplainTest, TakesAnAtrApart) {
     EXPECT_THAT(explained("3B9611"), HasSubstr("mistake   ends too early"));
     EXPECT_THAT(explained("3B0000"), HasSubstr("mistake   bytes too many: 1"));
     EXPECT_THAT(explained("3B8001FF"), HasSubstr("check     wrong sum"));
+    EXPECT_THAT(explained("3B808E010F"), HasSubstr("protocols T=14, T=1\r\n"));
+    EXPECT_THAT(explained("3B80810100"), HasSubstr("protocols T=1\r\n"));
     EXPECT_THAT(explained("3B90188080"), HasSubstr("31 clock cycles a bit"));
     EXPECT_THAT(explained("3B8F8001804F0CA000000306030001000000006A"),
                 HasSubstr("storage card without contacts, number 0001"));

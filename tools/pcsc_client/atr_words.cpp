@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <set>
 
 #include "hex.h"
 
@@ -121,15 +122,12 @@ Atr parse(ByteView bytes) {
 }
 
 std::string protocolsOf(const Atr& atr) {
-    if (atr.protocols.empty()) {
-        return "T=0";
-    }
+    constexpr unsigned kAllProtocols = 15;  // stands for interface bytes that are about all of them
     std::string text;
+    std::set<unsigned> named = {kAllProtocols};
     for (const unsigned protocol : atr.protocols) {
-        const std::string name = protocol == 15 ? "" : "T=" + std::to_string(protocol);
-        // T=15 stands for interface bytes that are about all protocols.
-        if (!name.empty() && text.find(name) == std::string::npos) {
-            text.append(text.empty() ? "" : ", ").append(name);
+        if (named.insert(protocol).second) {
+            text.append(text.empty() ? "T=" : ", T=").append(std::to_string(protocol));
         }
     }
     return text.empty() ? "T=0" : text;
