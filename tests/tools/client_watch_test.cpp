@@ -2,8 +2,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "client_fixture.h"
+#include "client_with_own_daemon.h"
+#include "daemon_records.h"
 #include "log_reader.h"
+#include "reader_states.h"
 
 namespace tez::test {
 namespace {
@@ -146,6 +148,21 @@ TEST_P(WatchTest, RestsWhileANamedReaderIsMissing) {
     EXPECT_GT(calls, 0U);
     // By default it looks four times in that second, with a few calls each time.
     EXPECT_LT(calls, GetParam() ? 20U : 60U);
+}
+
+TEST_F(ClientWithOwnDaemon, RestsWhileItListsAReaderThatItsWaitsDoNotKnow) {
+    daemon.on(Command::kGetStatusChange, [](const Request& request) -> std::optional<Reply> {
+        std::vector<AnswerField> fields = {{StatusChangeLayout::kResult, 0}};
+        for (std::size_t entry = StatusChangeLayout::kSize; entry < request.body.size();
+             entry += ReaderStateLayout::kSize) {
+            fields.push_back({entry + ReaderStateLayout::kEvent, kGone});
+        }
+        return Reply::of(answerBlocks(request, request.body.size(), fields));
+    });
+    output("watch \"" + std::string(kReader) + "\" --timeout 1");
+    // It looks four times in that second.
+    EXPECT_GT(daemon.requests(Command::kGetStatusChange).size(), 1U);
+    EXPECT_LT(daemon.requests(Command::kGetStatusChange).size(), 20U);
 }
 
 TEST_F(ClientTest, TellsHowManyReadersCanBeWatched) {

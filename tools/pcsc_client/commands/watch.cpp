@@ -16,6 +16,8 @@ namespace {
 /// Stands for the list of readers itself: its state changes when a reader comes or goes.
 constexpr const char* kReaderList = R"(\\?PnP?\Notification)";
 
+constexpr DWORD kLongestStep = 250;  ///< milliseconds between looks at the list of readers
+
 struct WatchOptions {
     std::vector<std::string> readers;
     unsigned changes = 0;
@@ -71,7 +73,6 @@ class Watch {
     /// time is over, and none ends when a reader comes that the user has named: so there are short
     /// ones then, and the list is looked at behind each.
     DWORD step(const Deadline& deadline) const {
-        constexpr DWORD kLongestStep = 250;
         const bool lacksReaders = !watchesAll_ && readers_.size() < names_.size();
         const bool isShort = !isToldAll_ && (deadline.isLimited() || lacksReaders);
         return isShort ? std::min(deadline.remaining(), kLongestStep) : deadline.remaining();
@@ -113,7 +114,15 @@ class Watch {
             }
         }
         // A wait that returns without a change was for a side that has gone.
-        return isOver || listChanged || changes == 0 ? changes + followList() : changes;
+        if (isOver || listChanged || changes == 0) {
+            changes += followList();
+        }
+        // The next wait may return at once, too: a daemon can list a reader that its waits do not
+        // know.
+        if (!isOver && changes == 0 && readers_.size() == states.size()) {
+            Sleep(std::min(timeout, kLongestStep));
+        }
+        return changes;
     }
 
   private:
