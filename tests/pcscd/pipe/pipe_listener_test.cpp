@@ -9,6 +9,8 @@
 #include <string>
 #include <thread>
 
+#include "handle_mark.h"
+
 namespace tez::pcscd {
 namespace {
 
@@ -87,8 +89,6 @@ TEST_F(PipeListenerTest, LosesNoneButTheClientThatCannotBeServed) {
 TEST_F(PipeListenerTest, KeepsNoThreadOfAClientThatIsGone) {
     PipeListener listener(settings_, echo);
     listener.start();
-    // The number of the next handle: they are given out from the lowest that is free.
-    const auto nextHandle = [] { return reinterpret_cast<std::uintptr_t>(makeEvent().get()); };
     const auto serveSome = [&] {
         for (int i = 0; i < 100; ++i) {
             ASSERT_TRUE(isEchoed(connect()));
@@ -98,9 +98,9 @@ TEST_F(PipeListenerTest, KeepsNoThreadOfAClientThatIsGone) {
         }
     };
     serveSome();
-    const std::uintptr_t before = nextHandle();
+    const std::uintptr_t before = test::handleMark();
     serveSome();
-    EXPECT_LT(nextHandle(), before + std::uintptr_t{4} * 50);
+    EXPECT_LT(test::handleMark(), before + test::kHandleStep * 50);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <tlhelp32.h>
 
+#include "handle_mark.h"
 #include "latch.h"
 #include "relay_fixture.h"
 
@@ -17,12 +18,6 @@ using testing::IsEmpty;
 namespace {
 
 class RelayCut : public RelayTest {};
-
-/// The number of the next handle: they are given out from the lowest that is free.
-std::uintptr_t nextHandle() {
-    const pcscd::UniqueHandle probe = pcscd::makeEvent();
-    return reinterpret_cast<std::uintptr_t>(probe.get());
-}
 
 int countThreads() {
     const pcscd::UniqueHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
@@ -110,23 +105,25 @@ TEST_F(RelayCut, AndManyClientsLeaveNothingBehind) {
     serveSome(20);
     agent_.stop();
     ASSERT_TRUE(pipeGoes());
-    const std::uintptr_t handles = nextHandle();
+    const std::uintptr_t handles = test::handleMark();
     const int threads = countThreads();
 
     agent_.start();
     ASSERT_TRUE(pipeComes());
     serveSome(20);
-    const std::uintptr_t handlesOfAServingRelay = nextHandle();
+    const std::uintptr_t handlesOfAServingRelay = test::handleMark();
     constexpr std::size_t kClients = 400;
     serveSome(kClients);
-    // While it serves, too: a handle's number is a multiple of 4, and the agent keeps a socket and
-    // a thread for each stream that there was.
-    EXPECT_LT(nextHandle() - handlesOfAServingRelay, 4 * kClients * 5 / 2);
+    // While it serves, too: the agent keeps a socket and a thread for each stream that there was.
+    EXPECT_TRUE(test::comesTrue([&] {
+        return test::handleMark() < handlesOfAServingRelay + test::kHandleStep * kClients * 5 / 2;
+    }));
 
     agent_.stop();
     ASSERT_TRUE(pipeGoes());
     EXPECT_TRUE(test::comesTrue([&] { return countThreads() <= threads; }));
     // What the moment holds, such as a try to reach the agent, is a few; of the clients one each
     // would be hundreds.
-    EXPECT_LE(nextHandle(), handles + std::uintptr_t{4} * 10);
+    EXPECT_TRUE(
+        test::comesTrue([&] { return test::handleMark() <= handles + test::kHandleStep * 40; }));
 }
