@@ -21,6 +21,7 @@
 #include "link/hello.h"
 #include "link_client.h"
 #include "packed_record.h"
+#include "patience.h"
 #include "simulated/virtual_card.h"
 #include "wire/attribute_records.h"
 
@@ -31,6 +32,7 @@ using namespace std::chrono_literals;
 using pcscd::Bytes;
 using pcscd::multiString;
 using test::copyOf;
+using test::eventually;
 using test::resultOf;
 using testing::ElementsAre;
 using testing::HasSubstr;

@@ -2,6 +2,7 @@
 
 #include <winscard.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -11,9 +12,12 @@
 #include <thread>
 
 #include "agent/service_context.h"
+#include "patience.h"
 
 namespace tez::agent {
 namespace {
+
+using test::eventually;
 
 void require(bool condition, const std::string& what) {
     if (!condition) {
@@ -30,17 +34,6 @@ bool firstReaderHas(DWORD state) {
 }
 
 }  // namespace
-
-bool eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + kMachinePatience;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
 
 std::filesystem::path freshFolder() {
     const std::string placeholder(6, 'X');  // mkdtemp puts something else there

@@ -1,9 +1,7 @@
 #pragma once
 
-#include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,10 +12,6 @@ namespace tez::agent {
 
 inline constexpr const char* kFirstReader = "Virtual PCD 00 00";
 inline constexpr const char* kSecondReader = "Virtual PCD 00 01";
-inline constexpr std::chrono::seconds kMachinePatience{20};
-
-/// Waits until the condition holds. False when it does not in time.
-bool eventually(const std::function<bool()>& condition);
 
 /// The machine that the cards are on: a PC/SC service with two virtual readers, cards for them, and
 /// the agent program, all as processes of their own with their files in a fresh folder.

@@ -21,6 +21,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::copyOf;
+using test::eventually;
 using test::kPatience;
 using test::resultOf;
 using testing::ElementsAre;
@@ -65,18 +66,6 @@ class DaemonTest : public testing::Test {
                                                           std::uint32_t count) {
         return client.call(CMD_GET_STATUS_CHANGE, StatusChangeRecord{context, 0, count, 0},
                            Bytes(count * sizeof(ReaderStateRecord)));
-    }
-
-    template <typename Condition>
-    static bool eventually(Condition condition) {
-        const auto deadline = Clock::now() + kPatience;
-        while (!condition()) {
-            if (Clock::now() > deadline) {
-                return false;
-            }
-            std::this_thread::sleep_for(1ms);
-        }
-        return true;
     }
 
     /// How long the end of a connection takes: the shortest of three times, as a busy machine may

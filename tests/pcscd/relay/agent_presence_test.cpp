@@ -111,7 +111,7 @@ TEST_F(AgentPresence, LastsThroughManyHeartbeats) {
     });
     startBoth();
     const PipeClient client = connect();
-    ASSERT_TRUE(test::comesTrue([&] { return beats > 100; }));
+    ASSERT_TRUE(test::eventually([&] { return beats > 100; }));
     EXPECT_EQ(client.exchange(bytesOf("hello")), bytesOf("hello"));
     EXPECT_EQ(logText().find("gone"), std::string::npos);
 }

@@ -109,7 +109,7 @@ TEST_F(Chain, TakesTheReadersAlongWhenTheTunnelIsCut) {
     agent_.start();
     ASSERT_TRUE(pipeComes());
     // The library looks for the daemon five times a second.
-    EXPECT_TRUE(test::comesTrue([&] {
+    EXPECT_TRUE(test::eventually([&] {
         client.writeLine("readers");
         client.writeLine("explain 0x80100017");
         // All that was written is read: with its pipe full the client would stand still.
@@ -129,5 +129,5 @@ TEST_F(Chain, GivesBackWhatAVanishedProgramHeld) {
     ASSERT_THAT(readLineWith(holder, "connected to"), HasSubstr(kReader));
     EXPECT_FALSE(succeeds(named("select") + " " + kApplication));
     holder.kill();
-    EXPECT_TRUE(test::comesTrue([&] { return succeeds(named("select") + " " + kApplication); }));
+    EXPECT_TRUE(test::eventually([&] { return succeeds(named("select") + " " + kApplication); }));
 }

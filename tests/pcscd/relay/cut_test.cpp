@@ -82,12 +82,12 @@ TEST_F(RelayCut, HundredTimesUnderLoadIsSurvived) {
     }
     for (int cut = 0; cut < 100; ++cut) {
         const int before = right;
-        ASSERT_TRUE(test::comesTrue([&] { return right > before; }));
+        ASSERT_TRUE(test::eventually([&] { return right > before; }));
         agent_.stop();
         agent_.start();
     }
     const int before = right;
-    EXPECT_TRUE(test::comesTrue([&] { return right > before; }));
+    EXPECT_TRUE(test::eventually([&] { return right > before; }));
     enough = true;
     for (std::thread& thread : load) {
         thread.join();
@@ -115,15 +115,15 @@ TEST_F(RelayCut, AndManyClientsLeaveNothingBehind) {
     constexpr std::size_t kClients = 400;
     serveSome(kClients);
     // While it serves, too: the agent keeps a socket and a thread for each stream that there was.
-    EXPECT_TRUE(test::comesTrue([&] {
+    EXPECT_TRUE(test::eventually([&] {
         return test::handleMark() < handlesOfAServingRelay + test::kHandleStep * kClients * 5 / 2;
     }));
 
     agent_.stop();
     ASSERT_TRUE(pipeGoes());
-    EXPECT_TRUE(test::comesTrue([&] { return countThreads() <= threads; }));
+    EXPECT_TRUE(test::eventually([&] { return countThreads() <= threads; }));
     // What the moment holds, such as a try to reach the agent, is a few; of the clients one each
     // would be hundreds.
     EXPECT_TRUE(
-        test::comesTrue([&] { return test::handleMark() <= handles + test::kHandleStep * 40; }));
+        test::eventually([&] { return test::handleMark() <= handles + test::kHandleStep * 40; }));
 }

@@ -55,16 +55,6 @@ Bytes PipeClient::exchange(std::span<const std::uint8_t> bytes) const {
     return write(bytes) ? readOnce(bytes.size()) : Bytes();
 }
 
-bool comesTrue(const std::function<bool()>& condition) {
-    for (int patience = 6000; patience > 0; --patience) {
-        if (condition()) {
-            return true;
-        }
-        Sleep(5);
-    }
-    return false;
-}
-
 RelayTest::RelayTest() : RelayTest(R"(\\.\pipe\)" + uniqueName()) {}
 
 RelayTest::RelayTest(std::string pipe)

@@ -2,7 +2,6 @@
 
 #include <winsock2.h>
 
-#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <optional>
@@ -11,6 +10,7 @@
 #include <utility>
 
 #include "fake_agent.h"
+#include "patience.h"
 #include "relay/relay.h"
 
 namespace tez::test {
@@ -36,9 +36,6 @@ class PipeClient {
     pcscd::UniqueHandle pipe_;
 };
 
-/// Whether a condition comes true; asked again and again, as nothing tells.
-bool comesTrue(const std::function<bool()>& condition);
-
 /// A relay in this process between a pipe of the test's own and a fake agent.
 class RelayTest : public testing::Test {
   public:
@@ -60,15 +57,15 @@ class RelayTest : public testing::Test {
     PipeClient connect() const { return PipeClient(pipe_); }
     bool pipeExists() const;
     bool pipeComes() const {
-        return comesTrue([this] { return pipeExists(); });
+        return eventually([this] { return pipeExists(); });
     }
     bool pipeGoes() const {
-        return comesTrue([this] { return !pipeExists(); });
+        return eventually([this] { return !pipeExists(); });
     }
     /// All lines that the relay has written.
     std::string logText() const;
     bool logComesToHave(const std::string& text) const {
-        return comesTrue([&] { return logText().find(text) != std::string::npos; });
+        return eventually([&] { return logText().find(text) != std::string::npos; });
     }
 
     const relay::Winsock winsock_;

@@ -22,7 +22,7 @@ class SlowPeer : public RelayTest {
 /// Whether a number stands still for some time, which tells that nothing moves it.
 bool comesToRest(const std::atomic<std::size_t>& number) {
     std::size_t seen = 0;
-    return test::comesTrue([&] {
+    return test::eventually([&] {
         Sleep(100);
         return std::exchange(seen, number.load()) == number && number > 0;
     });
