@@ -130,7 +130,8 @@ AgentStream::AgentStream(const Peer& peer, const link::Origin& origin, HANDLE in
     if (!write(link::encodeRelayHello(peer.token, origin), {interrupt}) ||
         !readAll(answer, interrupt, peer.helloLimit)) {
         throw std::runtime_error(
-            "no answer: the agent does not run, or has another token (its log tells)");
+            "no answer: the agent does not run, has another token or too many connections (its log "
+            "tells)");
     }
     const char* const complaint = complaintAbout(link::decodeAgentHello(answer, peer.token));
     if (complaint != nullptr) {

@@ -15,15 +15,19 @@ void Log::appendTo(const std::string& utf8Path) {
     }
 }
 
-void Log::write(const char* rank, const std::string& text) {
+void Log::write(const std::string& text, Repetition repetition) {
+    const std::scoped_lock lock(mutex_);
+    if (repetition == Repetition::leftOut && text == last_) {
+        return;
+    }
+    last_ = text;
     const std::time_t now = std::time(nullptr);
     std::tm utc = {};
     gmtime_s(&utc, &now);
     std::array<char, 32> time = {};
     std::strftime(time.data(), time.size(), "%Y-%m-%d %H:%M:%SZ ", &utc);
     // Written at once: standard error of this toolchain takes a character at a time otherwise.
-    const std::string line = time.data() + (rank + text) + "\n";
-    const std::scoped_lock lock(mutex_);
+    const std::string line = time.data() + text + "\n";
     std::FILE* const target = file_ != nullptr ? file_.get() : stderr;
     std::fwrite(line.data(), 1, line.size(), target);
     std::fflush(target);

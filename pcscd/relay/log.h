@@ -18,11 +18,12 @@ class Log {
     /// opened.
     void appendTo(const std::string& utf8Path);
 
-    void error(const std::string& text) { write("error: ", text); }
-    void info(const std::string& text) { write("", text); }
+    /// Left out when it says what the last line says: what fails again and again is told once.
+    void error(const std::string& text) { write("error: " + text, Repetition::leftOut); }
+    void info(const std::string& text) { write(text); }
     void detail(const std::string& text) {
         if (verbose_) {
-            write("", text);
+            write(text);
         }
     }
 
@@ -31,10 +32,13 @@ class Log {
         void operator()(std::FILE* file) const { std::fclose(file); }
     };
 
-    void write(const char* rank, const std::string& text);
+    enum class Repetition { written, leftOut };
+
+    void write(const std::string& text, Repetition repetition = Repetition::written);
 
     const bool verbose_;
-    std::mutex mutex_;  // one line at a time
+    std::mutex mutex_;  // one line at a time; guards the last one, too
+    std::string last_;
     std::unique_ptr<std::FILE, CloseFile> file_;
 };
 

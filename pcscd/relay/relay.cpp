@@ -42,16 +42,13 @@ void serveOnce(const RelaySettings& settings, HANDLE stop, Log& log) {
 }  // namespace
 
 void runRelay(const RelaySettings& settings, HANDLE stop, Log& log) {
-    std::string told;  // once, until it changes
     do {
         try {
             serveOnce(settings, stop, log);
             log.info(pcscd::isSet(stop) ? "told to stop" : "the agent is gone: the pipe is closed");
-            told.clear();
         } catch (const std::exception& failure) {
-            if (told != failure.what() && !pcscd::isSet(stop)) {
-                told = failure.what();
-                log.error(settings.agent.address.text() + ": " + told);
+            if (!pcscd::isSet(stop)) {
+                log.error(settings.agent.address.text() + ": " + failure.what());
             }
         }
     } while (WaitForSingleObject(stop, static_cast<DWORD>(settings.retry.count())) == WAIT_TIMEOUT);

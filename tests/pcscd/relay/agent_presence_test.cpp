@@ -169,7 +169,7 @@ TEST_F(AgentPresence, IsNotThatOfAnAgentWithAnotherToken) {
     ++settings_.agent.token.relay.front();
     agent_.start();
     startRelay();
-    EXPECT_TRUE(logComesToHave("no answer: the agent does not run, or has another token"));
+    EXPECT_TRUE(logComesToHave("no answer: the agent does not run, has another token"));
     EXPECT_FALSE(pipeExists());
 }
 
@@ -181,6 +181,18 @@ TEST_F(AgentPresence, IsTriedAgainAfterAClientWasTurnedAway) {
     const auto hello = link::encodeAgentHello(test::FakeAgent::token());
     agent_.answerHelloWith(Bytes(hello.begin(), hello.end()));
     EXPECT_EQ(connect().exchange(bytesOf("hello")), bytesOf("hello"));
+}
+
+TEST_F(AgentPresence, LetsClientsThatAreTurnedAwayFillNoLog) {
+    startBoth();
+    agent_.answerHelloWith(std::nullopt);  // as it does to those that are too many
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_TRUE(connect().readOnce(1).empty());
+    }
+    EXPECT_TRUE(logComesToHave("another token or too many connections"));
+    stopRelay();
+    const std::string log = logText();
+    EXPECT_EQ(log.find("turned away"), log.rfind("turned away"));
 }
 
 TEST_F(AgentPresence, DoesNotMakeThePipeOfAnotherProgramOurs) {
