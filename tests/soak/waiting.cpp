@@ -175,7 +175,9 @@ void waitForEvents(Caller& caller, std::size_t which) {
                 timeout = random.below(200);
             }
         }
-        if (!waitOnce(caller, which, timeout, waited)) {
+        // A wait that ended without news is begun anew at once as often as not: what ended it may
+        // still be under way.
+        if (!waitOnce(caller, which, timeout, waited) && random.below(2) == 0) {
             Sleep(kPollInterval);
         }
     }
