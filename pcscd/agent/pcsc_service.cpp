@@ -1,7 +1,6 @@
 #include "agent/pcsc_service.h"
 
 #include <algorithm>
-#include <ranges>
 #include <thread>
 #include <utility>
 
@@ -167,8 +166,11 @@ void PcscService::releaseAll() {
     std::vector<ConnectionPointer> connections;
     {
         const std::scoped_lock lock(mutex_);
-        const auto contexts = std::views::keys(contexts_);
-        connections = takeOut({contexts.begin(), contexts.end()});
+        pcscd::Contexts contexts;
+        for (const auto& [context, ends] : contexts_) {
+            contexts.insert(context);
+        }
+        connections = takeOut(contexts);
     }
     closeAll(std::move(connections), pcscd::disposition::kReset);
 }
