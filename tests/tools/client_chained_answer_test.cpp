@@ -89,6 +89,15 @@ TEST_F(ClientAndAnswersInParts, ReadsOnBehindAPartThatIsShorterThanAskedFor) {
     EXPECT_THAT(text, HasSubstr("6B00"));
 }
 
+TEST_F(ClientAndAnswersInParts, TakesAnyRefusalOfTheOffsetForTheEndOfAFile) {
+    for (const Bytes& refusal : {Bytes{0x6B, 0x00}, Bytes{0x6A, 0x86}, Bytes{0x67, 0x00}}) {
+        answerWith({filePart(44), refusal});
+        output(onCard("read"));
+    }
+    answerWith({filePart(44), {0x69, 0x82}});
+    EXPECT_THAT(outputOf(onCard("read"), 1), HasSubstr("6982"));
+}
+
 TEST_F(ClientAndAnswersInParts, ReadsTheLengthThatIsWantedWhateverPartsItComesIn) {
     answerWith({filePart(128), filePart(128), filePart(44)});
     output(onCard("read", "--length 300"));

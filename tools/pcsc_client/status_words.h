@@ -10,6 +10,8 @@ using StatusWord = std::uint16_t;
 
 inline constexpr StatusWord kSuccess = 0x9000;
 inline constexpr StatusWord kEndOfFile = 0x6282;
+inline constexpr StatusWord kWrongLength = 0x6700;
+inline constexpr StatusWord kWrongParameters = 0x6A86;
 inline constexpr StatusWord kWrongOffset = 0x6B00;
 
 /// Normal processing: 9000, or 61xx with more bytes to fetch.

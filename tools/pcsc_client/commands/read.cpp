@@ -19,6 +19,11 @@ struct ReadOptions {
     unsigned length = 0;
 };
 
+/// Whether a card may say so of an offset that is not below its file's length: most say 6B00.
+bool isBehindEnd(StatusWord status) {
+    return status == kWrongOffset || status == kWrongParameters || status == kWrongLength;
+}
+
 /// Reads the current file up to its end, or `length` bytes when that is not 0. A card may give less
 /// than it is asked for at any time; its file ends where it says so or gives nothing.
 Bytes readFile(Report& report, const Card& card, unsigned length) {
@@ -29,7 +34,7 @@ Bytes readFile(Report& report, const Card& card, unsigned length) {
         const auto offset = static_cast<unsigned>(content.size());
         const unsigned part = std::min(kLongestRead, wanted - offset);
         const ResponseApdu response = sendCommand(report, card, readBinary(offset, part));
-        const bool behindEnd = response.status == kWrongOffset && offset > 0;
+        const bool behindEnd = offset > 0 && isBehindEnd(response.status);
         atEnd = behindEnd || response.status == kEndOfFile || response.data.empty();
         if (!isNormal(response.status) && response.status != kEndOfFile && !behindEnd) {
             throw Failure();
