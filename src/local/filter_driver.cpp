@@ -50,7 +50,7 @@ bool IsFilterDriverPresent() {
         return false;
     }
     // A driver loaded between the two calls makes the second one ask for more than there is.
-    const DWORD count = (needed < room ? needed : room) / sizeof(LPVOID);
+    const DWORD count = (needed < room ? needed : room) / DWORD{sizeof(LPVOID)};
     bool isAnyVisible = count == 0;
     for (DWORD i = 0; i < count; ++i) {
         isAnyVisible = isAnyVisible || bases.get()[i] != nullptr;
