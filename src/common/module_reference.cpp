@@ -1,11 +1,15 @@
 #include "common/module_reference.h"
 
+#include <atomic>
+
 namespace tez {
 
 namespace {
 
 /// Any address inside the module will do.
 const char anchor = 0;
+
+std::atomic<bool> isPinned = false;
 
 HMODULE findOwnModule(DWORD flags) noexcept {
     HMODULE module = nullptr;
@@ -20,7 +24,10 @@ HMODULE ownModule() noexcept {
 }
 
 bool pinOwnModule() noexcept {
-    return findOwnModule(GET_MODULE_HANDLE_EX_FLAG_PIN) != nullptr;
+    if (!isPinned) {
+        isPinned = findOwnModule(GET_MODULE_HANDLE_EX_FLAG_PIN) != nullptr;
+    }
+    return isPinned;
 }
 
 }  // namespace tez
