@@ -109,8 +109,8 @@ LONG WaitOwner::awaitAnswer() {
 }
 
 LONG WaitOwner::finishLocal(LONG remoteRv) noexcept {
-    hasRemoteChange_ = !remote_.isEmpty() && endsOther(remoteRv);
-    if (hasRemoteChange_) {
+    isLocalEndedByRemote_ = !remote_.isEmpty() && endsOther(remoteRv);
+    if (isLocalEndedByRemote_) {
         wait_.markUnwanted(WaitSide::Local);
     }
     if (remoteRv == SCARD_E_NO_SERVICE) {
@@ -179,14 +179,14 @@ bool WaitOwner::endsOther(LONG rv) const noexcept {
     return timeout_ != 0 && rv != SCARD_E_TIMEOUT && !isOrdered;
 }
 
-bool WaitOwner::hasLocalChange() const noexcept {
+bool WaitOwner::isRemoteEndedByLocal() const noexcept {
     return wait_.isLocalOver() && endsOther(local_.result());
 }
 
 /// The reasons to end a half that are new, from what the other half and other threads say.
-WaitOwner::Reasons WaitOwner::freshReasons(Ending& ending, bool hasOtherChange) const noexcept {
+WaitOwner::Reasons WaitOwner::freshReasons(Ending& ending, bool isEndedByOther) const noexcept {
     const WaitOrders orders = wait_.orders();
-    const Reasons all = (hasOtherChange ? kChange : 0) | (orders.isCancelled ? kCancelled : 0) |
+    const Reasons all = (isEndedByOther ? kOtherEnded : 0) | (orders.isCancelled ? kCancelled : 0) |
                         (orders.isInterrupted ? kInterrupted : 0) |
                         (orders.isReleased ? kReleased : 0);
     const Reasons fresh = all & ~ending.reasons;
@@ -197,9 +197,9 @@ WaitOwner::Reasons WaitOwner::freshReasons(Ending& ending, bool hasOtherChange) 
 /// Whether the remote half is to end; prepares the cancel of its request.
 bool WaitOwner::isRemoteToEnd() noexcept {
     Ending& ending = remoteEnding_;
-    const Reasons fresh = freshReasons(ending, hasLocalChange());
+    const Reasons fresh = freshReasons(ending, isRemoteEndedByLocal());
     const bool isYoung = fresh != 0 && wait_.isYoung(WaitSide::Remote);
-    if ((fresh & (kChange | kInterrupted)) != 0) {
+    if ((fresh & (kOtherEnded | kInterrupted)) != 0) {
         remoteHalfLog.debug("canceling remote SCardGetStatusChange by invoking remote SCardCancel");
         setContextCancelled(context_, true);
         wait_.markUnwanted(WaitSide::Remote);
@@ -240,8 +240,8 @@ void WaitOwner::endLocal() noexcept {
         return;
     }
     Ending& ending = localEnding_;
-    const Reasons fresh = freshReasons(ending, hasRemoteChange_);
-    if ((fresh & kChange) != 0) {
+    const Reasons fresh = freshReasons(ending, isLocalEndedByRemote_);
+    if ((fresh & kOtherEnded) != 0) {
         log_.debug("canceling local SCardGetStatusChange by invoking local SCardCancel");
         ending.isAnnounced = true;
         ending.schedule.start(wait_.isYoung(WaitSide::Local) ? kCancelOfYoung : kCancelOfOld);

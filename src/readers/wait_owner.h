@@ -48,7 +48,7 @@ class WaitOwner {
   private:
     /// Why a half is to end; several may hold.
     using Reasons = unsigned;
-    static constexpr Reasons kChange = 1;  ///< the other half has one: see endsOther
+    static constexpr Reasons kOtherEnded = 1;  ///< the other half has: see endsOther
     static constexpr Reasons kCancelled = 2;
     static constexpr Reasons kInterrupted = 4;
     static constexpr Reasons kReleased = 8;
@@ -67,8 +67,8 @@ class WaitOwner {
 
     bool isLocalRunning() const noexcept { return local_.isOnWorker() && !wait_.isLocalOver(); }
     bool endsOther(LONG rv) const noexcept;
-    bool hasLocalChange() const noexcept;
-    Reasons freshReasons(Ending& ending, bool hasOtherChange) const noexcept;
+    bool isRemoteEndedByLocal() const noexcept;
+    Reasons freshReasons(Ending& ending, bool isEndedByOther) const noexcept;
     bool isRemoteToEnd() noexcept;
     void endRemote() noexcept;
     void endLocal() noexcept;
@@ -83,7 +83,7 @@ class WaitOwner {
 
     std::optional<std::uint64_t> remoteContext_;  ///< of the request that is out
     bool isRemoteLost_ = false;
-    bool hasRemoteChange_ = false;
+    bool isLocalEndedByRemote_ = false;
     bool isLocalEndNoted_ = false;
     Ending localEnding_;
     Ending remoteEnding_;
