@@ -67,8 +67,8 @@ pcscd::Result CardConnection::open(std::uint32_t shareMode, std::uint32_t protoc
     const std::scoped_lock lock(mutex_);
     context_.emplace();
     if (!*context_) {
-        // The service, which has the reader, has none left. Its own code for that changes from call
-        // to call, and can be the one for no service.
+        // The service, which has the reader, has none left, or has just ended. Its own code for the
+        // first changes from call to call, and can be that for the second.
         context_.reset();
         return result::kNoMemory;
     }
@@ -85,7 +85,6 @@ pcscd::Result CardConnection::open(std::uint32_t shareMode, std::uint32_t protoc
 }
 
 bool CardConnection::tryClose(std::uint32_t disposition) {
-    closing_ = true;
     const std::unique_lock lock(mutex_, std::try_to_lock);
     if (!lock || (disposition != pcscd::disposition::kLeave && isKeptOut())) {
         return false;
@@ -121,7 +120,15 @@ pcscd::Result CardConnection::reconnect(std::uint32_t shareMode, std::uint32_t p
 pcscd::Result CardConnection::beginTransaction() {
     return inTurn([&] {
         // Beginning one while another goes on blocks within the service's library.
-        return isKeptOut() ? LONG{SCARD_E_SHARING_VIOLATION} : SCardBeginTransaction(card_);
+        if (isKeptOut()) {
+            return LONG{SCARD_E_SHARING_VIOLATION};
+        }
+        const LONG code = SCardBeginTransaction(card_);
+        if (code == SCARD_S_SUCCESS && closing_) {
+            // Of the connections that are closed with this one, another may wait for its end.
+            SCardEndTransaction(card_, SCARD_LEAVE_CARD);
+        }
+        return code;
     });
 }
 

@@ -22,8 +22,8 @@ inline constexpr std::chrono::milliseconds kTurnRetry{5};
 /// One connection to a card, with a context of the service of its own, so that no call on another
 /// card waits for this one's. Thread-safe; all results are those of the Windows interface.
 ///
-/// While another program holds the card in a transaction, calls wait for its end; tryClose() ends
-/// these waits.
+/// While another program holds the card in a transaction, calls wait for its end; refuseCalls()
+/// ends these waits.
 class CardConnection {
   public:
     CardConnection(std::string serviceName, std::string servedName, pcscd::Context owner)
@@ -36,12 +36,13 @@ class CardConnection {
     const std::string& reader() const { return name_; }
     pcscd::Context owner() const { return owner_; }
 
-    /// To be called once, before all others. result::kNoMemory when the service has no context
-    /// left.
+    /// To be called once, before all others. result::kNoMemory when the service gives no context.
     pcscd::Result open(std::uint32_t shareMode, std::uint32_t protocols, std::uint32_t& active);
-    /// Ends the connection, unless that is to be tried again: while the card is busy with a command
-    /// and, where something is to be done to it, while another program's transaction goes on.
-    /// @return whether the connection has ended. No other call is served from the first try on.
+    /// Serves no call any more, and keeps no transaction that a call in progress begins.
+    void refuseCalls() { closing_ = true; }
+    /// Ends a connection that refuses calls, unless that is to be tried again: while the card is
+    /// busy with a command and, where something is to be done to it, while another program's
+    /// transaction goes on. @return whether the connection has ended.
     [[nodiscard]] bool tryClose(std::uint32_t disposition);
 
     pcscd::Result reconnect(std::uint32_t shareMode, std::uint32_t protocols,

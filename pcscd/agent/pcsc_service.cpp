@@ -25,6 +25,9 @@ constexpr std::size_t kMostContexts = 10000;
 /// Returns when all are closed, and keeps none waiting for another one: in turn they could wait for
 /// a transaction that ends only with one of those behind.
 void closeAll(std::vector<std::shared_ptr<CardConnection>> connections, std::uint32_t disposition) {
+    for (const auto& connection : connections) {
+        connection->refuseCalls();
+    }
     for (;;) {
         std::erase_if(connections,
                       [&](const auto& connection) { return connection->tryClose(disposition); });
