@@ -13,6 +13,9 @@ namespace {
 // that a process usually has, as many are left for the cards.
 constexpr std::size_t kMostConnections = 500;
 
+// A relay's own connection counts by itself, or the programs of one could keep another out.
+constexpr std::size_t kMostRelays = 20;
+
 // Connections that have shown no token count by themselves, or whoever reaches the socket could
 // keep out those who have it. It is enough for all connections of a host's programs at once; the
 // wait for a hello is one trip through the tunnel.
@@ -119,18 +122,19 @@ void Agent::serve(Connection& connection, std::uint64_t number, const std::strin
     logDetail(name + "ended");
 }
 
-/// Counts a connection that has shown the token. False when there are too many of them; a relay's
-/// own comes in all the same, as the programs of others may have taken them all.
+/// Counts a connection that has shown the token. False when there are too many of its kind.
 bool Agent::admit(Connection& connection, const link::Origin& origin) {
     const std::scoped_lock lock(mutex_);
-    const auto admitted = std::ranges::count_if(
-        connections_, [](const Connection& each) { return each.stream && each.relay; });
-    if (static_cast<std::size_t>(admitted) >= kMostConnections &&
-        origin.processId != link::kControlProcess) {
+    const bool isRelay = origin.processId == link::kControlProcess;
+    const auto admitted = std::ranges::count_if(connections_, [&](const Connection& each) {
+        return each.stream && each.relay && each.isRelay == isRelay;
+    });
+    if (static_cast<std::size_t>(admitted) >= (isRelay ? kMostRelays : kMostConnections)) {
         return false;
     }
     newcomers_.remove(&connection);
     connection.relay = origin.relay;
+    connection.isRelay = isRelay;
     return true;
 }
 

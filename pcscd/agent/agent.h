@@ -36,6 +36,7 @@ class Agent {
         explicit Connection(FileDescriptor socket) : stream(std::move(socket)) {}
         std::optional<RelayStream> stream;        // until it has ended
         std::optional<std::uint32_t> relay = {};  // once it has said so
+        bool isRelay = false;                     // the relay's own, with the heartbeat
         std::thread thread;
     };
 

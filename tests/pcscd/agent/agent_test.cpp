@@ -489,8 +489,13 @@ TEST_F(AgentTest, ClosesTheConnectionsThatAreTooMany) {
     EXPECT_FALSE(LinkClient(machine_.socket()).sayHello(token, kProgram));
     EXPECT_THAT(machine_.agentLog(), HasSubstr("too many"));
     EXPECT_NE(client->establish(), 0U);
-    EXPECT_TRUE(LinkClient(machine_.socket()).sayHello(token, link::kControlProcess, 2))
-        << "another relay, whose programs are no part of the crowd";
+    std::vector<std::unique_ptr<LinkClient>> relays;
+    for (std::uint32_t relay = 2; relay < 22; ++relay) {
+        relays.push_back(std::make_unique<LinkClient>(machine_.socket()));
+        EXPECT_TRUE(relays.back()->sayHello(token, link::kControlProcess, relay))
+            << "one whose programs are no part of the crowd";
+    }
+    EXPECT_FALSE(LinkClient(machine_.socket()).sayHello(token, link::kControlProcess, 22));
     crowd.clear();
     EXPECT_TRUE(
         eventually([&] { return LinkClient(machine_.socket()).sayHello(token, kOtherProgram); }));
