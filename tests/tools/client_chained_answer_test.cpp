@@ -89,13 +89,13 @@ TEST_F(ClientAndAnswersInParts, ReadsOnBehindAPartThatIsShorterThanAskedFor) {
     EXPECT_THAT(text, HasSubstr("6B00"));
 }
 
-TEST_F(ClientAndAnswersInParts, TakesAnyRefusalOfTheOffsetForTheEndOfAFile) {
-    for (const Bytes& refusal : {Bytes{0x6B, 0x00}, Bytes{0x6A, 0x86}, Bytes{0x67, 0x00}}) {
+TEST_F(ClientAndAnswersInParts, TakesARefusalOfTheOffsetForTheEndOfAFile) {
+    for (const Bytes& refusal : {Bytes{0x6B, 0x00}, Bytes{0x6A, 0x86}}) {
         answerWith({filePart(44), refusal});
         output(onCard("read"));
     }
-    answerWith({filePart(44), {0x69, 0x82}});
-    EXPECT_THAT(outputOf(onCard("read"), 1), HasSubstr("6982"));
+    answerWith({filePart(44), {0x67, 0x00}});
+    EXPECT_THAT(outputOf(onCard("read"), 1), HasSubstr("6700")) << "there may be more";
 }
 
 TEST_F(ClientAndAnswersInParts, ReadsTheLengthThatIsWantedWhateverPartsItComesIn) {

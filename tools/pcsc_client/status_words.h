@@ -10,7 +10,6 @@ using StatusWord = std::uint16_t;
 
 inline constexpr StatusWord kSuccess = 0x9000;
 inline constexpr StatusWord kEndOfFile = 0x6282;
-inline constexpr StatusWord kWrongLength = 0x6700;
 inline constexpr StatusWord kWrongParameters = 0x6A86;
 inline constexpr StatusWord kWrongOffset = 0x6B00;
 

@@ -21,7 +21,7 @@ struct ReadOptions {
 
 /// Whether a card may say so of an offset that is not below its file's length: most say 6B00.
 bool isBehindEnd(StatusWord status) {
-    return status == kWrongOffset || status == kWrongParameters || status == kWrongLength;
+    return status == kWrongOffset || status == kWrongParameters;
 }
 
 /// Reads the current file up to its end, or `length` bytes when that is not 0. A card may give less
