@@ -150,6 +150,18 @@ TEST(ClientDoctorTest, TellsOfADaemonWithoutReadersAndOfANameThatBothSidesHave) 
     EXPECT_THAT(complaints(examine()), testing::ElementsAre("daemon: the daemon has no readers"));
 }
 
+TEST(ClientDoctorTest, TellsOfMoreReadersThanTheLibraryTakes) {
+    std::string readers;
+    for (int reader = 100; reader < 220; ++reader) {
+        readers += " --reader \"Remote Reader " + std::to_string(reader) + "\"";
+    }
+    const SimulatorProcess simulator(readers.substr(1));
+    EXPECT_THAT(complaints(examine()),
+                Contains(HasSubstr("daemon: the names of the daemon's readers are 2161 bytes")));
+    setEnvironment("TEZ_PCSC_STANDARD_CALLS", "1");
+    EXPECT_THAT(complaints(examine()), testing::Not(Contains(HasSubstr("bytes"))));
+}
+
 TEST(ClientDoctorTest, TellsWhatIsWrongWithTheSettings) {
     const SimulatorProcess simulator;
     setEnvironment("TEZ_PCSC_LOG_LEVEL", "verbose");

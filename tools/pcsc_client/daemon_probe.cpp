@@ -123,7 +123,7 @@ void shakeHands(PatientPipe& pipe, DaemonProbe& probe) {
 }
 
 /// Under the context 0, with which a daemon lists its readers, too.
-std::vector<std::string> listReaders(PatientPipe& pipe) {
+void listReaders(PatientPipe& pipe, DaemonProbe& probe) {
     struct Record {
         std::uint64_t context;
         std::uint32_t length;
@@ -134,19 +134,18 @@ std::vector<std::string> listReaders(PatientPipe& pipe) {
     pipe.write(&record, sizeof record);
     pipe.read(&record, sizeof record);
     if (record.result != 0 || record.length == 0) {
-        return {};
+        return;
     }
     if (record.length > kLongestList) {
         throw ProbeFailure(DaemonState::kBroken);
     }
     std::string names(record.length, '\0');
     pipe.read(names.data(), record.length);
-    std::vector<std::string> list;
+    probe.listSize = names.size();
     for (const char* name = names.c_str(); name < names.data() + names.size() && *name != '\0';
-         name += list.back().size() + 1) {
-        list.emplace_back(name);
+         name += probe.readers.back().size() + 1) {
+        probe.readers.emplace_back(name);
     }
-    return list;
 }
 
 }  // namespace
@@ -156,7 +155,7 @@ DaemonProbe probeDaemon(std::chrono::milliseconds patience) {
     try {
         PatientPipe pipe(patience);
         shakeHands(pipe, probe);
-        probe.readers = listReaders(pipe);
+        listReaders(pipe, probe);
         probe.state = DaemonState::kServing;
     } catch (const ProbeFailure& failure) {
         probe.state = failure.state();

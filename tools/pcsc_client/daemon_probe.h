@@ -25,6 +25,7 @@ struct DaemonProbe {
     bool hasVersion = false;      ///< the handshake was answered
     std::uint32_t major = 0;
     std::uint32_t minor = 0;
+    std::size_t listSize = 0;  ///< bytes of the readers' names, as they were sent
     std::vector<std::string> readers;
 
     bool isVersionAtLeast(std::uint32_t wantedMajor, std::uint32_t wantedMinor) const {

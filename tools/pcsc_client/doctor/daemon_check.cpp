@@ -1,12 +1,14 @@
 #include "doctor/daemon_check.h"
 
 #include "daemon_probe.h"
+#include "doctor/settings_check.h"
 #include "hex.h"
 
 namespace tez::client {
 namespace {
 
 constexpr std::chrono::seconds kPatience{3};
+constexpr std::size_t kMostNames = 2048;  ///< bytes that the library takes without standard answers
 
 Finding notServing(const DaemonProbe& probe) {
     switch (probe.state) {
@@ -71,6 +73,15 @@ Findings checkDaemon() {
     }
     if (probe.state != DaemonState::kServing) {
         findings.push_back(notServing(probe));
+        return findings;
+    }
+    if (probe.listSize > kMostNames && !areStandardCallsSet()) {
+        findings.push_back(wrong("daemon",
+                                 "the names of the daemon's readers are " +
+                                     std::to_string(probe.listSize) +
+                                     " bytes, of which the library takes " +
+                                     std::to_string(kMostNames) + " at most, and else none",
+                                 "set TEZ_PCSC_STANDARD_CALLS to 1, with which it takes 65536"));
         return findings;
     }
     std::string text;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 
 #include "suggestion.h"
 #include "utf8.h"
@@ -125,6 +126,13 @@ Finding unknownVariable(const Variable& variable) {
 }
 
 }  // namespace
+
+bool areStandardCallsSet() {
+    char value[128] = {};
+    const DWORD length = GetEnvironmentVariableA(kStandardCalls, value, sizeof value);
+    return length != 0 && length < sizeof value && _stricmp(value, "FALSE") != 0 &&
+           std::strcmp(value, "0") != 0;
+}
 
 Findings checkSettings() {
     static constexpr struct {
