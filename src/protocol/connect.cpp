@@ -51,6 +51,12 @@ LONG connectLocally(const ConnectArguments& arguments, SCARDCONTEXT systemContex
     return rv;
 }
 
+/// Whether the daemon's code for a connect says that it knows the reader, whatever else it says.
+bool isAboutReader(LONG rv) {
+    return !isNoService(rv) && rv != SCARD_E_UNKNOWN_READER && rv != SCARD_E_NO_READERS_AVAILABLE &&
+           rv != SCARD_E_INVALID_HANDLE;
+}
+
 /// @param isKnown  out: whether the daemon knows the reader.
 LONG connectRemotely(const FunctionLog& log, ServiceState state, const ConnectArguments& arguments,
                      bool& isKnown) {
@@ -89,7 +95,7 @@ LONG connectRemotely(const FunctionLog& log, ServiceState state, const ConnectAr
         return connectRv;
     });
     // The code is the daemon's, and not the transport's, if it stands in the record.
-    isKnown = rv == static_cast<LONG>(record.rv) && rv != SCARD_E_UNKNOWN_READER;
+    isKnown = rv == static_cast<LONG>(record.rv) && isAboutReader(rv);
     if (rv == SCARD_S_SUCCESS) {
         *arguments.card = registerOrUndo(arguments, record.hCard, false, daemon, [&] {
             DisconnectRecord undo = {record.hCard, SCARD_LEAVE_CARD, 0};

@@ -1,4 +1,5 @@
 // With standard answers the side that has the reader tells why a connect fails.
+#include "daemon_records.h"
 #include "remote_card_test.h"
 
 namespace tez::test {
@@ -67,6 +68,16 @@ TEST_F(ConnectReason, IsTheHostsForAReaderThatNobodyListedUnlessTheDaemonKnowsIt
     EXPECT_EQ(connects(), 1U);
     remote.removeCard(kRemoteReader);
     EXPECT_THAT(connectTo(kRemoteReader), Gives(SCARD_E_NO_SMARTCARD));
+}
+
+TEST_F(ConnectReason, IsTheHostsWhenTheDaemonsSaysNothingOfTheReader) {
+    establishContext();
+    EXPECT_CALL(host, SCardConnectA).WillRepeatedly(Return(SCARD_E_NO_SMARTCARD));
+    for (const LONG code : {SCARD_E_NO_SERVICE, SCARD_E_SERVICE_STOPPED,
+                            SCARD_E_NO_READERS_AVAILABLE, SCARD_E_INVALID_HANDLE}) {
+        daemon.on(Command::kConnect, refusing<ConnectLayout>(code));
+        EXPECT_THAT(connectTo(kHostReader), Gives(SCARD_E_NO_SMARTCARD)) << code;
+    }
 }
 
 TEST_F(ConnectReason, IsNeverThatTheHostHasNoService) {
