@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "common/deadline.h"
@@ -63,6 +64,8 @@ class LocalHalf final : private Job {
     Wait& wait_;
     ReaderIndexes indexes_;
     std::vector<SCARD_READERSTATEA> copies_;
+    /// Theirs: the application's may be where the stack of a thread was that was terminated.
+    std::vector<std::string> names_;
     LONG result_ = SCARD_S_SUCCESS;
     bool isOnWorker_ = false;
 };

@@ -44,6 +44,20 @@ TEST_F(StatusChangeArguments, LogsWhatCameInAndTheResult) {
                               std::string("GET_STATUS_CHANGE RV: 0x8010000A")}));
 }
 
+// The host may be asked when the application's are gone: those of a thread that was terminated.
+TEST_F(StatusChangeArguments, GoToTheHostWithNamesOfTheLibrarysOwn) {
+    const SCARDCONTEXT context = establish();
+    listReaders(context);
+    std::vector states{unchangedHost()};
+    EXPECT_CALL(host, SCardGetStatusChangeA)
+        .WillOnce([&](SCARDCONTEXT, DWORD, LPSCARD_READERSTATEA asked, DWORD) {
+            EXPECT_STREQ(asked->szReader, kHostReader);
+            EXPECT_NE(asked->szReader, states[0].szReader);
+            return SCARD_E_TIMEOUT;
+        });
+    EXPECT_THAT(wait(context, 0, states), Gives(SCARD_E_TIMEOUT));
+}
+
 TEST_F(StatusChangeArguments, RefuseAnUnknownContext) {
     std::vector states{unchangedHost()};
     EXPECT_CALL(host, SCardGetStatusChangeA).Times(0);
