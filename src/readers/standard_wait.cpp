@@ -57,6 +57,11 @@ class StandardWait {
     }
 
     LONG run() {
+        if (call_.timeout != 0) {
+            // For the first questions, too, which are asked without waiting: a daemon that leaves
+            // one unanswered must not keep the wait from hearing that it is to end.
+            call_.wait.openWake();
+        }
         for (;; isFirstRound_ = false) {
             if (const std::optional<LONG> rv = round()) {
                 report();
@@ -64,10 +69,10 @@ class StandardWait {
             }
             if (orders().isInterrupted) {
                 call_.wait.resume();
-                state_ = getServiceState();
                 pause_ = kShortestPause;
                 local_.failure = remote_.failure = std::nullopt;
             }
+            state_ = getServiceState();  // an undisturbed wait is not told of a new one
         }
     }
 
@@ -128,6 +133,9 @@ class StandardWait {
     }
 
     std::optional<LONG> outcome(Question question, bool isAnyoneLeft) {
+        if (orders().isReleased) {
+            return SCARD_E_CANCELLED;  // what the sides say of a context that is gone is no news
+        }
         if (hasNews()) {
             // No entry is to come back without its state because the other side was faster, or the
             // daemon came or went.
@@ -137,7 +145,7 @@ class StandardWait {
             }
             return SCARD_S_SUCCESS;
         }
-        if (orders().isCancelled || orders().isReleased) {
+        if (orders().isCancelled) {
             return SCARD_E_CANCELLED;
         }
         if ((local_.failure || remote_.failure) && !isAnyoneLeft) {

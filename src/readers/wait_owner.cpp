@@ -23,8 +23,9 @@ LONG WaitOwner::runRemote() noexcept {
     try {
         return askDaemon();
     } catch (const std::bad_alloc&) {
-        // The local half may be under way, and has to be collected all the same.
-        isRemoteLost_ = false;
+        // The local half may be under way, and has to be collected all the same. The daemon has not
+        // been asked, and may be when there is memory again.
+        isRemoteLost_ = true;
         return SCARD_E_NO_MEMORY;
     }
 }

@@ -5,6 +5,7 @@
 #include <optional>
 #include <thread>
 
+#include "heap_spy.h"
 #include "latch.h"
 #include "pipes_closed.h"
 #include "remote_card_test.h"
@@ -14,6 +15,7 @@ namespace tez::test {
 namespace {
 
 using testing::_;
+using testing::AnyOf;
 using testing::Contains;
 using testing::Return;
 using testing::SizeIs;
@@ -202,6 +204,54 @@ TEST_F(DaemonAndWait, TheDaemonsRefusalOfAContextIsTheCodeOfASideThatIsAlone) {
     daemon.on(Command::kEstablishContext, refusing<EstablishLayout>(SCARD_E_NO_MEMORY));
     const BackgroundWait wait(establish(), INFINITE, {unchangedRemote()});
     EXPECT_THAT(wait.result(), Gives(SCARD_E_NO_MEMORY));
+}
+
+TEST_F(DaemonAndWait, EndsThoughTheDaemonAnswersItsFirstQuestionNot) {
+    const SCARDCONTEXT context = establishWithDaemon();
+    daemon.on(Command::kGetStatusChange, [](const Request&) { return Reply::silence(); });
+    daemon.on(Command::kReleaseContext,
+              [](const Request& request) { return Reply::of({request.body}); });
+    const BackgroundWait wait(context, INFINITE, {readerState(kPnpReader, SCARD_STATE_UNAWARE)});
+    ASSERT_TRUE(daemon.waitForRequest(Command::kGetStatusChange, 1, kPatience));
+    EXPECT_THAT(SCardReleaseContext(context), Gives(SCARD_S_SUCCESS));
+    EXPECT_THAT(wait.result(), Gives(SCARD_E_CANCELLED));
+}
+
+TEST_F(DaemonAndWait, MakesNoNewsOfAShortageOfMemory) {
+    const SCARDCONTEXT context = establishAndList();
+    HeapSpy heap;
+    for (std::size_t refused = 1;; ++refused) {
+        std::vector states{readerState(kPnpReader, count(2)),
+                           readerState(kRemoteReader, SCARD_STATE_UNAWARE)};
+        heap.refuseNth(refused);
+        const LONG rv = SCardGetStatusChangeA(context, 60000, states.data(), 2);
+        if (!heap.stopRefusing()) {
+            EXPECT_GT(refused, 10U);
+            break;
+        }
+        EXPECT_THAT(rv, AnyOf(Gives(SCARD_S_SUCCESS), Gives(SCARD_E_NO_MEMORY))) << refused;
+        if (rv == SCARD_S_SUCCESS) {
+            EXPECT_EQ(states[0].dwEventState >> 16U, 2U) << refused;
+            EXPECT_EQ(states[1].dwEventState, kFirstCard | kChanged) << refused;
+        }
+    }
+}
+
+TEST_F(DaemonAndWait, AReaderThatTheHostRefusesIsGoneThoughTheDaemonWentUnheard) {
+    const SCARDCONTEXT context = establishAndList();
+    const Gate gate;
+    ON_CALL(host, SCardGetStatusChangeA)
+        .WillByDefault([gate](SCARDCONTEXT, DWORD, LPSCARD_READERSTATEA, DWORD) {
+            gate.pass();
+            return SCARD_E_UNKNOWN_READER;
+        });
+    const BackgroundWait wait(context, INFINITE, {unchangedHost()});
+    ASSERT_TRUE(gate.waitUntilReached());
+    stopDaemon();
+    host.pcsc().removeReader(kHostReader);
+    gate.open();
+    EXPECT_THAT(wait.result(), Gives(SCARD_S_SUCCESS));
+    EXPECT_EQ(wait.state(0).dwEventState, kGone);
 }
 
 TEST_F(DaemonAndWait, EndsThoughItBeganWhileItsContextWasBeingReleased) {
