@@ -237,16 +237,24 @@ TEST_F(StartedEventTest, GivesTheHostsBackOnceForAllAccesses) {
 
 TEST_F(StartedEventTest, CanBeReleasedAgainByAThreadWhoseEntryOutlivedTheRecord) {
     // Only the last release of a record removes an entry, and only its own thread's.
+    constexpr const char* kUnmatched = "Unmatched call to SCardReleaseStartedEvent";
+    Latch hasReleased(1);
+    Latch isRecordGone(1);
     SCardAccessStartedEvent();
-    std::thread other([] {
+    std::thread other([&] {
         SCardAccessStartedEvent();
         SCardReleaseStartedEvent();
+        hasReleased.countDown();
+        isRecordGone.wait();
+        SCardReleaseStartedEvent();
+        EXPECT_EQ(log().count(kRelease, kUnmatched), 0U);
+        SCardReleaseStartedEvent();
+        EXPECT_EQ(log().count(kRelease, kUnmatched), 1U);
     });
+    hasReleased.wait();
+    SCardReleaseStartedEvent();
+    isRecordGone.countDown();
     other.join();
-    SCardReleaseStartedEvent();
-    EXPECT_EQ(log().count(kRelease, "Unmatched call to SCardReleaseStartedEvent"), 0U);
-    SCardReleaseStartedEvent();
-    EXPECT_EQ(log().count(kRelease, "Unmatched call to SCardReleaseStartedEvent"), 1U);
 }
 
 TEST_F(StartedEventTest, AccessedUnderAnotherServiceWarnsAndIsTheSame) {
