@@ -18,8 +18,8 @@ namespace {
 constexpr ProtocolVersion kLongAttributes{1, 2};
 constexpr ProtocolVersion kStatesAfterFailure{1, 1};
 
-// The library asks for 64 at most. A wait keeps its entries for as long as it takes, and looks at all
-// of them, with the service's lock held, whenever anything changes.
+// The library asks for 64 at most. A wait keeps its entries for as long as it takes, and looks at
+// all of them, with the service's lock held, whenever anything changes.
 constexpr std::size_t kMostReaderStates = 256;
 
 std::uint32_t toWire(std::uint32_t protocol) {
