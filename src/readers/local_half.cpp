@@ -26,10 +26,8 @@ void mergePnpState(const SCARD_READERSTATEA& copy, SCARD_READERSTATEA& entry) {
 void LocalHalf::prepare(const SideEntries& entries) {
     indexes_ = entries.indexes;
     copies_.reserve(indexes_.size());
-    names_.reserve(indexes_.size());
     for (const DWORD index : indexes_) {
         SCARD_READERSTATEA copy = entries.states[index];
-        copy.szReader = names_.emplace_back(copy.szReader).c_str();
         if (isPnpReader(copy.szReader)) {
             copy.dwCurrentState = withoutOthersReaders(copy.dwCurrentState, entries.othersReaders);
         }
@@ -38,6 +36,10 @@ void LocalHalf::prepare(const SideEntries& entries) {
 }
 
 void LocalHalf::startOnWorker() {
+    names_.reserve(copies_.size());
+    for (SCARD_READERSTATEA& copy : copies_) {
+        copy.szReader = names_.emplace_back(copy.szReader).c_str();
+    }
     if (!isEmpty() && !runOnWorker(*this)) {
         throw std::bad_alloc();
     }

@@ -64,7 +64,7 @@ class LocalHalf final : private Job {
     Wait& wait_;
     ReaderIndexes indexes_;
     std::vector<SCARD_READERSTATEA> copies_;
-    /// Theirs: the application's may be where the stack of a thread was that was terminated.
+    /// Theirs on a worker, which may outlive the calling thread, and the names on its stack.
     std::vector<std::string> names_;
     LONG result_ = SCARD_S_SUCCESS;
     bool isOnWorker_ = false;

@@ -308,14 +308,7 @@ TEST_F(SharedWaits, ReleasingTheContextEndsAWaitBegunMeanwhileOnADaemonThatAnswe
     daemon.on(Command::kReleaseContext,
               [](const Request& request) { return Reply::of({request.body}); });
     daemon.on(Command::kCancel, [](const Request&) { return Reply::silence(); });
-    std::optional<BackgroundWait> wait;
-    ON_CALL(host, SCardReleaseContext).WillByDefault([&](SCARDCONTEXT system) {
-        wait.emplace(context, INFINITE, std::vector{unchangedRemote()});
-        waitForRemoteWait();
-        return host.service().SCardReleaseContext(system);
-    });
-    EXPECT_THAT(SCardReleaseContext(context), Gives(SCARD_S_SUCCESS));
-    EXPECT_THAT(wait.value().result(), Gives(SCARD_E_CANCELLED));
+    EXPECT_THAT(beginWaitInRelease(context).result(), Gives(SCARD_E_CANCELLED));
 }
 
 // The monitor ends what would be deaf to the host; a wait on the daemon alone goes on behind it,

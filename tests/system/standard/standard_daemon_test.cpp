@@ -256,14 +256,7 @@ TEST_F(DaemonAndWait, AReaderThatTheHostRefusesIsGoneThoughTheDaemonWentUnheard)
 
 TEST_F(DaemonAndWait, EndsThoughItBeganWhileItsContextWasBeingReleased) {
     const SCARDCONTEXT context = establishAndList();
-    std::optional<BackgroundWait> wait;
-    ON_CALL(host, SCardReleaseContext).WillByDefault([&](SCARDCONTEXT system) {
-        wait.emplace(context, INFINITE, std::vector{unchangedRemote()});
-        waitForRemoteWait();
-        return host.service().SCardReleaseContext(system);
-    });
-    EXPECT_THAT(SCardReleaseContext(context), Gives(SCARD_S_SUCCESS));
-    EXPECT_THAT(wait.value().result(), Gives(SCARD_E_CANCELLED));
+    EXPECT_THAT(beginWaitInRelease(context).result(), Gives(SCARD_E_CANCELLED));
 }
 
 TEST_F(DaemonAndWait, AContextKeepsTheHostsPartThatItGetsWhileTheDaemonMakesIts) {

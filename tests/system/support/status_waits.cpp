@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <future>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 
@@ -154,6 +155,19 @@ void StatusChangeTest::waitForHostWait(std::size_t waits) {
     if (!host.pcsc().waitForStatusWaits(waits, kPatience)) {
         throw std::runtime_error("no wait at the host");
     }
+}
+
+BackgroundWait StatusChangeTest::beginWaitInRelease(SCARDCONTEXT context) {
+    const auto wait = std::make_shared<std::optional<BackgroundWait>>();
+    ON_CALL(host, SCardReleaseContext).WillByDefault([this, context, wait](SCARDCONTEXT system) {
+        if (!wait->has_value()) {
+            wait->emplace(context, INFINITE, std::vector{unchangedRemote()});
+            waitForRemoteWait();
+        }
+        return host.service().SCardReleaseContext(system);
+    });
+    EXPECT_THAT(SCardReleaseContext(context), Gives(SCARD_S_SUCCESS));
+    return wait->value();
 }
 
 Gate StatusChangeTest::holdHostWaits() {

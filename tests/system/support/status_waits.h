@@ -113,6 +113,9 @@ class StatusChangeTest : public SystemTest {
     void waitForRemoteWait(std::size_t waits = 1) const;
     void waitForHostWait(std::size_t waits = 1);
 
+    /// Releases a context. @return a wait on the daemon's reader that has begun meanwhile.
+    BackgroundWait beginWaitInRelease(SCARDCONTEXT context);
+
     /// Lets the host's waits begin only behind a gate.
     Gate holdHostWaits();
 
