@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "daemon_simulator.h"
+#include "detached_thread.h"
 #include "random.h"
 #include "tagged_card.h"
 
@@ -108,7 +109,7 @@ int runDaemon(Board& board) {
     DaemonSimulator daemon(service, {.version = {}, .pipe = {.busyWait = 200}});
     daemon.start();
     Asked asked;
-    std::thread([&] { moveCard(board, service, daemon, asked); }).detach();
+    runDetached([&] { moveCard(board, service, daemon, asked); });
     Random random({board->seed, 2, board->remote.count});
     std::string line;
     do {

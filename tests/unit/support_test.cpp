@@ -1,4 +1,4 @@
-// What the tests look with: guarded buffers, import patches, the log reader.
+// What the tests look with: detached threads, guarded buffers, import patches, the log reader.
 #include <windows.h>
 
 #include <atomic>
@@ -8,13 +8,16 @@
 #include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <memory>
 #include <sstream>
 #include <thread>
 
+#include "detached_thread.h"
 #include "guarded_buffer.h"
 #include "import_patch.h"
 #include "log_matchers.h"
 #include "log_reader.h"
+#include "patience.h"
 
 namespace tez::test {
 namespace {
@@ -31,6 +34,15 @@ bool isAccessible(const std::uint8_t* address) {
     MEMORY_BASIC_INFORMATION page{};
     VirtualQuery(address, &page, sizeof page);
     return page.State == MEM_COMMIT && page.Protect == PAGE_READWRITE;
+}
+
+TEST(RunDetachedTest, RunsEachTaskHoweverSoonTheOneBeforeHasEnded) {
+    for (int i = 0; i < 1000; ++i) {
+        const auto isRun = std::make_shared<std::promise<void>>();
+        std::future<void> run = isRun->get_future();
+        runDetached([isRun] { isRun->set_value(); });
+        ASSERT_EQ(run.wait_for(kPatience), std::future_status::ready) << "task " << i;
+    }
 }
 
 TEST(GuardedBufferTest, EndsWhereNothingCanBeAccessed) {

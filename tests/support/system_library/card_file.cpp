@@ -2,7 +2,9 @@
 
 #include <windows.h>
 
-#include <thread>
+#include <utility>
+
+#include "detached_thread.h"
 
 namespace tez::test {
 namespace {
@@ -23,12 +25,12 @@ void followCardFile(SimulatedService& service, std::string reader, std::string c
         }
     };
     look();
-    std::thread([look] {
+    runDetached([look] {
         for (;;) {
             Sleep(kLookInterval);
             look();
         }
-    }).detach();
+    });
 }
 
 }  // namespace tez::test

@@ -16,6 +16,7 @@
 #include <tlhelp32.h>
 #include <vector>
 
+#include "detached_thread.h"
 #include "guarded_buffer.h"
 #include "import_patch.h"
 #include "pcscd_names.h"
@@ -25,6 +26,7 @@
 namespace {
 
 using tez::test::ImportPatch;
+using tez::test::runDetached;
 using tez::test::UniqueHandle;
 
 constexpr const char* kHostReader = "Host Reader 0";
@@ -183,7 +185,7 @@ int endInAWait() {
         });
     const SCARDCONTEXT context = library.establish();
     library.listReaders(context);
-    std::thread([context] { library.waitForCards(context); }).detach();
+    runDetached([context] { library.waitForCards(context); });
     require(WaitForSingleObject(isInside.get(), 20000) == WAIT_OBJECT_0, "nobody waits");
     meetTheTest();
     return 7;
@@ -192,7 +194,7 @@ int endInAWait() {
 int endInATransmit() {
     static const Library library;
     const SCARDCONTEXT context = library.establish();
-    std::thread([context] { library.transmit(context); }).detach();
+    runDetached([context] { library.transmit(context); });
     meetTheTest();
     return 7;
 }
@@ -243,12 +245,12 @@ int endWithBusyThreads() {
     SRWLOCK& reads = gateReads(library);
     const SCARDCONTEXT context = library.establish();
     for (int i = 0; i < 8; ++i) {
-        std::thread([context] {
+        runDetached([context] {
             for (;; ++calls) {
                 library.listReaders(context);
                 library.function<LONG WINAPI(SCARDCONTEXT)>("SCardIsValidContext")(context);
             }
-        }).detach();
+        });
     }
     while (calls < 50) {
         Sleep(1);
@@ -270,7 +272,7 @@ int endWhileTheEventsAreLocked() {
             return nullptr;
         });
     for (int i = 0; i < 3; ++i) {
-        std::thread([] { library.accessStartedEvent(); }).detach();
+        runDetached([] { library.accessStartedEvent(); });
     }
     require(WaitForSingleObject(isInside.get(), 20000) == WAIT_OBJECT_0, "nobody came");
     meetTheTest();
@@ -297,7 +299,7 @@ int endAfterATerminatedThread() {
             isWaiting = false;
             return result;
         });
-    std::thread waiter([context] {
+    runDetached([context] {
         waiterId = GetCurrentThreadId();
         library.waitForCards(context);
     });
@@ -305,8 +307,7 @@ int endAfterATerminatedThread() {
     while (!isWaiting) {
         Sleep(1);
     }
-    TerminateThread(pthread_gethandle(waiter.native_handle()), 0);
-    waiter.detach();
+    TerminateThread(UniqueHandle(OpenThread(THREAD_TERMINATE, FALSE, waiterId)).get(), 0);
     const SCARDCONTEXT other = library.establish();
     require(!library.listReaders(other).empty(), "no readers any more");
     // Both meet what the thread has left behind: its wait is known still.
@@ -320,10 +321,10 @@ int endByExitProcessFromAnotherThread() {
     const SCARDCONTEXT context = library.establish();
     library.listReaders(context);
     require(library.accessStartedEvent() != nullptr, "no started event");
-    std::thread([] {
+    runDetached([] {
         meetTheTest();
         ExitProcess(7);
-    }).detach();
+    });
     for (;;) {
         library.waitForCards(context);
     }

@@ -6,7 +6,8 @@
 #include <mutex>
 #include <optional>
 #include <stdexcept>
-#include <thread>
+
+#include "detached_thread.h"
 
 namespace tez::test {
 namespace {
@@ -54,14 +55,14 @@ BackgroundWait::BackgroundWait(SCARDCONTEXT context, DWORD timeout,
                                std::vector<SCARD_READERSTATEA> states)
     : call_(std::make_shared<Call>()) {
     call_->states = std::move(states);
-    // Detached: a call that never returns must fail the test and not keep it from ending.
-    std::thread([call = call_, context, timeout] {
+    // Nobody's: a call that never returns must fail the test and not keep it from ending.
+    runDetached([call = call_, context, timeout] {
         const ULONGLONG start = GetTickCount64();
         const LONG result = SCardGetStatusChangeA(context, timeout, call->states.data(),
                                                   static_cast<DWORD>(call->states.size()));
         call->duration = GetTickCount64() - start;
         call->promise.set_value(result);
-    }).detach();
+    });
 }
 
 bool BackgroundWait::isOver(std::chrono::milliseconds timeout) const {

@@ -1,6 +1,7 @@
 #include "system_test.h"
 
 #include <array>
+#include <iostream>
 #include <sstream>
 #include <stdexcept>
 
@@ -79,6 +80,9 @@ SystemTest::SystemTest() : transport_(libraryModule()) {
 }
 
 SystemTest::~SystemTest() {
+    if (HasFailure()) {
+        std::cout << "The library's log:\n" << log_.text();  // what fails once tells what it was
+    }
     // The library's threads go on: they must not be inside the mock when it is destroyed.
     host.pcsc().releaseAll();
     standIn_.setCalls(nullptr);
