@@ -80,7 +80,7 @@ class ImportPatch<Result(Parameters...)> {
     struct Gate {
         std::atomic<bool> taken = false;    // by a living patch
         std::atomic<bool> enabled = false;  // calls go to the replacement
-        std::atomic<int> inside = 0;        // calls in progress
+        std::atomic<int> inside = 0;        // of those, in progress
     };
 
     template <class Replacement>
@@ -110,8 +110,14 @@ class ImportPatch<Result(Parameters...)> {
     template <class Replacement>
     static Result trampoline(Parameters... arguments) {
         auto& hook = hookOf<Replacement>();
-        const CallInside call(hook.inside);
-        return hook.enabled ? (*hook.replacement)(arguments...) : hook.original(arguments...);
+        {
+            const CallInside call(hook.inside);
+            if (hook.enabled) {
+                return (*hook.replacement)(arguments...);
+            }
+        }
+        // Nobody waits for these: a loop can keep the import's address, and comes here for ever.
+        return hook.original(arguments...);
     }
 
     static Function* asFunction(void* address) { return reinterpret_cast<Function*>(address); }

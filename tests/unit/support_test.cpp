@@ -18,6 +18,8 @@
 #include "log_matchers.h"
 #include "log_reader.h"
 #include "patience.h"
+#include "pcscd_names.h"
+#include "pipe/unique_handle.h"
 
 namespace tez::test {
 namespace {
@@ -180,6 +182,34 @@ TEST(ImportPatchTest, IsNotGoneBeforeTheLastCallHasLeft) {
     }
     EXPECT_TRUE(left);
     caller.join();
+}
+
+TEST(ImportPatchTest, IsGoneThoughALoopHasKeptTheImportsAddress) {
+    constexpr DWORD kReplaced = 7;
+    const std::chrono::milliseconds patience = kPatience;
+    const UniqueHandle isPatchGone(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    std::atomic<bool> isLooping = false;
+    std::thread loop;
+    {
+        const ImportPatch<decltype(::WaitForSingleObjectEx)> patch(
+            thisProgram(), "KERNEL32.dll", "WaitForSingleObjectEx", [](HANDLE, DWORD, BOOL) {
+                Sleep(20);  // so that a call is in progress when the patch goes
+                return kReplaced;
+            });
+        EXPECT_EQ(WaitForSingleObjectEx(isPatchGone.get(), 0, FALSE), kReplaced);
+        auto* const kept = reinterpret_cast<decltype(&::WaitForSingleObjectEx)>(
+            Import(thisProgram(), "KERNEL32.dll", "WaitForSingleObjectEx").address());
+        loop = std::thread([&isPatchGone, &isLooping, kept, patience] {
+            DWORD woken = kReplaced;
+            for (; woken == kReplaced; isLooping = true) {
+                woken = kept(isPatchGone.get(), static_cast<DWORD>(patience.count()), FALSE);
+            }
+            EXPECT_EQ(woken, WAIT_OBJECT_0);
+        });
+        EXPECT_TRUE(eventually([&isLooping] { return isLooping.load(); }));
+    }
+    SetEvent(isPatchGone.get());
+    loop.join();
 }
 
 TEST(ImportPatchTest, LeavesTheLastErrorToTheReplacement) {
