@@ -307,7 +307,8 @@ int endAfterATerminatedThread() {
     while (!isWaiting) {
         Sleep(1);
     }
-    TerminateThread(UniqueHandle(OpenThread(THREAD_TERMINATE, FALSE, waiterId)).get(), 0);
+    const UniqueHandle waiter(OpenThread(THREAD_TERMINATE, FALSE, waiterId));
+    require(TerminateThread(waiter.get(), 0) != FALSE, "the waiter cannot be ended");
     const SCARDCONTEXT other = library.establish();
     require(!library.listReaders(other).empty(), "no readers any more");
     // Both meet what the thread has left behind: its wait is known still.
